@@ -1,0 +1,17 @@
+# tessera_test(NAME SOURCES file... [LIBRARIES target...] [LABELS label...] [TIMEOUT seconds])
+#
+# One GoogleTest program and one CTest entry of the same name: a process a program keeps the
+# emulated runs short. The program lands in <build>/tests.
+function(tessera_test name)
+  cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS" ${ARGN})
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 120)
+  endif()
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE tessera_flags ${arg_LIBRARIES} GTest::gtest GTest::gtest_main)
+  set_target_properties(
+    ${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests"
+                       INSTALL_RPATH "${PROJECT_BINARY_DIR}/lib")
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+endfunction()

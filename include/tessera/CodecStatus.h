@@ -1,0 +1,30 @@
+#ifndef TESSERA_CODECSTATUS_H
+#define TESSERA_CODECSTATUS_H
+
+/// Result of the H.264 `ProcessInput` and `ProcessOutput` operations. The values are part of the
+/// binary interface and are the same in all three H.264 classes.
+///
+/// | result               | what the caller does next                                              |
+/// |----------------------|------------------------------------------------------------------------|
+/// | CodecOk              | goes on                                                                |
+/// | CodecNoBuffer        | calls again; drains output first when it comes from `ProcessInput`     |
+/// | CodecSendFailed      | feeds again from the next key frame; the data of this call is lost     |
+/// | CodecInvalidArgument | mends the call; nothing was done                                       |
+/// | CodecInvalidState    | calls `Create` (and, for the decoder, `Initialize`) and checks results |
+/// | CodecWaitFailed      | gives the object up; the clock or a semaphore does not work            |
+/// | CodecTimeout         | calls again: a normal part of every feed and drain loop                |
+/// | CodecBufferTooSmall  | takes a buffer of the reported size; the data of this call is lost     |
+/// | CodecStreamMismatch  | calls `Create` with the stream's new size, then feeds again            |
+enum CodecStatus : int {
+  CodecOk = 0,                    ///< Done.
+  CodecNoBuffer = -1,             ///< No platform buffer was free, or none was finished.
+  CodecSendFailed = 0x1000,       ///< The platform refused a buffer that was handed to it.
+  CodecInvalidArgument = 0x1002,  ///< A required pointer or size is missing.
+  CodecInvalidState = 0x1003,     ///< No component, queue or buffer: `Create` not done or failed.
+  CodecWaitFailed = 0x1004,       ///< Reading the clock or waiting on a semaphore failed.
+  CodecTimeout = 0x1005,          ///< The platform did not answer within the time limit.
+  CodecBufferTooSmall = 0x1006,   ///< The caller's buffer is too small; the size needed is set.
+  CodecStreamMismatch = 0x1009,   ///< Decoder input of another size than given to `Create`.
+};
+
+#endif  // TESSERA_CODECSTATUS_H

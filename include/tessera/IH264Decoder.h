@@ -1,0 +1,100 @@
+#ifndef TESSERA_IH264DECODER_H
+#define TESSERA_IH264DECODER_H
+
+#include <tessera/CodecStatus.h>
+#include <tessera/Export.h>
+
+/// Decodes an H.264 stream (Annex B) to I420 pictures in presentation order.
+///
+/// Obtain one from `CreateH264Decoder`, call `Create` with the stream's size, then feed and drain,
+/// from one thread or from two; release with `FreeH264Decoder`:
+///
+/// @code
+///   IH264Decoder* decoder = nullptr;
+///   if (!CreateH264Decoder(&decoder) || !decoder->Create(1280, 720, 0, nullptr)) { ... }
+///   std::vector<unsigned char> picture(1280 * 720 * 3 / 2);
+///   while (stream.next(unit)) {
+///     const CodecStatus fed = decoder->ProcessInput(unit.data, unit.size, 1280, 720, 0, unit.ms);
+///     if (fed != CodecOk && fed != CodecTimeout) break;
+///     unsigned int size = 0, width = 0, height = 0;
+///     unsigned long long ms = 0;
+///     while (decoder->ProcessOutput(picture.data(), picture.size(), size, width, height, ms) ==
+///            CodecOk)
+///       show(picture, width, height, ms);  // CodecTimeout after 100 ms: nothing more for now
+///   }
+///   FreeH264Decoder(decoder);
+/// @endcode
+///
+/// There is no end-of-stream call. An end-of-sequence NAL unit (bytes 00 00 00 01 0A) makes the
+/// decoder hand out every picture that it still holds for reordering.
+///
+/// **Pictures** have the padded layout: luma stride S = width rounded up to 32, H = height rounded
+/// up to 16 rows, then U and V at stride S / 2 and H / 2 rows: S * H * 3 / 2 bytes.
+///
+/// **Threads.** One thread may feed while another drains; `Create` on a third excludes both while it
+/// runs. Nothing else may run during destruction.
+class TESSERA_API IH264Decoder {
+ public:
+  virtual ~IH264Decoder() = default;
+
+  /// Sets the decoder up for a stream, or anew for another one; pictures not yet fetched are lost.
+  /// @param width,height   picture size in pixels; not 0, the magnitude counts
+  /// @param extraDataSize  bytes at `extraData`; used only when both are given
+  /// @param extraData      codec data that precedes the stream (parameter sets, Annex B)
+  /// @return true when ready for input; false after one or two lines on standard error. A further
+  ///         `Create` may follow either way.
+  /// @throws std::system_error when the object's mutex cannot be locked
+  virtual bool Create(int width, int height, unsigned int extraDataSize,
+                      const unsigned char* extraData) = 0;
+
+  /// Takes a piece of the stream, normally one access unit.
+  ///
+  /// Blocks for at most one second for each platform buffer that the data needs (one, unless it is
+  /// longer than width * height or 524,288 bytes).
+  /// @param data           stream bytes; read during the call only
+  /// @param size           their number. 0 sends nothing and answers CodecNoBuffer
+  /// @param width,height   the size given to `Create`, or the answer is CodecStreamMismatch
+  /// @param flags          bit 0: decode, but hand out no picture
+  /// @param timestamp      milliseconds, 0 for none; comes back with the picture
+  virtual CodecStatus ProcessInput(unsigned char* data, unsigned int size, int width, int height,
+                                   unsigned int flags, unsigned long long timestamp) = 0;
+
+  /// Hands out the next picture in a new array. Blocks for at most 100 ms, then CodecTimeout.
+  /// @param frame         receives an array made with `new[]`; the caller frees it with `delete[]`.
+  ///                      Untouched on failure
+  /// @param size          its bytes; untouched on failure
+  /// @param width,height  picture size without padding; 0 on failure
+  /// @param timestamp     milliseconds as given with its data, 0 for none or on failure
+  virtual CodecStatus ProcessOutput(unsigned char** frame, unsigned int& size, unsigned int& width,
+                                    unsigned int& height, unsigned long long& timestamp) = 0;
+
+  /// The same into the caller's memory.
+  /// @param capacity  bytes at `frame`, above 0
+  /// @param size      bytes of the picture; with CodecBufferTooSmall the size that was needed, and
+  ///                  that picture is lost
+  virtual CodecStatus ProcessOutput(unsigned char* frame, unsigned int capacity, unsigned int& size,
+                                    unsigned int& width, unsigned int& height,
+                                    unsigned long long& timestamp) = 0;
+
+  /// Makes the platform's decoder component. `CreateH264Decoder` has called it; an application that
+  /// constructs the class itself calls it once, before `Create`.
+  /// @return true on success; false after one line on standard error
+  virtual bool Initialize() = 0;
+};
+
+extern "C" {
+
+/// Makes an H.264 decoder (CMmalH264Decoder) with its platform component.
+/// @param decoder  receives the object, which belongs to the caller until `FreeH264Decoder`;
+///                 untouched on failure
+/// @return 1, or 0 when `decoder` is null or the component could not be made (one line on standard
+///         error)
+/// @throws std::bad_alloc when memory is short
+TESSERA_API int CreateH264Decoder(IH264Decoder** decoder);
+
+/// Destroys a decoder and gives back all it holds.
+/// @return 0 for null (nothing happens), else 1
+TESSERA_API int FreeH264Decoder(IH264Decoder* decoder);
+}
+
+#endif  // TESSERA_IH264DECODER_H

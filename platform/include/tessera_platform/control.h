@@ -1,0 +1,111 @@
+#ifndef TESSERA_PLATFORM_CONTROL_H
+#define TESSERA_PLATFORM_CONTROL_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#define TESSERA_PLATFORM_API __attribute__((visibility("default")))
+
+/// Control over the software platform: what it was asked (journal), what it should do wrong
+/// (faults), and what it still holds (census). For tests, and for application writers who want to
+/// see how their program takes a fault. Every function may be called from any thread; none blocks
+/// on the codecs.
+namespace tessera_platform {
+
+// ---------------------------------------------------------------------------------- journal
+
+/// Which lines of the journal to take.
+enum class Lines {
+  All,          ///< calls and completions as they happened; the two kinds race with each other
+  Calls,        ///< calls of the application only, in their order: the same from run to run
+  Completions,  ///< what the platform called back, in its order
+};
+
+/// Forgets all lines and starts to record. Objects are named afresh from here on: the first
+/// image decoder is "image_decode#1", the second "image_decode#2".
+TESSERA_PLATFORM_API void startJournal();
+
+/// Stops recording. The lines stay until the next start.
+TESSERA_PLATFORM_API void stopJournal();
+
+/// The recorded lines. A call reads `entry(arguments) = result`, a completion `-> name(arguments)`.
+TESSERA_PLATFORM_API std::vector<std::string> journal(Lines which = Lines::All);
+
+/// The names of the entry points called (or of the completions delivered) while recording, one
+/// element a call, in order: the raw material of a fault sweep.
+TESSERA_PLATFORM_API std::vector<std::string> journalNames(Lines which);
+
+// ----------------------------------------------------------------------------------- faults
+
+/// What happens to the n-th call of an entry point.
+struct CallFault {
+  enum Action {
+    Fail,         ///< does none of its work and answers `status` (null, where it answers a pointer)
+    NullResult,   ///< does none of its work and answers success, with a null or zero result
+    FinishFirst,  ///< does its work, and everything that it starts is called back before it returns
+  };
+  std::string call;             ///< the published name, "mmal_port_enable", "OMX_SendCommand", ...
+  unsigned nth = 1;             ///< counted from 1, from the injection on
+  bool sticky = false;          ///< from the n-th on, not the n-th alone
+  Action action = Fail;
+  std::int64_t status = 1;      ///< the entry point's own status type
+};
+
+/// What happens to the n-th callback of a kind.
+struct CompletionFault {
+  enum Action {
+    Drop,        ///< never comes; its buffer stays with the component until the port is disabled
+    Delay,       ///< comes `delayMs` late, or when the port is disabled, whichever is first
+    Double,      ///< comes twice
+    ErrorEvent,  ///< an error event with `code` comes instead
+    ZeroLength,  ///< comes with an empty buffer
+  };
+  /// "EventHandler", "EmptyBufferDone", "FillBufferDone" (OpenMAX IL), "input", "output" (MMAL port
+  /// callbacks), "wrapper" (the component wrapper's callback).
+  std::string completion;
+  unsigned nth = 1;
+  bool sticky = false;
+  Action action = Drop;
+  unsigned delayMs = 0;
+  std::uint32_t code = 0;  ///< OMX_ERRORTYPE or MMAL_STATUS_T of the error event
+};
+
+TESSERA_PLATFORM_API void inject(const CallFault& fault);
+TESSERA_PLATFORM_API void inject(const CompletionFault& fault);
+
+/// Takes back every fault and starts to count afresh.
+TESSERA_PLATFORM_API void clearFaults();
+
+/// How many calls and callbacks met a fault since the last clearFaults(): a fault test that reads 0
+/// has tested nothing.
+TESSERA_PLATFORM_API unsigned faultsHit();
+
+// ----------------------------------------------------------------------------------- census
+
+/// What is alive. All zero once every object is gone.
+struct Census {
+  int coreInits = 0;     ///< OMX_Init calls not yet undone
+  int handles = 0;       ///< OpenMAX IL component handles
+  int components = 0;    ///< MMAL components
+  int wrappers = 0;      ///< MMAL component wrappers
+  int enabledPorts = 0;  ///< MMAL ports enabled
+  int pools = 0;
+  int queues = 0;
+  int buffers = 0;       ///< buffer headers of either kind
+  int threads = 0;       ///< worker threads
+
+  bool empty() const {
+    return !(coreInits || handles || components || wrappers || enabledPorts || pools || queues ||
+             buffers || threads);
+  }
+};
+
+TESSERA_PLATFORM_API Census census();
+
+/// One line, the counts that are not zero: "handles 1, buffers 4"; "nothing" for an empty census.
+TESSERA_PLATFORM_API std::string describe(const Census& census);
+
+}  // namespace tessera_platform
+
+#endif  // TESSERA_PLATFORM_CONTROL_H

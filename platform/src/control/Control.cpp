@@ -1,0 +1,195 @@
+#include "tessera_platform/control.h"
+
+#include <array>
+#include <map>
+#include <mutex>
+#include <sstream>
+
+#include "control/Hooks.h"
+
+namespace tessera_platform {
+namespace {
+
+struct Line {
+  std::string name;
+  std::string text;
+  bool completion;
+};
+
+/// An injected fault and how many calls of its name have passed since.
+template <typename Fault>
+struct Armed {
+  Fault fault;
+  unsigned seen = 0;
+};
+
+struct State {
+  std::mutex mutex;
+  std::vector<Line> lines;
+  std::map<const void*, std::string> names;
+  std::map<std::string, unsigned> numbers;
+  std::vector<Armed<CallFault>> callFaults;
+  std::vector<Armed<CompletionFault>> completionFaults;
+  unsigned hit = 0;
+};
+
+/// Never destroyed: worker threads of an application that exits without tidying up may still ask.
+State& state() {
+  static State* const instance = new State;
+  return *instance;
+}
+
+std::array<std::atomic<int>, 9> counters{};
+
+bool wanted(const Line& line, Lines which) {
+  return which == Lines::All || line.completion == (which == Lines::Completions);
+}
+
+template <typename Fault>
+bool match(std::vector<Armed<Fault>>& armed, std::string Fault::*name, const char* what, Fault& met,
+           unsigned& hit) {
+  bool found = false;
+  for (Armed<Fault>& each : armed) {
+    if (each.fault.*name != what) continue;
+    ++each.seen;
+    if (found || each.seen < each.fault.nth) continue;
+    if (each.seen > each.fault.nth && !each.fault.sticky) continue;
+    met = each.fault;
+    found = true;
+    ++hit;
+  }
+  return found;
+}
+
+}  // namespace
+
+void startJournal() {
+  State& s = state();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  s.lines.clear();
+  s.names.clear();
+  s.numbers.clear();
+  hooks::recording = true;
+}
+
+void stopJournal() { hooks::recording = false; }
+
+std::vector<std::string> journal(Lines which) {
+  State& s = state();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  std::vector<std::string> texts;
+  for (const Line& line : s.lines)
+    if (wanted(line, which)) texts.push_back(line.text);
+  return texts;
+}
+
+std::vector<std::string> journalNames(Lines which) {
+  State& s = state();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  std::vector<std::string> names;
+  for (const Line& line : s.lines)
+    if (wanted(line, which)) names.push_back(line.name);
+  return names;
+}
+
+void inject(const CallFault& fault) {
+  State& s = state();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  s.callFaults.push_back({fault});
+  hooks::faultsArmed = true;
+}
+
+void inject(const CompletionFault& fault) {
+  State& s = state();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  s.completionFaults.push_back({fault});
+  hooks::faultsArmed = true;
+}
+
+void clearFaults() {
+  State& s = state();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  s.callFaults.clear();
+  s.completionFaults.clear();
+  s.hit = 0;
+  hooks::faultsArmed = false;
+}
+
+unsigned faultsHit() {
+  State& s = state();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  return s.hit;
+}
+
+Census census() {
+  Census c;
+  int* const fields[] = {&c.coreInits,    &c.handles, &c.components, &c.wrappers,
+                         &c.enabledPorts, &c.pools,   &c.queues,     &c.buffers,
+                         &c.threads};
+  for (std::size_t i = 0; i < counters.size(); ++i) *fields[i] = counters[i];
+  return c;
+}
+
+std::string describe(const Census& c) {
+  const std::pair<const char*, int> rows[] = {
+      {"core inits", c.coreInits}, {"handles", c.handles},
+      {"components", c.components}, {"wrappers", c.wrappers},
+      {"enabled ports", c.enabledPorts}, {"pools", c.pools},
+      {"queues", c.queues}, {"buffers", c.buffers},
+      {"threads", c.threads}};
+  std::ostringstream text;
+  for (const auto& [name, number] : rows)
+    if (number != 0) text << (text.tellp() > 0 ? ", " : "") << name << ' ' << number;
+  return text.tellp() > 0 ? text.str() : "nothing";
+}
+
+namespace hooks {
+
+std::atomic<bool> recording{false};
+std::atomic<bool> faultsArmed{false};
+
+void recordCall(const char* entry, const std::string& arguments, const std::string& result) {
+  State& s = state();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  s.lines.push_back(
+      {entry, std::string(entry) + '(' + arguments + ')' + (result == "void" ? "" : " = " + result),
+       false});
+}
+
+void recordCompletion(const char* name, const std::string& arguments) {
+  State& s = state();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  s.lines.push_back({name, std::string("-> ") + name + '(' + arguments + ')', true});
+}
+
+bool matchCall(const char* entry, CallFault& fault) {
+  State& s = state();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  return match(s.callFaults, &CallFault::call, entry, fault, s.hit);
+}
+
+bool matchCompletion(const char* name, CompletionFault& fault) {
+  State& s = state();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  return match(s.completionFaults, &CompletionFault::completion, name, fault, s.hit);
+}
+
+std::string nameOf(const void* object, const char* kind) {
+  if (object == nullptr) return "null";
+  State& s = state();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  const auto known = s.names.find(object);
+  if (known != s.names.end()) return known->second;
+  return s.names[object] = std::string(kind) + '#' + std::to_string(++s.numbers[kind]);
+}
+
+void forget(const void* object) {
+  State& s = state();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  s.names.erase(object);
+}
+
+void count(Kind kind, int change) { counters[static_cast<std::size_t>(kind)] += change; }
+
+}  // namespace hooks
+}  // namespace tessera_platform
