@@ -31,8 +31,8 @@
 /// **Pictures** have the padded layout: luma stride S = width rounded up to 32, H = height rounded
 /// up to 16 rows, then U and V at stride S / 2 and H / 2 rows: S * H * 3 / 2 bytes.
 ///
-/// **Threads.** One thread may feed while another drains; `Create` on a third excludes both while it
-/// runs. Nothing else may run during destruction.
+/// **Threads.** One thread may feed while another drains; `Create` on a third excludes both while
+/// it runs. Nothing else may run during destruction.
 class TESSERA_API IH264Decoder {
  public:
   virtual ~IH264Decoder() = default;

@@ -35,7 +35,8 @@ class TESSERA_API IH264Encoder {
   virtual ~IH264Encoder() = default;
 
   /// Configures the encoder and starts it.
-  /// @param pixelFormat   four-character code, little endian: 'I420' 0x30323449 or 'YUYV' 0x56595559
+  /// @param pixelFormat   four-character code, little endian: 'I420' 0x30323449 or 'YUYV'
+  /// 0x56595559
   /// @param width,height  picture size in pixels; not 0, the magnitude counts
   /// @param frameRateNum,frameRateDen  frames a second as a fraction, neither 0
   /// @param aspectNum,aspectDen        pixel aspect ratio as a fraction, neither 0
@@ -48,9 +49,9 @@ class TESSERA_API IH264Encoder {
 
   /// Takes one frame.
   ///
-  /// 'YUYV' frames are packed rows of `ceil(width / 2) * 4` bytes without padding. 'I420' frames are
-  /// taken byte for byte, so they must already have the padded layout of the encoder's input: luma
-  /// stride S = width rounded up to 32, H = height rounded up to 16 luma rows, then U and V at
+  /// 'YUYV' frames are packed rows of `ceil(width / 2) * 4` bytes without padding. 'I420' frames
+  /// are taken byte for byte, so they must already have the padded layout of the encoder's input:
+  /// luma stride S = width rounded up to 32, H = height rounded up to 16 luma rows, then U and V at
   /// stride S / 2 and H / 2 rows: S * H * 3 / 2 bytes.
   /// @param frame      the picture; read during the call only
   /// @param frameSize  its length in bytes
@@ -72,7 +73,8 @@ class TESSERA_API IH264Encoder {
 
   /// The same into the caller's memory.
   /// @param capacity  bytes at `data`, above 0
-  /// @param size      bytes of the data; with CodecBufferTooSmall the size that was needed, and that
+  /// @param size      bytes of the data; with CodecBufferTooSmall the size that was needed, and
+  /// that
   ///                  data is lost
   virtual CodecStatus ProcessOutput(unsigned char* data, unsigned int capacity, unsigned int& size,
                                     unsigned int& flags) = 0;

@@ -45,11 +45,11 @@ struct CallFault {
     NullResult,   ///< does none of its work and answers success, with a null or zero result
     FinishFirst,  ///< does its work, and everything that it starts is called back before it returns
   };
-  std::string call;             ///< the published name, "mmal_port_enable", "OMX_SendCommand", ...
-  unsigned nth = 1;             ///< counted from 1, from the injection on
-  bool sticky = false;          ///< from the n-th on, not the n-th alone
+  std::string call;     ///< the published name, "mmal_port_enable", "OMX_SendCommand", ...
+  unsigned nth = 1;     ///< counted from 1, from the injection on
+  bool sticky = false;  ///< from the n-th on, not the n-th alone
   Action action = Fail;
-  std::int64_t status = 1;      ///< the entry point's own status type
+  std::int64_t status = 1;  ///< the entry point's own status type
 };
 
 /// What happens to the n-th callback of a kind.
@@ -92,8 +92,8 @@ struct Census {
   int enabledPorts = 0;  ///< MMAL ports enabled
   int pools = 0;
   int queues = 0;
-  int buffers = 0;       ///< buffer headers of either kind
-  int threads = 0;       ///< worker threads
+  int buffers = 0;  ///< buffer headers of either kind
+  int threads = 0;  ///< worker threads
 
   bool empty() const {
     return !(coreInits || handles || components || wrappers || enabledPorts || pools || queues ||

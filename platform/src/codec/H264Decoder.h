@@ -8,16 +8,16 @@
 
 namespace codec {
 
-/// H.264 (Annex B, cut anywhere) to 4:2:0 pictures in presentation order, on libavcodec with its own
-/// parser, slice threads only, no delay beyond the stream's reordering. One thread at a time per
-/// object.
+/// H.264 (Annex B, cut anywhere) to 4:2:0 pictures in presentation order, on libavcodec with its
+/// own parser, slice threads only, no delay beyond the stream's reordering. One thread at a time
+/// per object.
 class H264Decoder {
  public:
   static constexpr std::int64_t noPts = INT64_MIN;
 
   struct Picture {
     ConstPlanes planes;
-    unsigned width = 0;   ///< after the stream's cropping
+    unsigned width = 0;  ///< after the stream's cropping
     unsigned height = 0;
     std::int64_t pts = noPts;
     bool decodeOnly = false;  ///< was fed as such
@@ -42,8 +42,8 @@ class H264Decoder {
   /// end-of-sequence NAL unit in the stream does the same.
   void flush();
 
-  /// Takes the next finished picture. @return false when there is none; `picture` is valid until the
-  /// next call of feed(), flush(), open() or next()
+  /// Takes the next finished picture. @return false when there is none; `picture` is valid until
+  /// the next call of feed(), flush(), open() or next()
   bool next(Picture& picture);
 
   const std::string& error() const;

@@ -16,7 +16,7 @@ class H264Encoder {
   enum class Profile { Baseline, ConstrainedBaseline, Main, High };
 
   struct Config {
-    unsigned width = 0;   ///< cropped size, what a decoder shows; odd sizes are rounded up to even
+    unsigned width = 0;  ///< cropped size, what a decoder shows; odd sizes are rounded up to even
     unsigned height = 0;
     unsigned frameRateNum = 30;
     unsigned frameRateDen = 1;
@@ -25,7 +25,7 @@ class H264Encoder {
     unsigned bitrate = 0;      ///< bits a second; 0: constant quality
     unsigned intraPeriod = 0;  ///< frames from key frame to key frame; 0: one second of video
     Profile profile = Profile::High;
-    unsigned level = 40;       ///< ten times the level's number: 40 is level 4
+    unsigned level = 40;  ///< ten times the level's number: 40 is level 4
     bool constantBitrate = false;
   };
 

@@ -72,7 +72,9 @@ void startJournal() {
   hooks::recording = true;
 }
 
-void stopJournal() { hooks::recording = false; }
+void stopJournal() {
+  hooks::recording = false;
+}
 
 std::vector<std::string> journal(Lines which) {
   State& s = state();
@@ -123,20 +125,22 @@ unsigned faultsHit() {
 
 Census census() {
   Census c;
-  int* const fields[] = {&c.coreInits,    &c.handles, &c.components, &c.wrappers,
-                         &c.enabledPorts, &c.pools,   &c.queues,     &c.buffers,
-                         &c.threads};
+  int* const fields[] = {&c.coreInits, &c.handles, &c.components, &c.wrappers, &c.enabledPorts,
+                         &c.pools,     &c.queues,  &c.buffers,    &c.threads};
   for (std::size_t i = 0; i < counters.size(); ++i) *fields[i] = counters[i];
   return c;
 }
 
 std::string describe(const Census& c) {
-  const std::pair<const char*, int> rows[] = {
-      {"core inits", c.coreInits}, {"handles", c.handles},
-      {"components", c.components}, {"wrappers", c.wrappers},
-      {"enabled ports", c.enabledPorts}, {"pools", c.pools},
-      {"queues", c.queues}, {"buffers", c.buffers},
-      {"threads", c.threads}};
+  const std::pair<const char*, int> rows[] = {{"core inits", c.coreInits},
+                                              {"handles", c.handles},
+                                              {"components", c.components},
+                                              {"wrappers", c.wrappers},
+                                              {"enabled ports", c.enabledPorts},
+                                              {"pools", c.pools},
+                                              {"queues", c.queues},
+                                              {"buffers", c.buffers},
+                                              {"threads", c.threads}};
   std::ostringstream text;
   for (const auto& [name, number] : rows)
     if (number != 0) text << (text.tellp() > 0 ? ", " : "") << name << ' ' << number;
@@ -189,7 +193,9 @@ void forget(const void* object) {
   s.names.erase(object);
 }
 
-void count(Kind kind, int change) { counters[static_cast<std::size_t>(kind)] += change; }
+void count(Kind kind, int change) {
+  counters[static_cast<std::size_t>(kind)] += change;
+}
 
 }  // namespace hooks
 }  // namespace tessera_platform
