@@ -1,0 +1,63 @@
+#include "support/Capture.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+
+namespace support {
+namespace {
+
+void flushAll() {
+  std::fflush(stdout);
+  std::fflush(stderr);
+  std::cout.flush();
+  std::cerr.flush();
+}
+
+}  // namespace
+
+Capture::Stream Capture::redirect(int target) {
+  const Stream stream{target, dup(target), memfd_create("capture", MFD_CLOEXEC)};
+  if (stream.saved < 0 || stream.file < 0 || dup2(stream.file, target) < 0) std::abort();
+  return stream;
+}
+
+std::string Capture::read(const Stream& stream) {
+  flushAll();
+  std::string text;
+  char block[4096];
+  off_t at = 0;
+  for (ssize_t n; (n = pread(stream.file, block, sizeof block, at)) > 0; at += n)
+    text.append(block, static_cast<std::size_t>(n));
+  return text;
+}
+
+void Capture::restore(const Stream& stream) {
+  dup2(stream.saved, stream.target);
+  close(stream.saved);
+  close(stream.file);
+}
+
+Capture::Capture() {
+  flushAll();
+  out_ = redirect(STDOUT_FILENO);
+  err_ = redirect(STDERR_FILENO);
+}
+
+Capture::~Capture() {
+  flushAll();
+  restore(err_);
+  restore(out_);
+}
+
+std::string Capture::out() {
+  return read(out_);
+}
+std::string Capture::err() {
+  return read(err_);
+}
+
+}  // namespace support

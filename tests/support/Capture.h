@@ -1,0 +1,37 @@
+#ifndef TESSERA_TESTS_SUPPORT_CAPTURE_H
+#define TESSERA_TESTS_SUPPORT_CAPTURE_H
+
+#include <string>
+
+namespace support {
+
+/// Takes standard output and standard error of the process away for as long as it lives, at the
+/// level of the descriptors, so that C streams, C++ streams and other threads are all seen.
+class Capture {
+ public:
+  Capture();
+  ~Capture();
+  Capture(const Capture&) = delete;
+  Capture& operator=(const Capture&) = delete;
+
+  /// What was printed so far.
+  std::string out();
+  std::string err();
+
+ private:
+  struct Stream {
+    int target;
+    int saved;
+    int file;
+  };
+  static Stream redirect(int target);
+  static std::string read(const Stream& stream);
+  static void restore(const Stream& stream);
+
+  Stream out_;
+  Stream err_;
+};
+
+}  // namespace support
+
+#endif  // TESSERA_TESTS_SUPPORT_CAPTURE_H

@@ -1,0 +1,183 @@
+#include "support/Interpose.h"
+
+#include <dlfcn.h>
+#include <semaphore.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <new>
+
+namespace support::interpose {
+
+Failing semInit, semWait, clockGettime, allocation;
+std::atomic<long> clockSeconds{0};
+std::atomic<int> hurry{1};
+
+namespace {
+
+thread_local std::size_t allocations = 0;
+
+template <typename Function>
+Function* real(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+int realClock(clockid_t clock, timespec* now) {
+  static auto* const function = real<int(clockid_t, timespec*)>("clock_gettime");
+  return function(clock, now);
+}
+
+/// The same deadline, nearer by the factor `hurry`.
+timespec hastened(const timespec& deadline) {
+  const int factor = hurry;
+  timespec now{};
+  if (factor <= 1 || realClock(CLOCK_REALTIME, &now) != 0) return deadline;
+  long long left = (static_cast<long long>(deadline.tv_sec) - now.tv_sec) * 1000000000LL +
+                   deadline.tv_nsec - now.tv_nsec;
+  if (left > 0) left /= factor;
+  const long long at = now.tv_nsec + left;
+  timespec result = now;
+  result.tv_sec += static_cast<std::time_t>(at / 1000000000LL);
+  result.tv_nsec = static_cast<long>(at % 1000000000LL);
+  if (result.tv_nsec < 0) result.tv_nsec += 1000000000L, --result.tv_sec;
+  return result;
+}
+
+void* allocate(std::size_t size, std::size_t alignment) {
+  ++allocations;
+  if (allocation.hit()) throw std::bad_alloc();
+  void* memory = nullptr;
+  if (alignment <= alignof(std::max_align_t))
+    memory = std::malloc(size == 0 ? 1 : size);
+  else if (posix_memalign(&memory, alignment, size) != 0)
+    memory = nullptr;
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+
+}  // namespace
+
+void Failing::arm(int nth, bool keep) {
+  met = 0;
+  calls = 0;
+  forGood = keep;
+  in = nth;
+}
+
+void Failing::disarm() {
+  in = 0;
+  forGood = false;
+}
+
+bool Failing::hit() {
+  ++calls;
+  int left = in.load();
+  if (left <= 0) return false;
+  if (left == 1 && forGood) {
+    ++met;
+    return true;
+  }
+  if (in.fetch_sub(1) != 1) return false;
+  ++met;
+  return true;
+}
+
+std::size_t allocationsOfThread() {
+  return allocations;
+}
+void resetAllocationsOfThread() {
+  allocations = 0;
+}
+
+void reset() {
+  for (Failing* each : {&semInit, &semWait, &clockGettime, &allocation}) each->disarm();
+  clockSeconds = 0;
+  hurry = 1;
+}
+
+}  // namespace support::interpose
+
+namespace interpose = support::interpose;
+
+extern "C" {
+
+int sem_init(sem_t* semaphore, int shared, unsigned value) noexcept {
+  static auto* const function = interpose::real<int(sem_t*, int, unsigned)>("sem_init");
+  if (interpose::semInit.hit()) {
+    errno = ENOSPC;
+    return -1;
+  }
+  return function(semaphore, shared, value);
+}
+
+int sem_wait(sem_t* semaphore) {
+  static auto* const function = interpose::real<int(sem_t*)>("sem_wait");
+  if (interpose::semWait.hit()) {
+    errno = EINVAL;
+    return -1;
+  }
+  return function(semaphore);
+}
+
+int sem_timedwait(sem_t* semaphore, const timespec* deadline) {
+  static auto* const function = interpose::real<int(sem_t*, const timespec*)>("sem_timedwait");
+  if (interpose::semWait.hit()) {
+    errno = EINVAL;
+    return -1;
+  }
+  const timespec when = interpose::hastened(*deadline);
+  return function(semaphore, &when);
+}
+
+int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  if (clock == CLOCK_REALTIME) {
+    if (interpose::clockGettime.hit()) {
+      errno = EFAULT;
+      return -1;
+    }
+    if (interpose::clockSeconds != 0) {
+      *now = {static_cast<std::time_t>(interpose::clockSeconds), 0};
+      return 0;
+    }
+  }
+  return interpose::realClock(clock, now);
+}
+}
+
+void* operator new(std::size_t size) {
+  return interpose::allocate(size, 0);
+}
+void* operator new[](std::size_t size) {
+  return interpose::allocate(size, 0);
+}
+void* operator new(std::size_t size, std::align_val_t alignment) {
+  return interpose::allocate(size, static_cast<std::size_t>(alignment));
+}
+void* operator new[](std::size_t size, std::align_val_t alignment) {
+  return interpose::allocate(size, static_cast<std::size_t>(alignment));
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::align_val_t) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, std::align_val_t) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept {
+  std::free(memory);
+}

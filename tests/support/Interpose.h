@@ -1,0 +1,43 @@
+#ifndef TESSERA_TESTS_SUPPORT_INTERPOSE_H
+#define TESSERA_TESTS_SUPPORT_INTERPOSE_H
+
+#include <atomic>
+#include <cstddef>
+
+/// The program that links this has semaphores, clock and operator new of its own, which pass on to
+/// the system's until a fault is asked for. They are seen by libtessera.so too.
+namespace support::interpose {
+
+/// A count-down per function: at 1 the next call fails, 0 leaves it alone. `from` keeps failing.
+struct Failing {
+  std::atomic<int> in{0};
+  std::atomic<bool> forGood{false};
+  std::atomic<int> calls{0};
+  std::atomic<int> met{0};
+
+  void arm(int nth, bool keep = false);
+  void disarm();
+  bool hit();
+};
+
+extern Failing semInit;
+extern Failing semWait;       ///< sem_wait and sem_timedwait, with EINVAL
+extern Failing clockGettime;  ///< CLOCK_REALTIME only
+extern Failing allocation;    ///< operator new of every kind throws std::bad_alloc
+
+/// What CLOCK_REALTIME answers, in seconds, instead of the time; 0: the time.
+extern std::atomic<long> clockSeconds;
+
+/// Divides the time that is left until a sem_timedwait's deadline; 1: as it is. Makes ten seconds a
+/// fraction of one.
+extern std::atomic<int> hurry;
+
+/// Calls of operator new by the calling thread since the last reset.
+std::size_t allocationsOfThread();
+void resetAllocationsOfThread();
+
+void reset();
+
+}  // namespace support::interpose
+
+#endif  // TESSERA_TESTS_SUPPORT_INTERPOSE_H
