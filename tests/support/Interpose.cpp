@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <initializer_list>
 #include <new>
 
 namespace support::interpose {
