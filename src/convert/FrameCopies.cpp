@@ -1,0 +1,123 @@
+#include "convert/FrameCopies.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+#include "convert/Kernels.h"
+
+namespace convert {
+namespace {
+
+/// The padded I420 layout. 64 bits throughout: any 32-bit width and height may come in, and what
+/// lies beyond the destination is clipped, not wrapped round into it.
+struct PaddedI420 {
+  std::uint64_t stride;
+  std::uint64_t u;
+  std::uint64_t v;
+
+  PaddedI420(std::uint32_t width, std::uint32_t height) {
+    const std::uint64_t columns = (std::uint64_t{width} + 31) / 32;
+    const std::uint64_t rows = (std::uint64_t{height} + 15) / 16;
+    // The chroma of a picture this large is out of any 32-bit capacity's reach; the bound keeps the
+    // offsets below 2^64.
+    constexpr std::uint64_t outOfReach = std::uint64_t{1} << 40;
+    const std::uint64_t blocks = std::min(columns * rows, outOfReach);
+    stride = columns * 32;
+    u = blocks * 512;
+    v = u + u / 4;
+  }
+};
+
+/// How many of `wanted` bytes at `offset` lie inside a buffer of `capacity` bytes.
+std::uint64_t inside(std::uint64_t offset, std::uint64_t wanted, std::uint64_t capacity) {
+  return offset < capacity ? std::min(wanted, capacity - offset) : 0;
+}
+
+/// Every `step`-th source byte, `count` times. Zero counts come with pointers that must not even be
+/// formed, hence the base and offset apart.
+void gather(const std::uint8_t* source, std::size_t step, std::uint8_t* destination,
+            std::uint64_t offset, std::uint64_t count) {
+  for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
+    destination[static_cast<std::size_t>(offset) + i] = source[i * step];
+  }
+}
+
+/// How many row pairs lie wholly inside both buffers.
+std::uint32_t wholePairs(const PaddedI420& layout, std::uint64_t rowGroups,
+                         std::uint64_t sourceGroups, std::uint32_t height, std::uint64_t capacity) {
+  // V comes last, so a pair whose V row fits fits altogether.
+  const std::uint64_t lastV = layout.v + rowGroups;
+  const std::uint64_t fitting = capacity < lastV ? 0 : (capacity - lastV) / (layout.stride / 2) + 1;
+  const std::uint64_t held = sourceGroups / rowGroups / 2;
+  return static_cast<std::uint32_t>(std::min({std::uint64_t{height / 2}, held, fitting}));
+}
+
+}  // namespace
+
+void yuyvToPaddedI420(const std::uint8_t* source, std::uint32_t sourceSize, std::uint32_t width,
+                      std::uint32_t height, std::uint8_t* destination, std::uint32_t capacity) {
+  if (width == 0 || height == 0) return;
+  const PaddedI420 layout(width, height);
+  const std::uint64_t rowGroups = (std::uint64_t{width} + 1) / 2;
+  std::uint64_t groupsLeft = sourceSize / 4;
+
+  const std::uint32_t pairs = wholePairs(layout, rowGroups, groupsLeft, height, capacity);
+  const auto stride = static_cast<std::size_t>(layout.stride);
+  const auto groups = static_cast<std::size_t>(rowGroups);
+  const auto convertPair = activeKernels().yuyvToPlanar;
+  for (std::uint32_t k = 0; k < pairs; ++k) {
+    std::uint8_t* luma = destination + 2 * k * stride;
+    std::uint8_t* u = destination + static_cast<std::size_t>(layout.u) + k * (stride / 2);
+    std::uint8_t* v = destination + static_cast<std::size_t>(layout.v) + k * (stride / 2);
+    convertPair({source, source + 4 * groups}, {luma, luma + stride, u, v}, groups);
+    source += 8 * groups;
+    groupsLeft -= 2 * rowGroups;
+  }
+
+  // The last row of an odd height, and what one of the buffers cuts off.
+  for (std::uint64_t y = 2 * std::uint64_t{pairs}; y < height && groupsLeft > 0; ++y) {
+    const std::uint64_t held = std::min(rowGroups, groupsLeft);
+    const std::uint64_t lumaRow = y * layout.stride;
+    if (lumaRow >= capacity) break;
+    gather(source, 2, destination, lumaRow, inside(lumaRow, 2 * held, capacity));
+    if (y % 2 == 0) {
+      const std::uint64_t chromaRow = y / 2 * (layout.stride / 2);
+      const std::uint64_t u = layout.u + chromaRow;
+      const std::uint64_t v = layout.v + chromaRow;
+      gather(source + 1, 4, destination, u, inside(u, held, capacity));
+      gather(source + 3, 4, destination, v, inside(v, held, capacity));
+    }
+    source += 4 * static_cast<std::size_t>(held);
+    groupsLeft -= held;
+  }
+}
+
+std::uint32_t copyFrame(const std::uint8_t* source, std::uint32_t sourceSize,
+                        std::uint8_t* destination, std::uint32_t capacity) {
+  const std::uint32_t size = std::min(sourceSize, capacity);
+  if (size > 0) std::memcpy(destination, source, size);
+  return size;
+}
+
+void yuyvToNv12(const std::uint8_t* source, std::uint8_t* destination, std::int32_t width,
+                std::int32_t height) {
+  if (width < 1 || height < 1) return;
+  const auto pixels = static_cast<std::size_t>(width);
+  const auto rows = static_cast<std::size_t>(height);
+  // No buffer holds a picture whose source is longer than the address space.
+  if (rows > SIZE_MAX / 2 / pixels) return;
+
+  std::uint8_t* luma = destination;
+  std::uint8_t* chroma = destination + pixels * rows;
+  const auto convertPair = activeKernels().yuyvToSemiPlanar;
+  for (std::size_t k = 0; k < rows / 2; ++k) {
+    convertPair({source, source + 2 * pixels}, {luma, luma + pixels, chroma}, pixels);
+    source += 4 * pixels;
+    luma += 2 * pixels;
+    chroma += pixels;
+  }
+  if (rows % 2 == 1) gather(source, 2, luma, 0, pixels);
+}
+
+}  // namespace convert
