@@ -1,0 +1,8 @@
+#ifndef MMAL_DEFAULT_COMPONENTS_H
+#define MMAL_DEFAULT_COMPONENTS_H
+
+#define MMAL_COMPONENT_DEFAULT_VIDEO_DECODER "vc.ril.video_decode"
+#define MMAL_COMPONENT_DEFAULT_VIDEO_ENCODER "vc.ril.video_encode"
+#define MMAL_COMPONENT_DEFAULT_IMAGE_ENCODER "vc.ril.image_encode"
+
+#endif  // MMAL_DEFAULT_COMPONENTS_H
