@@ -1,0 +1,32 @@
+#ifndef TESSERA_TESSERA_H
+#define TESSERA_TESSERA_H
+
+/// Everything that libtessera.so offers.
+///
+/// | service                    | interface     | made by               | class            | platform    |
+/// |----------------------------|---------------|-----------------------|------------------|-------------|
+/// | JPEG to planar 4:2:0       | DecoderPool   | GetDecoderPool        | DecoderPool      | OpenMAX IL  |
+/// | raw frames to JPEG         | IJPEGEncoder  | CreateEncoderJPEG     | CMmalJpegEncoder | MMAL        |
+/// |                            |               | its constructor       | COmxJpegEncoder  | OpenMAX IL  |
+/// | raw video to H.264         | IH264Encoder  | CreateEncoderH264     | CMmalH264Encoder | MMAL        |
+/// |                            |               | its constructor       | COmxH264Encoder  | OpenMAX IL  |
+/// | H.264 to planar 4:2:0      | IH264Decoder  | CreateH264Decoder     | CMmalH264Decoder | MMAL        |
+///
+/// Objects are independent of one another. The library starts no threads, reads no files and has no
+/// configuration; its diagnostics are lines of text on standard output and standard error.
+
+#include <tessera/CMmalH264Decoder.h>
+#include <tessera/CMmalH264Encoder.h>
+#include <tessera/CMmalJpegEncoder.h>
+#include <tessera/COmxH264Encoder.h>
+#include <tessera/COmxJpegEncoder.h>
+#include <tessera/CodecStatus.h>
+#include <tessera/DecoderPool.h>
+#include <tessera/Diagnostics.h>
+#include <tessera/FrameConversion.h>
+#include <tessera/IH264Decoder.h>
+#include <tessera/IH264Encoder.h>
+#include <tessera/IJPEGEncoder.h>
+#include <tessera/JpegProbe.h>
+
+#endif  // TESSERA_TESSERA_H
