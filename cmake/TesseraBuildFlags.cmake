@@ -11,6 +11,11 @@ if(TESSERA_SANITIZE)
   add_link_options(-fsanitize=${TESSERA_SANITIZE})
 endif()
 
+if(TESSERA_COVERAGE)
+  target_compile_options(tessera_flags INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(tessera_flags INTERFACE --coverage)
+endif()
+
 # A hardened link: no executable stack, no text relocations, no lazy binding.
 add_link_options(-Wl,-z,noexecstack -Wl,-z,relro -Wl,-z,now -Wl,-z,text)
 if(NOT TESSERA_SANITIZE)

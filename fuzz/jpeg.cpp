@@ -1,0 +1,29 @@
+// The JPEG decode cycle: whatever comes in, a picture or null comes out, and the next good picture
+// decodes.
+
+#include <tessera/DecoderPool.h>
+
+#include "Fuzz.h"
+#include "TinyJpeg.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  fuzz::silence();
+  static DecoderPool* const pool = GetDecoderPool();
+  FuzzedDataProvider input(data, size);
+  int width = input.ConsumeIntegralInRange(0, 80), height = input.ConsumeIntegralInRange(0, 80);
+  fuzz::Exact jpeg(input.ConsumeRemainingBytes<std::uint8_t>());
+  const unsigned char* const picture = pool->DecodeJpeg(jpeg.chars(), jpeg.size(), width, height);
+  if (picture != nullptr) {
+    MUST(width > 0 && height > 0);
+    const std::size_t bytes = static_cast<std::size_t>((width + 31) & ~31) *
+                              static_cast<std::size_t>((height + 15) & ~15);
+    // The last byte of the last plane is there to be read.
+    volatile unsigned char last = picture[bytes * 3 / 2 - 1];
+    static_cast<void>(last);
+  }
+  int goodWidth = 0, goodHeight = 0;
+  fuzz::Exact good(std::vector<std::uint8_t>(std::begin(tinyJpeg), std::end(tinyJpeg)));
+  MUST(pool->DecodeJpeg(good.chars(), good.size(), goodWidth, goodHeight) != nullptr);
+  MUST(goodWidth == tinyJpegWidth && goodHeight == tinyJpegHeight);
+  return 0;
+}
