@@ -37,7 +37,7 @@ class JpegDecoder {
   /// @return false when it cannot be decoded at all, or claims more than the limits allow
   bool open(const std::uint8_t* data, std::size_t size);
 
-  /// Size of the opened picture.
+  /// Size of the last opened picture, 0 when it was refused.
   unsigned width() const;
   unsigned height() const;
 
