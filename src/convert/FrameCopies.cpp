@@ -29,6 +29,14 @@ struct PaddedI420 {
   }
 };
 
+/// A picture that no cache keeps until its reader comes. Measured: below this the reader gains more
+/// from finding it there than the conversion loses.
+constexpr std::uint64_t streamedSize = 8 << 20;
+
+Stores storesFor(std::uint64_t pictureSize) {
+  return pictureSize >= streamedSize ? Stores::Streaming : Stores::Cached;
+}
+
 /// How many of `wanted` bytes at `offset` lie inside a buffer of `capacity` bytes.
 std::uint64_t inside(std::uint64_t offset, std::uint64_t wanted, std::uint64_t capacity) {
   return offset < capacity ? std::min(wanted, capacity - offset) : 0;
@@ -65,12 +73,13 @@ void yuyvToPaddedI420(const std::uint8_t* source, std::uint32_t sourceSize, std:
   const std::uint32_t pairs = wholePairs(layout, rowGroups, groupsLeft, height, capacity);
   const auto stride = static_cast<std::size_t>(layout.stride);
   const auto groups = static_cast<std::size_t>(rowGroups);
+  const Stores stores = storesFor(layout.u / 2 * 3);
   const auto convertPair = activeKernels().yuyvToPlanar;
   for (std::uint32_t k = 0; k < pairs; ++k) {
     std::uint8_t* luma = destination + 2 * k * stride;
     std::uint8_t* u = destination + static_cast<std::size_t>(layout.u) + k * (stride / 2);
     std::uint8_t* v = destination + static_cast<std::size_t>(layout.v) + k * (stride / 2);
-    convertPair({source, source + 4 * groups}, {luma, luma + stride, u, v}, groups);
+    convertPair({source, source + 4 * groups}, {luma, luma + stride, u, v}, groups, stores);
     source += 8 * groups;
     groupsLeft -= 2 * rowGroups;
   }
@@ -110,9 +119,10 @@ void yuyvToNv12(const std::uint8_t* source, std::uint8_t* destination, std::int3
 
   std::uint8_t* luma = destination;
   std::uint8_t* chroma = destination + pixels * rows;
+  const Stores stores = storesFor(std::uint64_t{pixels} * rows / 2 * 3);
   const auto convertPair = activeKernels().yuyvToSemiPlanar;
   for (std::size_t k = 0; k < rows / 2; ++k) {
-    convertPair({source, source + 2 * pixels}, {luma, luma + pixels, chroma}, pixels);
+    convertPair({source, source + 2 * pixels}, {luma, luma + pixels, chroma}, pixels, stores);
     source += 4 * pixels;
     luma += 2 * pixels;
     chroma += pixels;

@@ -27,16 +27,22 @@ struct SemiPlanarRows {
   std::uint8_t* chroma;
 };
 
+/// Streaming stores go past the caches: faster where the picture would not fit in them anyway,
+/// slower for whoever reads it next where it would. A wish: kernels that cannot, or not to these
+/// addresses, store as usual.
+enum class Stores { Cached, Streaming };
+
 /// One implementation of the inner loops. Every one of them gives the bytes of the plain one and
 /// touches no byte outside the rows, whatever their lengths and alignment.
 struct Kernels {
   const char* name;
 
   /// `groups` groups of Y0 U Y1 V a row: 2 * groups luma bytes a row, groups bytes of U and of V.
-  void (*yuyvToPlanar)(RowPair source, PlanarRows destination, std::size_t groups);
+  void (*yuyvToPlanar)(RowPair source, PlanarRows destination, std::size_t groups, Stores stores);
 
   /// `pixels` byte pairs of luma and chroma a row: pixels luma bytes a row, pixels chroma bytes.
-  void (*yuyvToSemiPlanar)(RowPair source, SemiPlanarRows destination, std::size_t pixels);
+  void (*yuyvToSemiPlanar)(RowPair source, SemiPlanarRows destination, std::size_t pixels,
+                           Stores stores);
 };
 
 /// The loops' definition, for every processor.

@@ -3,7 +3,7 @@
 namespace convert {
 namespace {
 
-void yuyvToPlanar(RowPair source, PlanarRows destination, std::size_t groups) {
+void yuyvToPlanar(RowPair source, PlanarRows destination, std::size_t groups, Stores) {
   for (std::size_t i = 0; i < groups; ++i) {
     destination.upperLuma[2 * i] = source.upper[4 * i];
     destination.upperLuma[2 * i + 1] = source.upper[4 * i + 2];
@@ -14,7 +14,7 @@ void yuyvToPlanar(RowPair source, PlanarRows destination, std::size_t groups) {
   }
 }
 
-void yuyvToSemiPlanar(RowPair source, SemiPlanarRows destination, std::size_t pixels) {
+void yuyvToSemiPlanar(RowPair source, SemiPlanarRows destination, std::size_t pixels, Stores) {
   for (std::size_t j = 0; j < pixels; ++j) {
     destination.upperLuma[j] = source.upper[2 * j];
     destination.chroma[j] = source.upper[2 * j + 1];
