@@ -1,10 +1,13 @@
 #include "support/Interpose.h"
 
 #include <dlfcn.h>
+#include <link.h>
 #include <semaphore.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <initializer_list>
 #include <new>
@@ -17,7 +20,36 @@ std::atomic<int> hurry{1};
 
 namespace {
 
-thread_local std::size_t allocations = 0;
+std::atomic<std::size_t> allocations{0};
+
+struct Range {
+  std::uintptr_t first = 0;
+  std::uintptr_t last = 0;
+};
+
+/// Where the code of libtessera.so is.
+Range findLibrary() {
+  Range range;
+  dl_iterate_phdr(
+      [](dl_phdr_info* info, std::size_t, void* found) {
+        if (std::strstr(info->dlpi_name, "libtessera.so") == nullptr) return 0;
+        for (int i = 0; i < info->dlpi_phnum; ++i) {
+          const auto& part = info->dlpi_phdr[i];
+          if (part.p_type == PT_LOAD && (part.p_flags & PF_X) != 0)
+            *static_cast<Range*>(found) = {info->dlpi_addr + part.p_vaddr,
+                                           info->dlpi_addr + part.p_vaddr + part.p_memsz};
+        }
+        return 1;
+      },
+      &range);
+  return range;
+}
+
+void countFor(const void* caller) {
+  static const Range library = findLibrary();
+  const auto at = reinterpret_cast<std::uintptr_t>(caller);
+  if (at >= library.first && at < library.last) ++allocations;
+}
 
 template <typename Function>
 Function* real(const char* name) {
@@ -46,7 +78,6 @@ timespec hastened(const timespec& deadline) {
 }
 
 void* allocate(std::size_t size, std::size_t alignment) {
-  ++allocations;
   if (allocation.hit()) throw std::bad_alloc();
   void* memory = nullptr;
   if (alignment <= alignof(std::max_align_t))
@@ -147,15 +178,19 @@ int clock_gettime(clockid_t clock, timespec* now) noexcept {
 }
 
 void* operator new(std::size_t size) {
+  interpose::countFor(__builtin_return_address(0));
   return interpose::allocate(size, 0);
 }
 void* operator new[](std::size_t size) {
+  interpose::countFor(__builtin_return_address(0));
   return interpose::allocate(size, 0);
 }
 void* operator new(std::size_t size, std::align_val_t alignment) {
+  interpose::countFor(__builtin_return_address(0));
   return interpose::allocate(size, static_cast<std::size_t>(alignment));
 }
 void* operator new[](std::size_t size, std::align_val_t alignment) {
+  interpose::countFor(__builtin_return_address(0));
   return interpose::allocate(size, static_cast<std::size_t>(alignment));
 }
 void operator delete(void* memory) noexcept {

@@ -32,9 +32,8 @@ extern std::atomic<long> clockSeconds;
 /// fraction of one.
 extern std::atomic<int> hurry;
 
-/// Calls of operator new by the calling thread since the last reset.
-std::size_t allocationsOfThread();
-void resetAllocationsOfThread();
+/// Calls of operator new by code of libtessera.so, on whatever thread, since the program started.
+std::size_t allocationsOfLibrary();
 
 void reset();
 

@@ -1,0 +1,185 @@
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <tessera/tessera.h>
+#include <tessera_platform/control.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <memory>
+
+#include "support/Capture.h"
+#include "support/H264Oracle.h"
+#include "support/Interpose.h"
+#include "support/JpegOracle.h"
+
+namespace {
+
+using support::Bytes;
+
+constexpr int width = 64, height = 48;
+
+struct Length {
+  int frames;
+  int cycles;
+};
+
+Length length() {
+  const char* const asked = std::getenv("TESSERA_SOAK");
+  return asked != nullptr && std::string(asked) == "whole" ? Length{100000, 2000}
+                                                           : Length{2000, 100};
+}
+
+long resident() {
+  long total = 0, pages = 0;
+  std::ifstream("/proc/self/statm") >> total >> pages;
+  return pages * sysconf(_SC_PAGESIZE);
+}
+
+int entries(const char* folder) {
+  DIR* const dir = opendir(folder);
+  int count = 0;
+  while (readdir(dir) != nullptr) ++count;
+  closedir(dir);
+  return count;
+}
+
+unsigned length(const Bytes& bytes) {
+  return static_cast<unsigned>(bytes.size());
+}
+
+/// One class at work: an object that does one frame a call, with the caller's memory, and says
+/// whether it came out.
+using Frame = std::function<bool()>;
+struct Worker {
+  const char* name;
+  std::function<Frame()> make;
+};
+
+Frame jpegFrame(IJPEGEncoder* made) {
+  const std::shared_ptr<IJPEGEncoder> encoder(made, ReleaseEncoderJPEG);
+  return [encoder, raw = support::toYuyv(support::scene(width, height)),
+          jpeg = Bytes(50000)]() mutable {
+    unsigned size = 0;
+    return encoder->EncodeYUYV(raw.data(), length(raw), width, height, jpeg.data(), length(jpeg),
+                               size) == 1;
+  };
+}
+
+Frame poolFrame() {
+  const std::shared_ptr<DecoderPool> pool(GetDecoderPool(), ReleaseDecoderPool);
+  return [pool, jpeg = support::encodeJpeg(support::scene(width, height), support::Sampling::Yuv420,
+                                           80)]() mutable {
+    int w = 0, h = 0;
+    return pool->DecodeJpeg(reinterpret_cast<char*>(jpeg.data()), length(jpeg), w, h) != nullptr;
+  };
+}
+
+Frame h264Frame(IH264Encoder* made) {
+  const std::shared_ptr<IH264Encoder> encoder(made, ReleaseEncoderH264);
+  encoder->Create(0x56595559, width, height, 30, 1, 1, 1, 1000000);
+  return [encoder, raw = support::toYuyv(support::scene(width, height)),
+          data = Bytes(50000)]() mutable {
+    if (encoder->ProcessInput(raw.data(), length(raw), 0, 0) != CodecOk) return false;
+    unsigned size = 0, flags = 0;
+    // The parameter sets have a buffer of their own, before every key frame.
+    do {
+      if (encoder->ProcessOutput(data.data(), length(data), size, flags) != CodecOk) return false;
+    } while ((data[4] & 31) == 7 && size < 64);
+    return true;
+  };
+}
+
+Frame decoderFrame() {
+  IH264Decoder* made = nullptr;
+  CreateH264Decoder(&made);
+  const std::shared_ptr<IH264Decoder> decoder(made, FreeH264Decoder);
+  if (made == nullptr || !decoder->Create(width, height, 0, nullptr)) return {};
+  support::H264Options options;
+  options.width = width;
+  options.height = height;
+  options.frames = 8;
+  options.keyInterval = 8;
+  return [decoder, clip = support::encodeH264(options), picture = Bytes(64 * 48 * 3 / 2),
+          i = std::size_t{0}]() mutable {
+    const std::size_t from = clip.units[i], to = clip.units[i + 1];
+    i = (i + 1) % (clip.units.size() - 1);
+    if (decoder->ProcessInput(&clip.stream[from], static_cast<unsigned>(to - from), width, height,
+                              0, 0) != CodecOk)
+      return false;
+    unsigned size = 0, w = 0, h = 0;
+    unsigned long long timestamp = 0;
+    return decoder->ProcessOutput(picture.data(), length(picture), size, w, h, timestamp) ==
+           CodecOk;
+  };
+}
+
+const Worker workers[] = {
+    {"CMmalJpegEncoder", [] { return jpegFrame(CreateEncoderJPEG()); }},
+    {"COmxJpegEncoder", [] { return jpegFrame(new COmxJpegEncoder); }},
+    {"DecoderPool", poolFrame},
+    {"CMmalH264Encoder", [] { return h264Frame(CreateEncoderH264()); }},
+    {"COmxH264Encoder", [] { return h264Frame(new COmxH264Encoder); }},
+    {"CMmalH264Decoder", decoderFrame},
+};
+
+class Soak : public testing::TestWithParam<Worker> {};
+
+TEST_P(Soak, FramesCostNoMemory) {
+  const int frames = length().frames;
+  long before = 0, after = 0;
+  std::size_t allocations = 0;
+  int done = 0, missed = 0;
+  {
+    const support::Capture quiet;
+    const Frame frame = GetParam().make();
+    ASSERT_TRUE(frame);
+    for (; done < frames; ++done) {
+      if (done == frames / 10) {
+        before = resident();
+        allocations = support::interpose::allocationsOfLibrary();
+      }
+      missed += !frame();
+    }
+    after = resident();
+    allocations = support::interpose::allocationsOfLibrary() - allocations;
+  }
+  const double perFrame = static_cast<double>(after - before) / (frames - frames / 10);
+  std::cout << GetParam().name << ": " << frames << " frames, " << allocations
+            << " allocations by the library, " << perFrame << " bytes resident a frame\n";
+  EXPECT_EQ(missed, 0);
+  EXPECT_EQ(allocations, 0u);
+  // The short form sees single pages; a leak of a frame's bytes would still be thousands.
+  EXPECT_LE(perFrame, frames >= 100000 ? 1.0 : 200.0);
+  EXPECT_TRUE(tessera_platform::census().empty())
+      << tessera_platform::describe(tessera_platform::census());
+}
+
+TEST_P(Soak, CyclesLeaveNothing) {
+  const int cycles = length().cycles;
+  long before = 0;
+  int threads = 0, descriptors = 0, missed = 0;
+  for (int i = 0; i < cycles; ++i) {
+    const support::Capture quiet;
+    if (i == cycles / 5) {
+      before = resident();
+      threads = entries("/proc/self/task");
+      descriptors = entries("/proc/self/fd");
+    }
+    const Frame frame = GetParam().make();
+    missed += !frame || !frame();
+  }
+  const support::Capture same;  // holds as many descriptors as the one in the loop
+  EXPECT_EQ(missed, 0);
+  EXPECT_EQ(entries("/proc/self/task"), threads);
+  EXPECT_EQ(entries("/proc/self/fd"), descriptors);
+  EXPECT_LE((resident() - before) / (cycles - cycles / 5), 2048);
+  EXPECT_TRUE(tessera_platform::census().empty())
+      << tessera_platform::describe(tessera_platform::census());
+}
+
+INSTANTIATE_TEST_SUITE_P(Classes, Soak, testing::ValuesIn(workers),
+                         [](const auto& tested) { return std::string(tested.param.name); });
+
+}  // namespace
