@@ -1,0 +1,121 @@
+#ifndef TESSERA_CMMALH264ENCODER_H
+#define TESSERA_CMMALH264ENCODER_H
+
+#include <interface/mmal/mmal.h>
+#include <semaphore.h>
+#include <tessera/IH264Encoder.h>
+
+class OutputMemory;
+struct TesseraLayout;
+
+/// H.264 encoder on the MMAL component "vc.ril.video_encode"; what `CreateEncoderH264` hands out.
+///
+/// **The stream.** Annex B, High profile, level 5.1, a key frame every second of video (frame rate
+/// rounded down to whole frames), pixels cropped to the size given, frame rate and aspect ratio in
+/// the parameter sets. Everything else is the component's default. The frames carry no time stamps:
+/// one goes in, one comes out, in the same order.
+///
+/// **Flow.** One frame at a time is inside the component. After `Create` the first `ProcessInput`
+/// goes through at once, each later one once the component has given the frame before back, which
+/// it can only do while finished data is collected. So for each frame: `ProcessInput`, then
+/// `ProcessOutput` until it answers CodecTimeout or the frame is complete. The parameter sets come
+/// first, in a buffer of their own with flags 0, and again with every later key frame. A frame
+/// longer than an output buffer (the larger of width x height bytes and the component's own wish)
+/// comes in pieces, in order, by as many calls.
+///
+/// **Results.** Arguments and states that are wrong are told on standard error, failures of a frame
+/// on standard output, one line each; CodecNoBuffer has none.
+///
+/// **Threads.** One caller thread at a time; objects do not share anything.
+class TESSERA_API CMmalH264Encoder : public IH264Encoder {
+ public:
+  /// Brings up the host library and makes the component. Never fails outright: without a component
+  /// it prints one line on standard error, and every later operation answers with its failure for
+  /// an invalid state.
+  CMmalH264Encoder();
+
+  /// Stops and gives back everything; frames in flight are discarded. Blocks for the frame that the
+  /// component is working on.
+  ~CMmalH264Encoder() override;
+
+  CMmalH264Encoder(const CMmalH264Encoder&) = delete;
+  CMmalH264Encoder& operator=(const CMmalH264Encoder&) = delete;
+
+  /// Configures the component and starts it; parameters as in IH264Encoder.
+  ///
+  /// A further call, after a success or a failure, starts afresh with the new arguments: what went
+  /// in before and has not been collected is lost.
+  /// @return true; or false after a line on standard error for the failed step, in the order pixel
+  ///         format, dimensions, frame rate, aspect ratio, platform. Nothing runs then
+  bool Create(unsigned int pixelFormat, int width, int height, unsigned int frameRateNum,
+              unsigned int frameRateDen, unsigned int aspectNum, unsigned int aspectDen,
+              unsigned int bitrate) override;
+
+  /// Copies one frame into the component's buffer; see IH264Encoder for its layout. A YUYV frame
+  /// that is too short fills what it reaches. Neither 64-bit argument is read.
+  ///
+  /// Blocks until the component has given the frame before back, for at most 1000 ms.
+  /// @return CodecOk; CodecTimeout: collect output and call again with the same frame;
+  ///         CodecSendFailed, CodecNoBuffer: the frame was not taken, call again with it;
+  ///         CodecInvalidArgument: `frame` is null; CodecInvalidState: `Create` first;
+  ///         CodecWaitFailed: the semaphore or the clock does not work, release the object
+  CodecStatus ProcessInput(unsigned char* frame, unsigned int frameSize, long long duration,
+                           long long timestamp) override;
+
+  /// Hands out one buffer of the stream in a new array, then gives the component its buffers back.
+  ///
+  /// Blocks until there is one, for at most 100 ms.
+  /// @return CodecOk; CodecTimeout: nothing yet, feed or call again; CodecNoBuffer: call again;
+  ///         CodecInvalidArgument, CodecInvalidState, CodecWaitFailed as for `ProcessInput`
+  /// @throws std::bad_alloc when there is no memory for the array; that buffer's data is lost
+  CodecStatus ProcessOutput(unsigned char** data, unsigned int& size, unsigned int& flags) override;
+
+  /// The same into the caller's memory.
+  /// @return also CodecBufferTooSmall: `size` tells what was needed, that buffer's data is lost,
+  ///         and the stream is damaged until the next key frame
+  CodecStatus ProcessOutput(unsigned char* data, unsigned int capacity, unsigned int& size,
+                            unsigned int& flags) override;
+
+  /// Steps of `Create`; call that instead. They disable the port where it is enabled and commit its
+  /// format.
+  /// @return MMAL_SUCCESS; MMAL_EINVAL for arguments that are not supported, or the platform's
+  ///         status, after a line on standard error
+  MMAL_STATUS_T SetInputFormat(MMAL_COMPONENT_T* component, unsigned int pixelFormat, int width,
+                               int height, unsigned int frameRateNum, unsigned int frameRateDen,
+                               unsigned int aspectNum, unsigned int aspectDen);
+  MMAL_STATUS_T SetOutputFormat(MMAL_COMPONENT_T* component, int width, int height,
+                                unsigned int bitrate, unsigned int frameRateNum,
+                                unsigned int frameRateDen);
+
+ private:
+  friend class OutputMemory;
+  struct TesseraLayout;
+  friend void InputCallback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
+  friend void OutputCallback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
+
+  using CopyFrame = void (*)(unsigned char* source, unsigned int sourceSize, unsigned int width,
+                             unsigned int height, unsigned char* destination, unsigned int capacity,
+                             unsigned int& outSize);
+
+  bool Start();
+  void ReleaseSetup();
+  CodecStatus CollectOutput(OutputMemory& memory, unsigned int& size, unsigned int& flags);
+
+  MMAL_COMPONENT_T* pComponent = nullptr;
+  MMAL_QUEUE_T* pOutputQueue = nullptr;
+  MMAL_POOL_T* pInputPool = nullptr;
+  MMAL_POOL_T* pOutputPool = nullptr;
+  sem_t semInput{};
+  sem_t semOutput{};
+  unsigned int nWidth = 0;
+  unsigned int nHeight = 0;
+  CopyFrame pfnCopyFrame;
+};
+
+/// Callbacks of the component's ports, called by the platform from a thread of its own; the port's
+/// user data names the encoder. The first gives a used input buffer back to its pool and allows
+/// another frame, the second queues finished data.
+TESSERA_API void InputCallback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
+TESSERA_API void OutputCallback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
+
+#endif  // TESSERA_CMMALH264ENCODER_H
