@@ -89,7 +89,7 @@ class TESSERA_API CMmalH264Encoder : public IH264Encoder {
 
  private:
   friend class OutputMemory;
-  struct TesseraLayout;
+  friend struct TesseraLayout;
   friend void InputCallback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
   friend void OutputCallback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
 
