@@ -1,0 +1,227 @@
+#include <tessera/CMmalH264Encoder.h>
+#include <tessera/COmxH264Encoder.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <limits>
+#include <memory>
+
+#include "AnnexB.h"
+#include "Commands.h"
+#include "Failure.h"
+#include "InputFile.h"
+#include "OutputFile.h"
+#include "Progress.h"
+#include "RawReader.h"
+#include "StreamWriter.h"
+#include "Y4mReader.h"
+
+namespace tool {
+namespace {
+
+constexpr unsigned fourccI420 = 0x30323449;
+constexpr unsigned fourccYuyv = 0x56595559;
+/// How long the encoder may take no frame before it counts as dead.
+constexpr std::chrono::seconds inputPatience{10};
+/// How long frames that are still missing at the end may take.
+constexpr std::chrono::seconds outputPatience{2};
+
+/// What goes in and how it is to be encoded.
+struct Plan {
+  std::unique_ptr<FrameSource> source;
+  Ratio rate{30, 1};
+  Ratio aspect{1, 1};
+  unsigned bitrate = 0;
+  FrameSize coded;  ///< the stream's size
+};
+
+/// About 0.14 bits a pixel, within what the encoders take: 4 Mb/s for 1280 x 720 at 30 a second.
+unsigned fittingBitrate(FrameSize size, const Ratio& rate) {
+  const double bits = 0.14 * size.width * size.height * rate.value();
+  return static_cast<unsigned>(std::clamp(bits, 100e3, 25e6));
+}
+
+/// Both classes ask the component for a byte a pixel of the size that they code.
+std::size_t smallestBuffer(Via via, FrameSize size) {
+  if (via == Via::Omx) size = size.rounded();
+  return static_cast<std::size_t>(size.width) * static_cast<std::size_t>(size.height);
+}
+
+Plan makePlan(const Arguments& arguments, InputFile& input) {
+  Plan plan;
+  if (Y4mReader::recognises(input)) {
+    auto reader = std::make_unique<Y4mReader>(input);
+    plan.rate = reader->rate().value_or(Ratio{25, 1});
+    plan.aspect = reader->aspect().value_or(Ratio{1, 1});
+    if (arguments.size && *arguments.size != reader->size())
+      throw UsageFailure(input.name() + " is Y4M of " + reader->size().text() + ", not " +
+                         arguments.size->text() + "; leave --size and --format out");
+    plan.source = std::move(reader);
+  } else {
+    if (!arguments.size)
+      throw UsageFailure(input.name() +
+                         " is not Y4M; for raw frames say --size WxH and --format i420|yuyv");
+    plan.source = std::make_unique<RawReader>(input, *arguments.format, *arguments.size);
+  }
+  plan.rate = arguments.rate.value_or(plan.rate);
+  plan.aspect = arguments.aspect.value_or(plan.aspect);
+  const FrameSize size = plan.source->size();
+  plan.bitrate = arguments.bitrate.value_or(fittingBitrate(size, plan.rate));
+  // The OpenMAX IL class does not crop; 4:2:0 has even sizes.
+  plan.coded = arguments.via == Via::Omx ? size.rounded()
+                                         : FrameSize{(size.width + 1) & ~1, (size.height + 1) & ~1};
+  if (frameBytes(plan.source->format(), size.rounded()) > std::numeric_limits<std::int32_t>::max())
+    throw UsageFailure(size.text() + " is too large: a frame has at most 2 GiB");
+  return plan;
+}
+
+class H264Encoding {
+ public:
+  H264Encoding(const Arguments& arguments, InputFile& input, OutputFile& output, Plan& plan,
+               const AVOutputFormat* container)
+      : input_(input),
+        output_(output),
+        source_(*plan.source),
+        progress_(arguments),
+        joiner_(smallestBuffer(arguments.via, source_.size())),
+        piece_(frameBytes(PixelFormat::I420, source_.size().rounded()) + (1u << 20)),
+        writer_(StreamWriter::make(output, container,
+                                   {plan.coded, plan.rate, plan.aspect, plan.bitrate})) {
+    start(arguments, plan);
+  }
+
+  void run() {
+    // The next frame is read while the encoder works on the one before.
+    std::vector<std::uint8_t> frame, ahead;
+    bool more = source_.next(frame, layout_);
+    while (more) {
+      feed(frame);
+      more = source_.next(ahead, layout_);
+      frame.swap(ahead);
+      collect();
+    }
+    collectRest();
+    writer_->finish();
+    output_.commit();
+    if (fed_ > progress_.frames())
+      progress_.warn("the encoder's rate control dropped " +
+                     std::to_string(fed_ - progress_.frames()) + " of " + std::to_string(fed_) +
+                     " frames; a higher --bitrate keeps them");
+    progress_.finish({coded_, input_.position(), output_.bytes(), fed_ - progress_.frames()});
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void start(const Arguments& arguments, const Plan& plan) {
+    const bool omx = arguments.via == Via::Omx;
+    // COmxH264Encoder codes the rounded size and takes whole rates and square pixels only.
+    const FrameSize size = omx ? source_.size().rounded() : source_.size();
+    const Ratio rate =
+        omx ? Ratio{std::max(1u, static_cast<unsigned>(std::lround(plan.rate.value()))), 1}
+            : plan.rate;
+    if (omx && plan.aspect.num != plan.aspect.den)
+      progress_.warn("--via omx leaves the aspect ratio out of the stream");
+    if (plan.coded != source_.size())
+      progress_.warn("the stream is " + plan.coded.text() + ": " +
+                     (omx ? "--via omx does not crop" : "4:2:0 video has even sizes"));
+    coded_ = plan.coded;
+    // CMmalH264Encoder lays YUYV out itself.
+    if (!omx && source_.format() == PixelFormat::Yuyv) layout_ = FrameSource::Layout::Packed;
+    encoder_.reset(omx ? new COmxH264Encoder : CreateEncoderH264());
+    const unsigned fourcc = source_.format() == PixelFormat::Yuyv ? fourccYuyv : fourccI420;
+    if (!encoder_->Create(fourcc, size.width, size.height, rate.num, rate.den, plan.aspect.num,
+                          plan.aspect.den, plan.bitrate))
+      throw Failure("the encoder does not take " + size.text() + " at " + std::to_string(rate.num) +
+                    "/" + std::to_string(rate.den) +
+                    " frames a second; 'tessera info' tells whether the platform works");
+  }
+
+  void feed(std::vector<std::uint8_t>& frame) {
+    const auto start = Clock::now();
+    do {
+      const CodecStatus status = encoder_->ProcessInput(
+          frame.data(), static_cast<unsigned>(frame.size()), 0, static_cast<long long>(fed_));
+      if (status == CodecOk) {
+        ++fed_;
+        return;
+      }
+      if (status != CodecTimeout && status != CodecNoBuffer)
+        throw Failure("the encoder refused frame " + std::to_string(fed_ + 1) + " of " +
+                      input_.name() + " (status " + std::to_string(status) + ")");
+      // It may be waiting for room in its output.
+      takeFrame();
+    } while (Clock::now() - start < inputPatience);
+    throw Failure("the encoder has stopped taking frames after " + std::to_string(fed_));
+  }
+
+  /// Takes what belongs to the frames fed so far. A frame whose output does not come in time is
+  /// late or was dropped; which of the two shows later.
+  void collect() {
+    while (progress_.frames() + missing_ < fed_)
+      if (!takeFrame()) missing_ = fed_ - progress_.frames();
+  }
+
+  void collectRest() {
+    auto last = Clock::now();
+    while (progress_.frames() < fed_ && Clock::now() - last < outputPatience)
+      if (takeFrame()) last = Clock::now();
+  }
+
+  /// Takes one whole frame and writes it. @return false when none came within 100 ms
+  bool takeFrame() {
+    while (joiner_.state() != FrameJoiner::State::Complete) {
+      unsigned size = 0, flags = 0;
+      const CodecStatus status =
+          encoder_->ProcessOutput(piece_.data(), static_cast<unsigned>(piece_.size()), size, flags);
+      if (status == CodecOk) {
+        keyFrame_ = keyFrame_ || (flags & 1);
+        joiner_.add(piece_.data(), size);
+      } else if (status != CodecTimeout && status != CodecNoBuffer) {
+        throw Failure("the encoder failed after frame " + std::to_string(progress_.frames()) +
+                      " (status " + std::to_string(status) + ")");
+      } else if (joiner_.state() == FrameJoiner::State::InDoubt) {
+        joiner_.nothingCame();
+      } else {
+        return false;
+      }
+    }
+    writer_->write(joiner_.take(), keyFrame_);
+    keyFrame_ = false;
+    progress_.frame(input_.fraction());
+    return true;
+  }
+
+  struct EncoderRelease {
+    void operator()(IH264Encoder* encoder) const { ReleaseEncoderH264(encoder); }
+  };
+
+  InputFile& input_;
+  OutputFile& output_;
+  FrameSource& source_;
+  Progress progress_;
+  FrameJoiner joiner_;
+  std::vector<std::uint8_t> piece_;
+  std::unique_ptr<StreamWriter> writer_;
+  std::unique_ptr<IH264Encoder, EncoderRelease> encoder_;
+  FrameSize coded_;
+  FrameSource::Layout layout_ = FrameSource::Layout::Padded;
+  std::uint64_t fed_ = 0;
+  std::uint64_t missing_ = 0;
+  bool keyFrame_ = false;
+};
+
+}  // namespace
+
+void h264Encode(const Arguments& arguments) {
+  const AVOutputFormat* container = StreamWriter::containerFor(arguments.output);
+  InputFile input(arguments.input);
+  if (input.isSameAs(arguments.output))
+    throw UsageFailure("INPUT and OUTPUT are the same file: " + arguments.output);
+  Plan plan = makePlan(arguments, input);
+  OutputFile output(arguments.output);
+  H264Encoding(arguments, input, output, plan, container).run();
+}
+
+}  // namespace tool
