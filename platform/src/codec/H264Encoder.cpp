@@ -109,7 +109,7 @@ void H264Encoder::Impl::close() {
 
 bool H264Encoder::Impl::start() {
   x264_param_t param;
-  if (x264_param_default_preset(&param, "veryfast", "zerolatency") != 0)
+  if (x264_param_default_preset(&param, "superfast", "zerolatency") != 0)
     return fail("x264 lacks its presets");
   param.i_log_level = X264_LOG_NONE;
   param.pf_log = silent;
