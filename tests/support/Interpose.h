@@ -23,7 +23,7 @@ struct Failing {
 extern Failing semInit;
 extern Failing semWait;       ///< sem_wait and sem_timedwait, with EINVAL
 extern Failing clockGettime;  ///< CLOCK_REALTIME only
-extern Failing allocation;    ///< operator new of every kind throws std::bad_alloc
+extern Failing allocation;    ///< operator new, called by libtessera.so, throws std::bad_alloc
 
 /// What CLOCK_REALTIME answers, in seconds, instead of the time; 0: the time.
 extern std::atomic<long> clockSeconds;
