@@ -1,0 +1,153 @@
+#ifndef TESSERA_COMXJPEGENCODER_H
+#define TESSERA_COMXJPEGENCODER_H
+
+#include <IL/OMX_Component.h>
+#include <semaphore.h>
+#include <tessera/IJPEGEncoder.h>
+
+#include <atomic>
+
+struct TesseraLayout;
+
+/// JPEG encoder on the OpenMAX IL component "OMX.broadcom.image_encode". No function hands it out:
+/// construct it with `new`, release it with `ReleaseEncoderJPEG`.
+///
+/// The constructor obtains the component; every encode runs it through a whole cycle, from Idle to
+/// Executing and back, so the size and pixel format may change from call to call.
+///
+/// **Layout.** The frame is what IJPEGEncoder.h describes: rows of S = (width + 31) / 32 * 32
+/// pixels, H = (height + 15) / 16 * 16 of them, S * H * bytes a pixel in all. A shorter frame fails
+/// before anything is sent; of a longer one the rest is not read. **The JPEG has S x H pixels**,
+/// the padding included.
+///
+/// **Results.** 1, or 0 after a line (on standard output where no stream is given):
+///
+/// | line                                                  | what to do next                      |
+/// |-------------------------------------------------------|--------------------------------------|
+/// | COmxJpegEncoder::Encode - invalid ... / Encode-       | mend the arguments, encode again     |
+/// |   invalid input image size WxH                        |                                      |
+/// | COmxJpegEncoder::Encode - encoder handle is empty     | release: the platform has no such    |
+/// |                                                       | component                            |
+/// | COmxJpegEncoder::Encode - frame of N bytes ...        | pass the padded picture              |
+/// | COmxJpegEncoder::Encode - no answer to ...            | encode again: that call takes a new  |
+/// |                                                       | component                            |
+/// | COmxJpegEncoder::Encode - ... failed, and lines with  | release, and make a new object: the  |
+/// |   an OpenMAX IL status (standard error)               | component stays where it got to      |
+///
+/// A JPEG longer than the capacity gives 0 without a line, and `jpegSize` is the size needed.
+///
+/// **Time.** No call waits for more than 10 seconds for any answer of the component, and for one
+/// more second once it has reported an error; then the call fails. Destruction waits for nothing.
+///
+/// **Threads.** One thread at a time; objects share nothing.
+class TESSERA_API COmxJpegEncoder : public IJPEGEncoder {
+ public:
+  /// Obtains the component. Never fails to the caller: without one, every encode fails.
+  COmxJpegEncoder();
+
+  /// Gives everything back, whatever state an encode left the component in.
+  ~COmxJpegEncoder() override;
+
+  COmxJpegEncoder(const COmxJpegEncoder&) = delete;
+  COmxJpegEncoder& operator=(const COmxJpegEncoder&) = delete;
+
+  /// Packed 4:2:2 to JPEG in a new array of capacity width x height x 2; see IJPEGEncoder.
+  int EncodeYUYV(unsigned char* frame, unsigned int frameSize, int width, int height,
+                 unsigned char** jpeg, unsigned int& jpegSize) override;
+
+  /// Packed 4:2:2 to JPEG in the caller's memory; see IJPEGEncoder. Sizes below 1 fail.
+  int EncodeYUYV(unsigned char* frame, unsigned int frameSize, int width, int height,
+                 unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize) override;
+
+  /// B, G, R, A bytes to JPEG in a new array of capacity |width| x |height| x 4; see IJPEGEncoder.
+  int EncodeRGB32(unsigned char* frame, unsigned int frameSize, int width, int height,
+                  unsigned char** jpeg, unsigned int& jpegSize) override;
+
+  /// B, G, R, A bytes to JPEG in the caller's memory; see IJPEGEncoder.
+  int EncodeRGB32(unsigned char* frame, unsigned int frameSize, int width, int height,
+                  unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize) override;
+
+  /// RGB to JPEG in the caller's memory, like `EncodeYUYV`. Sizes below 1 fail.
+  /// @param bitsPerPixel  all words little endian. 16: red in bits 15..11, green 10..5, blue 4..0;
+  ///                      24: red in bits 22..15, green 14..7, blue 6..0 (format 24bitARGB1887);
+  ///                      32: bytes B, G, R, A (A ignored). Others fail
+  int EncodeRGB(unsigned char* frame, unsigned int frameSize, unsigned int bitsPerPixel, int width,
+                int height, unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize);
+
+  /// What all of the above come to: one cycle of the component for one picture.
+  int Encode(unsigned char* frame, unsigned int frameSize, OMX_COLOR_FORMATTYPE colorFormat,
+             int bitsPerPixel, int width, int height, unsigned char* jpeg,
+             unsigned int jpegCapacity, unsigned int& jpegSize);
+
+  // The steps that these are made of. Each answers 1 or 0 and prints why.
+
+  /// Obtains the component and disables its ports. Runs in the constructor.
+  int InitializeHardware();
+  /// Sets the input port to raw pictures of that size.
+  int SetupInputPort(OMX_COLOR_FORMATTYPE colorFormat, int bitsPerPixel, int width, int height);
+  /// Sets the output port to JPEG. A quality outside 5 to 100 counts as 75.
+  int SetupOutputPort(int width, int height, unsigned int quality);
+  /// Have the component allocate the port's one buffer, unless it is there.
+  int AllocateOmxInputBuffer();
+  int AllocateOmxOutputBuffer();
+  /// Frees the buffers that are there. @return 1 when there was one
+  int ReleaseBuffers();
+  /// Gives buffers, component, core and semaphores back. Runs in the destructor. @return 1
+  int ReleaseHardware();
+
+  /// Wait for an answer of the component, within the limits above. @return whether it came
+  bool WaitForStateChange();
+  bool WaitForPortEnableDisable();
+  bool WaitForFlush();
+  bool WaitForOutputBufferFilled();
+
+  /// What the callbacks report; each ends one wait.
+  void SignalStateChanged();
+  void SignalPortEnabledDisabled();
+  void SignalFlushed();
+  void SignalOutputBufferFill();
+  /// An error event: ends no wait, but leaves the one under way one more second.
+  void SignalComponentError();
+
+ private:
+  friend struct TesseraLayout;
+
+  /// How a step that needs an answer ended.
+  enum class Step { Done, Refused, Unanswered };
+
+  OMX_ERRORTYPE Send(OMX_COMMANDTYPE command, OMX_U32 parameter, sem_t& answer);
+  Step Unanswered(const char* command);
+  Step SetState(OMX_STATETYPE state, const char* name, const char* label);
+  Step FlushPort(OMX_U32 port, const char* label);
+  bool EnablePort(OMX_U32 port, int (COmxJpegEncoder::*allocate)(), const char* label,
+                  const char* failure);
+  Step DisablePort(OMX_U32 port, OMX_BUFFERHEADERTYPE*& buffer, const char* label);
+  bool StartExecuting();
+  int EncodePicture(const unsigned char* frame, unsigned int frameSize, unsigned char* jpeg,
+                    unsigned int jpegCapacity, unsigned int& jpegSize);
+  void ReturnToIdle();
+
+  sem_t semStateChanged{};
+  sem_t semPortEnableDisable{};
+  sem_t semFlushed{};
+  sem_t semOutputFilled{};
+  OMX_HANDLETYPE hEncoder = nullptr;
+  OMX_BUFFERHEADERTYPE* pInputBuffer = nullptr;
+  OMX_BUFFERHEADERTYPE* pOutputBuffer = nullptr;
+  OMX_U32 nInputPort = 0;
+  OMX_U32 nOutputPort = 0;
+  std::atomic<bool> componentError{false};
+  bool started = false;     // OMX_Init and the semaphores are to be undone
+  bool answerOwed = false;  // a request was given up; the component may yet answer it
+};
+
+/// The component's callbacks; the application data is the encoder. All return OMX_ErrorNone.
+TESSERA_API OMX_ERRORTYPE OmxEventsHandler(OMX_HANDLETYPE component, OMX_PTR appData,
+                                           OMX_EVENTTYPE event, OMX_U32 data1, OMX_U32 data2,
+                                           OMX_PTR eventData);
+TESSERA_API OMX_ERRORTYPE OmxEmptyInputBufferHandler(OMX_HANDLETYPE component, OMX_PTR appData,
+                                                     OMX_BUFFERHEADERTYPE* buffer);
+TESSERA_API OMX_ERRORTYPE OmxFillOutputBufferHandler(OMX_HANDLETYPE component, OMX_PTR appData,
+                                                     OMX_BUFFERHEADERTYPE* buffer);
+
+#endif  // TESSERA_COMXJPEGENCODER_H

@@ -1,0 +1,163 @@
+#ifndef TESSERA_DECODERPOOL_H
+#define TESSERA_DECODERPOOL_H
+
+#include <IL/OMX_Component.h>
+#include <semaphore.h>
+#include <tessera/Export.h>
+
+#include <atomic>
+#include <cstdint>
+
+struct TesseraLayout;
+struct DecoderPoolSignals;
+
+/// Decodes JPEG pictures to planar 4:2:0, one after another, on one OpenMAX IL component
+/// ("OMX.broadcom.image_decode") that stays in Executing from construction to destruction.
+///
+/// @code
+///   DecoderPool* pool = GetDecoderPool();
+///   while (camera.grab(jpeg)) {
+///     int width = 0, height = 0;
+///     const unsigned char* picture = pool->DecodeJpeg(jpeg.data(), jpeg.size(), width, height);
+///     if (picture == nullptr) continue;        // a line on standard output said why
+///     show(picture, width, height);            // the next call overwrites it
+///   }
+///   ReleaseDecoderPool(pool);
+/// @endcode
+///
+/// **Setup** runs in the constructor and takes a few milliseconds. When a step fails it prints one
+/// line and ends there; every `DecodeJpeg` then prints a line and gives null. Nothing repairs such
+/// a pool: release it and get another.
+///
+/// **An error event of the component ends the process** with exit status 1 after a line on standard
+/// output. Damaged pictures raise none: they come out as far as they go, or as null.
+///
+/// **Threads.** One thread at a time per pool; pools share nothing.
+class TESSERA_API DecoderPool {
+ public:
+  DecoderPool();
+
+  /// Decodes one picture.
+  ///
+  /// The planes lie in the pool's own buffer: with S = width rounded up to a multiple of 32 and
+  /// H = height rounded up to a multiple of 16, luma at offset 0 with stride S, U at S * H and V at
+  /// S * H * 5 / 4, both with stride S / 2; S * H * 3 / 2 bytes. 100 x 75 takes 128 * 80 * 3 / 2 =
+  /// 15,360. 4:2:2, 4:4:4 and grey pictures come out like any other.
+  ///
+  /// The picture stays valid until the next `DecodeJpeg` on this pool or its release. Pictures of
+  /// one size share one buffer, so the pointer stays the same; another size takes another buffer.
+  ///
+  /// Blocks until the picture is there, normally for a few milliseconds, and for at most 10 seconds
+  /// without an answer of the component; then it prints a line and gives null. The next call puts
+  /// the component in order first and goes on.
+  ///
+  /// @param jpeg    one complete picture, from its start-of-image marker on; read during the call
+  /// @param size    its length in bytes; 0 gives null
+  /// @param width,height  receive the picture's size. **Pass zeros**: what is passed in stands for
+  ///                the size when no baseline header is found, which is how a progressive picture
+  ///                is decoded (a size other than its own costs time, but does no harm)
+  /// @return the luma plane, or null: nothing was found to decode (no line), or one line told why.
+  ///         After null the pool stays usable, and width and height may have changed
+  virtual unsigned char* DecodeJpeg(char* jpeg, unsigned int size, int& width, int& height);
+
+  /// Takes the component down and prints what it does on standard output. Waits for the component
+  /// without a limit. No `DecodeJpeg` may be running.
+  virtual ~DecoderPool();
+
+  DecoderPool(const DecoderPool&) = delete;
+  DecoderPool& operator=(const DecoderPool&) = delete;
+
+  /// Hands one picture's bytes to the component, in as many of its input buffers as it takes; a
+  /// step of `DecodeJpeg`. Prints while it waits for a buffer, for at most 10 seconds.
+  /// @return true, also when the component refused a piece (a line tells); false when no buffer
+  ///         came free
+  bool PassJpegToDecoder(char* jpeg, int size);
+
+ private:
+  friend struct TesseraLayout;
+  friend struct DecoderPoolSignals;
+
+  /// Where a rebuild of the output buffer stands.
+  enum class OutputPort {
+    Ready,      ///< enabled, with its buffer
+    Disabling,  ///< asked to be disabled; the buffer is to be freed, or is
+    Enabling,   ///< asked to be enabled; the buffer is to be allocated, or is
+  };
+
+  // Setup, in the order in which it happens.
+  bool OpenComponent();
+  bool RequestIdle();
+  bool SetUpInputPort();
+  bool AllocateInputBuffers();
+  bool SetUpOutputPort();
+  bool StartExecuting();
+
+  // Teardown, likewise.
+  bool TakeDownComponent();
+  void FlushOutputPort();
+  void ReleaseInputBuffers();
+  void ReleaseOutputBuffer();
+  bool LeaveState();
+  bool ReleaseLeftBuffers();
+
+  OMX_ERRORTYPE Send(OMX_COMMANDTYPE command, OMX_U32 parameter);
+  void SendAndAwait(OMX_COMMANDTYPE command, OMX_U32 parameter);
+  void AwaitCompletion();
+  OMX_ERRORTYPE SetImageFormat(OMX_U32 port, OMX_IMAGE_CODINGTYPE coding,
+                               OMX_COLOR_FORMATTYPE color);
+  OMX_ERRORTYPE ReadPort(OMX_U32 port);
+
+  // The decode cycle.
+  bool CatchUp();
+  OMX_BUFFERHEADERTYPE* NextFreeInput();
+  bool TakeNewSize(int& width, int& height);
+  void ReadOutputSize();
+  bool RebuildOutputBuffer();
+  bool ReleaseOldBuffer();
+  unsigned char* FetchPicture(int& width, int& height);
+  bool Completed(const char* command);
+  bool Answered(sem_t& answer, const char* request);
+  bool Unanswered(const char* request);
+  bool Failed(const char* what);
+
+  sem_t semCommandDone{};
+  sem_t semFillDone{};
+  sem_t semPortSettingsChanged{};
+  OMX_HANDLETYPE hDecoder = nullptr;
+  OMX_PORT_PARAM_TYPE portParam{};
+  OMX_ERRORTYPE lastError = OMX_ErrorNone;
+  OMX_PARAM_PORTDEFINITIONTYPE portDef{};
+  OMX_BUFFERHEADERTYPE* pOutputBuffer = nullptr;
+  std::int32_t nInputBuffers = 0;
+  OMX_BUFFERHEADERTYPE** ppInputBuffers = nullptr;
+  OMX_U32 nInputPort = 0;
+  OMX_U32 nOutputPort = 0;
+  std::int32_t nCurrentWidth = 0;
+  std::int32_t nCurrentHeight = 0;
+  std::int32_t nNextInputBuffer = 0;
+
+  std::int32_t nCompletionsOwed = 0;  // commands accepted and not yet waited for
+  OutputPort outputPort = OutputPort::Ready;
+  bool started = false;          // OMX_Init and the semaphores are to be undone
+  bool idle = false;             // Idle was reached for certain
+  bool ready = false;            // setup ran to its end
+  bool fillOutstanding = false;  // the component has the output buffer
+  bool behind = false;           // an answer was given up: flush before anything else
+  std::atomic<bool> componentFailed{false};
+};
+
+extern "C" {
+
+/// Makes a decoder pool.
+/// @return the pool, never null, also when its setup failed (a line tells); it belongs to the
+/// caller
+///         until `ReleaseDecoderPool`
+/// @throws std::bad_alloc when memory is short
+TESSERA_API DecoderPool* GetDecoderPool();
+
+/// Destroys a pool and gives back all it holds.
+/// @return 0 for null (nothing happens), else 1
+TESSERA_API int ReleaseDecoderPool(DecoderPool* pool);
+}
+
+#endif  // TESSERA_DECODERPOOL_H

@@ -1,0 +1,15 @@
+#ifndef TESSERA_SRC_OMXH264ENCODER_PRIVATEERRORLINE_H
+#define TESSERA_SRC_OMXH264ENCODER_PRIVATEERRORLINE_H
+
+#include "common/OmxErrorLine.h"
+
+/// The H.264 encoder's own PrintOmxError: like the exported one, which is why the header that
+/// declares that is not included beside this, and knows one status more.
+static inline void PrintOmxError(const char* label, OMX_ERRORTYPE error) {
+  WriteOmxErrorLine(label, error,
+                    error == OMX_ErrorPortUnpopulated
+                        ? "the port has lost one or more of its buffers and it thus unpopulated."
+                        : ShortOmxErrorText(error));
+}
+
+#endif  // TESSERA_SRC_OMXH264ENCODER_PRIVATEERRORLINE_H

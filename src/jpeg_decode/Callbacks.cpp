@@ -1,0 +1,66 @@
+#include <tessera/Diagnostics.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "jpeg_decode/Signals.h"
+
+namespace {
+
+void PrintNewState(OMX_U32 state) {
+  static constexpr const char* names[] = {"OMX_StateInvalid", "OMX_StateLoaded",
+                                          "OMX_StateIdle",    "OMX_StateExecuting",
+                                          "OMX_StatePause",   "OMX_StateWaitForResources"};
+  // One call a line, so that other threads cannot print in between.
+  if (state < sizeof names / sizeof *names)
+    std::printf("State changed to: %s\n", names[state]);
+  else
+    std::printf("State changed to: command [%d] \n", static_cast<int>(state));
+}
+
+[[noreturn]] void EndProcess(DecoderPool& pool, OMX_U32 code) {
+  std::printf("unrecoverable error: %s (0x%x) \n",
+              OmxErrorDescription(static_cast<OMX_ERRORTYPE>(static_cast<OMX_S32>(code))), code);
+  // A pool with static storage is destroyed by exit() on this very thread, the component's, and
+  // must not wait for it.
+  DecoderPoolSignals::failed(pool);
+  std::exit(1);
+}
+
+// The decode cycle sees by a buffer's nFilledLen that it is free again.
+OMX_ERRORTYPE EmptyBufferDone(OMX_HANDLETYPE, OMX_PTR, OMX_BUFFERHEADERTYPE*) {
+  return OMX_ErrorNone;
+}
+
+OMX_ERRORTYPE FillBufferDone(OMX_HANDLETYPE, OMX_PTR pAppData, OMX_BUFFERHEADERTYPE*) {
+  if (pAppData != nullptr) DecoderPoolSignals::fillDone(*static_cast<DecoderPool*>(pAppData));
+  return OMX_ErrorNone;
+}
+
+}  // namespace
+
+OMX_CALLBACKTYPE videodeccallbacks = {EventHandler, EmptyBufferDone, FillBufferDone};
+
+OMX_ERRORTYPE EventHandler(OMX_HANDLETYPE, OMX_PTR pAppData, OMX_EVENTTYPE eEvent, OMX_U32 nData1,
+                           OMX_U32 nData2, OMX_PTR) {
+  if (pAppData == nullptr) return OMX_ErrorNone;
+  DecoderPool& pool = *static_cast<DecoderPool*>(pAppData);
+  switch (eEvent) {
+    case OMX_EventCmdComplete:
+      if (nData1 == OMX_CommandStateSet) PrintNewState(nData2);
+      DecoderPoolSignals::commandDone(pool);
+      break;
+    case OMX_EventPortSettingsChanged:
+      DecoderPoolSignals::portSettingsChanged(pool);
+      break;
+    case OMX_EventBufferFlag:
+      break;
+    case OMX_EventError:
+      EndProcess(pool, nData1);
+    default:
+      std::printf("unhandled event, param1 = %i, param2 = %i", static_cast<int>(nData1),
+                  static_cast<int>(nData2));
+      break;
+  }
+  return OMX_ErrorNone;
+}
