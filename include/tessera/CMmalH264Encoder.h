@@ -88,7 +88,6 @@ class TESSERA_API CMmalH264Encoder : public IH264Encoder {
                                 unsigned int frameRateDen);
 
  private:
-  friend class OutputMemory;
   friend struct TesseraLayout;
   friend void InputCallback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
   friend void OutputCallback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);

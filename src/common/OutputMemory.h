@@ -17,10 +17,13 @@ class OutputMemory {
   /// small, or there was none for an array, which is told by exhausted()
   bool take(const std::uint8_t* data, std::uint32_t length) {
     if (memory_ == nullptr) {
-      // Failure is kept until the platform's buffer has gone back.
-      array_.reset(new (std::nothrow) unsigned char[length]);
-      exhausted_ = !array_;
-      if (exhausted_) return false;
+      try {
+        array_.reset(new unsigned char[length]);
+      } catch (const std::bad_alloc&) {
+        // Told to the caller once the platform's buffer has gone back.
+        exhausted_ = true;
+        return false;
+      }
     } else if (length > capacity_) {
       return false;
     }
