@@ -118,11 +118,8 @@ bool Failing::hit() {
   return true;
 }
 
-std::size_t allocationsOfThread() {
+std::size_t allocationsOfLibrary() {
   return allocations;
-}
-void resetAllocationsOfThread() {
-  allocations = 0;
 }
 
 void reset() {
