@@ -1,0 +1,177 @@
+#include <system_error>
+
+#include "interface/mmal/mmal.h"
+#include "mmal/PortCall.h"
+
+// The published entry points of components and ports.
+
+using mmal::Call;
+using mmal::Component;
+using mmal::componentOf;
+using mmal::nameOrNull;
+using mmal::onPort;
+using mmal::Port;
+using mmal::portOf;
+
+namespace {
+
+std::string nameOrNull(MMAL_COMPONENT_T* component) {
+  return component != nullptr ? nameOf(componentOf(component)) : std::string("null");
+}
+
+template <typename Work>
+MMAL_STATUS_T onComponent(const char* entry, MMAL_COMPONENT_T* component, Work&& work) {
+  Call call(entry);
+  const auto args = [&] { return nameOrNull(component); };
+  if (call.stopped()) return call.refuse(args);
+  if (component == nullptr) return call.leave(MMAL_EINVAL, args);
+  const MMAL_STATUS_T status = work(componentOf(component));
+  if (call.finishFirst()) componentOf(component).settle();
+  return call.leave(status, args);
+}
+
+// The component may be gone before the call is journaled.
+MMAL_STATUS_T releaseReference(const char* entry, MMAL_COMPONENT_T* component) {
+  Call call(entry);
+  std::string name;
+  const auto args = [&] { return name; };
+  if (tessera_platform::hooks::recording) name = nameOrNull(component);
+  if (call.stopped()) return call.refuse(args);
+  if (component == nullptr) return call.leave(MMAL_EINVAL, args);
+  componentOf(component).release();
+  return call.leave(MMAL_SUCCESS, args);
+}
+
+MMAL_STATUS_T createComponent(const char* name, MMAL_COMPONENT_T*& component) try {
+  component = Component::create(name);
+  return component != nullptr ? MMAL_SUCCESS : MMAL_ENOSYS;
+} catch (const std::bad_alloc&) {
+  return MMAL_ENOMEM;
+} catch (const std::system_error&) {
+  return MMAL_ENOMEM;
+}
+
+}  // namespace
+
+MMAL_STATUS_T mmal_component_create(const char* name, MMAL_COMPONENT_T** component) {
+  Call call("mmal_component_create");
+  const auto args = [&] { return std::string(name != nullptr ? name : "null"); };
+  if (component != nullptr) *component = nullptr;
+  if (call.stopped()) return call.refuse(args);
+  if (name == nullptr || component == nullptr) return call.leave(MMAL_EINVAL, args);
+  return call.leave(createComponent(name, *component), args);
+}
+
+void mmal_component_acquire(MMAL_COMPONENT_T* component) {
+  Call call("mmal_component_acquire");
+  if (!call.stopped() && component != nullptr) componentOf(component).acquire();
+  call.done([&] { return nameOrNull(component); });
+}
+
+MMAL_STATUS_T mmal_component_release(MMAL_COMPONENT_T* component) {
+  return releaseReference("mmal_component_release", component);
+}
+
+MMAL_STATUS_T mmal_component_destroy(MMAL_COMPONENT_T* component) {
+  return releaseReference("mmal_component_destroy", component);
+}
+
+MMAL_STATUS_T mmal_component_enable(MMAL_COMPONENT_T* component) {
+  return onComponent("mmal_component_enable", component, [](Component& c) { return c.enable(); });
+}
+
+MMAL_STATUS_T mmal_component_disable(MMAL_COMPONENT_T* component) {
+  return onComponent("mmal_component_disable", component, [](Component& c) { return c.disable(); });
+}
+
+MMAL_STATUS_T mmal_port_format_commit(MMAL_PORT_T* port) {
+  return onPort(
+      "mmal_port_format_commit", port, [](Component& c, Port& p) { return c.commitFormat(p); },
+      [&] {
+        return nameOrNull(port) + (port != nullptr ? ", " + mmal::formatText(*port->format) : "");
+      });
+}
+
+MMAL_STATUS_T mmal_port_enable(MMAL_PORT_T* port, MMAL_PORT_BH_CB_T cb) {
+  return onPort(
+      "mmal_port_enable", port, [cb](Component& c, Port& p) { return c.enablePort(p, cb); },
+      [&] {
+        if (port == nullptr) return nameOrNull(port);
+        return nameOrNull(port) + ", " + std::to_string(port->buffer_num) + " x " +
+               std::to_string(port->buffer_size);
+      });
+}
+
+MMAL_STATUS_T mmal_port_disable(MMAL_PORT_T* port) {
+  return onPort(
+      "mmal_port_disable", port, [](Component& c, Port& p) { return c.disablePort(p); },
+      [&] { return nameOrNull(port); });
+}
+
+MMAL_STATUS_T mmal_port_flush(MMAL_PORT_T* port) {
+  return onPort(
+      "mmal_port_flush", port, [](Component& c, Port& p) { return c.flushPort(p); },
+      [&] { return nameOrNull(port); });
+}
+
+MMAL_STATUS_T mmal_port_parameter_set(MMAL_PORT_T* port, const MMAL_PARAMETER_HEADER_T* param) {
+  return onPort(
+      "mmal_port_parameter_set", port,
+      [param](Component& c, Port& p) {
+        return param != nullptr ? c.setParameter(p, *param) : MMAL_EINVAL;
+      },
+      [&] {
+        return nameOrNull(port) + (param != nullptr ? ", " + mmal::parameterText(*param) : "");
+      });
+}
+
+MMAL_STATUS_T mmal_port_parameter_get(MMAL_PORT_T* port, MMAL_PARAMETER_HEADER_T* param) {
+  return onPort(
+      "mmal_port_parameter_get", port,
+      [param](Component& c, Port& p) {
+        return param != nullptr ? c.getParameter(p, *param) : MMAL_EINVAL;
+      },
+      [&] {
+        return nameOrNull(port) + (param != nullptr ? ", " + mmal::parameterText(*param) : "");
+      });
+}
+
+MMAL_STATUS_T mmal_port_send_buffer(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer) {
+  // What is sent is told as it was before the component had it.
+  std::string payload;
+  if (tessera_platform::hooks::recording && buffer != nullptr)
+    payload = port != nullptr && portOf(port).isOutput() ? "empty" : mmal::payloadText(*buffer);
+  return onPort(
+      "mmal_port_send_buffer", port,
+      [buffer](Component& c, Port& p) {
+        return buffer != nullptr ? c.sendBuffer(p, *mmal::headerOf(buffer)) : MMAL_EINVAL;
+      },
+      [&] { return nameOrNull(port) + ", " + payload; });
+}
+
+MMAL_STATUS_T mmal_port_connect(MMAL_PORT_T* port, MMAL_PORT_T*) {
+  return onPort(
+      "mmal_port_connect", port, [](Component&, Port&) { return MMAL_ENOSYS; },
+      [&] { return nameOrNull(port); });
+}
+
+MMAL_STATUS_T mmal_port_disconnect(MMAL_PORT_T* port) {
+  return onPort(
+      "mmal_port_disconnect", port, [](Component&, Port&) { return MMAL_ENOSYS; },
+      [&] { return nameOrNull(port); });
+}
+
+uint8_t* mmal_port_payload_alloc(MMAL_PORT_T* port, uint32_t payload_size) {
+  Call call("mmal_port_payload_alloc");
+  uint8_t* const payload =
+      call.stopped() || payload_size == 0 ? nullptr : mmal::allocatePayload(payload_size);
+  return call.answer(
+      payload, [&] { return nameOrNull(port) + ", " + std::to_string(payload_size); },
+      [](const uint8_t* p) { return p != nullptr ? "memory" : "null"; });
+}
+
+void mmal_port_payload_free(MMAL_PORT_T* port, uint8_t* payload) {
+  Call call("mmal_port_payload_free");
+  if (!call.stopped()) mmal::freePayload(payload);
+  call.done([&] { return nameOrNull(port); });
+}

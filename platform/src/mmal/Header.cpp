@@ -1,0 +1,203 @@
+#include "mmal/Header.h"
+
+#include "mmal/Component.h"
+#include "mmal/Journal.h"
+#include "mmal/Port.h"
+#include "mmal/Queue.h"
+
+namespace mmal {
+
+Header::Header(Home& itsHome, Payload&& itsPayload)
+    : MMAL_BUFFER_HEADER_T{}, home_(itsHome), payload_(std::move(itsPayload)) {
+  data = payload_.data();
+  alloc_size = payload_.size();
+  type = &specific_;
+  reset();
+}
+
+Header::~Header() {
+  switch (place()) {
+    case Place::Queue:
+      if (Queue* const holder = queue) holder->remove(*this);
+      break;
+    case Place::Port:
+      if (Port* const holder = port) holder->owner().evict(*holder, *this);
+      break;
+    default:
+      break;
+  }
+  if (original_ != nullptr) original_->release();
+}
+
+void Header::reset() {
+  cmd = 0;
+  length = 0;
+  offset = 0;
+  flags = 0;
+  pts = MMAL_TIME_UNKNOWN;
+  dts = MMAL_TIME_UNKNOWN;
+}
+
+bool Header::move(Place from, Place to) {
+  std::uint32_t now = state_.load();
+  while ((now & placeMask) == static_cast<std::uint32_t>(from)) {
+    const std::uint32_t then = (now & ~placeMask) | static_cast<std::uint32_t>(to);
+    if (state_.compare_exchange_weak(now, then)) return true;
+  }
+  return false;
+}
+
+void Header::acquire() {
+  state_ += oneReference;
+}
+
+void Header::release() {
+  std::uint32_t now = state_.load();
+  for (;;) {
+    const std::uint32_t references = now / oneReference;
+    if (references == 0) return;
+    const bool last = references == 1;
+    if (last && (now & placeMask) != static_cast<std::uint32_t>(Place::Client)) return;
+    const std::uint32_t then =
+        last ? static_cast<std::uint32_t>(Place::Returning) : now - oneReference;
+    if (!state_.compare_exchange_weak(now, then)) continue;
+    if (!last) return;
+    break;
+  }
+  if (preRelease != nullptr && preRelease(this, preReleaseData) != MMAL_FALSE) return;
+  goHome();
+}
+
+void Header::continueRelease() {
+  if (place() == Place::Returning) goHome();
+}
+
+void Header::goHome() {
+  if (Header* const shared = original_) {
+    original_ = nullptr;
+    data = payload_.data();
+    alloc_size = payload_.size();
+    shared->release();
+  }
+  reset();
+  // A header at home carries the reference of whoever gets it next.
+  state_ = oneReference | static_cast<std::uint32_t>(Place::Client);
+  home_.takeBack(*this);
+}
+
+MMAL_STATUS_T Header::replicate(Header& source) {
+  if (&source == this || original_ != nullptr || payload_.data() != nullptr) return MMAL_EINVAL;
+  source.acquire();
+  original_ = &source;
+  cmd = source.cmd;
+  data = source.data;
+  alloc_size = source.alloc_size;
+  length = source.length;
+  offset = source.offset;
+  flags = source.flags;
+  pts = source.pts;
+  dts = source.dts;
+  specific_ = source.specific_;
+  return MMAL_SUCCESS;
+}
+
+void HeaderList::pushBack(Header& header) {
+  header.next = nullptr;
+  if (tail_ != nullptr)
+    tail_->next = &header;
+  else
+    head_ = &header;
+  tail_ = &header;
+  ++size_;
+}
+
+void HeaderList::pushFront(Header& header) {
+  header.next = head_;
+  head_ = &header;
+  if (tail_ == nullptr) tail_ = &header;
+  ++size_;
+}
+
+Header* HeaderList::popFront() {
+  Header* const first = head_;
+  if (first != nullptr) remove(*first);
+  return first;
+}
+
+bool HeaderList::remove(Header& header) {
+  Header* before = nullptr;
+  for (Header* each = head_; each != nullptr; before = each, each = headerOf(each->next)) {
+    if (each != &header) continue;
+    Header* const after = headerOf(header.next);
+    if (before == nullptr)
+      head_ = after;
+    else
+      before->next = after;
+    if (tail_ == &header) tail_ = before;
+    header.next = nullptr;
+    --size_;
+    return true;
+  }
+  return false;
+}
+
+void HeaderList::splice(HeaderList& other) {
+  while (Header* const header = other.popFront()) pushBack(*header);
+}
+
+}  // namespace mmal
+
+using mmal::Call;
+using mmal::headerOf;
+
+void mmal_buffer_header_acquire(MMAL_BUFFER_HEADER_T* header) {
+  Call call("mmal_buffer_header_acquire");
+  if (!call.stopped() && header != nullptr) headerOf(header)->acquire();
+  call.done();
+}
+
+void mmal_buffer_header_reset(MMAL_BUFFER_HEADER_T* header) {
+  Call call("mmal_buffer_header_reset");
+  if (!call.stopped() && header != nullptr) headerOf(header)->reset();
+  call.done();
+}
+
+void mmal_buffer_header_release(MMAL_BUFFER_HEADER_T* header) {
+  Call call("mmal_buffer_header_release");
+  if (!call.stopped() && header != nullptr) headerOf(header)->release();
+  call.done();
+}
+
+void mmal_buffer_header_pre_release_cb_set(MMAL_BUFFER_HEADER_T* header,
+                                           MMAL_BH_PRE_RELEASE_CB_T cb, void* userdata) {
+  Call call("mmal_buffer_header_pre_release_cb_set");
+  if (!call.stopped() && header != nullptr) {
+    headerOf(header)->preRelease = cb;
+    headerOf(header)->preReleaseData = userdata;
+  }
+  call.done();
+}
+
+void mmal_buffer_header_release_continue(MMAL_BUFFER_HEADER_T* header) {
+  Call call("mmal_buffer_header_release_continue");
+  if (!call.stopped() && header != nullptr) headerOf(header)->continueRelease();
+  call.done();
+}
+
+MMAL_STATUS_T mmal_buffer_header_replicate(MMAL_BUFFER_HEADER_T* dest, MMAL_BUFFER_HEADER_T* src) {
+  Call call("mmal_buffer_header_replicate");
+  if (call.stopped()) return call.refuse();
+  if (dest == nullptr || src == nullptr) return call.leave(MMAL_EINVAL);
+  return call.leave(headerOf(dest)->replicate(*headerOf(src)));
+}
+
+MMAL_STATUS_T mmal_buffer_header_mem_lock(MMAL_BUFFER_HEADER_T* header) {
+  Call call("mmal_buffer_header_mem_lock");
+  if (call.stopped()) return call.refuse();
+  return call.leave(header != nullptr ? MMAL_SUCCESS : MMAL_EINVAL);
+}
+
+void mmal_buffer_header_mem_unlock(MMAL_BUFFER_HEADER_T*) {
+  Call call("mmal_buffer_header_mem_unlock");
+  call.done();
+}

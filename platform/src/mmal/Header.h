@@ -1,0 +1,102 @@
+#ifndef TESSERA_PLATFORM_SRC_MMAL_HEADER_H
+#define TESSERA_PLATFORM_SRC_MMAL_HEADER_H
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+
+#include "control/Hooks.h"
+#include "interface/mmal/mmal_buffer.h"
+#include "mmal/Payload.h"
+
+namespace mmal {
+
+struct Header;
+class Port;
+struct Queue;
+
+/// Who takes a header back after its last release: a pool, or a component for its event buffers.
+class Home {
+ public:
+  /// Called without any lock held; the header is the home's from here on.
+  virtual void takeBack(Header& header) = 0;
+
+ protected:
+  ~Home() = default;
+};
+
+/// Where a header is. Only a header that the client has may be put, sent or finally released;
+/// everything else is a mistake (or an injected double callback) and changes nothing.
+enum class Place : std::uint32_t { Client, Queue, Port, Returning };
+
+/// A buffer header with what the platform keeps about it.
+struct Header final : MMAL_BUFFER_HEADER_T {
+  Header(Home& itsHome, Payload&& itsPayload);
+  /// Leaves the queue or port that still holds it, so that neither keeps a dead pointer.
+  ~Header();
+  Header(const Header&) = delete;
+  Header& operator=(const Header&) = delete;
+
+  void acquire();
+  void release();
+  void continueRelease();
+  MMAL_STATUS_T replicate(Header& source);
+  /// Empties the description; payload and place stay.
+  void reset();
+
+  Place place() const { return static_cast<Place>(state_.load() & placeMask); }
+  /// Goes from one place to another, unless it is somewhere else.
+  bool move(Place from, Place to);
+
+  // Set by the queue or port that the header moves into, under its lock.
+  std::atomic<Queue*> queue{nullptr};
+  std::atomic<Port*> port{nullptr};
+
+  // While a port has it: the callback was asked for already, and is due then.
+  bool judged = false;
+  std::chrono::steady_clock::time_point due;
+
+  MMAL_BH_PRE_RELEASE_CB_T preRelease = nullptr;
+  void* preReleaseData = nullptr;
+
+ private:
+  static constexpr std::uint32_t placeMask = 3;
+  static constexpr std::uint32_t oneReference = 4;
+
+  void goHome();
+
+  Home& home_;
+  Payload payload_;
+  Header* original_ = nullptr;  ///< whose payload this one shares
+  MMAL_BUFFER_HEADER_TYPE_SPECIFIC_T specific_{};
+  /// References and place in one word: a release and a send of the same header cannot both win.
+  std::atomic<std::uint32_t> state_{oneReference};
+  tessera_platform::hooks::Counted counted_{tessera_platform::hooks::Kind::Buffer};
+};
+
+inline Header* headerOf(MMAL_BUFFER_HEADER_T* header) {
+  return static_cast<Header*>(header);
+}
+
+/// First in, first out, linked through the headers. Its owner locks.
+class HeaderList {
+ public:
+  bool empty() const { return head_ == nullptr; }
+  Header* front() const { return head_; }
+  unsigned size() const { return size_; }
+  void pushBack(Header& header);
+  void pushFront(Header& header);
+  Header* popFront();
+  bool remove(Header& header);
+  /// Appends all of another list, which is empty then.
+  void splice(HeaderList& other);
+
+ private:
+  Header* head_ = nullptr;
+  Header* tail_ = nullptr;
+  unsigned size_ = 0;
+};
+
+}  // namespace mmal
+
+#endif  // TESSERA_PLATFORM_SRC_MMAL_HEADER_H

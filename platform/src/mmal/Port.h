@@ -1,0 +1,59 @@
+#ifndef TESSERA_PLATFORM_SRC_MMAL_PORT_H
+#define TESSERA_PLATFORM_SRC_MMAL_PORT_H
+
+#include <string>
+
+#include "interface/mmal/mmal_port.h"
+#include "mmal/Format.h"
+#include "mmal/Header.h"
+
+namespace mmal {
+
+class Component;
+class Wrapper;
+
+/// A port and the buffers it holds. Everything in it is guarded by its component's lock; the
+/// component does the work.
+class Port final : public MMAL_PORT_T {
+ public:
+  Port(Component& owner, MMAL_PORT_TYPE_T type, std::uint16_t index, std::uint16_t indexAll,
+       std::string name);
+  Port(const Port&) = delete;
+  Port& operator=(const Port&) = delete;
+
+  Component& owner() const { return owner_; }
+  bool isInput() const { return type == MMAL_PORT_TYPE_INPUT; }
+  bool isOutput() const { return type == MMAL_PORT_TYPE_OUTPUT; }
+  /// Buffers may be worked on: enabled, and not about to go back.
+  bool open() const { return is_enabled != 0 && asked == answered; }
+  void require(std::uint32_t num, std::uint32_t size, std::uint32_t sizeMin);
+
+  /// Links a header into one of the lists below.
+  void hold(HeaderList& list, Header& header);
+
+  Format committed;  ///< what the codec works with; `format` is the client's to scribble on
+  MMAL_PORT_BH_CB_T callback = nullptr;
+  Wrapper* wrapper = nullptr;  ///< whose port this is, if any
+
+  HeaderList pending;    ///< sent by the client, oldest first
+  HeaderList finished;   ///< callback is due later
+  HeaderList parked;     ///< callback does not come (injected)
+  HeaderList returning;  ///< on their way back unused
+
+  // Requests to give everything back, and how many of them have been carried out.
+  unsigned asked = 0;
+  unsigned answered = 0;
+
+ private:
+  Component& owner_;
+  std::string name_;
+  Format format_;
+};
+
+inline Port& portOf(MMAL_PORT_T* port) {
+  return *static_cast<Port*>(port);
+}
+
+}  // namespace mmal
+
+#endif  // TESSERA_PLATFORM_SRC_MMAL_PORT_H

@@ -1,0 +1,28 @@
+#ifndef TESSERA_PLATFORM_SRC_MMAL_PORTCALL_H
+#define TESSERA_PLATFORM_SRC_MMAL_PORTCALL_H
+
+#include <string>
+
+#include "mmal/Component.h"
+#include "mmal/Journal.h"
+
+namespace mmal {
+
+inline std::string nameOrNull(MMAL_PORT_T* port) {
+  return port != nullptr ? nameOf(portOf(port)) : std::string("null");
+}
+
+/// A published call on a port: `work` does it, `args` tells the arguments.
+template <typename Work, typename Args>
+MMAL_STATUS_T onPort(const char* entry, MMAL_PORT_T* port, Work&& work, Args&& args) {
+  const Call call(entry);
+  if (call.stopped()) return call.refuse(args);
+  if (port == nullptr) return call.leave(MMAL_EINVAL, args);
+  const MMAL_STATUS_T status = work(portOf(port).owner(), portOf(port));
+  if (call.finishFirst()) portOf(port).owner().settle();
+  return call.leave(status, args);
+}
+
+}  // namespace mmal
+
+#endif  // TESSERA_PLATFORM_SRC_MMAL_PORTCALL_H

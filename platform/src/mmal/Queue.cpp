@@ -1,0 +1,146 @@
+#include "mmal/Queue.h"
+
+#include <new>
+
+#include "mmal/Journal.h"
+
+namespace mmal {
+
+Queue::~Queue() {
+  while (get() != nullptr) {
+  }
+}
+
+void Queue::put(Header& header, bool atFront) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (!header.move(Place::Client, Place::Queue)) return;
+  header.queue = this;
+  if (atFront)
+    headers_.pushFront(header);
+  else
+    headers_.pushBack(header);
+  if (waiters_ > 0) filled_.notify_one();
+}
+
+// With the lock held.
+Header* Queue::take() {
+  Header* const header = headers_.popFront();
+  if (header == nullptr) return nullptr;
+  header->queue = nullptr;
+  header->move(Place::Queue, Place::Client);
+  return header;
+}
+
+Header* Queue::get() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return take();
+}
+
+Header* Queue::wait() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  ++waiters_;
+  filled_.wait(lock, [this] { return !headers_.empty(); });
+  --waiters_;
+  return take();
+}
+
+Header* Queue::wait(std::chrono::milliseconds limit) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  ++waiters_;
+  filled_.wait_until(lock, std::chrono::system_clock::now() + limit,
+                     [this] { return !headers_.empty(); });
+  --waiters_;
+  return take();
+}
+
+unsigned Queue::length() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return headers_.size();
+}
+
+void Queue::remove(Header& header) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  headers_.remove(header);
+}
+
+}  // namespace mmal
+
+using mmal::Call;
+using mmal::headerOf;
+using mmal::queueOf;
+
+namespace {
+
+const char* bufferResult(const MMAL_BUFFER_HEADER_T* buffer) {
+  return buffer != nullptr ? "buffer" : "null";
+}
+
+MMAL_BUFFER_HEADER_T* noBuffer() {
+  return nullptr;
+}
+
+}  // namespace
+
+MMAL_QUEUE_T* mmal_queue_create(void) {
+  Call call("mmal_queue_create");
+  MMAL_QUEUE_T* const queue = call.stopped() ? nullptr : new (std::nothrow) mmal::Queue;
+  if (queue != nullptr) tessera_platform::hooks::count(tessera_platform::hooks::Kind::Queue, 1);
+  return call.answer(
+      queue, [] { return std::string(); }, [](MMAL_QUEUE_T* q) { return mmal::nameOf(q); });
+}
+
+void mmal_queue_put(MMAL_QUEUE_T* queue, MMAL_BUFFER_HEADER_T* buffer) {
+  Call call("mmal_queue_put");
+  if (!call.stopped() && queue != nullptr && buffer != nullptr)
+    queueOf(queue).put(*headerOf(buffer));
+  call.done([&] { return mmal::nameOf(queue); });
+}
+
+void mmal_queue_put_back(MMAL_QUEUE_T* queue, MMAL_BUFFER_HEADER_T* buffer) {
+  Call call("mmal_queue_put_back");
+  if (!call.stopped() && queue != nullptr && buffer != nullptr)
+    queueOf(queue).put(*headerOf(buffer), true);
+  call.done([&] { return mmal::nameOf(queue); });
+}
+
+MMAL_BUFFER_HEADER_T* mmal_queue_get(MMAL_QUEUE_T* queue) {
+  Call call("mmal_queue_get");
+  MMAL_BUFFER_HEADER_T* const buffer =
+      call.stopped() || queue == nullptr ? noBuffer() : queueOf(queue).get();
+  return call.answer(
+      buffer, [&] { return mmal::nameOf(queue); }, bufferResult);
+}
+
+MMAL_BUFFER_HEADER_T* mmal_queue_wait(MMAL_QUEUE_T* queue) {
+  Call call("mmal_queue_wait");
+  MMAL_BUFFER_HEADER_T* const buffer =
+      call.stopped() || queue == nullptr ? noBuffer() : queueOf(queue).wait();
+  return call.answer(
+      buffer, [&] { return mmal::nameOf(queue); }, bufferResult);
+}
+
+MMAL_BUFFER_HEADER_T* mmal_queue_timedwait(MMAL_QUEUE_T* queue, VCOS_UNSIGNED timeout) {
+  Call call("mmal_queue_timedwait");
+  MMAL_BUFFER_HEADER_T* const buffer =
+      call.stopped() || queue == nullptr ? noBuffer()
+                                         : queueOf(queue).wait(std::chrono::milliseconds(timeout));
+  return call.answer(
+      buffer, [&] { return mmal::nameOf(queue) + ", " + std::to_string(timeout) + " ms"; },
+      bufferResult);
+}
+
+unsigned int mmal_queue_length(MMAL_QUEUE_T* queue) {
+  Call call("mmal_queue_length");
+  const unsigned length = call.stopped() || queue == nullptr ? 0 : queueOf(queue).length();
+  return call.answer(
+      length, [&] { return mmal::nameOf(queue); }, [](unsigned n) { return std::to_string(n); });
+}
+
+void mmal_queue_destroy(MMAL_QUEUE_T* queue) {
+  Call call("mmal_queue_destroy");
+  call.done([&] { return mmal::nameOf(queue); });
+  if (call.stopped() || queue == nullptr) return;
+  tessera_platform::hooks::forget(queue);
+  tessera_platform::hooks::count(tessera_platform::hooks::Kind::Queue, -1);
+  delete &queueOf(queue);
+}

@@ -1,0 +1,202 @@
+#include "mmal/VideoDecode.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "interface/mmal/mmal_events.h"
+
+namespace mmal {
+
+namespace {
+
+constexpr std::uint32_t recommendedInput = 80 * 1024;
+constexpr std::uint32_t noPicture = 1;  ///< smallest buffer while the size is unknown
+
+std::int64_t toPts(std::int64_t pts) {
+  return pts == codec::H264Decoder::noPts ? MMAL_TIME_UNKNOWN : pts;
+}
+
+/// Copies a plane and fills what the padded layout has beyond it with its last column and row, so
+/// that a buffer never shows a piece of an older picture.
+void copyPlane(std::uint8_t* to, unsigned toStride, unsigned toRows, const std::uint8_t* from,
+               unsigned fromStride, unsigned width, unsigned rows) {
+  for (unsigned row = 0; row < toRows; ++row) {
+    std::uint8_t* const line = to + std::size_t{row} * toStride;
+    if (row >= rows) {
+      std::memcpy(line, line - toStride, toStride);
+      continue;
+    }
+    std::memcpy(line, from + std::size_t{row} * fromStride, width);
+    std::memset(line + width, line[width - 1], toStride - width);
+  }
+}
+
+/// What a format-changed event carries: the event, and the format it points to.
+struct FormatChanged {
+  MMAL_EVENT_FORMAT_CHANGED_T event;
+  MMAL_ES_FORMAT_T format;
+  MMAL_ES_SPECIFIC_FORMAT_T specific;
+};
+
+void describe(FormatChanged& change, unsigned width, unsigned height) {
+  change = FormatChanged{};
+  change.format.type = MMAL_ES_TYPE_VIDEO;
+  change.format.encoding = change.format.encoding_variant = MMAL_ENCODING_I420;
+  change.format.es = &change.specific;
+  MMAL_VIDEO_FORMAT_T& video = change.specific.video;
+  video.width = codec::roundUp(width, 32);
+  video.height = codec::roundUp(height, 16);
+  video.crop = {0, 0, static_cast<std::int32_t>(width), static_cast<std::int32_t>(height)};
+  video.frame_rate = {0, 1};
+  video.par = {1, 1};
+  change.event.format = &change.format;
+  change.event.buffer_num_min = 1;
+  change.event.buffer_num_recommended = 4;
+  change.event.buffer_size_min = change.event.buffer_size_recommended =
+      rawFrameBytes(MMAL_ENCODING_I420, video.width, video.height);
+}
+
+}  // namespace
+
+VideoDecode::VideoDecode() : Component("vc.ril.video_decode") {
+  input0().committed.encoding = MMAL_ENCODING_H264;
+  output0().committed.encoding = MMAL_ENCODING_I420;
+}
+
+// The size of the input is a hint: the stream says what it is.
+MMAL_STATUS_T VideoDecode::checkFormat(const Port& target, const MMAL_ES_FORMAT_T& format) const {
+  const MMAL_VIDEO_FORMAT_T& video = format.es->video;
+  if (target.isInput()) {
+    const bool fits = video.width <= largestSide && video.height <= largestSide;
+    return format.encoding == MMAL_ENCODING_H264 && fits ? MMAL_SUCCESS : MMAL_EINVAL;
+  }
+  return format.encoding == MMAL_ENCODING_I420 && rawGeometryFits(video) ? MMAL_SUCCESS
+                                                                         : MMAL_EINVAL;
+}
+
+void VideoDecode::setRequirements() {
+  const MMAL_VIDEO_FORMAT_T& video = output0().committed.video();
+  const std::uint32_t frame = rawFrameBytes(MMAL_ENCODING_I420, video.width, video.height);
+  input0().require(4, recommendedInput, 1);
+  output0().require(4, std::max(frame, noPicture), std::max(frame, noPicture));
+}
+
+std::vector<MMAL_FOURCC_T> VideoDecode::encodings(const Port& target) const {
+  return {target.isInput() ? MMAL_ENCODING_H264 : MMAL_ENCODING_I420};
+}
+
+bool VideoDecode::step() {
+  if (restart_) restart();
+  if (takePicture()) return show();
+  if (ending_) {
+    Header* const out = front(output0());
+    if (out == nullptr) return false;
+    out->flags = MMAL_BUFFER_HEADER_FLAG_EOS;
+    ending_ = false;
+    finish(output0());
+    return true;
+  }
+  Header* const in = front(input0());
+  if (in == nullptr) return false;
+  feed(*in);
+  finish(input0());
+  return true;
+}
+
+void VideoDecode::restart() {
+  std::vector<std::uint8_t> extraData;
+  {
+    const auto held = lock();
+    const Format& format = input0().committed;
+    if (format.extradata != nullptr)
+      extraData.assign(format.extradata, format.extradata + format.extradata_size);
+  }
+  restart_ = held_ = ending_ = false;
+  if (!decoder_.open(extraData.data(), extraData.size())) raiseError(MMAL_EIO);
+}
+
+// Makes picture_ the next to go out. @return false when the decoder has none
+bool VideoDecode::takePicture() {
+  while (!held_) {
+    if (!decoder_.next(picture_)) return false;
+    held_ = !picture_.decodeOnly;
+  }
+  return true;
+}
+
+bool VideoDecode::show() {
+  unsigned stride, sliceHeight;
+  bool asDeclared;
+  {
+    const auto held = lock();
+    const MMAL_VIDEO_FORMAT_T& video = output0().committed.video();
+    const MMAL_RECT_T crop = pictureOf(video);
+    asDeclared = picture_.width == static_cast<unsigned>(crop.width) &&
+                 picture_.height == static_cast<unsigned>(crop.height);
+    stride = video.width;
+    sliceHeight = video.height;
+    if (!output0().open()) return false;
+  }
+  if (!asDeclared) return announce();
+  Header* const out = front(output0());
+  if (out == nullptr) return false;
+  write(*out, stride, sliceHeight);
+  held_ = false;
+  finish(output0());
+  return true;
+}
+
+bool VideoDecode::announce() {
+  if (announced_) return false;
+  Header* const event = eventHeader(MMAL_EVENT_FORMAT_CHANGED);
+  if (event == nullptr) return false;
+  static_assert(sizeof(FormatChanged) <= 512, "an event header holds every event");
+  auto* const change = new (event->data) FormatChanged;
+  describe(*change, picture_.width, picture_.height);
+  event->length = sizeof(FormatChanged);
+  announced_ = true;
+  raise(output0(), *event);
+  return true;
+}
+
+void VideoDecode::write(Header& out, unsigned stride, unsigned sliceHeight) const {
+  const auto to = codec::planesOf(out.data, stride, sliceHeight);
+  const codec::ConstPlanes& from = picture_.planes;
+  const unsigned width = picture_.width, height = picture_.height;
+  copyPlane(to.y, stride, sliceHeight, from.y, from.yStride, width, height);
+  const unsigned chromaWidth = (width + 1) / 2, chromaRows = (height + 1) / 2;
+  copyPlane(to.u, stride / 2, sliceHeight / 2, from.u, from.uvStride, chromaWidth, chromaRows);
+  copyPlane(to.v, stride / 2, sliceHeight / 2, from.v, from.uvStride, chromaWidth, chromaRows);
+  out.length = rawFrameBytes(MMAL_ENCODING_I420, stride, sliceHeight);
+  out.flags = MMAL_BUFFER_HEADER_FLAG_FRAME;
+  if (picture_.damaged) out.flags |= MMAL_BUFFER_HEADER_FLAG_CORRUPTED;
+  out.pts = toPts(picture_.pts);
+}
+
+void VideoDecode::feed(const Header& in) {
+  const std::int64_t pts = in.pts == MMAL_TIME_UNKNOWN ? codec::H264Decoder::noPts : in.pts;
+  const bool last = (in.flags & MMAL_BUFFER_HEADER_FLAG_EOS) != 0;
+  const bool unitEnds = last || (in.flags & MMAL_BUFFER_HEADER_FLAG_FRAME_END) != 0;
+  decoder_.feed(in.data + in.offset, in.length, pts,
+                (in.flags & MMAL_BUFFER_HEADER_FLAG_DECODEONLY) != 0, unitEnds);
+  if (!last) return;
+  decoder_.flush();
+  ending_ = true;
+}
+
+// A gap in the input starts the stream anew. Giving the output buffers back loses no picture: that
+// is how a client follows a change of size.
+void VideoDecode::drop(Port& target) {
+  if (target.isInput()) restart_ = true;
+  if (target.isOutput()) announced_ = false;
+}
+
+}  // namespace mmal
+
+MMAL_EVENT_FORMAT_CHANGED_T* mmal_event_format_changed_get(MMAL_BUFFER_HEADER_T* buffer) {
+  if (buffer == nullptr || buffer->cmd != MMAL_EVENT_FORMAT_CHANGED) return nullptr;
+  if (buffer->data == nullptr || buffer->length < sizeof(MMAL_EVENT_FORMAT_CHANGED_T))
+    return nullptr;
+  return reinterpret_cast<MMAL_EVENT_FORMAT_CHANGED_T*>(buffer->data);
+}

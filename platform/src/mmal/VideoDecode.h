@@ -1,0 +1,43 @@
+#ifndef TESSERA_PLATFORM_SRC_MMAL_VIDEODECODE_H
+#define TESSERA_PLATFORM_SRC_MMAL_VIDEODECODE_H
+
+#include "codec/H264Decoder.h"
+#include "mmal/Component.h"
+
+namespace mmal {
+
+/// "vc.ril.video_decode": H.264, cut anywhere, to I420 pictures in presentation order, laid out as
+/// the output port's format says. While a picture waits for an output buffer, input is held.
+///
+/// A picture of another size than the format's crop raises the format-changed event once and is
+/// kept until the output port has been disabled, given the new format, and enabled again; it is
+/// then the first that comes out.
+class VideoDecode final : public Component {
+ public:
+  VideoDecode();
+
+ private:
+  MMAL_STATUS_T checkFormat(const Port& target, const MMAL_ES_FORMAT_T& format) const override;
+  void setRequirements() override;
+  std::vector<MMAL_FOURCC_T> encodings(const Port& target) const override;
+  bool step() override;
+  void drop(Port& target) override;
+
+  void restart();
+  bool takePicture();
+  bool show();
+  void feed(const Header& in);
+  bool announce();
+  void write(Header& out, unsigned stride, unsigned sliceHeight) const;
+
+  codec::H264Decoder decoder_;
+  codec::H264Decoder::Picture picture_;
+  bool held_ = false;       ///< picture_ waits to go out
+  bool announced_ = false;  ///< its size was told; the output port has not been set up since
+  bool ending_ = false;     ///< the end of the stream is yet to be passed on
+  bool restart_ = true;     ///< the stream starts anew
+};
+
+}  // namespace mmal
+
+#endif  // TESSERA_PLATFORM_SRC_MMAL_VIDEODECODE_H

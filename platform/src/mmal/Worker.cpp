@@ -1,0 +1,259 @@
+#include <cstring>
+
+#include "interface/mmal/mmal_events.h"
+#include "mmal/Component.h"
+#include "mmal/Journal.h"
+#include "mmal/Wrapper.h"
+
+// The component's worker thread, and how clients and worker wait for each other.
+
+namespace mmal {
+
+using tessera_platform::CompletionFault;
+namespace hooks = tessera_platform::hooks;
+
+namespace {
+
+/// The component whose worker this thread is.
+thread_local const Component* workerOf = nullptr;
+
+constexpr std::uint32_t eventBytes = 512;
+
+const char* completionName(const Port& port) {
+  if (port.wrapper != nullptr) return "wrapper";
+  if (port.isInput()) return "input";
+  return port.isOutput() ? "output" : "control";
+}
+
+hooks::Completion judge(Port& port, Header& header) {
+  header.judged = true;
+  return hooks::completion(completionName(port),
+                           [&] { return nameOf(port) + ", " + payloadText(header); });
+}
+
+}  // namespace
+
+bool onWorkerThread() {
+  return workerOf != nullptr;
+}
+
+bool Component::onOwnWorker() const {
+  return workerOf == this;
+}
+
+// Notifies without the lock, so that the worker need not wait for it.
+void Component::wake(Lock& held) {
+  const bool needed = asleep_;
+  held.unlock();
+  if (needed) wake_.notify_one();
+}
+
+void Component::giveBack(Lock& held, Port& target) {
+  const unsigned ticket = ++target.asked;
+  // The worker itself serves the request as soon as the callback that it is in returns.
+  if (onOwnWorker()) return;
+  wake_.notify_one();
+  changed_.wait(held, [&] { return static_cast<int>(target.answered - ticket) >= 0; });
+}
+
+void Component::evict(Port& holder, Header& header) {
+  Lock held(mutex_);
+  if (!onOwnWorker()) changed_.wait(held, [this] { return !stepping_; });
+  for (HeaderList* list : {&holder.pending, &holder.finished, &holder.parked, &holder.returning})
+    if (list->remove(header)) break;
+}
+
+void Component::settle() {
+  if (onOwnWorker()) return;
+  Lock held(mutex_);
+  changed_.wait_until(held, std::chrono::system_clock::now() + std::chrono::seconds(1),
+                      [this] { return asleep_ && !busy(); });
+}
+
+bool Component::busy() const {
+  for (const Port* each : ports_)
+    if (each->asked != each->answered || !each->finished.empty()) return true;
+  return is_enabled != 0 && stirred_;
+}
+
+void Component::run() {
+  const hooks::Counted counted(hooks::Kind::Thread);
+  workerOf = this;
+  Lock held(mutex_);
+  for (;;) {
+    if (serveRequests(held) || deliverDue(held)) continue;
+    if (quit_) break;
+    if (is_enabled == 0 || !stirred_) {
+      sleep(held);
+      continue;
+    }
+    stirred_ = false;
+    stepping_ = true;
+    held.unlock();
+    const bool more = step();
+    held.lock();
+    stepping_ = false;
+    stirred_ = stirred_ || more;
+    changed_.notify_all();
+  }
+  held.unlock();
+  if (!orphaned_) return;
+  worker_.detach();
+  delete this;
+}
+
+void Component::sleep(Lock& held) {
+  asleep_ = true;
+  changed_.notify_all();
+  const Header* next = nullptr;
+  for (const Port* each : ports_) {
+    const Header* const first = each->finished.front();
+    if (first != nullptr && (next == nullptr || first->due < next->due)) next = first;
+  }
+  if (next == nullptr)
+    wake_.wait(held);
+  else
+    wake_.wait_until(held, std::chrono::system_clock::now() + (next->due - Clock::now()));
+  asleep_ = false;
+}
+
+bool Component::serveRequests(Lock& held) {
+  bool any = false;
+  for (Port* each : ports_) {
+    if (each->asked == each->answered) continue;
+    serve(held, *each);
+    any = true;
+  }
+  return any;
+}
+
+void Component::serve(Lock& held, Port& target) {
+  const unsigned ticket = target.asked;
+  drop(target);
+  target.returning.splice(target.finished);
+  target.returning.splice(target.parked);
+  target.returning.splice(target.pending);
+  while (Header* const header = target.returning.popFront()) concludeUnused(held, target, *header);
+  target.answered = ticket;
+  if (target.is_enabled == 0 && target.asked == ticket) target.callback = nullptr;
+  stirred_ = true;
+  changed_.notify_all();
+}
+
+bool Component::deliverDue(Lock& held) {
+  for (Port* each : ports_) {
+    Header* const header = each->finished.front();
+    if (header == nullptr || (header->judged && header->due > Clock::now())) continue;
+    each->finished.popFront();
+    if (header->judged)
+      deliver(held, *each, *header);
+    else
+      conclude(held, *each, *header);
+    return true;
+  }
+  return false;
+}
+
+// Asks what is to become of the callback, and lets it come.
+void Component::conclude(Lock& held, Port& target, Header& header) {
+  const hooks::Completion verdict = judge(target, header);
+  if (verdict.is(CompletionFault::Drop)) {
+    target.parked.pushBack(header);
+  } else if (verdict.is(CompletionFault::Delay)) {
+    header.due = Clock::now() + std::chrono::milliseconds(verdict.fault.delayMs);
+    target.finished.pushFront(header);
+  } else if (verdict.is(CompletionFault::ErrorEvent)) {
+    target.parked.pushBack(header);
+    deliverError(held, target, verdict.fault.code);
+  } else {
+    if (verdict.is(CompletionFault::ZeroLength)) header.length = 0;
+    deliver(held, target, header, verdict.is(CompletionFault::Double));
+  }
+}
+
+// A flush or disable keeps nothing back, whatever is injected.
+void Component::concludeUnused(Lock& held, Port& target, Header& header) {
+  if (header.judged) return deliver(held, target, header);
+  const hooks::Completion verdict = judge(target, header);
+  if (verdict.is(CompletionFault::ErrorEvent)) deliverError(held, target, verdict.fault.code);
+  if (verdict.is(CompletionFault::ZeroLength)) header.length = 0;
+  deliver(held, target, header, verdict.is(CompletionFault::Double));
+}
+
+void Component::deliver(Lock& held, Port& target, Header& header, bool twice) {
+  const MMAL_PORT_BH_CB_T callback = target.callback;
+  const bool inStep = stepping_;
+  stepping_ = true;
+  header.port = nullptr;
+  header.move(Place::Port, Place::Client);
+  held.unlock();
+  callback(&target, &header);
+  if (twice) callback(&target, &header);
+  held.lock();
+  stepping_ = inStep;
+  if (!inStep) changed_.notify_all();
+}
+
+void Component::deliverError(Lock& held, Port& target, std::uint32_t status) {
+  Header* const event = eventHeader(MMAL_EVENT_ERROR);
+  if (event == nullptr) return;
+  std::memcpy(event->data, &status, sizeof(status));
+  event->length = sizeof(status);
+  deliver(held, target, *event);
+}
+
+Header* Component::front(Port& target) {
+  const Lock held(mutex_);
+  return target.open() ? target.pending.front() : nullptr;
+}
+
+void Component::finish(Port& target) {
+  Lock held(mutex_);
+  Header* const header = target.pending.popFront();
+  if (header == nullptr) return;
+  if (target.finished.empty())
+    conclude(held, target, *header);
+  else
+    target.finished.pushBack(*header);  // in turn behind one that is late
+}
+
+void Component::raise(Port& target, Header& event) {
+  Lock held(mutex_);
+  if (!target.open()) {
+    held.unlock();
+    event.release();
+    return;
+  }
+  event.move(Place::Client, Place::Port);
+  event.judged = false;
+  event.port = &target;
+  if (target.finished.empty())
+    conclude(held, target, event);
+  else
+    target.finished.pushBack(event);
+}
+
+void Component::raiseError(MMAL_STATUS_T status) {
+  Lock held(mutex_);
+  if (controlPort_->open()) deliverError(held, *controlPort_, static_cast<std::uint32_t>(status));
+}
+
+Header* Component::eventHeader(std::uint32_t command) try {
+  Header* event = freeEvents_.get();
+  if (event == nullptr) {
+    Payload payload(eventBytes, {});
+    if (payload.data() == nullptr) return nullptr;
+    events_.push_back(std::make_unique<Header>(*this, std::move(payload)));
+    event = events_.back().get();
+  }
+  event->cmd = command;
+  return event;
+} catch (const std::bad_alloc&) {
+  return nullptr;
+}
+
+void Component::takeBack(Header& header) {
+  freeEvents_.put(header);
+}
+
+}  // namespace mmal
