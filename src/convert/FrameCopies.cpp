@@ -71,17 +71,15 @@ void yuyvToPaddedI420(const std::uint8_t* source, std::uint32_t sourceSize, std:
   std::uint64_t groupsLeft = sourceSize / 4;
 
   const std::uint32_t pairs = wholePairs(layout, rowGroups, groupsLeft, height, capacity);
-  const auto stride = static_cast<std::size_t>(layout.stride);
   const auto groups = static_cast<std::size_t>(rowGroups);
   const Stores stores = storesFor(layout.u / 2 * 3);
-  const auto convertPair = activeKernels().yuyvToPlanar;
-  for (std::uint32_t k = 0; k < pairs; ++k) {
-    std::uint8_t* luma = destination + 2 * k * stride;
-    std::uint8_t* u = destination + static_cast<std::size_t>(layout.u) + k * (stride / 2);
-    std::uint8_t* v = destination + static_cast<std::size_t>(layout.v) + k * (stride / 2);
-    convertPair({source, source + 4 * groups}, {luma, luma + stride, u, v}, groups, stores);
-    source += 8 * groups;
-    groupsLeft -= 2 * rowGroups;
+  if (pairs > 0) {
+    const PlanarRows planes{destination, destination + static_cast<std::size_t>(layout.u),
+                            destination + static_cast<std::size_t>(layout.v),
+                            static_cast<std::size_t>(layout.stride)};
+    activeKernels().yuyvToPlanar({source, 4 * groups}, planes, pairs, groups, stores);
+    source += 8 * groups * pairs;
+    groupsLeft -= 2 * rowGroups * pairs;
   }
 
   // The last row of an odd height, and what one of the buffers cuts off.
@@ -117,17 +115,14 @@ void yuyvToNv12(const std::uint8_t* source, std::uint8_t* destination, std::int3
   // No buffer holds a picture whose source is longer than the address space.
   if (rows > SIZE_MAX / 2 / pixels) return;
 
-  std::uint8_t* luma = destination;
-  std::uint8_t* chroma = destination + pixels * rows;
+  const std::size_t pairs = rows / 2;
   const Stores stores = storesFor(std::uint64_t{pixels} * rows / 2 * 3);
-  const auto convertPair = activeKernels().yuyvToSemiPlanar;
-  for (std::size_t k = 0; k < rows / 2; ++k) {
-    convertPair({source, source + 2 * pixels}, {luma, luma + pixels, chroma}, pixels, stores);
-    source += 4 * pixels;
-    luma += 2 * pixels;
-    chroma += pixels;
+  activeKernels().yuyvToSemiPlanar({source, 2 * pixels},
+                                   {destination, destination + pixels * rows, pixels}, pairs,
+                                   pixels, stores);
+  if (rows % 2 == 1) {
+    gather(source + 4 * pixels * pairs, 2, destination, 2 * pixels * pairs, pixels);
   }
-  if (rows % 2 == 1) gather(source, 2, luma, 0, pixels);
 }
 
 }  // namespace convert

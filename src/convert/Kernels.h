@@ -6,25 +6,25 @@
 
 namespace convert {
 
-/// A row of packed 4:2:2 and the row below it: what 4:2:0 shares its chroma between.
-struct RowPair {
-  const std::uint8_t* upper;
-  const std::uint8_t* lower;
+/// Packed 4:2:2, from its first row on. Rows come in pairs, since 4:2:0 has one chroma row for two.
+struct PackedRows {
+  const std::uint8_t* rows;
+  std::size_t pitch;
 };
 
-/// Where a row pair goes in planar 4:2:0.
+/// Planar 4:2:0: chroma rows are half the luma stride apart.
 struct PlanarRows {
-  std::uint8_t* upperLuma;
-  std::uint8_t* lowerLuma;
+  std::uint8_t* luma;
   std::uint8_t* u;
   std::uint8_t* v;
+  std::size_t stride;
 };
 
-/// Where a row pair goes in NV12.
+/// NV12: luma and chroma rows share one stride.
 struct SemiPlanarRows {
-  std::uint8_t* upperLuma;
-  std::uint8_t* lowerLuma;
+  std::uint8_t* luma;
   std::uint8_t* chroma;
+  std::size_t stride;
 };
 
 /// Streaming stores go past the caches: faster where the picture would not fit in them anyway,
@@ -37,12 +37,15 @@ enum class Stores { Cached, Streaming };
 struct Kernels {
   const char* name;
 
-  /// `groups` groups of Y0 U Y1 V a row: 2 * groups luma bytes a row, groups bytes of U and of V.
-  void (*yuyvToPlanar)(RowPair source, PlanarRows destination, std::size_t groups, Stores stores);
+  /// `groups` groups of Y0 U Y1 V a row: 2 * groups luma bytes a row, groups bytes of U and of V a
+  /// pair.
+  void (*yuyvToPlanar)(const PackedRows& source, const PlanarRows& destination, std::size_t pairs,
+                       std::size_t groups, Stores stores);
 
-  /// `pixels` byte pairs of luma and chroma a row: pixels luma bytes a row, pixels chroma bytes.
-  void (*yuyvToSemiPlanar)(RowPair source, SemiPlanarRows destination, std::size_t pixels,
-                           Stores stores);
+  /// `pixels` byte pairs of luma and chroma a row: pixels luma bytes a row, pixels chroma bytes a
+  /// pair.
+  void (*yuyvToSemiPlanar)(const PackedRows& source, const SemiPlanarRows& destination,
+                           std::size_t pairs, std::size_t pixels, Stores stores);
 };
 
 /// The loops' definition, for every processor.

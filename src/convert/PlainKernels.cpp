@@ -3,22 +3,39 @@
 namespace convert {
 namespace {
 
-void yuyvToPlanar(RowPair source, PlanarRows destination, std::size_t groups, Stores) {
-  for (std::size_t i = 0; i < groups; ++i) {
-    destination.upperLuma[2 * i] = source.upper[4 * i];
-    destination.upperLuma[2 * i + 1] = source.upper[4 * i + 2];
-    destination.u[i] = source.upper[4 * i + 1];
-    destination.v[i] = source.upper[4 * i + 3];
-    destination.lowerLuma[2 * i] = source.lower[4 * i];
-    destination.lowerLuma[2 * i + 1] = source.lower[4 * i + 2];
+void yuyvToPlanar(const PackedRows& source, const PlanarRows& destination, std::size_t pairs,
+                  std::size_t groups, Stores) {
+  for (std::size_t k = 0; k < pairs; ++k) {
+    const std::uint8_t* upper = source.rows + 2 * k * source.pitch;
+    const std::uint8_t* lower = upper + source.pitch;
+    std::uint8_t* upperLuma = destination.luma + 2 * k * destination.stride;
+    std::uint8_t* lowerLuma = upperLuma + destination.stride;
+    std::uint8_t* u = destination.u + k * (destination.stride / 2);
+    std::uint8_t* v = destination.v + k * (destination.stride / 2);
+    for (std::size_t i = 0; i < groups; ++i) {
+      upperLuma[2 * i] = upper[4 * i];
+      upperLuma[2 * i + 1] = upper[4 * i + 2];
+      u[i] = upper[4 * i + 1];
+      v[i] = upper[4 * i + 3];
+      lowerLuma[2 * i] = lower[4 * i];
+      lowerLuma[2 * i + 1] = lower[4 * i + 2];
+    }
   }
 }
 
-void yuyvToSemiPlanar(RowPair source, SemiPlanarRows destination, std::size_t pixels, Stores) {
-  for (std::size_t j = 0; j < pixels; ++j) {
-    destination.upperLuma[j] = source.upper[2 * j];
-    destination.chroma[j] = source.upper[2 * j + 1];
-    destination.lowerLuma[j] = source.lower[2 * j];
+void yuyvToSemiPlanar(const PackedRows& source, const SemiPlanarRows& destination,
+                      std::size_t pairs, std::size_t pixels, Stores) {
+  for (std::size_t k = 0; k < pairs; ++k) {
+    const std::uint8_t* upper = source.rows + 2 * k * source.pitch;
+    const std::uint8_t* lower = upper + source.pitch;
+    std::uint8_t* upperLuma = destination.luma + 2 * k * destination.stride;
+    std::uint8_t* lowerLuma = upperLuma + destination.stride;
+    std::uint8_t* chroma = destination.chroma + k * destination.stride;
+    for (std::size_t j = 0; j < pixels; ++j) {
+      upperLuma[j] = upper[2 * j];
+      chroma[j] = upper[2 * j + 1];
+      lowerLuma[j] = lower[2 * j];
+    }
   }
 }
 

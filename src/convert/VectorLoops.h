@@ -8,70 +8,144 @@
 
 namespace convert {
 
+/// A row of the source and the row below it.
+struct RowPair {
+  const std::uint8_t* upper;
+  const std::uint8_t* lower;
+
+  RowPair(const PackedRows& source, std::size_t k)
+      : upper(source.rows + 2 * k * source.pitch), lower(upper + source.pitch) {}
+};
+
+/// Where a pair goes in planar 4:2:0.
+struct PlanarPair {
+  std::uint8_t* upperLuma;
+  std::uint8_t* lowerLuma;
+  std::uint8_t* u;
+  std::uint8_t* v;
+
+  PlanarPair(const PlanarRows& destination, std::size_t k)
+      : upperLuma(destination.luma + 2 * k * destination.stride),
+        lowerLuma(upperLuma + destination.stride),
+        u(destination.u + k * (destination.stride / 2)),
+        v(destination.v + k * (destination.stride / 2)) {}
+};
+
+/// Where a pair goes in NV12.
+struct SemiPlanarPair {
+  std::uint8_t* upperLuma;
+  std::uint8_t* lowerLuma;
+  std::uint8_t* chroma;
+
+  SemiPlanarPair(const SemiPlanarRows& destination, std::size_t k)
+      : upperLuma(destination.luma + 2 * k * destination.stride),
+        lowerLuma(upperLuma + destination.stride),
+        chroma(destination.chroma + k * destination.stride) {}
+};
+
 /// The loops that all vector kernels share, over a `Steps` class that says what one step does:
 ///
 ///     static constexpr std::size_t planarGroups, semiPlanarPixels;   // converted by one step
-///     static constexpr std::size_t alignment;                        // of a streaming store
-///     static const Kernels& narrower();                              // for rows below one step
-///     template <Stores> static void planar(RowPair, PlanarRows, std::size_t group);
-///     template <Stores> static void semiPlanar(RowPair, SemiPlanarRows, std::size_t pixel);
-///     static void fence();                                           // after streaming stores
+///     static constexpr std::size_t alignment;    // that streaming stores want; 0: there are none
+///     static void fence();                       // after streaming stores
+///     static const Kernels& narrower();          // for what is less than a step
+///     template <Stores> static void planar(RowPair, PlanarPair, std::size_t group);
+///     template <Stores> static void semiPlanar(RowPair, SemiPlanarPair, std::size_t pixel);
 ///
 /// `Steps` must live in an unnamed namespace: then so does all that is made here, and the linker
 /// cannot take one kernel's code for another's with instructions that the processor lacks.
 template <class Steps>
 class VectorLoops {
  public:
-  static void yuyvToPlanar(RowPair source, PlanarRows destination, std::size_t groups,
-                           Stores stores) {
-    constexpr std::size_t step = Steps::planarGroups;
-    if (groups < step) {
-      return Steps::narrower().yuyvToPlanar(source, destination, groups, stores);
+  static void yuyvToPlanar(const PackedRows& source, const PlanarRows& destination,
+                           std::size_t pairs, std::size_t groups, Stores stores) {
+    const std::uintptr_t places = address(destination.luma) | address(destination.u) |
+                                  address(destination.v) | destination.stride / 2;
+    if (groups < Steps::planarGroups || narrowerStreams(places, stores)) {
+      return Steps::narrower().yuyvToPlanar(source, destination, pairs, groups, stores);
     }
-    std::size_t i = 0;
-    const std::size_t first = toAlignment(destination.u);
-    if (stores == Stores::Streaming && first + step <= groups && aligned(destination.v + first) &&
-        aligned(destination.upperLuma + 2 * first) && aligned(destination.lowerLuma + 2 * first)) {
-      Steps::template planar<Stores::Cached>(source, destination, 0);
-      for (i = first; i + step <= groups; i += step) {
-        Steps::template planar<Stores::Streaming>(source, destination, i);
-      }
-      Steps::fence();
+    const bool streaming = streams(places, stores);
+    for (std::size_t k = 0; k < pairs; ++k) {
+      const RowPair from(source, k);
+      const PlanarPair to(destination, k);
+      const auto step = [from, to](auto kind, std::size_t i) {
+        Steps::template planar<decltype(kind)::stores>(from, to, i);
+      };
+      const auto rest = [&](std::size_t i) {
+        Steps::narrower().yuyvToPlanar(
+            {from.upper + 4 * i, source.pitch},
+            {to.upperLuma + 2 * i, to.u + i, to.v + i, destination.stride}, 1, groups - i,
+            Stores::Cached);
+      };
+      walk<Steps::planarGroups>(groups, streaming, step, rest);
     }
-    for (; i + step <= groups; i += step) {
-      Steps::template planar<Stores::Cached>(source, destination, i);
-    }
-    // What is left of the row is less than a step: one that overlaps the step before it.
-    if (i < groups) Steps::template planar<Stores::Cached>(source, destination, groups - step);
+    if (streaming) Steps::fence();
   }
 
-  static void yuyvToSemiPlanar(RowPair source, SemiPlanarRows destination, std::size_t pixels,
-                               Stores stores) {
-    constexpr std::size_t step = Steps::semiPlanarPixels;
-    if (pixels < step) {
-      return Steps::narrower().yuyvToSemiPlanar(source, destination, pixels, stores);
+  static void yuyvToSemiPlanar(const PackedRows& source, const SemiPlanarRows& destination,
+                               std::size_t pairs, std::size_t pixels, Stores stores) {
+    const std::uintptr_t places =
+        address(destination.luma) | address(destination.chroma) | destination.stride;
+    if (pixels < Steps::semiPlanarPixels || narrowerStreams(places, stores)) {
+      return Steps::narrower().yuyvToSemiPlanar(source, destination, pairs, pixels, stores);
     }
-    std::size_t i = 0;
-    const std::size_t first = toAlignment(destination.chroma);
-    if (stores == Stores::Streaming && first + step <= pixels &&
-        aligned(destination.upperLuma + first) && aligned(destination.lowerLuma + first)) {
-      Steps::template semiPlanar<Stores::Cached>(source, destination, 0);
-      for (i = first; i + step <= pixels; i += step) {
-        Steps::template semiPlanar<Stores::Streaming>(source, destination, i);
-      }
-      Steps::fence();
+    const bool streaming = streams(places, stores);
+    for (std::size_t k = 0; k < pairs; ++k) {
+      const RowPair from(source, k);
+      const SemiPlanarPair to(destination, k);
+      const auto step = [from, to](auto kind, std::size_t j) {
+        Steps::template semiPlanar<decltype(kind)::stores>(from, to, j);
+      };
+      const auto rest = [&](std::size_t j) {
+        Steps::narrower().yuyvToSemiPlanar({from.upper + 2 * j, source.pitch},
+                                           {to.upperLuma + j, to.chroma + j, destination.stride}, 1,
+                                           pixels - j, Stores::Cached);
+      };
+      walk<Steps::semiPlanarPixels>(pixels, streaming, step, rest);
     }
-    for (; i + step <= pixels; i += step) {
-      Steps::template semiPlanar<Stores::Cached>(source, destination, i);
-    }
-    if (i < pixels) Steps::template semiPlanar<Stores::Cached>(source, destination, pixels - step);
+    if (streaming) Steps::fence();
   }
 
  private:
-  static std::size_t toAlignment(const std::uint8_t* p) {
-    return static_cast<std::size_t>(-reinterpret_cast<std::uintptr_t>(p) % Steps::alignment);
+  struct Cached {
+    static constexpr Stores stores = Stores::Cached;
+  };
+  struct Streaming {
+    static constexpr Stores stores = Stores::Streaming;
+  };
+
+  /// Takes `count`, at least a step, in steps. What is left at the end goes to a step that overlaps
+  /// the one before it, but after streaming to `rest`: a cache line that is stored both ways costs
+  /// more than streaming saves.
+  template <std::size_t size, class Step, class Rest>
+  static void walk(std::size_t count, bool streaming, const Step& step, const Rest& rest) {
+    std::size_t i = 0;
+    if (streaming) {
+      for (; i + size <= count; i += size) step(Streaming{}, i);
+      if (i < count) rest(i);
+    } else {
+      for (; i + size <= count; i += size) step(Cached{}, i);
+      if (i < count) step(Cached{}, count - size);
+    }
   }
-  static bool aligned(const std::uint8_t* p) { return toAlignment(p) == 0; }
+
+  static std::uintptr_t address(const std::uint8_t* p) {
+    return reinterpret_cast<std::uintptr_t>(p);
+  }
+
+  static bool streams(std::uintptr_t places, Stores stores) {
+    if constexpr (Steps::alignment > 0) {
+      return stores == Stores::Streaming && places % Steps::alignment == 0;
+    }
+    return false;
+  }
+
+  /// Whether these places suit the streaming stores of a narrower kernel only. The narrowest want
+  /// what malloc gives.
+  static bool narrowerStreams(std::uintptr_t places, Stores stores) {
+    return Steps::alignment > 16 && stores == Stores::Streaming && !streams(places, stores) &&
+           places % 16 == 0;
+  }
 };
 
 }  // namespace convert

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "convert/Kernels.h"
+#include "convert/VectorLoops.h"
 
 namespace convert {
 
@@ -33,7 +33,7 @@ struct X86Steps {
   }
 
   template <Stores stores>
-  static void planar(RowPair source, PlanarRows destination, std::size_t group) {
+  static void planar(RowPair source, PlanarPair destination, std::size_t group) {
     const std::uint8_t* row = source.upper + 4 * group;
     const auto a = Vector::load(row), b = Vector::load(row + size);
     const auto c = Vector::load(row + 2 * size), d = Vector::load(row + 3 * size);
@@ -47,12 +47,14 @@ struct X86Steps {
   }
 
   template <Stores stores>
-  static void semiPlanar(RowPair source, SemiPlanarRows destination, std::size_t pixel) {
-    const std::uint8_t* row = source.upper + 2 * pixel;
-    const auto a = Vector::load(row), b = Vector::load(row + size);
+  static void semiPlanar(RowPair source, SemiPlanarPair destination, std::size_t pixel) {
+    const std::uint8_t* upper = source.upper + 2 * pixel;
+    const std::uint8_t* lower = source.lower + 2 * pixel;
+    const auto a = Vector::load(upper), b = Vector::load(upper + size);
+    const auto c = Vector::load(lower), d = Vector::load(lower + size);
     store<stores>(destination.upperLuma + pixel, Vector::even(a, b));
     store<stores>(destination.chroma + pixel, Vector::odd(a, b));
-    luma<stores>(source.lower + 2 * pixel, destination.lowerLuma + pixel);
+    store<stores>(destination.lowerLuma + pixel, Vector::even(c, d));
   }
 
   template <Stores stores>
