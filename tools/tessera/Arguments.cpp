@@ -3,7 +3,6 @@
 #include <CLI/CLI.hpp>
 #include <cmath>
 #include <cstdio>
-#include <functional>
 #include <iostream>
 #include <map>
 
@@ -21,7 +20,7 @@ const std::map<std::string, PixelFormat> videoFormats = {{"i420", PixelFormat::I
 const std::map<std::string, Via> vias = {{"mmal", Via::Mmal}, {"omx", Via::Omx}};
 
 constexpr char filesText[] =
-    "INPUT and OUTPUT are files, or '-' for standard input and output. Exit status: 0 done, "
+    "INPUT and OUTPUT are files, or '-' for standard input and output. Exit status: 0 done,\n"
     "1 failed (OUTPUT is then absent or as it was), 2 wrong usage.";
 
 /// An option whose text goes through one of the parsers below.
@@ -38,21 +37,19 @@ CLI::Option* parsed(CLI::App& app, const std::string& name, std::optional<Value>
       ->type_name(shape.substr(0, shape.find(',')));
 }
 
-void addFormat(CLI::App& app, Arguments& arguments,
-               const std::map<std::string, PixelFormat>& formats) {
-  const auto take = [&arguments, &formats](const std::string& text) {
-    const auto found = formats.find(text);
-    if (found == formats.end()) {
-      std::string names;
-      for (const auto& entry : formats) names += (names.empty() ? "" : ", ") + entry.first;
-      throw CLI::ValidationError("--format", "\"" + text + "\" is unknown; it can be " + names);
-    }
-    arguments.format = found->second;
-  };
+/// An option that is one of a few names.
+template <typename Value, typename Target>
+void chosen(CLI::App& app, const std::string& name, Target& target,
+            const std::map<std::string, Value>& choices, const std::string& help) {
   std::string names;
-  for (const auto& entry : formats) names += (names.empty() ? "" : "|") + entry.first;
-  app.add_option_function<std::string>("--format", take, "How the pixels lie in raw frames")
-      ->type_name(names);
+  for (const auto& choice : choices) names += (names.empty() ? "" : "|") + choice.first;
+  const auto take = [&target, &choices, name, names](const std::string& text) {
+    const auto found = choices.find(text);
+    if (found == choices.end())
+      throw CLI::ValidationError(name, "\"" + text + "\" is unknown; it can be " + names);
+    target = found->second;
+  };
+  app.add_option_function<std::string>(name, take, help)->type_name(names);
 }
 
 void addFiles(CLI::App& app, Arguments& arguments) {
@@ -67,11 +64,13 @@ void addFiles(CLI::App& app, Arguments& arguments) {
                "The last line (on standard error) as a JSON object, for scripts");
 }
 
+void addFormat(CLI::App& app, Arguments& arguments,
+               const std::map<std::string, PixelFormat>& formats) {
+  chosen(app, "--format", arguments.format, formats, "How the pixels lie in raw frames");
+}
+
 void addVia(CLI::App& app, Arguments& arguments) {
-  app.add_option("--via", arguments.via, "The platform interface to go through")
-      ->transform(CLI::CheckedTransformer(vias, CLI::ignore_case).description("mmal|omx"))
-      ->type_name("")
-      ->default_str("mmal");
+  chosen(app, "--via", arguments.via, vias, "The platform interface to go through (default: mmal)");
 }
 
 void addSize(CLI::App& app, Arguments& arguments, const std::string& help) {
@@ -98,12 +97,11 @@ void addJpegDecode(CLI::App& app, Arguments& arguments) {
                "Leave out pictures that cannot be decoded, instead of failing");
   addFiles(app, arguments);
   app.footer(
-      "INPUT is a JPEG, or many one after another (MJPEG). OUTPUT.y4m and '-' are Y4M, "
-      "OUTPUT.i420\n"
-      "and OUTPUT.yuv planes of 4:2:0, chroma rounded up at odd sizes. Pictures of different\n"
-      "sizes fit into planes only.\n\n"
+      "INPUT is a JPEG, or many one after another (MJPEG). OUTPUT.y4m and '-' are Y4M,\n"
+      "OUTPUT.i420 and OUTPUT.yuv planes of 4:2:0, chroma rounded up at odd sizes. Pictures of\n"
+      "different sizes fit into planes only.\n\n"
       "  tessera jpeg-decode photo.jpg -o photo.y4m\n"
-  X);
+      "  tessera jpeg-decode camera.mjpeg -o - | ffplay -");
 }
 
 void addH264Encode(CLI::App& app, Arguments& arguments) {
@@ -233,10 +231,12 @@ std::optional<Arguments> parseArguments(int argc, char** argv, int& status) {
     status = app.exit(answer) == 0 && std::cout.flush() ? ExitDone : ExitFailed;
     return std::nullopt;
   } catch (const CLI::ParseError& error) {
-    std::fprintf(stderr, "tessera: %s\n", error.what());
-    const auto chosen = app.get_subcommands();
-    std::fprintf(stderr, "See: tessera %s--help\n",
-                 chosen.empty() ? "" : (chosen.front()->get_name() + " ").c_str());
+    const auto known = app.get_subcommands();
+    const bool unknown = known.empty() && argc > 1 && argv[1][0] != '-';
+    const std::string command = known.empty() ? "" : known.front()->get_name() + " ";
+    std::fprintf(stderr, "tessera: %s\nSee: tessera %s--help\n",
+                 unknown ? (std::string("unknown command ") + argv[1]).c_str() : error.what(),
+                 command.c_str());
     status = ExitUsage;
     return std::nullopt;
   }

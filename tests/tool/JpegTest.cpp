@@ -1,0 +1,161 @@
+#include "Shell.h"
+#include "support/JpegOracle.h"
+
+namespace {
+
+using support::Bytes;
+using support::Image;
+using support::Sampling;
+using support::Yuv;
+
+Bytes operator+(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+Bytes rawFrame(const Image& image, const std::string& format) {
+  if (format == "yuyv") return toYuyv(image, (image.width + 1) & ~1);
+  return toRgb(image, std::stoi(format.substr(3)));
+}
+
+/// The largest error of a bar's colour, in the middle of each.
+int barError(const Image& picture, const Image& bars) {
+  int most = 0;
+  for (int bar = 0; bar < 8; ++bar)
+    for (int c = 0; c < 3; ++c) {
+      const int x = (2 * bar + 1) * bars.width / 16, y = bars.height / 2;
+      most = std::max(most, std::abs(picture.at(x, y)[c] - bars.at(x, y)[c]));
+    }
+  return most;
+}
+
+using Way = std::tuple<const char*, const char*, std::pair<int, int>>;
+class JpegEncodeTest : public ToolTest, public testing::WithParamInterface<Way> {};
+
+TEST_P(JpegEncodeTest, ColoursAreInTheirPlaces) {
+  const auto [format, via, size] = GetParam();
+  const bool omx = via == std::string("omx");
+  const Image bars = support::bars(size.first, size.second);
+  save("in", rawFrame(bars, format));
+  const Result result =
+      run("tessera jpeg-encode --size " + std::to_string(size.first) + "x" +
+          std::to_string(size.second) + " --format " + format + " --via " + via + " in -o out.jpg");
+  ASSERT_EQ(result.status, 0) << result.err;
+
+  const Image picture = support::decodeJpegToRgb(load("out.jpg"));
+  ASSERT_EQ(picture.width, omx ? support::round32(size.first) : size.first);
+  ASSERT_EQ(picture.height, omx ? support::round16(size.second) : size.second);
+  EXPECT_LE(barError(picture, bars), 12);
+  // The last bar is black, so what is repeated of it is too.
+  const int right = picture.width - 1, bottom = picture.height - 1;
+  for (int c = 0; c < 3; ++c) EXPECT_LE(picture.at(right, bottom)[c], 12);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, JpegEncodeTest,
+                         testing::Combine(testing::Values("yuyv", "rgb16", "rgb24", "rgb32"),
+                                          testing::Values("mmal", "omx"),
+                                          testing::Values(std::pair(192, 96), std::pair(205, 97))),
+                         [](const auto& tested) {
+                           return std::string(std::get<0>(tested.param)) +
+                                  std::get<1>(tested.param) +
+                                  std::to_string(std::get<2>(tested.param).first);
+                         });
+
+TEST_F(ToolTest, ManyFramesThroughPipesComeBackEachItself) {
+  constexpr int count = 12, width = 150, height = 75;
+  const auto frame = [](int t) { return rawFrame(support::scene(width, height, t), "yuyv"); };
+  save("in", frames(count, frame));
+  const Result result =
+      run("tessera jpeg-encode --size 150x75 --format yuyv - -o - <in | tessera jpeg-decode - -o - "
+          ">out.y4m");
+  ASSERT_EQ(result.status, 0) << result.err;
+  const Y4m decoded = fromY4m(load("out.y4m"));
+  ASSERT_EQ(decoded.pictures.size(), std::size_t{count});
+  const auto originals = scenes(count, width, height);
+  for (int t = 0; t < count; ++t) {
+    EXPECT_GT(lumaPsnr(decoded.pictures[t], originals[t]), 33) << t;
+    EXPECT_LT(lumaPsnr(decoded.pictures[t], originals[(t + 1) % count]), 30) << t;
+  }
+}
+
+TEST_F(ToolTest, APhotoOfAnySamplingAndSizeIsDecodedBitForBit) {
+  for (const auto& [width, height] : {std::pair(1, 1), {2, 2}, {33, 17}, {321, 241}})
+    for (const Sampling sampling : {Sampling::Yuv420, Sampling::Yuv444, Sampling::Grey}) {
+      const Bytes jpeg = support::encodeJpeg(support::scene(width, height), sampling, 90);
+      save("in.jpg", jpeg);
+      const Result result = run("tessera jpeg-decode in.jpg -o out.yuv");
+      ASSERT_EQ(result.status, 0) << result.err;
+      const auto pictures = fromI420(load("out.yuv"), width, height);
+      ASSERT_EQ(pictures.size(), 1u) << width << "x" << height;
+      EXPECT_EQ(pictures[0].y, support::decodeJpeg(jpeg).y) << width << "x" << height;
+    }
+}
+
+TEST_F(ToolTest, PicturesWithinPicturesAndStrayBytesDoNotConfuseTheCut) {
+  const Bytes inner = support::encodeJpeg(support::flat(16, 16, 9, 9, 9), Sampling::Yuv420, 80);
+  Bytes exif = support::encodeJpeg(support::scene(64, 48), Sampling::Yuv422, 90);
+  Bytes segment = {0xFF, 0xE1, static_cast<std::uint8_t>((inner.size() + 2) >> 8),
+                   static_cast<std::uint8_t>(inner.size() + 2)};
+  segment = segment + inner;
+  exif.insert(exif.begin() + 2, segment.begin(), segment.end());
+  const Bytes progressive =
+      support::encodeJpeg(support::scene(64, 48, 5), Sampling::Yuv420, 90, true);
+  const Bytes zeroes(7, 0), stray(9, 'x');
+  save("in.mjpeg", exif + zeroes + progressive + stray + exif);
+
+  const Result result = run("tessera jpeg-decode in.mjpeg -o out.y4m");
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.err.find("9 bytes of in.mjpeg belong to no picture"), std::string::npos);
+  const Y4m decoded = fromY4m(load("out.y4m"));
+  ASSERT_EQ(decoded.pictures.size(), 3u);
+  EXPECT_NE(decoded.header.find(" C420jpeg XCOLORRANGE=FULL"), std::string::npos);
+  EXPECT_EQ(decoded.pictures[0].y, support::decodeJpeg(exif).y);
+  EXPECT_EQ(decoded.pictures[1].y, support::decodeJpeg(progressive).y);
+  EXPECT_EQ(decoded.pictures[2].y, decoded.pictures[0].y);
+}
+
+TEST_F(ToolTest, ChangingSizesFitIntoPlanesOnly) {
+  const Bytes small = support::encodeJpeg(support::scene(40, 30), Sampling::Yuv420, 90);
+  const Bytes large = support::encodeJpeg(support::scene(100, 50), Sampling::Yuv420, 90);
+  save("in.mjpeg", small + large + small);
+  const Result refused = run("tessera jpeg-decode in.mjpeg -o out.y4m");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("change from 40x30 to 100x50"), std::string::npos) << refused.err;
+  EXPECT_EQ(files(), std::vector<std::string>{"in.mjpeg"});
+
+  ASSERT_EQ(run("tessera jpeg-decode in.mjpeg -o out.i420").status, 0);
+  EXPECT_EQ(load("out.i420").size(), 2u * 1800 + 7500);
+}
+
+TEST_F(ToolTest, ABadPictureFailsUnlessLeftOut) {
+  const Bytes good = support::encodeJpeg(support::scene(40, 30), Sampling::Yuv420, 90);
+  Bytes claims = good;  // a picture that claims 65535 x 65535
+  for (std::size_t at = 0; at + 9 < claims.size(); ++at)
+    if (claims[at] == 0xFF && claims[at + 1] == 0xC0) {
+      std::fill_n(&claims[at + 5], 4, std::uint8_t{0xFF});
+      break;
+    }
+  save("in.mjpeg", good + claims + good);
+  const Result refused = run("tessera jpeg-decode in.mjpeg -o out.y4m");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("picture 2 of in.mjpeg cannot be decoded (65535x65535)"),
+            std::string::npos)
+      << refused.err;
+
+  const Result kept = run("tessera jpeg-decode --keep-going in.mjpeg -o out.y4m");
+  EXPECT_EQ(kept.status, 0) << kept.err;
+  EXPECT_EQ(fromY4m(load("out.y4m")).pictures.size(), 2u);
+  EXPECT_NE(kept.err.find("2 frames (1 left out)"), std::string::npos) << kept.err;
+}
+
+TEST_F(ToolTest, ACutPictureIsToldOf) {
+  Bytes jpeg = support::encodeJpeg(support::scene(160, 120), Sampling::Yuv420, 90);
+  jpeg.resize(jpeg.size() / 2);
+  save("in.jpg", jpeg);
+  const Result result = run("tessera jpeg-decode in.jpg -o out.y4m");
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.err.find("picture 1 of in.jpg is cut short"), std::string::npos) << result.err;
+  EXPECT_EQ(fromY4m(load("out.y4m")).pictures.size(), 1u);
+}
+
+}  // namespace

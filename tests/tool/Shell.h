@@ -1,0 +1,62 @@
+#ifndef TESSERA_TESTS_TOOL_SHELL_H
+#define TESSERA_TESTS_TOOL_SHELL_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/Pictures.h"
+
+/// What a command left behind.
+struct Result {
+  int status = -1;  ///< exit status; 128 + signal where one ended it
+  std::string out;
+  std::string err;
+};
+
+/// A directory of its own for each test, and a shell in it that knows the tool as `tessera`.
+class ToolTest : public testing::Test {
+ protected:
+  ToolTest();
+  ~ToolTest() override;
+
+  /// Runs a script for at most 30 s; a longer one ends with status 124.
+  Result run(const std::string& script) const;
+
+  void save(const std::string& name, const support::Bytes& data) const;
+  support::Bytes load(const std::string& name) const;
+
+  /// All names in the directory, hidden ones included, but for what run() needs.
+  std::vector<std::string> files() const;
+
+  std::string directory_;
+};
+
+/// Frames of scene() one after another, each by the function given.
+template <typename Make>
+support::Bytes frames(int count, Make make) {
+  support::Bytes all;
+  for (int t = 0; t < count; ++t) {
+    const support::Bytes one = make(t);
+    all.insert(all.end(), one.begin(), one.end());
+  }
+  return all;
+}
+
+/// The planes one after another, as in raw files.
+support::Bytes toI420(const support::Yuv& picture);
+std::vector<support::Yuv> fromI420(const support::Bytes& data, int width, int height);
+
+/// A Y4M file of 4:2:0 pictures; `header` is what follows the size.
+support::Bytes toY4m(const std::vector<support::Yuv>& pictures, const std::string& header);
+
+struct Y4m {
+  std::string header;  ///< the first line
+  std::vector<support::Yuv> pictures;
+};
+Y4m fromY4m(const support::Bytes& data);
+
+std::vector<support::Yuv> scenes(int count, int width, int height);
+
+#endif  // TESSERA_TESTS_TOOL_SHELL_H

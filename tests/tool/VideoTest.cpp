@@ -1,0 +1,171 @@
+#include <nlohmann/json.hpp>
+
+#include "Shell.h"
+#include "support/H264Oracle.h"
+
+namespace {
+
+using support::Bytes;
+using support::H264Stream;
+using support::Yuv;
+
+double worstPsnr(const std::vector<Yuv>& a, const std::vector<Yuv>& b, int width, int height) {
+  double worst = 99;
+  for (std::size_t i = 0; i < std::min(a.size(), b.size()); ++i) {
+    // Where the stream is larger than the pictures, their part of it counts.
+    Bytes left, right;
+    for (int y = 0; y < height; ++y) {
+      const auto row = [&](const Yuv& p) { return p.y.begin() + std::ptrdiff_t{y} * p.width; };
+      left.insert(left.end(), row(a[i]), row(a[i]) + width);
+      right.insert(right.end(), row(b[i]), row(b[i]) + width);
+    }
+    worst = std::min(worst, support::psnr(left, right));
+  }
+  return worst;
+}
+
+struct Way {
+  const char* name;
+  const char* arguments;
+  int width, height;
+  int codedWidth, codedHeight;
+};
+class H264EncodeTest : public ToolTest, public testing::WithParamInterface<Way> {};
+
+TEST_P(H264EncodeTest, EveryFrameComesOutInItsPlace) {
+  constexpr int count = 40;
+  const Way& way = GetParam();
+  const auto pictures = scenes(count, way.width, way.height);
+  const bool yuyv = std::string(way.arguments).find("yuyv") != std::string::npos;
+  const auto frame = [&](int t) {
+    return yuyv ? toYuyv(support::scene(way.width, way.height, t), (way.width + 1) & ~1)
+                : toI420(pictures[t]);
+  };
+  if (way.arguments[0] == '\0' || way.arguments[2] == 'v')
+    save("in", toY4m(pictures, " F15:1 Ip A4:3 C420jpeg"));
+  else
+    save("in", frames(count, frame));
+
+  const Result result =
+      run(std::string("tessera h264-encode --bitrate 4M ") + way.arguments + " in -o out.h264");
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.err.find("40 frames of "), std::string::npos) << result.err;
+  const H264Stream stream = support::decodeH264(load("out.h264"));
+  ASSERT_EQ(stream.pictures.size(), std::size_t{count});
+  EXPECT_EQ(stream.pictures[0].width, way.codedWidth);
+  EXPECT_EQ(stream.pictures[0].height, way.codedHeight);
+  EXPECT_GT(worstPsnr(stream.pictures, pictures, way.width, way.height), 30);
+}
+
+constexpr Way ways[] = {
+    {"Y4m", "", 160, 96, 160, 96},
+    {"Y4mPadded", "", 100, 50, 100, 50},
+    {"Y4mOdd", "", 101, 51, 102, 52},
+    {"RawI420", "--size 100x50 --format i420", 100, 50, 100, 50},
+    {"RawYuyv", "--size 100x50 --format yuyv", 100, 50, 100, 50},
+    {"Y4mOmx", "--via omx", 100, 50, 128, 64},
+    {"RawYuyvOmx", "--size 100x50 --format yuyv --via omx", 100, 50, 128, 64},
+};
+INSTANTIATE_TEST_SUITE_P(Ways, H264EncodeTest, testing::ValuesIn(ways),
+                         [](const auto& tested) { return std::string(tested.param.name); });
+
+TEST_F(ToolTest, RateAspectAndCountSurviveContainers) {
+  save("in.y4m", toY4m(scenes(30, 160, 96), " F15:1 Ip A4:3 C420jpeg"));
+  for (const std::string name : {"out.mp4", "out.mkv", "out.h264"}) {
+    const Result result = run("tessera h264-encode in.y4m --json -o " + name +
+                              " && tessera h264-decode " + name + " -q -o out.y4m");
+    ASSERT_EQ(result.status, 0) << result.err;
+    const auto summary = nlohmann::json::parse(result.err);
+    EXPECT_EQ(summary["frames"], 30);
+    EXPECT_EQ(summary["bytes_out"], load(name).size());
+    const Y4m decoded = fromY4m(load("out.y4m"));
+    EXPECT_EQ(decoded.pictures.size(), 30u) << name;
+    EXPECT_NE(decoded.header.find(" F15:1 Ip A4:3 "), std::string::npos) << decoded.header;
+    EXPECT_GT(worstPsnr(decoded.pictures, scenes(30, 160, 96), 160, 96), 30) << name;
+  }
+}
+
+TEST_F(ToolTest, FramesLargerThanTheEncodersBufferAreWhole) {
+  constexpr int count = 8, width = 320, height = 192;
+  std::vector<Yuv> pictures;
+  for (int t = 0; t < count; ++t)
+    pictures.push_back(toYuv(support::noise(width, height, static_cast<unsigned>(t))));
+  save("in.y4m", toY4m(pictures, " F10:1"));
+  for (const std::string via : {"mmal", "omx"}) {
+    const Result result =
+        run("tessera h264-encode in.y4m --bitrate 60M --via " + via + " -o out.h264");
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(support::decodeH264(load("out.h264")).pictures.size(), std::size_t{count}) << via;
+  }
+}
+
+struct Stream {
+  const char* name;
+  int bFrames, slices;
+  bool interlaced;
+  int width, height;
+};
+class H264DecodeTest : public ToolTest, public testing::WithParamInterface<Stream> {};
+
+TEST_P(H264DecodeTest, EveryPictureBitForBitInPresentationOrder) {
+  support::H264Options options;
+  options.frames = 25;
+  options.bFrames = GetParam().bFrames;
+  options.slices = GetParam().slices;
+  options.interlaced = GetParam().interlaced;
+  options.width = GetParam().width;
+  options.height = GetParam().height;
+  const Bytes stream = support::encodeH264(options).stream;
+  save("in.264", stream);
+  const Result result = run("tessera h264-decode - -o out.i420 <in.264");
+  ASSERT_EQ(result.status, 0) << result.err;
+  const auto expected = support::decodeH264(stream).pictures;
+  const auto pictures = fromI420(load("out.i420"), options.width, options.height);
+  ASSERT_EQ(pictures.size(), expected.size());
+  for (std::size_t i = 0; i < pictures.size(); ++i)
+    EXPECT_EQ(toI420(pictures[i]), toI420(expected[i])) << "picture " << i;
+}
+
+constexpr Stream streams[] = {{"Plain", 0, 1, false, 320, 240},
+                              {"BFrames", 3, 1, false, 320, 240},
+                              {"Slices", 2, 4, false, 320, 240},
+                              {"Interlaced", 0, 1, true, 320, 256},
+                              {"Cropped", 2, 1, false, 302, 170}};
+INSTANTIATE_TEST_SUITE_P(Streams, H264DecodeTest, testing::ValuesIn(streams),
+                         [](const auto& tested) { return std::string(tested.param.name); });
+
+TEST_F(ToolTest, AStreamThatChangesItsSizeFitsIntoPlanesOnly) {
+  support::H264Options options;
+  options.bFrames = 2;
+  Bytes stream = support::encodeH264(options).stream;
+  options.width = 160;
+  options.height = 128;
+  const Bytes second = support::encodeH264(options).stream;
+  stream.insert(stream.end(), second.begin(), second.end());
+  save("in.264", stream);
+
+  const Result refused = run("tessera h264-decode in.264 -o out.y4m");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("change from 320x240 to 160x128"), std::string::npos) << refused.err;
+  const Result result = run("tessera h264-decode in.264 -o out.i420");
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(load("out.i420").size(), 10u * (320 * 240 + 160 * 128) * 3 / 2);
+}
+
+TEST_F(ToolTest, ADamagedStreamGivesItsPicturesAndEnds) {
+  support::H264Options options;
+  options.frames = 30;
+  options.keyInterval = 10;
+  support::H264Made made = support::encodeH264(options);
+  // Whole access units and bytes within others are lost, a key frame among them.
+  for (std::size_t at = made.units[9]; at < made.units[13]; ++at) made.stream[at] ^= 0x5A;
+  made.stream.resize(made.stream.size() - 100);
+  save("in.264", made.stream);
+  const Result result = run("tessera h264-decode in.264 -o out.y4m");
+  ASSERT_EQ(result.status, 0) << result.err;
+  const std::size_t pictures = fromY4m(load("out.y4m")).pictures.size();
+  EXPECT_GE(pictures, 20u);
+  EXPECT_LE(pictures, 30u);
+}
+
+}  // namespace
