@@ -1,0 +1,56 @@
+# What the loader sees of libtessera.so.
+#
+#   check_shared_object.sh exports LIBRARY NM LIST
+#   check_shared_object.sh dynamic LIBRARY READELF
+#   check_shared_object.sh description LIBRARY ABIDIFF DESCRIPTION HEADERS
+set -eu
+check=$1
+library=$2
+tool=$3
+failures=0
+
+expect() {
+  what=$1
+  shift
+  "$@" || {
+    echo "FAILED: $what" >&2
+    failures=$((failures + 1))
+  }
+}
+
+# Instances of the standard library's templates are everybody's and come and go with the compiler.
+exported() {
+  "$tool" -DC --defined-only "$library" | cut -d' ' -f3- | grep -v -e '\<std::' -e '^__' | LC_ALL=C sort -u
+}
+
+section() { "$tool" -dW "$library" | sed -n "s/.*($1) .*\[\(.*\)\]/\1/p"; }
+needs_nothing_else() {
+  ! section NEEDED | grep -vxE 'lib(tessera_platform\.so\.1|stdc\+\+\.so\.6|m\.so\.6|gcc_s\.so\.1|c\.so\.6)|ld-linux.*'
+}
+lacks() { ! "$tool" "$1" "$library" | grep "$2"; }
+
+case $check in
+  exports)
+    actual=$(mktemp)
+    trap 'rm -f "$actual"' EXIT
+    exported >"$actual"
+    expect "other names are exported than $4 lists (renew it with scripts/abi-update)" \
+      diff -u "$4" "$actual"
+    ;;
+  dynamic)
+    expect "its name is not libtessera.so" test "$(section SONAME)" = libtessera.so
+    case "$(section RUNPATH)$(section RPATH)" in
+      /opt/vc/lib:*) ;;
+      *) expect "the run path does not start with /opt/vc/lib" false ;;
+    esac
+    expect "it needs the libraries above" needs_nothing_else
+    expect "it has text relocations" lacks -dW TEXTREL
+    expect "its stack is executable" lacks -lW 'GNU_STACK.*E'
+    expect "it does not say what stack it wants" sh -c '"$0" -lW "$1" | grep -q GNU_STACK' "$tool" "$library"
+    ;;
+  description)
+    expect "the binary interface changed (if it is meant to: scripts/abi-update)" \
+      "$tool" --headers-dir1 "$5" --headers-dir2 "$5" "$4" "$library"
+    ;;
+esac
+exit $failures
