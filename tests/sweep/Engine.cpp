@@ -1,0 +1,401 @@
+#include "Engine.h"
+
+#include <dirent.h>
+#include <malloc.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "Streams.h"
+#include "support/Interpose.h"
+
+namespace sweep {
+namespace {
+
+namespace control = tessera_platform;
+using control::CallFault;
+using control::CompletionFault;
+using Clock = std::chrono::steady_clock;
+
+/// Library waits of ten seconds take half a second, those of one second 50 ms.
+constexpr int hurry = 20;
+constexpr auto slack = std::chrono::milliseconds(250);
+/// The longest that one step may take: ten seconds, one more second after an error event, twice
+/// (a late answer and its successor), hastened.
+constexpr auto stepLimit = std::chrono::milliseconds(22000 / hurry) + slack;
+constexpr int childLimitSeconds = 20;
+
+int entries(const char* folder) {
+  DIR* const dir = opendir(folder);
+  int count = 0;
+  while (readdir(dir) != nullptr) ++count;
+  closedir(dir);
+  return count;
+}
+
+/// What must be the same before and after.
+struct Holdings {
+  std::size_t heap = mallinfo2().uordblks;
+  int threads = entries("/proc/self/task");
+  int descriptors = entries("/proc/self/fd");
+};
+
+/// Calls that give something back: refused for good, what they hold stays, by definition.
+bool givesBack(const std::string& call) {
+  static const std::set<std::string> calls{"mmal_component_destroy",
+                                           "mmal_component_release",
+                                           "mmal_wrapper_destroy",
+                                           "mmal_pool_destroy",
+                                           "mmal_queue_destroy",
+                                           "OMX_FreeHandle",
+                                           "OMX_Deinit",
+                                           "mmal_port_disable",
+                                           "mmal_wrapper_port_disable",
+                                           "mmal_component_disable",
+                                           "mmal_buffer_header_release"};
+  return calls.count(call) != 0;
+}
+
+bool returnsPointer(const std::string& call) {
+  static const std::set<std::string> calls{"mmal_queue_get", "mmal_queue_create",
+                                           "mmal_pool_create"};
+  return calls.count(call) != 0;
+}
+
+bool returnsNothing(const std::string& call) {
+  static const std::set<std::string> calls{"bcm_host_init",         "bcm_host_deinit",
+                                           "mmal_queue_put",        "mmal_queue_destroy",
+                                           "mmal_pool_destroy",     "mmal_buffer_header_release",
+                                           "mmal_component_acquire"};
+  return calls.count(call) != 0;
+}
+
+bool isIl(const std::string& name) {
+  return name.rfind("OMX_", 0) == 0 || name == "EventHandler" || name == "EmptyBufferDone" ||
+         name == "FillBufferDone";
+}
+
+/// The subject's work in one child; problems go to `report`.
+class Run {
+ public:
+  explicit Run(const SubjectClass& subject) : subject_(subject) {}
+
+  std::string problem;
+  bool met = false;
+
+  void go(const Scenario& scenario, const Point* point) {
+    const Holdings before;
+    {
+      const std::unique_ptr<Subject> subject = subject_.make();
+      step(
+          "before", [&] { return scenario.before(*subject); }, true);
+      if (point != nullptr) arm(*point);
+      step(
+          "run", [&] { return scenario.run(*subject); }, false);
+      step(
+          "destroy", [&] { return subject->destroy(), Outcome{}; }, false);
+    }
+    met = control::faultsHit() > 0;
+    control::clearFaults();
+    after(before, point);
+    fresh();
+  }
+
+ private:
+  template <typename Work>
+  void step(const char* name, Work work, bool mustBeGood) {
+    const Clock::time_point start = Clock::now();
+    const Outcome outcome = work();
+    const auto took = Clock::now() - start;
+    if (!outcome.problem.empty()) blame(std::string(name) + ": " + outcome.problem);
+    if (mustBeGood && !outcome.good) blame(std::string(name) + ": refused without a fault");
+    // A scenario is up to three operations long.
+    if (took > 3 * stepLimit)
+      blame(std::string(name) + ": took " +
+            std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(took).count()) +
+            " ms");
+  }
+
+  void arm(const Point& point) {
+    if (point.completion)
+      control::inject(point.event);
+    else
+      control::inject(point.call);
+  }
+
+  void after(const Holdings& before, const Point* point) {
+    const bool kept = point != nullptr && !point->completion && givesBack(point->call.call);
+    // A pool whose way back to Loaded is refused says so and keeps what it holds.
+    const bool abandoned = subject_.name == std::string("DecoderPool") && point != nullptr &&
+                           !point->completion && point->call.call == "OMX_SendCommand";
+    if (kept || abandoned) return;
+    const control::Census census = control::census();
+    if (!census.empty()) blame("left behind: " + control::describe(census));
+    const Holdings now;
+    if (now.threads != before.threads) blame("threads left behind");
+    if (now.descriptors != before.descriptors) blame("descriptors left behind");
+    if (now.heap > before.heap + 2048)
+      blame("heap grew by " + std::to_string(now.heap - before.heap) + " bytes");
+  }
+
+  /// The next object in the same process works.
+  void fresh() {
+    const std::unique_ptr<Subject> subject = subject_.make();
+    for (const Outcome& outcome : {subject->make(), subject->frame(0)})
+      if (!outcome.good) blame("a fresh object fails: " + outcome.problem);
+    subject->destroy();
+  }
+
+  void blame(const std::string& what) { problem += (problem.empty() ? "" : "; ") + what; }
+
+  const SubjectClass& subject_;
+};
+
+struct Child {
+  pid_t pid = 0;
+  int report = -1;
+  std::unique_ptr<Streams> streams;
+  std::size_t index = 0;
+};
+
+template <typename Work>
+Child start(std::size_t index, Work work) {
+  Child child;
+  child.index = index;
+  child.streams = std::make_unique<Streams>();
+  int ends[2];
+  if (pipe(ends) != 0) std::abort();
+  std::fflush(nullptr);
+  child.pid = fork();
+  if (child.pid == 0) {
+    close(ends[0]);
+    alarm(childLimitSeconds);
+    child.streams->take();
+    const std::string report = work();
+    if (write(ends[1], report.data(), report.size()) < 0) _exit(98);
+    _exit(0);
+  }
+  close(ends[1]);
+  child.report = ends[0];
+  return child;
+}
+
+std::string readAll(int descriptor) {
+  std::string text;
+  char block[4096];
+  for (ssize_t n; (n = read(descriptor, block, sizeof block)) > 0;)
+    text.append(block, static_cast<std::size_t>(n));
+  close(descriptor);
+  return text;
+}
+
+/// The three ways in which the library may end its process.
+bool endsAsDocumented(const SubjectClass& subject, const Streams& streams) {
+  const std::string name = subject.name;
+  if (name == "DecoderPool")
+    return streams.out().find("unrecoverable error: ") != std::string::npos;
+  if (name == "CMmalJpegEncoder")
+    return streams.err().find("CMmalJpegEncoder::Encode - failed to get full buffer\n") !=
+           std::string::npos;
+  return false;
+}
+
+/// A pool waits without a limit while it is set up and taken down: a command that is never
+/// completed keeps it there.
+bool hangsAsDocumented(const SubjectClass& subject, const Point& point) {
+  return subject.name == std::string("DecoderPool") && point.completion &&
+         point.event.completion == "EventHandler";
+}
+
+Verdict conclude(const SubjectClass& subject, const Point& point, Child& child) {
+  Verdict verdict{point, readAll(child.report), true};
+  int status = 0;
+  waitpid(child.pid, &status, 0);
+  if (WIFSIGNALED(status)) {
+    if (WTERMSIG(status) == SIGALRM && hangsAsDocumented(subject, point)) return verdict;
+    verdict.problem = std::string("killed by ") + strsignal(WTERMSIG(status));
+  } else if (WEXITSTATUS(status) == 1 && endsAsDocumented(subject, *child.streams)) {
+    verdict.problem.clear();
+  } else if (WEXITSTATUS(status) != 0) {
+    verdict.problem = "ended with status " + std::to_string(WEXITSTATUS(status)) + ": " +
+                      child.streams->out() + child.streams->err();
+  } else if (!verdict.problem.empty() && verdict.problem[0] == '-') {
+    verdict.met = false;
+    verdict.problem.erase(0, 1);
+  }
+  return verdict;
+}
+
+std::string oneRun(const SubjectClass& subject, const Scenario& scenario, const Point& point) {
+  support::interpose::hurry = hurry;
+  Run run(subject);
+  run.go(scenario, &point);
+  return (run.met ? "" : "-") + run.problem;
+}
+
+void addCalls(const std::vector<std::string>& names, bool thorough, std::vector<Point>& points) {
+  std::map<std::string, unsigned> seen;
+  for (const std::string& name : names) {
+    const unsigned nth = ++seen[name];
+    if (returnsNothing(name)) continue;
+    const bool il = isIl(name);
+    std::vector<CallFault> faults{{name, nth, false, CallFault::Fail, il ? 0x80001001LL : 7}};
+    if (!returnsPointer(name)) {
+      faults.push_back({name, nth, false, CallFault::Fail, il ? 0x80001000LL : 1});
+      if (nth == 1) faults.push_back({name, nth, false, CallFault::NullResult, 0});
+      if (nth == 1) faults.push_back({name, nth, false, CallFault::FinishFirst, 0});
+    }
+    for (CallFault& fault : faults)
+      for (const bool sticky : {false, true}) {
+        fault.sticky = sticky;
+        const bool inShort = fault.action != CallFault::Fail ||
+                             (!sticky && fault.status != 1 && fault.status != 0x80001000LL);
+        // NullResult of a call without a result pointer would be a plain success that did nothing.
+        if (fault.action == CallFault::NullResult && name.find("reate") == std::string::npos &&
+            name != "OMX_GetHandle" && name != "OMX_AllocateBuffer")
+          continue;
+        if (thorough || (inShort && nth <= 12)) points.push_back({false, fault, {}});
+      }
+  }
+}
+
+void addCompletions(const std::vector<std::string>& names, bool thorough,
+                    std::vector<Point>& points) {
+  std::map<std::string, unsigned> seen;
+  const unsigned lateMs = 30, tooLateMs = 1500;  // the longest hastened limit is 550 ms
+  for (const std::string& name : names) {
+    const unsigned nth = ++seen[name];
+    const std::uint32_t code = isIl(name) ? 0x80001009 : 7;
+    const CompletionFault faults[] = {
+        {name, nth, false, CompletionFault::Drop, 0, 0},
+        {name, nth, false, CompletionFault::Delay, lateMs, 0},
+        {name, nth, false, CompletionFault::Delay, tooLateMs, 0},
+        {name, nth, false, CompletionFault::Double, 0, 0},
+        {name, nth, false, CompletionFault::ErrorEvent, 0, code},
+        {name, nth, false, CompletionFault::ZeroLength, 0, 0},
+    };
+    for (const CompletionFault& fault : faults)
+      for (const bool sticky : {false, true}) {
+        if (!thorough && (nth > 2 || (sticky && fault.action != CompletionFault::Drop))) continue;
+        Point point{true, {}, fault};
+        point.event.sticky = sticky;
+        points.push_back(point);
+      }
+  }
+}
+
+}  // namespace
+
+std::string Point::text() const {
+  static const char* const calls[] = {"Fail", "NullResult", "FinishFirst"};
+  static const char* const events[] = {"Drop", "Delay", "Double", "ErrorEvent", "ZeroLength"};
+  std::ostringstream out;
+  if (completion)
+    out << events[event.action] << ' ' << event.completion << " #" << event.nth
+        << (event.sticky ? " on" : "") << ' ' << event.delayMs << " ms";
+  else
+    out << calls[call.action] << ' ' << call.call << " #" << call.nth << (call.sticky ? " on" : "")
+        << " 0x" << std::hex << call.status;
+  return out.str();
+}
+
+const std::vector<Scenario>& scenarios() {
+  static const auto nothing = [](Subject&) { return Outcome{}; };
+  static const auto make = [](Subject& s) { return s.make(); };
+  static const std::vector<Scenario> all{
+      {"create and destroy", nothing, make, false},
+      {"one frame", nothing,
+       [](Subject& s) {
+         const Outcome made = s.make();
+         if (!made.problem.empty()) return made;
+         return s.frame(0);
+       },
+       false},
+      {"three frames", make,
+       [](Subject& s) {
+         for (int i = 0; i < 3; ++i) {
+           const Outcome outcome = s.frame(i);
+           if (!outcome.problem.empty()) return outcome;
+         }
+         return Outcome{};
+       },
+       false},
+      {"a frame in flight", make, [](Subject& s) { return s.launch(), Outcome{}; }, false},
+      {"a second size",
+       [](Subject& s) {
+         const Outcome made = s.make();
+         return made.good ? s.frame(0) : made;
+       },
+       [](Subject& s) {
+         const Outcome resized = s.resize();
+         if (!resized.problem.empty()) return resized;
+         return s.frame(0);
+       },
+       false},
+      {"two objects", make, [](Subject& s) { return s.frame(0); }, true},
+  };
+  return all;
+}
+
+std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario, bool thorough) {
+  const auto work = [&] {
+    support::interpose::hurry = hurry;
+    const std::unique_ptr<Subject> s = subject.make();
+    scenario.before(*s);
+    control::startJournal();
+    scenario.run(*s);
+    s->destroy();
+    control::stopJournal();
+    std::string names;
+    for (const std::string& name : control::journalNames(control::Lines::Calls))
+      names += "c " + name + '\n';
+    for (const std::string& name : control::journalNames(control::Lines::Completions))
+      names += "e " + name + '\n';
+    return names;
+  };
+  Child child = start(0, work);
+  std::istringstream lines(readAll(child.report));
+  waitpid(child.pid, nullptr, 0);
+  std::vector<std::string> calls, completions;
+  for (std::string kind, name; lines >> kind >> name;)
+    (kind == "c" ? calls : completions).push_back(name);
+  std::vector<Point> points;
+  addCalls(calls, thorough, points);
+  addCompletions(completions, thorough, points);
+  return points;
+}
+
+std::vector<Verdict> sweep(const SubjectClass& subject, const Scenario& scenario,
+                           const std::vector<Point>& points) {
+  std::vector<Verdict> verdicts;
+  std::vector<Child> running;
+  // Most of a run is waiting.
+  const std::size_t atOnce = 2 * std::max(1u, std::thread::hardware_concurrency());
+  for (std::size_t next = 0; next < points.size() || !running.empty();) {
+    while (next < points.size() && running.size() < atOnce) {
+      const Point& point = points[next];
+      running.push_back(start(next++, [&] { return oneRun(subject, scenario, point); }));
+    }
+    std::vector<pollfd> ends;
+    for (const Child& child : running) ends.push_back({child.report, POLLIN, 0});
+    poll(ends.data(), ends.size(), -1);
+    for (std::size_t i = ends.size(); i-- > 0;) {
+      if (ends[i].revents == 0) continue;
+      verdicts.push_back(conclude(subject, points[running[i].index], running[i]));
+      running.erase(running.begin() + static_cast<std::ptrdiff_t>(i));
+    }
+  }
+  return verdicts;
+}
+
+}  // namespace sweep

@@ -1,0 +1,54 @@
+#ifndef TESSERA_TESTS_SWEEP_ENGINE_H
+#define TESSERA_TESTS_SWEEP_ENGINE_H
+
+#include <tessera_platform/control.h>
+
+#include <string>
+#include <vector>
+
+#include "Subject.h"
+
+namespace sweep {
+
+/// One run of a scenario with one fault in it.
+struct Point {
+  bool completion = false;
+  tessera_platform::CallFault call;
+  tessera_platform::CompletionFault event;
+
+  std::string text() const;
+  /// Neither delay nor loss: an answer comes at once, if any.
+  bool prompt() const;
+};
+
+/// A way to use a class.
+struct Scenario {
+  const char* name;
+  /// Runs before the fault is armed.
+  Outcome (*before)(Subject& subject);
+  /// Runs with the fault armed; the subject is destroyed after it, fault still armed.
+  Outcome (*run)(Subject& subject);
+  /// A second object lives all the while and must work after the first one's fault.
+  bool withNeighbour;
+};
+
+const std::vector<Scenario>& scenarios();
+
+/// What became of a run.
+struct Verdict {
+  Point point;
+  std::string problem;  ///< empty: all is well
+  bool met = false;     ///< the fault was met
+};
+
+/// Runs the scenario once without a fault and returns the points that it offers.
+/// @param thorough  every fault at every place, or a set that fits into continuous integration
+std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario, bool thorough);
+
+/// Runs the scenario once for each point, each in a child of its own, several at a time.
+std::vector<Verdict> sweep(const SubjectClass& subject, const Scenario& scenario,
+                           const std::vector<Point>& points);
+
+}  // namespace sweep
+
+#endif  // TESSERA_TESTS_SWEEP_ENGINE_H
