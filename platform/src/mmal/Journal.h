@@ -42,7 +42,7 @@ class Call {
 
   template <typename Args>
   MMAL_STATUS_T leave(MMAL_STATUS_T status, Args&& args) const {
-    return scope_ ? scope_->leave(status, args, statusName) : status;
+    return scope_ && status != MMAL_EAGAIN ? scope_->leave(status, args, statusName) : status;
   }
   MMAL_STATUS_T leave(MMAL_STATUS_T status) const { return leave(status, noText); }
 
