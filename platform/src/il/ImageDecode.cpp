@@ -1,0 +1,188 @@
+#include "il/ImageDecode.h"
+
+#include <algorithm>
+
+namespace il {
+namespace {
+
+constexpr OMX_U32 inputPort = 320;
+constexpr OMX_U32 outputPort = 321;
+constexpr OMX_U32 inputBuffers = 3;
+constexpr OMX_U32 defaultInputBytes = 80 * 1024;
+constexpr OMX_U32 defaultWidth = 640;
+constexpr OMX_U32 defaultHeight = 480;
+constexpr unsigned strideMultiple = 32;
+constexpr unsigned sliceMultiple = 16;
+
+/// Beyond any picture within the decoder's limits.
+constexpr std::size_t mostBytes = std::size_t{64} << 20;
+constexpr unsigned mostPixelsPerSide = 65535;
+
+std::vector<Port> ports() {
+  std::vector<Port> both;
+  both.emplace_back(inputPort, OMX_PortDomainImage, OMX_DirInput, inputBuffers,
+                    std::vector<Format>{{OMX_IMAGE_CodingJPEG, OMX_COLOR_FormatUnused}});
+  both.emplace_back(
+      outputPort, OMX_PortDomainImage, OMX_DirOutput, 1,
+      std::vector<Format>{{OMX_IMAGE_CodingUnused, OMX_COLOR_FormatYUV420PackedPlanar}});
+  both[0].definition.nBufferSize = defaultInputBytes;
+  return both;
+}
+
+void shape(OMX_PARAM_PORTDEFINITIONTYPE& definition, unsigned width, unsigned height) {
+  OMX_IMAGE_PORTDEFINITIONTYPE& image = definition.format.image;
+  image.nFrameWidth = width;
+  image.nFrameHeight = height;
+  image.nStride = static_cast<OMX_S32>(codec::roundUp(width, strideMultiple));
+  image.nSliceHeight = codec::roundUp(height, sliceMultiple);
+  definition.nBufferSize = static_cast<OMX_U32>(image.nStride) * image.nSliceHeight / 2 * 3;
+}
+
+}  // namespace
+
+const Kind ImageDecode::kind = {"OMX.broadcom.image_decode", "image_decode", "image_decoder.JPEG"};
+
+ImageDecode::ImageDecode(const OMX_CALLBACKTYPE& callbacks, OMX_PTR appData)
+    : Component(kind, callbacks, appData, ports()) {
+  shape(output().definition, defaultWidth, defaultHeight);
+}
+
+OMX_ERRORTYPE ImageDecode::adapt(const Port& port, OMX_PARAM_PORTDEFINITIONTYPE& definition) {
+  if (port.isInput()) {
+    definition.nBufferSize = std::max(definition.nBufferSize, OMX_U32{1});
+    return OMX_ErrorNone;
+  }
+  OMX_IMAGE_PORTDEFINITIONTYPE& image = definition.format.image;
+  if (image.nFrameWidth > mostPixelsPerSide || image.nFrameHeight > mostPixelsPerSide ||
+      image.nStride > 4 * static_cast<OMX_S32>(mostPixelsPerSide) ||
+      image.nSliceHeight > mostPixelsPerSide)
+    return OMX_ErrorUnsupportedSetting;
+  const auto asked = static_cast<OMX_U32>(std::max(image.nStride, OMX_S32{0}));
+  const OMX_U32 stride = codec::roundUp(std::max(asked, image.nFrameWidth), strideMultiple);
+  const OMX_U32 slice =
+      codec::roundUp(std::max(image.nSliceHeight, image.nFrameHeight), sliceMultiple);
+  const std::uint64_t bytes = std::uint64_t{stride} * slice / 2 * 3;
+  if (bytes > INT32_MAX) return OMX_ErrorUnsupportedSetting;
+  image.nStride = static_cast<OMX_S32>(stride);
+  image.nSliceHeight = slice;
+  definition.nBufferSize = std::max(definition.nBufferSize, static_cast<OMX_U32>(bytes));
+  return OMX_ErrorNone;
+}
+
+bool ImageDecode::work(Lock& lock) {
+  if (picture_ == Picture::None || picture_ == Picture::Gathering) return takeInput(lock);
+  return fill(lock);
+}
+
+bool ImageDecode::takeInput(Lock& lock) {
+  Buffer* const buffer = input().take();
+  if (buffer == nullptr) return false;
+  const bool last = (buffer->header.nFlags & OMX_BUFFERFLAG_EOS) != 0;
+  if (picture_ == Picture::None) timeStamp_ = buffer->header.nTimeStamp;
+  if (last && picture_ == Picture::None) {
+    input_ = buffer;
+    open(lock, buffer->data(), buffer->header.nFilledLen);
+    return true;
+  }
+  picture_ = Picture::Gathering;
+  gather(lock, *buffer);
+  if (last) {
+    if (oversized_) gathered_.clear();
+    open(lock, gathered_.data(), gathered_.size());
+  }
+  return true;
+}
+
+void ImageDecode::gather(Lock& lock, Buffer& buffer) {
+  const OMX_U32 size = buffer.header.nFilledLen;
+  oversized_ = oversized_ || size > mostBytes - gathered_.size();
+  if (!oversized_) gathered_.insert(gathered_.end(), buffer.data(), buffer.data() + size);
+  giveBack(lock, input(), buffer);
+}
+
+void ImageDecode::open(Lock& lock, const OMX_U8* data, std::size_t size) {
+  bool opened = false;
+  {
+    const Unlocked unlocked(lock);
+    opened = size > 0 && decoder_.open(data, size);
+  }
+  const OMX_IMAGE_PORTDEFINITIONTYPE& image = output().image();
+  if (!opened) {
+    picture_ = Picture::Unusable;
+    returnInput(lock);
+    raise(OMX_EventPortSettingsChanged, outputPort, 0);
+    return;
+  }
+  picture_ = Picture::Opened;
+  if (reshaping_ || image.nFrameWidth != decoder_.width() ||
+      image.nFrameHeight != decoder_.height())
+    announceShape();
+}
+
+void ImageDecode::announceShape() {
+  shape(output().definition, decoder_.width(), decoder_.height());
+  reshaping_ = output().enabled();
+  raise(OMX_EventPortSettingsChanged, outputPort, 0);
+}
+
+OMX_U32 ImageDecode::neededBytes() {
+  const OMX_IMAGE_PORTDEFINITIONTYPE& image = output().image();
+  return static_cast<OMX_U32>(image.nStride) * image.nSliceHeight / 2 * 3;
+}
+
+/// Answers the picture at hand, once there is a buffer of the right size for it.
+bool ImageDecode::fill(Lock& lock) {
+  const bool opened = picture_ == Picture::Opened;
+  if (opened && reshaping_) return false;
+  if (output().queue.empty()) return false;
+  const OMX_IMAGE_PORTDEFINITIONTYPE& image = output().image();
+  // While the port was disabled the client may have given it yet another shape.
+  if (opened && (image.nFrameWidth != decoder_.width() || image.nFrameHeight != decoder_.height() ||
+                 output().queue.front()->header.nAllocLen < neededBytes())) {
+    announceShape();
+    return true;
+  }
+  Buffer& buffer = *output().take();
+  buffer.prepare();
+  const codec::Planes planes = codec::planesOf(
+      buffer.header.pBuffer, static_cast<unsigned>(image.nStride), image.nSliceHeight);
+  const OMX_U32 bytes = neededBytes();
+  bool decoded = false;
+  if (opened) {
+    const Unlocked unlocked(lock);
+    decoded = decoder_.decode(planes) != codec::JpegDecoder::Result::Unusable;
+  }
+  buffer.header.nFilledLen = decoded ? bytes : 0;
+  buffer.header.nFlags = OMX_BUFFERFLAG_EOS | OMX_BUFFERFLAG_ENDOFFRAME |
+                         (decoded ? 0u : OMX_U32{OMX_BUFFERFLAG_DATACORRUPT});
+  buffer.header.nTimeStamp = timeStamp_;
+  dropPicture();
+  returnInput(lock);
+  giveBack(lock, output(), buffer);
+  return true;
+}
+
+void ImageDecode::returnInput(Lock& lock) {
+  Buffer* const buffer = input_;
+  input_ = nullptr;
+  if (buffer != nullptr) giveBack(lock, input(), *buffer);
+}
+
+void ImageDecode::forget(Lock& lock, Port& port, OMX_COMMANDTYPE reason) {
+  if (!port.isInput()) {
+    if (reason != OMX_CommandFlush) reshaping_ = false;
+    // A picture that is not yet complete is the input port's.
+    if (reason == OMX_CommandPortDisable || picture_ == Picture::Gathering) return;
+    returnInput(lock);
+  }
+  input_ = nullptr;
+  dropPicture();
+}
+
+void ImageDecode::dropPicture() {
+  picture_ = Picture::None;
+  gathered_.clear();
+  oversized_ = false;
+}
+
+}  // namespace il

@@ -1,0 +1,96 @@
+#include "il/Port.h"
+
+#include <algorithm>
+#include <new>
+
+namespace il {
+namespace {
+
+/// A cache line, so that vector code never straddles one at a buffer's start.
+constexpr std::align_val_t alignment{64};
+
+}  // namespace
+
+void Buffer::Release::operator()(OMX_U8* memory) const {
+  operator delete[](memory, alignment);
+}
+
+Buffer::Buffer(OMX_U32 portIndex, bool input, OMX_U32 size, OMX_U8* memory, OMX_PTR appPrivate) {
+  if (memory == nullptr) {
+    owned_.reset(static_cast<OMX_U8*>(operator new[](size, alignment)));
+    memory = owned_.get();
+  }
+  stamp(header);
+  header.pBuffer = memory;
+  header.nAllocLen = size;
+  header.pAppPrivate = appPrivate;
+  (input ? header.nInputPortIndex : header.nOutputPortIndex) = portIndex;
+}
+
+Port::Port(OMX_U32 index, OMX_PORTDOMAINTYPE domain, OMX_DIRTYPE direction, OMX_U32 bufferCount,
+           std::vector<Format> supported)
+    : formats(std::move(supported)) {
+  stamp(definition);
+  definition.nPortIndex = index;
+  definition.eDir = direction;
+  definition.eDomain = domain;
+  definition.nBufferCountActual = bufferCount;
+  definition.nBufferCountMin = 1;
+  definition.bEnabled = OMX_TRUE;
+  definition.nBufferAlignment = 1;
+  setFormat(definition, formats.front());
+}
+
+Buffer* Port::find(const OMX_BUFFERHEADERTYPE* header) const {
+  for (const auto& buffer : buffers)
+    if (&buffer->header == header) return buffer.get();
+  return nullptr;
+}
+
+bool Port::supports(const Format& format) const {
+  return std::find(formats.begin(), formats.end(), format) != formats.end();
+}
+
+Buffer* Port::take() {
+  if (queue.empty()) return nullptr;
+  Buffer* const first = queue.front();
+  queue.erase(queue.begin());
+  first->place = Buffer::Place::Working;
+  return first;
+}
+
+void Port::enqueue(Buffer& buffer) {
+  buffer.place = Buffer::Place::Queued;
+  queue.push_back(&buffer);
+}
+
+void Port::unqueue(Buffer& buffer) {
+  queue.erase(std::remove(queue.begin(), queue.end(), &buffer), queue.end());
+}
+
+void Port::erase(Buffer& buffer) {
+  unqueue(buffer);
+  buffers.erase(std::find_if(buffers.begin(), buffers.end(),
+                             [&](const auto& each) { return each.get() == &buffer; }));
+  definition.bPopulated = OMX_FALSE;
+}
+
+Format formatOf(const OMX_PARAM_PORTDEFINITIONTYPE& definition) {
+  if (definition.eDomain == OMX_PortDomainVideo)
+    return {static_cast<OMX_U32>(definition.format.video.eCompressionFormat),
+            definition.format.video.eColorFormat};
+  return {static_cast<OMX_U32>(definition.format.image.eCompressionFormat),
+          definition.format.image.eColorFormat};
+}
+
+void setFormat(OMX_PARAM_PORTDEFINITIONTYPE& definition, const Format& format) {
+  if (definition.eDomain == OMX_PortDomainVideo) {
+    definition.format.video.eCompressionFormat = static_cast<OMX_VIDEO_CODINGTYPE>(format.coding);
+    definition.format.video.eColorFormat = format.colour;
+  } else {
+    definition.format.image.eCompressionFormat = static_cast<OMX_IMAGE_CODINGTYPE>(format.coding);
+    definition.format.image.eColorFormat = format.colour;
+  }
+}
+
+}  // namespace il

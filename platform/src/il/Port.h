@@ -1,0 +1,96 @@
+#ifndef TESSERA_PLATFORM_SRC_IL_PORT_H
+#define TESSERA_PLATFORM_SRC_IL_PORT_H
+
+#include <IL/OMX_Component.h>
+
+#include <chrono>
+#include <memory>
+#include <vector>
+
+#include "control/Hooks.h"
+
+namespace il {
+
+using Clock = std::chrono::steady_clock;
+
+/// One buffer: the client's header, the memory behind it, and who has it.
+struct Buffer {
+  enum class Place {
+    Client,
+    Queued,   ///< in its port's queue
+    Working,  ///< taken from the queue by the component's work
+    Held,     ///< done, but its callback is held back by a fault
+  };
+
+  struct Release {
+    void operator()(OMX_U8* memory) const;
+  };
+
+  /// @param memory  the client's own, or null: the buffer gets `size` bytes
+  Buffer(OMX_U32 portIndex, bool input, OMX_U32 size, OMX_U8* memory, OMX_PTR appPrivate);
+
+  OMX_U8* data() const { return header.pBuffer + header.nOffset; }
+
+  /// Empties an output buffer for what comes next in it.
+  void prepare() { header.nOffset = header.nFilledLen = header.nFlags = 0; }
+
+  OMX_BUFFERHEADERTYPE header{};
+  Place place = Place::Client;
+  Clock::time_point due{};  ///< while Held: when it goes back by itself
+
+ private:
+  std::unique_ptr<OMX_U8[], Release> owned_;
+  tessera_platform::hooks::Counted counted_{tessera_platform::hooks::Kind::Buffer};
+};
+
+/// What a port can carry: a coding with no pixel format, or no coding with a pixel format.
+struct Format {
+  OMX_U32 coding = 0;  ///< OMX_IMAGE_CODINGTYPE or OMX_VIDEO_CODINGTYPE
+  OMX_COLOR_FORMATTYPE colour = OMX_COLOR_FormatUnused;
+  bool operator==(const Format& other) const {
+    return coding == other.coding && colour == other.colour;
+  }
+};
+
+/// A port: its definition, its buffers, and those of them that wait to be worked on. bEnabled is
+/// what the client asked for last; it changes inside OMX_SendCommand already.
+struct Port {
+  /// Enabled and without buffers, with the first of the formats.
+  Port(OMX_U32 index, OMX_PORTDOMAINTYPE domain, OMX_DIRTYPE direction, OMX_U32 bufferCount,
+       std::vector<Format> supported);
+
+  bool isInput() const { return definition.eDir == OMX_DirInput; }
+  bool enabled() const { return definition.bEnabled != OMX_FALSE; }
+  bool populated() const { return buffers.size() >= definition.nBufferCountActual; }
+  OMX_IMAGE_PORTDEFINITIONTYPE& image() { return definition.format.image; }
+  OMX_VIDEO_PORTDEFINITIONTYPE& video() { return definition.format.video; }
+
+  Buffer* find(const OMX_BUFFERHEADERTYPE* header) const;
+  bool supports(const Format& format) const;
+
+  /// The next buffer that waits, for the component's work; null when none does.
+  Buffer* take();
+  void enqueue(Buffer& buffer);
+  void unqueue(Buffer& buffer);
+  void erase(Buffer& buffer);
+
+  OMX_PARAM_PORTDEFINITIONTYPE definition{};
+  std::vector<Format> formats;
+  std::vector<std::unique_ptr<Buffer>> buffers;
+  std::vector<Buffer*> queue;
+};
+
+/// The format members of a definition, whichever domain it has.
+Format formatOf(const OMX_PARAM_PORTDEFINITIONTYPE& definition);
+void setFormat(OMX_PARAM_PORTDEFINITIONTYPE& definition, const Format& format);
+
+/// Fills in a structure's size and version.
+template <typename Structure>
+void stamp(Structure& structure) {
+  structure.nSize = sizeof structure;
+  structure.nVersion.nVersion = OMX_VERSION;
+}
+
+}  // namespace il
+
+#endif  // TESSERA_PLATFORM_SRC_IL_PORT_H
