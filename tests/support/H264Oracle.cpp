@@ -63,6 +63,8 @@ x264_param_t parameters(const H264Options& options) {
   p.i_fps_num = 25;
   p.i_threads = 1;
   p.i_bframe = options.bFrames;
+  p.i_bframe_adaptive = X264_B_ADAPT_NONE;  // as many as asked for, and key frames where
+  p.i_scenecut_threshold = 0;               // asked for
   p.i_slice_count = options.slices;
   p.i_keyint_max = options.keyInterval;
   p.b_interlaced = options.interlaced;
