@@ -1,0 +1,268 @@
+#include <libyuv.h>
+#include <tessera/COmxH264Encoder.h>
+#include <tessera/IH264Decoder.h>
+#include <tessera/IH264Encoder.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "Content.h"
+#include "H264Peers.h"
+#include "Work.h"
+
+namespace bench {
+namespace {
+
+constexpr Size sizes[] = {{640, 480}, {1280, 720}, {1920, 1080}};
+constexpr int framesPerSecond = 30;
+constexpr std::size_t readAhead = 64;
+constexpr int patience = 100;  // time-outs, each of 100 ms, before a codec is given up
+
+/// Calls until there is output or a failure: on a busy machine a frame may take its time.
+template <class Call>
+bool awaited(Call&& call) {
+  CodecStatus status = CodecTimeout;
+  for (int i = 0; i < patience && status == CodecTimeout; ++i) status = call();
+  return status == CodecOk;
+}
+
+enum class Input { I420, Yuyv };
+enum class Figure { Mean, Median };
+using MakeEncoder = IH264Encoder* (*)();
+
+IH264Encoder* makeOmx() {
+  return new COmxH264Encoder;
+}
+
+int bitrateFor(int width, int height) {
+  return width * height * 4;
+}
+
+/// What one second of video costs a frame.
+class PerFrame {
+ public:
+  void add(double microseconds) { taken_.push_back(microseconds); }
+  double value(Figure figure) {
+    if (figure == Figure::Median) {
+      std::nth_element(taken_.begin(), taken_.begin() + taken_.size() / 2, taken_.end());
+      return taken_[taken_.size() / 2];
+    }
+    double sum = 0;
+    for (const double microseconds : taken_) sum += microseconds;
+    return sum / static_cast<double>(taken_.size());
+  }
+
+ private:
+  std::vector<double> taken_;
+};
+
+/// One second of video, there and back again, so that it runs on without a cut.
+class Clip {
+ public:
+  Clip(int width, int height, Input input) {
+    for (int t = 0; t < framesPerSecond / 2; ++t) {
+      frames_.push_back(input == Input::I420 ? sceneI420(width, height, t)
+                                             : sceneYuyv(width, height, height, t));
+    }
+  }
+  Buffer& frame(int i) {
+    const int half = framesPerSecond / 2;
+    return frames_[static_cast<std::size_t>(i < half ? i : framesPerSecond - 1 - i)];
+  }
+
+ private:
+  std::vector<Buffer> frames_;
+};
+
+/// Whether Annex B data holds a coded picture, and not parameter sets alone.
+bool holdsPicture(const std::uint8_t* data, std::size_t size) {
+  for (std::size_t i = 0; i + 3 < size; ++i) {
+    if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 1) continue;
+    const int type = data[i + 3] & 0x1F;
+    if (type >= 1 && type <= 5) return true;
+  }
+  return false;
+}
+
+/// From the caller's frame to the stream's bytes in the caller's memory, one frame at a time.
+class EncodeH264 : public Work {
+ public:
+  /// @param coded  the size of the coded picture: the component behind the OpenMAX IL encoder does
+  ///               not crop
+  EncodeH264(int width, int height, Size coded, int level, Input input, Figure figure,
+             MakeEncoder make)
+      : width_(width),
+        height_(height),
+        input_(input),
+        figure_(figure),
+        clip_(width, height, input),
+        planes_(paddedI420Size(width, height)),
+        stream_(static_cast<std::size_t>(width) * height * 2),
+        encoder_(make()),
+        x264_({coded.width, coded.height, framesPerSecond, bitrateFor(width, height), level}) {
+    const unsigned format = input == Input::I420 ? 0x30323449 : 0x56595559;
+    require(encoder_->Create(format, width, height, framesPerSecond, 1, 1, 1,
+                             static_cast<unsigned>(bitrateFor(width, height))),
+            "the encoder does not start");
+  }
+
+  double ours() override {
+    return second([&](Buffer& frame) { encodeOurs(frame); });
+  }
+  double peer() override {
+    return second([&](Buffer& frame) { encodeDirectly(frame); });
+  }
+  int turn() const override { return 1; }
+
+ private:
+  struct Release {
+    void operator()(IH264Encoder* encoder) const { ReleaseEncoderH264(encoder); }
+  };
+
+  template <class Encode>
+  double second(Encode&& encode) {
+    PerFrame cost;
+    for (int i = 0; i < framesPerSecond; ++i) {
+      Buffer& frame = clip_.frame(i);
+      cost.add(timed([&] { encode(frame); }));
+    }
+    return cost.value(figure_);
+  }
+
+  void encodeOurs(Buffer& frame) {
+    require(encoder_->ProcessInput(frame.data(), frame.size32(), 0, 0) == CodecOk,
+            "the encoder takes no frame");
+    unsigned size = 0, flags = 0;
+    do {
+      require(awaited([&] {
+                return encoder_->ProcessOutput(stream_.data(), stream_.size32(), size, flags);
+              }),
+              "the encoder gives no data");
+    } while (!holdsPicture(stream_.data(), std::min(size, 512u)));
+  }
+
+  void encodeDirectly(Buffer& frame) {
+    const int stride = padded32(width_);
+    const std::size_t area = static_cast<std::size_t>(stride) * padded16(height_);
+    std::uint8_t* y = input_ == Input::I420 ? frame.data() : planes_.data();
+    std::uint8_t* u = y + area;
+    std::uint8_t* v = u + area / 4;
+    if (input_ == Input::Yuyv) {
+      libyuv::YUY2ToI420(frame.data(), 2 * width_, y, stride, u, stride / 2, v, stride / 2, width_,
+                         height_);
+    }
+    const std::uint8_t* data = nullptr;
+    const std::size_t size = x264_.encode(y, u, v, stride, &data);
+    std::memcpy(stream_.data(), data, size);
+  }
+
+  int width_;
+  int height_;
+  Input input_;
+  Figure figure_;
+  Clip clip_;
+  Buffer planes_;
+  Buffer stream_;
+  std::unique_ptr<IH264Encoder, Release> encoder_;
+  X264 x264_;
+};
+
+/// From an access unit to its picture as padded I420 in the caller's memory, one at a time.
+class DecodeH264 : public Work {
+ public:
+  DecodeH264(int width, int height)
+      : width_(width), height_(height), picture_(paddedI420Size(width, height)) {
+    encodeUnits();
+    IH264Decoder* made = nullptr;
+    require(CreateH264Decoder(&made) == 1, "there is no decoder");
+    decoder_.reset(made);
+    require(made->Create(width, height, 0, nullptr), "the decoder does not start");
+  }
+
+  double ours() override {
+    return timed([&] {
+             for (Buffer& unit : units_) decodeOurs(unit);
+           }) /
+           framesPerSecond;
+  }
+  double peer() override {
+    return timed([&] {
+             for (Buffer& unit : units_) {
+               require(avcodec_.decode(unit.data(), unit.size() - readAhead, picture_.data()),
+                       "libavcodec gives no picture");
+             }
+           }) /
+           framesPerSecond;
+  }
+  int turn() const override { return 1; }
+
+ private:
+  struct Release {
+    void operator()(IH264Decoder* decoder) const { FreeH264Decoder(decoder); }
+  };
+
+  void encodeUnits() {
+    X264 x264({width_, height_, framesPerSecond, bitrateFor(width_, height_), 40});
+    Clip clip(width_, height_, Input::I420);
+    const std::size_t area = static_cast<std::size_t>(padded32(width_)) * padded16(height_);
+    for (int i = 0; i < framesPerSecond; ++i) {
+      const std::uint8_t* y = clip.frame(i).data();
+      const std::uint8_t* data = nullptr;
+      const std::size_t size =
+          x264.encode(y, y + area, y + area + area / 4, padded32(width_), &data);
+      Buffer unit(size + readAhead);
+      std::memcpy(unit.data(), data, size);
+      units_.push_back(std::move(unit));
+    }
+  }
+
+  void decodeOurs(Buffer& unit) {
+    const auto size = static_cast<unsigned>(unit.size() - readAhead);
+    require(decoder_->ProcessInput(unit.data(), size, width_, height_, 0, 0) == CodecOk,
+            "the decoder takes no data");
+    unsigned filled = 0, width = 0, height = 0;
+    unsigned long long timestamp = 0;
+    require(awaited([&] {
+              return decoder_->ProcessOutput(picture_.data(), picture_.size32(), filled, width,
+                                             height, timestamp);
+            }),
+            "the decoder gives no picture");
+  }
+
+  int width_;
+  int height_;
+  Buffer picture_;
+  std::vector<Buffer> units_;
+  std::unique_ptr<IH264Decoder, Release> decoder_;
+  Avcodec avcodec_;
+};
+
+void addEncoder(std::vector<Entry>& entries, const std::string& work, Input input, Figure figure,
+                bool omx) {
+  for (const auto [width, height] : sizes) {
+    entries.push_back(
+        {work, width, height, "x264", [=, width = width, height = height] {
+           const Size coded = omx ? Size{padded32(width), padded16(height)} : Size{width, height};
+           return std::make_unique<EncodeH264>(width, height, coded, omx ? 40 : 51, input, figure,
+                                               omx ? makeOmx : CreateEncoderH264);
+         }});
+  }
+}
+
+}  // namespace
+
+void addH264Codecs(std::vector<Entry>& entries) {
+  addEncoder(entries, "h264-encode i420", Input::I420, Figure::Mean, false);
+  addEncoder(entries, "h264-encode yuyv", Input::Yuyv, Figure::Mean, false);
+  addEncoder(entries, "h264-encode-omx i420", Input::I420, Figure::Mean, true);
+  addEncoder(entries, "h264-encode-omx yuyv", Input::Yuyv, Figure::Mean, true);
+  addEncoder(entries, "h264-encode-latency i420", Input::I420, Figure::Median, false);
+  addEncoder(entries, "h264-encode-latency yuyv", Input::Yuyv, Figure::Median, false);
+  for (const auto [width, height] : sizes) {
+    entries.push_back(
+        {"h264-decode", width, height, "libavcodec",
+         [width = width, height = height] { return std::make_unique<DecodeH264>(width, height); }});
+  }
+}
+
+}  // namespace bench

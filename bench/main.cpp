@@ -1,0 +1,90 @@
+// tessera_bench [--summary[=TEXT]] [Google Benchmark's options]
+//
+// The library beside what a user would call instead, in one process.
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <ext/stdio_filebuf.h>
+#include <iostream>
+
+#include "Summary.h"
+
+namespace {
+
+/// Keeps standard output for results: whatever the library prints there goes nowhere.
+/// @return a descriptor of the real standard output
+int takeStandardOutput() {
+  std::cout.flush();
+  const int real = dup(STDOUT_FILENO);
+  const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (real < 0 || nowhere < 0 || dup2(nowhere, STDOUT_FILENO) < 0) {
+    throw std::runtime_error("cannot set standard output aside");
+  }
+  close(nowhere);
+  return real;
+}
+
+/// Registers both sides of an entry for the interactive mode.
+void registerSides(const bench::Entry& entry) {
+  const auto run = [entry](benchmark::State& state, double (bench::Work::*side)()) {
+    try {
+      const std::unique_ptr<bench::Work> work = entry.make();
+      for (auto _ : state) state.SetIterationTime((work.get()->*side)() * 1e-6);
+    } catch (const std::exception& failure) {
+      state.SkipWithError(failure.what());
+    }
+  };
+  const auto add = [&](const std::string& who, double (bench::Work::*side)()) {
+    const std::string name = entry.work + "/" + entry.size() + "/" + who;
+    benchmark::RegisterBenchmark(name.c_str(), run, side)
+        ->UseManualTime()
+        ->Unit(benchmark::kMicrosecond);
+  };
+  add("tessera", &bench::Work::ours);
+  add(entry.peer, &bench::Work::peer);
+}
+
+int runInteractively(int argc, char** argv, const std::vector<bench::Entry>& entries, int output) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+  for (const bench::Entry& entry : entries) registerSides(entry);
+  __gnu_cxx::stdio_filebuf<char> buffer(output, std::ios::out);
+  std::ostream stream(&buffer);
+  const std::unique_ptr<benchmark::BenchmarkReporter> reporter(
+      benchmark::CreateDefaultDisplayReporter());
+  reporter->SetOutputStream(&stream);
+  benchmark::RunSpecifiedBenchmarks(reporter.get());
+  benchmark::Shutdown();
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<bench::Entry> entries;
+  bench::addConversions(entries);
+  bench::addJpegCodecs(entries);
+  bench::addH264Codecs(entries);
+
+  constexpr char option[] = "--summary";
+  const char* filter = nullptr;
+  for (int i = 1; i < argc; ++i) {
+    const std::size_t length = sizeof(option) - 1;
+    if (std::strncmp(argv[i], option, length) != 0) continue;
+    if (argv[i][length] == '=') filter = argv[i] + length + 1;
+    if (argv[i][length] == '\0') filter = "";
+  }
+  try {
+    const int output = takeStandardOutput();
+    if (filter == nullptr) return runInteractively(argc, argv, entries, output);
+    std::FILE* stream = fdopen(output, "w");
+    const bool allDone = bench::printSummary(entries, filter, stream);
+    return std::fclose(stream) == 0 && allDone ? 0 : 1;
+  } catch (const std::exception& failure) {
+    std::cerr << "tessera_bench: " << failure.what() << '\n';
+    return 1;
+  }
+}
