@@ -130,6 +130,8 @@ std::int64_t OutputFile::seek(std::int64_t offset, int whence) {
 
 void OutputFile::commit() {
   if (!owned_) return;
+  // What was written twice counts once.
+  if (isSeekable()) bytes_ = static_cast<std::uint64_t>(lseek(fd_, 0, SEEK_END));
   const int result = close(fd_);
   fd_ = -1;
   // Some file systems tell of a full disk only here.

@@ -37,6 +37,7 @@ class OutputFile {
   /// Puts the file in its place. Without it the output is as if nothing had been written.
   void commit();
 
+  /// Bytes written; after commit() the file's length.
   std::uint64_t bytes() const { return bytes_; }
   const std::string& name() const { return name_; }
 

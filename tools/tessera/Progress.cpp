@@ -3,6 +3,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -38,7 +39,7 @@ std::string bytesText(std::uint64_t bytes) {
 }
 
 std::string clockText(double seconds) {
-  const auto whole = static_cast<long>(seconds + 0.5);
+  const long whole = std::lround(seconds);
   char text[40];
   if (whole >= 3600)
     std::snprintf(text, sizeof text, "%ld:%02ld:%02ld", whole / 3600, whole / 60 % 60, whole % 60);

@@ -61,11 +61,15 @@ struct StreamReader::Impl {
     if (failure) std::rethrow_exception(failure);
     if (opened < 0)
       throw Failure(input.name() + " is neither an H.264 stream nor a container that libavformat " +
-                    "knows (" + avErrorText(opened) + ")");
+                    "knows (" + avErrorText(opened) + ")" + pipeHint());
     demuxer.reset(context);
     avformat_find_stream_info(context, nullptr);
     if (failure) std::rethrow_exception(failure);
     track = chooseTrack();
+  }
+
+  const char* pipeHint() const {
+    return input.length() ? "" : "; an MP4 with its index at the end must be read from a file";
   }
 
   /// The first H.264 stream. Every other one is skipped while reading.
@@ -119,7 +123,7 @@ struct StreamReader::Impl {
       const int result = av_read_frame(demuxer.get(), packet.get());
       if (failure) std::rethrow_exception(failure);
       if (result < 0 && result != AVERROR_EOF)
-        throw Failure("cannot read " + input.name() + ": " + avErrorText(result));
+        throw Failure("cannot read " + input.name() + ": " + avErrorText(result) + pipeHint());
       if (result == 0 && packet->stream_index != track->index) continue;
       // A packet that the filter cannot make anything of is damage, and no reason to end.
       av_bsf_send_packet(filter.get(), result == 0 ? packet.get() : nullptr);
