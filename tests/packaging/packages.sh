@@ -13,7 +13,7 @@ arch=$("$CXX" -dumpmachine | sed -e 's/arm-linux-gnueabihf/armhf/' -e 's/aarch64
 quietly cpack --config "$BUILD/CPackConfig.cmake" -B "$SCRATCH/packages"
 cd "$SCRATCH/packages"
 for package in libtessera libtessera-dev tessera-platform tessera-tool; do
-  [ "$(dpkg-deb -f $package_*_"$arch".deb Architecture 2>/dev/null)" = "$arch" ] ||
+  [ "$(dpkg-deb -f "$package"_*_"$arch".deb Architecture 2>/dev/null)" = "$arch" ] ||
     fail "no $package for $arch"
 done
 
