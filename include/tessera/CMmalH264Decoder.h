@@ -58,8 +58,9 @@ class TESSERA_API CMmalH264Decoder : public IH264Decoder {
   /// @return CodecOk; CodecTimeout: drain and go on, from the next key frame if the data was longer
   ///         than a buffer; CodecSendFailed: the last piece was refused; CodecNoBuffer: `size` is
   ///         0; CodecInvalidArgument: `data` is null; CodecStreamMismatch: `Create` for this size
-  ///         first; CodecInvalidState: `Create` has failed; CodecWaitFailed: the semaphore or the
-  ///         clock does not work, release the object
+  ///         first (also when another thread has just called it for another); CodecInvalidState:
+  ///         `Create` has failed; CodecWaitFailed: the semaphore or the clock does not work,
+  ///         release the object
   CodecStatus ProcessInput(unsigned char* data, unsigned int size, int width, int height,
                            unsigned int flags, unsigned long long timestamp) override;
 
@@ -99,7 +100,8 @@ class TESSERA_API CMmalH264Decoder : public IH264Decoder {
   struct Piece;
 
   bool Start();
-  void SendPiece(Piece& piece);
+  bool FitsStream(int width, int height) const;
+  bool SendPiece(Piece& piece);
   CodecStatus CollectPicture(OutputMemory& memory, unsigned int& size, unsigned int& width,
                              unsigned int& height, unsigned long long& timestamp);
 

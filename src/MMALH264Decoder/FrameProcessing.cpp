@@ -31,6 +31,8 @@ unsigned long long FromPts(std::int64_t pts) {
 struct CMmalH264Decoder::Piece {
   const unsigned char* data;
   unsigned int size;
+  int width;
+  int height;
   unsigned int sent;
   std::uint32_t frameFlags;
   bool decodeOnly;
@@ -49,13 +51,7 @@ CodecStatus CMmalH264Decoder::ProcessInput(unsigned char* data, unsigned int siz
   MMAL_COMPONENT_T* component = nullptr;
   {
     const std::lock_guard<std::mutex> guard(lock);
-    if (width != nStreamWidth || height != nStreamHeight) {
-      std::fprintf(stderr,
-                   "CMmalH264Decoder::ProcessInput - invalid stream setup input[%dx%d] "
-                   "decoder[%dx%d]. Use Create callback.\n",
-                   width, height, nStreamWidth, nStreamHeight);
-      return CodecStreamMismatch;
-    }
+    if (!FitsStream(width, height)) return CodecStreamMismatch;
     if (pComponent == nullptr || pInputPool == nullptr) {
       std::fprintf(stderr, "CMmalH264Decoder::ProcessInput - invalid state [%p] [%p]\n",
                    static_cast<void*>(pComponent), static_cast<void*>(pInputPool));
@@ -66,6 +62,8 @@ CodecStatus CMmalH264Decoder::ProcessInput(unsigned char* data, unsigned int siz
   const ComponentReference reference(component);
   Piece piece{data,
               size,
+              width,
+              height,
               0,
               MMAL_BUFFER_HEADER_FLAG_FRAME_START,
               (flags & decodeOnlyFlag) != 0,
@@ -81,20 +79,35 @@ CodecStatus CMmalH264Decoder::ProcessInput(unsigned char* data, unsigned int siz
       std::printf("CMmalH264Decoder::ProcessInput - wait failed [0x%x]\n", waitFailed);
       return CodecWaitFailed;
     }
-    SendPiece(piece);
+    if (!SendPiece(piece)) return CodecStreamMismatch;
   }
   return piece.status;
 }
 
+/// Whether data of that size is what the decoder is set up for. The lock is held.
+bool CMmalH264Decoder::FitsStream(int width, int height) const {
+  if (width == nStreamWidth && height == nStreamHeight) return true;
+  std::fprintf(stderr,
+               "CMmalH264Decoder::ProcessInput - invalid stream setup input[%dx%d] "
+               "decoder[%dx%d]. Use Create callback.\n",
+               width, height, nStreamWidth, nStreamHeight);
+  return false;
+}
+
 /// Sends as much of the data as one buffer of the input pool takes; nothing when there is none.
-void CMmalH264Decoder::SendPiece(Piece& piece) {
+/// @return false when the decoder has been set up for another stream since the data came
+bool CMmalH264Decoder::SendPiece(Piece& piece) {
   const std::lock_guard<std::mutex> guard(lock);
+  if (!FitsStream(piece.width, piece.height)) {
+    sem_post(&semInput);
+    return false;
+  }
   if (pInputPool == nullptr) {
     std::puts("CMmalH264Decoder::ProcessInput - no buffer available for input frame.");
-    return;
+    return true;
   }
   HeaderOwner buffer(mmal_queue_get(pInputPool->queue));
-  if (!buffer) return;
+  if (!buffer) return true;
 
   unsigned int chunk = piece.size - piece.sent;
   if (buffer->alloc_size >= chunk) {
@@ -119,7 +132,7 @@ void CMmalH264Decoder::SendPiece(Piece& piece) {
   if (status == MMAL_SUCCESS) {
     buffer.release();
     piece.status = CodecOk;
-    return;
+    return true;
   }
   std::printf("CMmalH264Decoder::ProcessInput - send input buffer failed. Error code [0x%x]\n",
               static_cast<unsigned int>(status));
@@ -127,6 +140,7 @@ void CMmalH264Decoder::SendPiece(Piece& piece) {
   // No callback will give back what this buffer took.
   buffer.reset();
   sem_post(&semInput);
+  return true;
 }
 
 CodecStatus CMmalH264Decoder::ProcessOutput(unsigned char** frame, unsigned int& size,

@@ -1,0 +1,379 @@
+#include <algorithm>
+#include <atomic>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "H264Fixture.h"
+
+namespace {
+
+using support::H264Made;
+using support::H264Options;
+using support::Yuv;
+
+const Bytes endOfSequence{0, 0, 0, 1, 10};
+
+struct Picture {
+  Yuv yuv;
+  unsigned long long timestamp = 0;
+};
+
+/// Feeds pieces of a stream from one thread while another drains, as an application does.
+class Player {
+ public:
+  Player(int width, int height, const Bytes& extra = {}) : width_(width), height_(height) {
+    EXPECT_EQ(CreateH264Decoder(&decoder_), 1);
+    EXPECT_TRUE(decoder_->Create(width, height, length(extra), extra.data()));
+  }
+  ~Player() { EXPECT_EQ(FreeH264Decoder(decoder_), 1); }
+  Player(const Player&) = delete;
+  Player& operator=(const Player&) = delete;
+
+  IH264Decoder& decoder() { return *decoder_; }
+
+  /// @param cuts  where the pieces start, the stream's size last; piece i is stamped (i + 1) * 40
+  std::vector<Picture> play(Bytes stream, std::vector<std::size_t> cuts, std::size_t expected,
+                            int decodeOnly = -1) {
+    stream.insert(stream.end(), endOfSequence.begin(), endOfSequence.end());
+    cuts.push_back(stream.size());
+    std::atomic<bool> fed{false};
+    std::thread feeder([&] {
+      for (std::size_t i = 0; i + 1 < cuts.size(); ++i) {
+        const auto size = static_cast<unsigned int>(cuts[i + 1] - cuts[i]);
+        CodecStatus status = CodecTimeout;
+        for (int tries = 0; status == CodecTimeout && tries < 10; ++tries)
+          status =
+              decoder_->ProcessInput(&stream[cuts[i]], size, width_, height_,
+                                     static_cast<int>(i) == decodeOnly ? 0xF1 : 0xF0, (i + 1) * 40);
+        ASSERT_EQ(status, CodecOk) << "piece " << i;
+      }
+      fed = true;
+    });
+    std::vector<Picture> pictures;
+    for (int misses = 0; misses < (fed ? 2 : 100) && pictures.size() < expected;)
+      misses = take(pictures) ? 0 : misses + 1;
+    feeder.join();
+    return pictures;
+  }
+
+  bool take(std::vector<Picture>& pictures) {
+    unsigned char* frame = nullptr;
+    unsigned int size = 0, width = 0, height = 0;
+    unsigned long long timestamp = 0;
+    if (decoder_->ProcessOutput(&frame, size, width, height, timestamp) != CodecOk) return false;
+    EXPECT_EQ(static_cast<int>(width), width_);
+    EXPECT_EQ(static_cast<int>(height), height_);
+    EXPECT_EQ(static_cast<int>(size), support::round32(width_) * support::round16(height_) * 3 / 2);
+    pictures.push_back({support::unpadded(frame, width_, height_), timestamp});
+    delete[] frame;
+    return true;
+  }
+
+ private:
+  int width_, height_;
+  IH264Decoder* decoder_ = nullptr;
+};
+
+bool same(const Yuv& a, const Yuv& b) {
+  return a.y == b.y && a.u == b.u && a.v == b.v;
+}
+
+std::vector<std::size_t> cutEvery(std::size_t step, std::size_t size) {
+  std::vector<std::size_t> cuts;
+  for (std::size_t at = 0; at < size; at += step) cuts.push_back(at);
+  cuts.push_back(size);
+  return cuts;
+}
+
+H264Options options(int width, int height, int frames, int bFrames = 0, int slices = 1,
+                    bool interlaced = false) {
+  H264Options o;
+  o.width = width;
+  o.height = height;
+  o.frames = frames;
+  o.bFrames = bFrames;
+  o.slices = slices;
+  o.interlaced = interlaced;
+  o.keyInterval = 6;
+  return o;
+}
+
+// ----------------------------------------------------------------------- streams and their cuts
+
+struct Kind {
+  const char* name;
+  H264Options options;
+};
+
+class DecodedStreams : public H264Test, public testing::WithParamInterface<Kind> {};
+
+TEST_P(DecodedStreams, GiveTheSamePicturesHoweverTheyAreCut) {
+  const H264Made made = support::encodeH264(GetParam().options);
+  const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
+  ASSERT_EQ(expected.size(), static_cast<std::size_t>(GetParam().options.frames));
+  const std::size_t size = made.stream.size();
+  const std::pair<const char*, std::vector<std::size_t>> cuts[] = {
+      {"access units", made.units},         {"NAL units", support::nalStarts(made.stream)},
+      {"1 byte", cutEvery(1, size)},        {"17 bytes", cutEvery(17, size)},
+      {"4096 bytes", cutEvery(4096, size)}, {"whole", {0, size}},
+  };
+  support::Capture quiet;  // a piece longer than a buffer has a line
+  for (const auto& [name, places] : cuts) {
+    Player player(GetParam().options.width, GetParam().options.height);
+    const std::vector<Picture> seen = player.play(made.stream, places, expected.size());
+    ASSERT_EQ(seen.size(), expected.size()) << name;
+    for (std::size_t i = 0; i < seen.size(); ++i)
+      EXPECT_TRUE(same(seen[i].yuv, expected[i])) << name << ", picture " << i;
+  }
+}
+
+H264Options many(int quantiser) {
+  H264Options o = options(64, 48, 4);
+  o.quantiser = quantiser;
+  return o;
+}
+
+const Kind kinds[] = {
+    {"Plain", options(96, 64, 12)},       {"BFrames", options(96, 64, 14, 3)},
+    {"Slices", options(96, 64, 7, 0, 4)}, {"Cropped", options(152, 100, 7, 2)},
+    {"OddlyCropped", options(50, 34, 5)}, {"Interlaced", options(96, 96, 8, 2, 1, true)},
+    {"LongerThanABuffer", many(2)},
+};
+INSTANTIATE_TEST_SUITE_P(Kinds, DecodedStreams, testing::ValuesIn(kinds),
+                         [](const auto& tested) { return std::string(tested.param.name); });
+
+class Decoder : public H264Test {};
+
+TEST_F(Decoder, ParameterSetsMayComeAsExtraData) {
+  const H264Made made = support::encodeH264(options(96, 64, 5));
+  const std::vector<std::size_t> nals = support::nalStarts(made.stream);
+  std::size_t slice = 0;  // the first NAL unit that is no parameter set
+  while ((made.stream[nals[slice] + 4] & 31) != 5 && (made.stream[nals[slice] + 3] & 31) != 5)
+    ++slice;
+  const auto cut = made.stream.begin() + static_cast<std::ptrdiff_t>(nals[slice]);
+  const Bytes rest(cut, made.stream.end());
+  Player player(96, 64, Bytes(made.stream.begin(), cut));
+  const auto seen = player.play(rest, {0, rest.size()}, 5);
+  const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
+  ASSERT_EQ(seen.size(), 5u);
+  EXPECT_TRUE(same(seen[4].yuv, expected[4]));
+}
+
+TEST_F(Decoder, OnePictureComesOutForEachUnitWithoutReordering) {
+  const H264Made made = support::encodeH264(options(96, 64, 12));
+  Bytes stream = made.stream;
+  Player player(96, 64);
+  std::vector<Picture> seen;
+  for (std::size_t i = 0; i + 1 < made.units.size(); ++i) {
+    ASSERT_EQ(player.decoder().ProcessInput(
+                  &stream[made.units[i]],
+                  static_cast<unsigned int>(made.units[i + 1] - made.units[i]), 96, 64, 0, i + 1),
+              CodecOk);
+    ASSERT_TRUE(player.take(seen)) << "the decoder lags at unit " << i;
+    EXPECT_EQ(seen.back().timestamp, i + 1);
+  }
+}
+
+TEST_F(Decoder, TimestampsStayWithTheirPicturesAcrossBFrames) {
+  const H264Made made = support::encodeH264(options(96, 64, 12, 3));
+  const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
+  // The picture that the first i + 1 units have and the first i have not is that of unit i.
+  std::vector<std::size_t> unitOf(expected.size());
+  for (std::size_t k = 0; k < expected.size(); ++k) {
+    for (std::size_t i = 0; i + 1 < made.units.size(); ++i) {
+      const Bytes head(made.stream.begin(),
+                       made.stream.begin() + static_cast<std::ptrdiff_t>(made.units[i + 1]));
+      const std::vector<Yuv> pictures = support::decodeH264(head).pictures;
+      unitOf[k] = i;
+      if (std::any_of(pictures.begin(), pictures.end(),
+                      [&](const Yuv& yuv) { return same(yuv, expected[k]); }))
+        break;
+    }
+  }
+  EXPECT_FALSE(std::is_sorted(unitOf.begin(), unitOf.end())) << "no reordering: nothing tested";
+  Player player(96, 64);
+  const auto seen = player.play(made.stream, made.units, expected.size());
+  ASSERT_EQ(seen.size(), expected.size());
+  for (std::size_t k = 0; k < seen.size(); ++k)
+    EXPECT_EQ(seen[k].timestamp, (unitOf[k] + 1) * 40) << k;
+}
+
+TEST_F(Decoder, DecodeOnlyUnitsAreNotHandedOut) {
+  const H264Made made = support::encodeH264(options(96, 64, 6));
+  const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
+  Player player(96, 64);
+  const auto seen = player.play(made.stream, made.units, 6, 2);
+  ASSERT_EQ(seen.size(), 5u);
+  for (std::size_t k = 0; k < 5; ++k) EXPECT_TRUE(same(seen[k].yuv, expected[k < 2 ? k : k + 1]));
+}
+
+TEST_F(Decoder, AFreshOneStartsAtAnyKeyFrame) {
+  const H264Made made = support::encodeH264(options(96, 64, 18));  // a key frame every 6
+  const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
+  for (const std::size_t key : {6u, 12u}) {
+    const auto from = static_cast<std::ptrdiff_t>(made.units[key]);
+    const Bytes tail(made.stream.begin() + from, made.stream.end());
+    Player player(96, 64);
+    const auto seen = player.play(tail, {0, tail.size()}, 18 - key);
+    ASSERT_EQ(seen.size(), 18 - key);
+    EXPECT_TRUE(same(seen[0].yuv, expected[key]));
+  }
+}
+
+TEST_F(Decoder, DamageDoesNotOutliveTheNextKeyFrame) {
+  const H264Made made = support::encodeH264(options(96, 64, 12));
+  const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
+  std::mt19937 random(7);
+  for (int round = 0; round < 20; ++round) {
+    Bytes stream = made.stream;
+    // The first half is flipped, cut short or rubbish; the second starts with a key frame.
+    const std::size_t half = made.units[6];
+    for (int i = 0; i < 40; ++i) stream[5 + random() % (half - 5)] ^= 1u << random() % 8;
+    if (round % 3 == 1) stream.erase(stream.begin(), stream.begin() + 500);
+    if (round % 3 == 2)
+      std::generate_n(stream.begin(), half, [&] { return static_cast<std::uint8_t>(random()); });
+    Player player(96, 64);
+    const auto seen = player.play(stream, {0, stream.size()}, 13);
+    ASSERT_GE(seen.size(), 6u) << round;
+    EXPECT_LE(seen.size(), 12u) << round;
+    // The key frame itself may be hidden by damage that runs into its start code.
+    EXPECT_TRUE(same(seen.back().yuv, expected.back())) << round;
+  }
+}
+
+TEST_F(Decoder, AStreamOfAnotherSizeIsNoCatastrophe) {
+  const H264Made big = support::encodeH264(options(160, 96, 4));
+  const H264Made right = support::encodeH264(options(96, 64, 3));
+  IH264Decoder* decoder = nullptr;
+  ASSERT_EQ(CreateH264Decoder(&decoder), 1);
+  for (const H264Made* made : {&big, &right}) {
+    support::Capture quiet;
+    ASSERT_TRUE(decoder->Create(96, 64, 0, nullptr));
+    Bytes stream = made->stream, frame(1 << 16);
+    int pictures = 0;
+    for (std::size_t i = 0; i + 1 < made->units.size(); ++i) {
+      decoder->ProcessInput(&stream[made->units[i]],
+                            static_cast<unsigned int>(made->units[i + 1] - made->units[i]), 96, 64,
+                            0, 0);
+      CodecStatus status = CodecNoBuffer;  // as long as counts from before Create are left
+      while (status == CodecNoBuffer) {
+        unsigned int size = 0, width = 0, height = 0;
+        unsigned long long timestamp = 0;
+        status =
+            decoder->ProcessOutput(frame.data(), length(frame), size, width, height, timestamp);
+      }
+      pictures += status == CodecOk;
+    }
+    if (made == &right) {
+      EXPECT_EQ(pictures, 3);
+    }
+  }
+  FreeH264Decoder(decoder);
+}
+
+/// One feeds, one drains, one calls Create with another size in between; the feeder follows.
+class ThreeThreads {
+ public:
+  explicit ThreeThreads(IH264Decoder& decoder) : decoder_(decoder) {
+    for (int i : {0, 1}) {
+      clips_[i] = support::encodeH264(options(widths[i], heights[i], 6));
+      expected_[i] = support::decodeH264(clips_[i].stream).pictures;
+    }
+  }
+
+  void run(int changes) {
+    const support::Capture quiet;  // a size that has just changed has a line
+    created_ = decoder_.Create(widths[0], heights[0], 0, nullptr);
+    std::thread feeder([this] { feed(); });
+    std::thread drainer([this] { drain(); });
+    for (int change = 1; change <= changes; ++change) {
+      const int before = right;
+      for (int i = 0; i < 3000 && right < before + 3; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      starved += right < before + 3;
+      created_ = decoder_.Create(widths[change % 2], heights[change % 2], 0, nullptr);
+      failed += !created_;
+      setup_ = change;
+    }
+    done_ = true;
+    feeder.join();
+    drainer.join();
+  }
+
+  std::atomic<int> right{0};
+  std::atomic<int> wrong{0};
+  int starved = 0;
+  int failed = 0;
+
+ private:
+  static constexpr int widths[] = {96, 160}, heights[] = {64, 96};
+
+  void feed() {
+    for (std::size_t unit = 0; !done_;) {
+      const int now = setup_, which = now % 2;
+      const H264Made& clip = clips_[which];
+      Bytes data(clip.stream.begin() + static_cast<std::ptrdiff_t>(clip.units[unit]),
+                 clip.stream.begin() + static_cast<std::ptrdiff_t>(clip.units[unit + 1]));
+      const CodecStatus status =
+          decoder_.ProcessInput(data.data(), length(data), widths[which], heights[which], 0, 0);
+      // After a change the stream starts from its key frame.
+      unit = status == CodecOk && setup_ == now ? (unit + 1) % 6 : 0;
+    }
+  }
+
+  void drain() {
+    Bytes frame(1 << 16);
+    while (!done_) {
+      unsigned int size = 0, width = 0, height = 0;
+      unsigned long long timestamp = 0;
+      if (decoder_.ProcessOutput(frame.data(), length(frame), size, width, height, timestamp) !=
+          CodecOk)
+        continue;
+      const int which = width == 96 ? 0 : 1;
+      const Yuv seen = support::unpadded(frame.data(), widths[which], heights[which]);
+      const bool known = std::any_of(expected_[which].begin(), expected_[which].end(),
+                                     [&](const Yuv& yuv) { return same(seen, yuv); });
+      ++(known && static_cast<int>(height) == heights[which] ? right : wrong);
+    }
+  }
+
+  IH264Decoder& decoder_;
+  H264Made clips_[2];
+  std::vector<Yuv> expected_[2];
+  std::atomic<int> setup_{0};
+  std::atomic<bool> done_{false};
+  bool created_ = false;
+};
+
+TEST_F(Decoder, CreateOnAThirdThreadDisturbsNobody) {
+  CMmalH264Decoder decoder;
+  ASSERT_TRUE(decoder.Initialize());
+  ThreeThreads threads(decoder);
+  threads.run(20);
+  EXPECT_EQ(threads.starved, 0) << "changes after which no pictures came";
+  EXPECT_EQ(threads.failed, 0);
+  EXPECT_EQ(threads.wrong, 0);
+}
+
+TEST_F(Decoder, TheCallersBufferCostsNoAllocation) {
+  const H264Made made = support::encodeH264(options(96, 64, 12));
+  Bytes stream = made.stream, frame(1 << 16);
+  Player player(96, 64);
+  std::size_t before = 0;
+  for (std::size_t i = 0; i < 12; ++i) {
+    if (i == 1) before = support::interpose::allocationsOfLibrary();
+    ASSERT_EQ(player.decoder().ProcessInput(
+                  &stream[made.units[i]],
+                  static_cast<unsigned int>(made.units[i + 1] - made.units[i]), 96, 64, 0, 0),
+              CodecOk);
+    unsigned int size = 0, width = 0, height = 0;
+    unsigned long long timestamp = 0;
+    ASSERT_EQ(
+        player.decoder().ProcessOutput(frame.data(), length(frame), size, width, height, timestamp),
+        CodecOk);
+  }
+  EXPECT_EQ(support::interpose::allocationsOfLibrary(), before);
+}
+
+}  // namespace
