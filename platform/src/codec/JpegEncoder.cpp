@@ -1,208 +1,103 @@
 #include "codec/JpegEncoder.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <array>
 #include <cstring>
-#include <new>
-#include <vector>
 
-#include "codec/JpegError.h"
-#include "codec/PackedRows.h"
+#include "codec/JpegScans.h"
+#include "codec/JpegStrip.h"
+#include "codec/WorkCrew.h"
 
 namespace codec {
 
 namespace {
 
-constexpr unsigned yuyvRows = 8;  // a 4:2:2 MCU's rows
-constexpr unsigned rgbRows = 16;  // a 4:2:0 MCU's rows
-constexpr std::size_t headerRoom = 2048;
-constexpr std::uint64_t mostGuessed = 16u << 20;
+/// A large picture is cut into this many strips, whatever the machine: the same picture gives the
+/// same bytes everywhere.
+constexpr unsigned mostStrips = 4;
+constexpr unsigned stripPixels = 320 * 200;  // fewer are not worth waking a thread for
+constexpr unsigned mcuWidth = 16;            // of 4:2:2 and 4:2:0 alike
+constexpr unsigned largestInterval = 65535;  // MCUs between restart markers
 
-/// libjpeg's destination: one block that grows and stays. Memory of the C library, because it
-/// grows inside libjpeg's calls, where nothing may throw.
-struct Destination {
-  jpeg_destination_mgr manager;  // first: libjpeg hands back its address
-  std::uint8_t* block;
-  std::size_t capacity;
-  std::size_t size;
+constexpr std::uint8_t frameMarker = 0xc0, restartMarker = 0xd0;
+constexpr std::size_t heightInFrame = 5;  // offset in the frame header's segment
+constexpr std::size_t markerBytes = 2;
 
-  bool reserve(std::size_t bytes) {
-    if (bytes <= capacity) return true;
-    auto* grown = static_cast<std::uint8_t*>(std::realloc(block, bytes));
-    if (grown == nullptr) return false;
-    block = grown;
-    capacity = bytes;
-    return true;
-  }
+/// How a picture is cut.
+struct Plan {
+  unsigned strips = 1;
+  unsigned stripRows = 0;
+  unsigned interval = 0;  ///< MCUs of a strip, 0 for a single one
 };
 
-Destination* destinationOf(j_compress_ptr cinfo) {
-  return reinterpret_cast<Destination*>(cinfo->dest);
-}
-
-void onStart(j_compress_ptr cinfo) {
-  Destination* to = destinationOf(cinfo);
-  to->manager.next_output_byte = to->block;
-  to->manager.free_in_buffer = to->capacity;
-}
-
-boolean onFull(j_compress_ptr cinfo) {
-  Destination* to = destinationOf(cinfo);
-  // libjpeg calls this with the whole block written, whatever free_in_buffer says.
-  const std::size_t written = to->capacity;
-  if (!to->reserve(written * 2))
-    JpegError::fail(reinterpret_cast<j_common_ptr>(cinfo), "no memory for the JPEG");
-  to->manager.next_output_byte = to->block + written;
-  to->manager.free_in_buffer = to->capacity - written;
-  return TRUE;
-}
-
-void onEnd(j_compress_ptr cinfo) {
-  Destination* to = destinationOf(cinfo);
-  to->size = to->capacity - to->manager.free_in_buffer;
-}
-
-J_COLOR_SPACE inputSpace(PixelFormat format) {
-  switch (format) {
-    case PixelFormat::Yuyv:
-      return JCS_YCbCr;
-    case PixelFormat::Rgba32:
-      return JCS_EXT_RGBX;
-    case PixelFormat::Bgra32:
-      return JCS_EXT_BGRX;
-    default:
-      return JCS_EXT_RGB;
-  }
-}
-
-/// Repeats the last sample up to the end of the row.
-void pad(std::uint8_t* row, unsigned used, unsigned full) {
-  if (used < full) std::memset(row + used, row[used - 1], full - used);
+Plan planFor(const PackedPicture& picture) {
+  const unsigned mcuRows = JpegStrip::mcuRows(picture.format);
+  const unsigned rows = (picture.height + mcuRows - 1) / mcuRows;
+  const unsigned columns = (picture.width + mcuWidth - 1) / mcuWidth;
+  const unsigned rowsEach = (rows + mostStrips - 1) / mostStrips;
+  Plan plan;
+  plan.stripRows = picture.height;
+  if (std::uint64_t{picture.width} * picture.height < std::uint64_t{stripPixels} * mostStrips ||
+      rows < mostStrips || rowsEach * columns > largestInterval)
+    return plan;
+  plan.strips = (rows + rowsEach - 1) / rowsEach;
+  plan.stripRows = rowsEach * mcuRows;
+  plan.interval = rowsEach * columns;
+  return plan;
 }
 
 }  // namespace
 
+/// Strips are JPEGs of their own that several threads make at once. What comes behind a strip's
+/// headers is what a single JPEG has between two restart markers, so that joining them is
+/// concatenation.
 struct JpegEncoder::Impl {
-  jpeg_compress_struct cinfo = {};
-  JpegError errors = {};
-  Destination destination = {};
-  bool created = false;
-  std::vector<std::uint8_t> lines;  // one MCU row, taken apart or expanded
+  std::array<JpegStrip, mostStrips> strips;
+  WorkCrew crew;
   std::string error;
 
-  ~Impl() {
-    if (created) jpeg_destroy_compress(&cinfo);
-    std::free(destination.block);
-  }
-
   bool fail(const char* why) {
-    destination.size = 0;
+    strips[0].resize(0);
     error = why;
     return false;
   }
-
-  void prepareLines(const PackedPicture& picture);
-  bool run(const PackedPicture& picture, const PackedRows& rows, int quality);
-  void create();
-  void configure(const PackedPicture& picture, int quality);
-  void writeYuyv(const PackedPicture& picture, const PackedRows& rows);
-  void writeRgb(const PackedPicture& picture, const PackedRows& rows);
-  void writeExpanded(const PackedPicture& picture, const PackedRows& rows);
+  bool encodeStrips(const PackedPicture& picture, const PackedRows& rows, int quality,
+                    const Plan& plan);
+  bool join(unsigned height, unsigned count);
 };
 
-void JpegEncoder::Impl::prepareLines(const PackedPicture& picture) {
-  std::size_t bytes = 0;
-  if (picture.format == PixelFormat::Yuyv)
-    bytes = std::size_t{yuyvRows} * 2 * roundUp(picture.width, 16);
-  else if (picture.format == PixelFormat::Rgb565 || picture.format == PixelFormat::Argb1887)
-    bytes = std::size_t{rgbRows} * 3 * picture.width;
-  if (lines.size() < bytes) lines.resize(bytes);
-}
-
-// From here to run(), frames that libjpeg's jump crosses: no C++ objects in them.
-
-void JpegEncoder::Impl::create() {
-  cinfo.err = errors.install();
-  jpeg_create_compress(&cinfo);
-  created = true;
-  destination.manager.init_destination = onStart;
-  destination.manager.empty_output_buffer = onFull;
-  destination.manager.term_destination = onEnd;
-  cinfo.dest = &destination.manager;
-}
-
-void JpegEncoder::Impl::configure(const PackedPicture& picture, int quality) {
-  cinfo.image_width = picture.width;
-  cinfo.image_height = picture.height;
-  const bool yuyv = picture.format == PixelFormat::Yuyv;
-  cinfo.input_components =
-      picture.format == PixelFormat::Rgba32 || picture.format == PixelFormat::Bgra32 ? 4 : 3;
-  cinfo.in_color_space = inputSpace(picture.format);
-  jpeg_set_defaults(&cinfo);
-  jpeg_set_quality(&cinfo, quality, TRUE);
-  cinfo.dct_method = JDCT_ISLOW;
-  cinfo.comp_info[0].h_samp_factor = 2;
-  cinfo.comp_info[0].v_samp_factor = yuyv ? 1 : 2;
-  cinfo.raw_data_in = yuyv ? TRUE : FALSE;
-}
-
-void JpegEncoder::Impl::writeYuyv(const PackedPicture& picture, const PackedRows& rows) {
-  const unsigned full = roundUp(picture.width, 16);
-  const unsigned chroma = (picture.width + 1) / 2;
-  JSAMPROW y[yuyvRows], u[yuyvRows], v[yuyvRows];
-  for (unsigned i = 0; i < yuyvRows; ++i) {
-    y[i] = lines.data() + std::size_t{i} * 2 * full;
-    u[i] = y[i] + full;
-    v[i] = u[i] + full / 2;
-  }
-  JSAMPARRAY planes[3] = {y, u, v};
-  for (unsigned top = 0; top < picture.height; top += yuyvRows) {
-    for (unsigned i = 0; i < yuyvRows; ++i) {
-      rows.deinterleave(std::min(top + i, picture.height - 1), y[i], u[i], v[i]);
-      pad(y[i], picture.width, full);
-      pad(u[i], chroma, full / 2);
-      pad(v[i], chroma, full / 2);
-    }
-    jpeg_write_raw_data(&cinfo, planes, yuyvRows);
-  }
-}
-
-void JpegEncoder::Impl::writeRgb(const PackedPicture& picture, const PackedRows& rows) {
-  JSAMPROW group[rgbRows];
-  for (unsigned top = 0; top < picture.height; top += rgbRows) {
-    const unsigned count = std::min(rgbRows, picture.height - top);
-    // libjpeg only reads them; its interface merely lacks the const.
-    for (unsigned i = 0; i < count; ++i) group[i] = const_cast<JSAMPROW>(rows.row(top + i));
-    jpeg_write_scanlines(&cinfo, group, count);
-  }
-}
-
-void JpegEncoder::Impl::writeExpanded(const PackedPicture& picture, const PackedRows& rows) {
-  JSAMPROW group[rgbRows];
-  for (unsigned i = 0; i < rgbRows; ++i) group[i] = &lines[std::size_t{i} * 3 * picture.width];
-  for (unsigned top = 0; top < picture.height; top += rgbRows) {
-    const unsigned count = std::min(rgbRows, picture.height - top);
-    for (unsigned i = 0; i < count; ++i) rows.expand(top + i, group[i]);
-    jpeg_write_scanlines(&cinfo, group, count);
-  }
-}
-
-bool JpegEncoder::Impl::run(const PackedPicture& picture, const PackedRows& rows, int quality) {
-  if (setjmp(errors.jump) != 0) {
-    if (created) jpeg_abort_compress(&cinfo);
-    return false;
-  }
-  if (!created) create();
-  errors.reset();
-  configure(picture, quality);
-  jpeg_start_compress(&cinfo, TRUE);
-  if (picture.format == PixelFormat::Yuyv)
-    writeYuyv(picture, rows);
-  else if (picture.format == PixelFormat::Rgb565 || picture.format == PixelFormat::Argb1887)
-    writeExpanded(picture, rows);
+bool JpegEncoder::Impl::encodeStrips(const PackedPicture& picture, const PackedRows& rows,
+                                     int quality, const Plan& plan) {
+  std::array<bool, mostStrips> good = {};
+  const auto encodeOne = [&](unsigned i) {
+    const unsigned top = i * plan.stripRows;
+    const unsigned height = std::min(plan.stripRows, picture.height - top);
+    good[i] = strips[i].encode({&picture, &rows, top, height, quality, plan.interval});
+  };
+  if (plan.strips == 1)
+    encodeOne(0);
   else
-    writeRgb(picture, rows);
-  jpeg_finish_compress(&cinfo);
+    crew.run(plan.strips, encodeOne);
+  for (unsigned i = 0; i < plan.strips; ++i)
+    if (!good[i]) return fail(strips[i].error());
+  return true;
+}
+
+/// Makes the first strip's JPEG the whole picture's.
+bool JpegEncoder::Impl::join(unsigned height, unsigned count) {
+  JpegStrip& whole = strips[0];
+  std::uint8_t* frame = whole.data() + findSegment(whole.data(), whole.size(), frameMarker);
+  frame[heightInFrame] = static_cast<std::uint8_t>(height >> 8);
+  frame[heightInFrame + 1] = static_cast<std::uint8_t>(height);
+  for (unsigned i = 1; i < count; ++i) {
+    JpegStrip& strip = strips[i];
+    const std::size_t from = findScanData(strip.data(), strip.size());
+    const std::size_t at = whole.size();
+    // The restart marker takes the place of the end-of-image marker.
+    if (!whole.resize(at + strip.size() - from)) return fail(whole.error());
+    whole.data()[at - 1] = static_cast<std::uint8_t>(restartMarker + (i - 1) % 8);
+    std::memcpy(whole.data() + at, strip.data() + from, strip.size() - from);
+  }
   return true;
 }
 
@@ -212,29 +107,23 @@ JpegEncoder::~JpegEncoder() = default;
 bool JpegEncoder::encode(const PackedPicture& picture, int quality) {
   Impl& impl = *impl_;
   impl.error.clear();
-  impl.destination.size = 0;
+  impl.strips[0].resize(0);
   if (picture.width == 0 || picture.height == 0) return impl.fail("an empty picture");
   if (picture.width > JPEG_MAX_DIMENSION || picture.height > JPEG_MAX_DIMENSION)
     return impl.fail("a side longer than 65,500 pixels");
   if (quality < 1 || quality > 100) return impl.fail("a quality outside 1 to 100");
   const PackedRows rows(picture);
   if (rows.covered() == 0) return impl.fail("less data than one row");
-  try {
-    impl.prepareLines(picture);
-  } catch (const std::bad_alloc&) {
-    return impl.fail("no memory for a row of the picture");
-  }
-  const std::uint64_t guess = std::uint64_t{picture.width} * picture.height / 2 + headerRoom;
-  if (!impl.destination.reserve(static_cast<std::size_t>(std::min(guess, mostGuessed))))
-    return impl.fail("no memory for the JPEG");
-  return impl.run(picture, rows, quality) || impl.fail(impl.errors.text);
+  const Plan plan = planFor(picture);
+  return impl.encodeStrips(picture, rows, quality, plan) &&
+         (plan.strips == 1 || impl.join(picture.height, plan.strips));
 }
 
 const std::uint8_t* JpegEncoder::data() const {
-  return impl_->destination.block;
+  return impl_->strips[0].data();
 }
 std::size_t JpegEncoder::size() const {
-  return impl_->destination.size;
+  return impl_->strips[0].size();
 }
 const std::string& JpegEncoder::error() const {
   return impl_->error;

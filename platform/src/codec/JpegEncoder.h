@@ -9,7 +9,9 @@
 namespace codec {
 
 /// Baseline JPEG from packed pictures, on libjpeg-turbo. YUYV becomes 4:2:2, RGB becomes 4:2:0.
-/// One thread at a time per object; the object keeps its buffers from picture to picture.
+/// One thread at a time per object; the object keeps its buffers from picture to picture. Large
+/// pictures are made by several threads of the object's own, with restart markers between their
+/// parts.
 class JpegEncoder {
  public:
   JpegEncoder();

@@ -13,6 +13,10 @@ bool standsAlone(std::uint8_t marker) {
   return marker <= 0x01 || (marker >= 0xd0 && marker <= startOfImage);
 }
 
+std::size_t segmentLength(const std::uint8_t* marker) {
+  return 2 + (std::size_t{marker[2]} << 8 | marker[3]);
+}
+
 }  // namespace
 
 JpegScans findScans(const std::uint8_t* data, std::size_t size) {
@@ -31,10 +35,23 @@ JpegScans findScans(const std::uint8_t* data, std::size_t size) {
       at += 2;
     } else {
       found.lastSegment = at;
-      at += 2 + (std::size_t{data[at + 2]} << 8 | data[at + 3]);
+      at += segmentLength(data + at);
     }
   }
   return found;
+}
+
+std::size_t findSegment(const std::uint8_t* data, std::size_t size, std::uint8_t marker) {
+  for (std::size_t at = 2; at + 4 <= size && data[at] == 0xff; at += segmentLength(data + at)) {
+    if (data[at + 1] == marker) return at;
+    if (data[at + 1] == startOfScan) break;
+  }
+  return size;
+}
+
+std::size_t findScanData(const std::uint8_t* data, std::size_t size) {
+  const std::size_t at = findSegment(data, size, startOfScan);
+  return at < size ? at + segmentLength(data + at) : size;
 }
 
 }  // namespace codec

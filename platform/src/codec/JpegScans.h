@@ -16,6 +16,13 @@ struct JpegScans {
 /// by their lengths, so that an embedded thumbnail's markers do not count.
 JpegScans findScans(const std::uint8_t* data, std::size_t size);
 
+/// Offset of the first marker of a kind in front of the first scan's data, `size` when there is
+/// none.
+std::size_t findSegment(const std::uint8_t* data, std::size_t size, std::uint8_t marker);
+
+/// Offset of the first scan's data, `size` when there is none.
+std::size_t findScanData(const std::uint8_t* data, std::size_t size);
+
 }  // namespace codec
 
 #endif  // TESSERA_PLATFORM_SRC_CODEC_JPEGSCANS_H
