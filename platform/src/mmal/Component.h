@@ -80,6 +80,8 @@ class Component : public MMAL_COMPONENT_T, public Home {
   Header* front(Port& port);
   /// Hands the oldest buffer back through the callback.
   void finish(Port& port);
+  /// Makes the worker try step() again at that time, though nothing may have come until then.
+  void tryAgainAt(std::chrono::steady_clock::time_point time);
   /// Hands out an event. Ports that are not enabled get none.
   void raise(Port& port, Header& event);
   void raiseError(MMAL_STATUS_T status);
@@ -90,6 +92,7 @@ class Component : public MMAL_COMPONENT_T, public Home {
  private:
   using Lock = std::unique_lock<std::mutex>;
   using Clock = std::chrono::steady_clock;
+  static constexpr Clock::time_point never = Clock::time_point::max();
 
   void start();
   void takeDown();
@@ -106,6 +109,7 @@ class Component : public MMAL_COMPONENT_T, public Home {
   void serve(Lock& held, Port& port);
   bool deliverDue(Lock& held);
   bool busy() const;
+  Clock::time_point nextDue() const;
   void sleep(Lock& held);
   void conclude(Lock& held, Port& port, Header& header);
   void concludeUnused(Lock& held, Port& port, Header& header);
@@ -126,11 +130,13 @@ class Component : public MMAL_COMPONENT_T, public Home {
   std::condition_variable wake_;     ///< the worker waits on it
   std::condition_variable changed_;  ///< clients wait on it: requests served, work ended
   bool stirred_ = false;             ///< something came that step() has not seen
+  Clock::time_point alarm_ = never;
   bool stepping_ = false;
   bool asleep_ = false;
   bool quit_ = false;
   bool orphaned_ = false;  ///< released for the last time by its own worker
   tessera_platform::hooks::Counted counted_{tessera_platform::hooks::Kind::Component};
+  tessera_platform::hooks::Counted thread_{tessera_platform::hooks::Kind::Thread};
   std::thread worker_;
 };
 

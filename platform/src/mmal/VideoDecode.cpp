@@ -10,6 +10,7 @@ namespace mmal {
 
 namespace {
 
+constexpr auto patience = std::chrono::milliseconds(500);
 constexpr std::uint32_t recommendedInput = 80 * 1024;
 constexpr std::uint32_t noPicture = 1;  ///< smallest buffer while the size is unknown
 
@@ -138,17 +139,26 @@ bool VideoDecode::show() {
     sliceHeight = video.height;
     if (!output0().open()) return false;
   }
-  if (!asDeclared) return announce();
+  if (!asDeclared) return keepOrLeaveOut();
   Header* const out = front(output0());
   if (out == nullptr) return false;
   write(*out, stride, sliceHeight);
-  held_ = false;
+  held_ = announced_ = false;
   finish(output0());
   return true;
 }
 
+bool VideoDecode::keepOrLeaveOut() {
+  if (!announced_) return announce();
+  if (std::chrono::steady_clock::now() < patience_) {
+    tryAgainAt(patience_);
+    return false;
+  }
+  held_ = false;
+  return true;
+}
+
 bool VideoDecode::announce() {
-  if (announced_) return false;
   Header* const event = eventHeader(MMAL_EVENT_FORMAT_CHANGED);
   if (event == nullptr) return false;
   static_assert(sizeof(FormatChanged) <= 512, "an event header holds every event");
@@ -156,6 +166,7 @@ bool VideoDecode::announce() {
   describe(*change, picture_.width, picture_.height);
   event->length = sizeof(FormatChanged);
   announced_ = true;
+  patience_ = std::chrono::steady_clock::now() + patience;
   raise(output0(), *event);
   return true;
 }

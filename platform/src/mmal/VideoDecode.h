@@ -9,9 +9,11 @@ namespace mmal {
 /// "vc.ril.video_decode": H.264, cut anywhere, to I420 pictures in presentation order, laid out as
 /// the output port's format says. While a picture waits for an output buffer, input is held.
 ///
-/// A picture of another size than the format's crop raises the format-changed event once and is
-/// kept until the output port has been disabled, given the new format, and enabled again; it is
-/// then the first that comes out.
+/// A picture of another size than the format's crop raises the format-changed event and is kept
+/// until the output port has been disabled, given the new format, and enabled again; it is then the
+/// first that comes out. A client that has done nothing of the kind after half a second does not
+/// follow changes: pictures of that size are then left out, so that the input runs on, and those of
+/// the declared size come as before.
 class VideoDecode final : public Component {
  public:
   VideoDecode();
@@ -27,6 +29,7 @@ class VideoDecode final : public Component {
   bool takePicture();
   bool show();
   void feed(const Header& in);
+  bool keepOrLeaveOut();
   bool announce();
   void write(Header& out, unsigned stride, unsigned sliceHeight) const;
 
@@ -34,8 +37,9 @@ class VideoDecode final : public Component {
   codec::H264Decoder::Picture picture_;
   bool held_ = false;       ///< picture_ waits to go out
   bool announced_ = false;  ///< its size was told; the output port has not been set up since
-  bool ending_ = false;     ///< the end of the stream is yet to be passed on
-  bool restart_ = true;     ///< the stream starts anew
+  std::chrono::steady_clock::time_point patience_;  ///< how long it is kept
+  bool ending_ = false;  ///< the end of the stream is yet to be passed on
+  bool restart_ = true;  ///< the stream starts anew
 };
 
 }  // namespace mmal

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstring>
 
 #include "interface/mmal/mmal_events.h"
@@ -77,7 +78,6 @@ bool Component::busy() const {
 }
 
 void Component::run() {
-  const hooks::Counted counted(hooks::Kind::Thread);
   workerOf = this;
   Lock held(mutex_);
   for (;;) {
@@ -102,19 +102,27 @@ void Component::run() {
   delete this;
 }
 
+Component::Clock::time_point Component::nextDue() const {
+  Clock::time_point next = is_enabled != 0 ? alarm_ : never;
+  for (const Port* each : ports_) {
+    const Header* const first = each->finished.front();
+    if (first != nullptr) next = std::min(next, first->due);
+  }
+  return next;
+}
+
 void Component::sleep(Lock& held) {
   asleep_ = true;
   changed_.notify_all();
-  const Header* next = nullptr;
-  for (const Port* each : ports_) {
-    const Header* const first = each->finished.front();
-    if (first != nullptr && (next == nullptr || first->due < next->due)) next = first;
-  }
-  if (next == nullptr)
+  const Clock::time_point next = nextDue();
+  if (next == never)
     wake_.wait(held);
   else
-    wake_.wait_until(held, std::chrono::system_clock::now() + (next->due - Clock::now()));
+    wake_.wait_until(held, std::chrono::system_clock::now() + (next - Clock::now()));
   asleep_ = false;
+  if (alarm_ > Clock::now()) return;
+  alarm_ = never;
+  stirred_ = true;
 }
 
 bool Component::serveRequests(Lock& held) {
@@ -215,6 +223,11 @@ void Component::finish(Port& target) {
     conclude(held, target, *header);
   else
     target.finished.pushBack(*header);  // in turn behind one that is late
+}
+
+void Component::tryAgainAt(Clock::time_point time) {
+  const Lock held(mutex_);
+  alarm_ = time;
 }
 
 void Component::raise(Port& target, Header& event) {
