@@ -7,6 +7,10 @@ function(tessera_test name)
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 120)
   endif()
+  if(CMAKE_CROSSCOMPILING)
+    # An emulated processor is several times slower.
+    math(EXPR arg_TIMEOUT "${arg_TIMEOUT} * 4")
+  endif()
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE tessera_flags ${arg_LIBRARIES} GTest::gtest GTest::gtest_main)
   set_target_properties(
