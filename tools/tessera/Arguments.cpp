@@ -86,9 +86,10 @@ void addJpegEncode(CLI::App& app, Arguments& arguments) {
       "Raw frames lie one after another without padding; every frame becomes a JPEG of quality\n"
       "75, and the JPEGs are written one after another. --via omx does not crop: its JPEGs have\n"
       "the size rounded up to multiples of 32 x 16, the edge pixels repeated.\n\n"
-      "  ffmpeg -i photo.png -pix_fmt yuyv422 -f rawvideo - |\n"
-      "    tessera jpeg-encode --size 640x480 --format yuyv - -o photo.jpg\n\n"
-      "ffmpeg's names of the formats: yuyv422, rgb565le (rgb16), rgb24, rgba (rgb32).");
+      "  ffmpeg -i photo.png -pix_fmt rgb24 -f rawvideo - |\n"
+      "    tessera jpeg-encode --size 640x480 --format rgb24 - -o photo.jpg\n\n"
+      "ffmpeg's names of the formats: yuyv422, rgb565le (rgb16), rgb24, rgba (rgb32). YUYV goes\n"
+      "into the JPEG as it is, and JPEG means the full range (ffmpeg: -vf scale=out_range=full).");
 }
 
 void addJpegDecode(CLI::App& app, Arguments& arguments) {

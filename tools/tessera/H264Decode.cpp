@@ -66,6 +66,8 @@ class H264Decoding {
   void run() {
     feeder_ = std::thread([this] { feedAll(); });
     while (waitForStream()) drain();
+    feeder_.join();
+    decoder_.reset();  // the library's words come before the last line
     if (pictures_ == 0) throw Failure("nothing in " + input_.name() + " can be decoded");
   }
 

@@ -102,6 +102,7 @@ class H264Encoding {
       collect();
     }
     collectRest();
+    encoder_.reset();  // the library's words come before the last line
     writer_->finish();
     output_.commit();
     if (fed_ > progress_.frames())

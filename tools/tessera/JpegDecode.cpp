@@ -51,6 +51,7 @@ class JpegDecoding {
     if (splitter.strayBytes() > 0)
       progress_.warn(std::to_string(splitter.strayBytes()) + " bytes of " + input_.name() +
                      " belong to no picture; they were passed over");
+    pool_.reset();  // the library's words come before the last line
     output_.commit();
     progress_.finish({size_, input_.position(), output_.bytes(), leftOut_});
   }

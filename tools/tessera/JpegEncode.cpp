@@ -89,7 +89,7 @@ void jpegEncode(const Arguments& arguments) {
   OutputFile output(arguments.output);
   Progress progress(arguments);
 
-  const auto encoder = makeEncoder(arguments.via, format, size);
+  auto encoder = makeEncoder(arguments.via, format, size);
   std::vector<std::uint8_t> frame, jpeg(bytes / 4 + 4096);
   while (reader.next(frame, FrameSource::Layout::Padded)) {
     if (arguments.via == Via::Omx) toOmxPixels(format, frame);
@@ -98,6 +98,7 @@ void jpegEncode(const Arguments& arguments) {
     output.write(jpeg.data(), encodeOne(*encoder, frame, jpeg, which));
     progress.frame(input.fraction());
   }
+  encoder.reset();  // the library's words come before the last line
   output.commit();
   progress.finish(
       {arguments.via == Via::Omx ? size.rounded() : size, input.position(), output.bytes(), 0});
