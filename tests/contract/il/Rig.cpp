@@ -1,0 +1,189 @@
+#include "Rig.h"
+
+#include <chrono>
+#include <cstring>
+
+namespace rig {
+namespace {
+
+constexpr std::chrono::seconds patience{20};
+
+std::string commandText(OMX_U32 command, OMX_U32 parameter) {
+  const char* const commands[] = {"StateSet", "Flush", "PortDisable", "PortEnable", "MarkBuffer"};
+  const char* const states[] = {"Invalid",   "Loaded", "Idle",
+                                "Executing", "Pause",  "WaitForResources"};
+  const std::string name = commands[command];
+  return name + ' ' +
+         (command == OMX_CommandStateSet ? states[parameter] : std::to_string(parameter));
+}
+
+std::string errorText(OMX_U32 code) {
+  switch (static_cast<OMX_ERRORTYPE>(code)) {
+    case OMX_ErrorSameState:
+      return "SameState";
+    case OMX_ErrorIncorrectStateTransition:
+      return "IncorrectStateTransition";
+    case OMX_ErrorPortUnpopulated:
+      return "PortUnpopulated";
+    case OMX_ErrorInvalidState:
+      return "InvalidState";
+    case OMX_ErrorUnsupportedSetting:
+      return "UnsupportedSetting";
+    default:
+      return std::to_string(code);
+  }
+}
+
+}  // namespace
+
+Client::Client(const Part& wanted) : part(wanted) {
+  static OMX_CALLBACKTYPE callbacks = {onEvent, onEmptied, onFilled};
+  EXPECT_EQ(OMX_Init(), OMX_ErrorNone);
+  EXPECT_EQ(OMX_GetHandle(&handle, const_cast<char*>(part.name), this, &callbacks), OMX_ErrorNone);
+}
+
+Client::~Client() {
+  if (handle != nullptr) {
+    EXPECT_EQ(OMX_FreeHandle(handle), OMX_ErrorNone);
+  }
+  EXPECT_EQ(OMX_Deinit(), OMX_ErrorNone);
+}
+
+void Client::keep(std::string text) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  texts_.push_back(std::move(text));
+  arrived_.notify_one();
+}
+
+OMX_ERRORTYPE Client::onEvent(OMX_HANDLETYPE, OMX_PTR self, OMX_EVENTTYPE event, OMX_U32 data1,
+                              OMX_U32 data2, OMX_PTR) {
+  auto& client = *static_cast<Client*>(self);
+  if (event == OMX_EventCmdComplete)
+    client.keep("done " + commandText(data1, data2));
+  else if (event == OMX_EventError)
+    client.keep("error " + errorText(data1));
+  else if (event == OMX_EventPortSettingsChanged)
+    client.keep("changed " + std::to_string(data1));
+  return OMX_ErrorNone;
+}
+
+OMX_ERRORTYPE Client::onEmptied(OMX_HANDLETYPE, OMX_PTR self, OMX_BUFFERHEADERTYPE* buffer) {
+  static_cast<Client*>(self)->keep("emptied " + std::to_string(buffer->nInputPortIndex));
+  return OMX_ErrorNone;
+}
+
+OMX_ERRORTYPE Client::onFilled(OMX_HANDLETYPE, OMX_PTR self, OMX_BUFFERHEADERTYPE* buffer) {
+  static_cast<Client*>(self)->keep("filled " + std::to_string(buffer->nOutputPortIndex));
+  return OMX_ErrorNone;
+}
+
+std::string Client::next() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (!arrived_.wait_for(lock, patience, [this] { return !texts_.empty(); })) return "nothing";
+  std::string text = texts_.front();
+  texts_.pop_front();
+  return text;
+}
+
+Texts Client::next(std::size_t count) {
+  Texts texts;
+  while (texts.size() < count) texts.push_back(next());
+  return texts;
+}
+
+Texts Client::soFar() {
+  EXPECT_EQ(send(OMX_CommandFlush, part.in), OMX_ErrorNone);
+  const std::string marker = "done " + commandText(OMX_CommandFlush, part.in);
+  Texts texts;
+  for (std::string text = next(); text != marker && text != "nothing"; text = next())
+    texts.push_back(text);
+  return texts;
+}
+
+OMX_ERRORTYPE Client::send(OMX_COMMANDTYPE command, OMX_U32 parameter) {
+  return OMX_SendCommand(handle, command, parameter, nullptr);
+}
+
+void Client::complete(OMX_COMMANDTYPE command, OMX_U32 parameter) {
+  EXPECT_EQ(send(command, parameter), OMX_ErrorNone);
+  EXPECT_EQ(next(), "done " + commandText(static_cast<OMX_U32>(command), parameter));
+}
+
+OMX_STATETYPE Client::state() {
+  OMX_STATETYPE state = OMX_StateMax;
+  EXPECT_EQ(OMX_GetState(handle, &state), OMX_ErrorNone);
+  return state;
+}
+
+OMX_PARAM_PORTDEFINITIONTYPE Client::definition(OMX_U32 port) {
+  auto definition = make<OMX_PARAM_PORTDEFINITIONTYPE>(port);
+  EXPECT_EQ(OMX_GetParameter(handle, OMX_IndexParamPortDefinition, &definition), OMX_ErrorNone);
+  return definition;
+}
+
+OMX_ERRORTYPE Client::define(const OMX_PARAM_PORTDEFINITIONTYPE& definition) {
+  auto copy = definition;
+  return OMX_SetParameter(handle, OMX_IndexParamPortDefinition, &copy);
+}
+
+OMX_BUFFERHEADERTYPE* Client::allocate(OMX_U32 port, OMX_U32 size) {
+  OMX_BUFFERHEADERTYPE* buffer = nullptr;
+  if (size == 0) size = definition(port).nBufferSize;
+  error = OMX_AllocateBuffer(handle, &buffer, port, this, size);
+  return error == OMX_ErrorNone ? buffer : nullptr;
+}
+
+OMX_ERRORTYPE Client::free(OMX_U32 port, OMX_BUFFERHEADERTYPE* buffer) {
+  return OMX_FreeBuffer(handle, port, buffer);
+}
+
+OMX_ERRORTYPE Client::empty(OMX_BUFFERHEADERTYPE* buffer, const Bytes& bytes, OMX_U32 flags) {
+  EXPECT_LE(bytes.size(), buffer->nAllocLen);
+  if (!bytes.empty()) std::memcpy(buffer->pBuffer, bytes.data(), bytes.size());
+  buffer->nFilledLen = static_cast<OMX_U32>(bytes.size());
+  buffer->nOffset = 0;
+  buffer->nFlags = flags;
+  return OMX_EmptyThisBuffer(handle, buffer);
+}
+
+OMX_ERRORTYPE Client::fill(OMX_BUFFERHEADERTYPE* buffer) {
+  return OMX_FillThisBuffer(handle, buffer);
+}
+
+void Client::run() {
+  EXPECT_EQ(send(OMX_CommandStateSet, OMX_StateIdle), OMX_ErrorNone);
+  for (const OMX_U32 port : {part.in, part.out})
+    for (OMX_U32 left = definition(port).nBufferCountActual; left > 0; --left) {
+      OMX_BUFFERHEADERTYPE* const buffer = allocate(port);
+      ASSERT_NE(buffer, nullptr);
+      (port == part.in ? in : out).push_back(buffer);
+    }
+  EXPECT_EQ(next(), "done StateSet Idle");
+  complete(OMX_CommandStateSet, OMX_StateExecuting);
+}
+
+void Client::rest() {
+  if (state() != OMX_StateIdle) complete(OMX_CommandStateSet, OMX_StateIdle);
+  EXPECT_EQ(send(OMX_CommandStateSet, OMX_StateLoaded), OMX_ErrorNone);
+  for (OMX_BUFFERHEADERTYPE* const buffer : in) EXPECT_EQ(free(part.in, buffer), OMX_ErrorNone);
+  for (OMX_BUFFERHEADERTYPE* const buffer : out) EXPECT_EQ(free(part.out, buffer), OMX_ErrorNone);
+  in.clear();
+  out.clear();
+  EXPECT_EQ(next(), "done StateSet Loaded");
+}
+
+void Client::rebuild(OMX_U32 port, OMX_BUFFERHEADERTYPE*& buffer) {
+  EXPECT_EQ(send(OMX_CommandPortDisable, port), OMX_ErrorNone);
+  EXPECT_EQ(free(port, buffer), OMX_ErrorNone);
+  EXPECT_EQ(next(), "done PortDisable " + std::to_string(port));
+  EXPECT_EQ(send(OMX_CommandPortEnable, port), OMX_ErrorNone);
+  buffer = allocate(port);
+  EXPECT_EQ(next(), "done PortEnable " + std::to_string(port));
+}
+
+Bytes bytesOf(const OMX_BUFFERHEADERTYPE& buffer) {
+  const OMX_U8* const start = buffer.pBuffer + buffer.nOffset;
+  return Bytes(start, start + buffer.nFilledLen);
+}
+
+}  // namespace rig
