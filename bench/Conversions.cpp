@@ -42,14 +42,14 @@ class Conversion : public Work {
 class YuyvToI420 : public Conversion {
  public:
   using Conversion::Conversion;
-  double ours() override {
+  double ours(int) override {
     unsigned filled = 0;
     return timed([&] {
       CopyYVYU(source_.data(), source_.size32(), static_cast<unsigned>(width_),
                static_cast<unsigned>(height_), destination_.data(), destination_.size32(), filled);
     });
   }
-  double peer() override {
+  double peer(int) override {
     const int stride = padded32(width_);
     std::uint8_t* u = destination_.data() + static_cast<std::size_t>(stride) * padded16(height_);
     std::uint8_t* v = u + static_cast<std::size_t>(stride) * padded16(height_) / 4;
@@ -63,10 +63,10 @@ class YuyvToI420 : public Conversion {
 class YuyvToNv12 : public Conversion {
  public:
   using Conversion::Conversion;
-  double ours() override {
+  double ours(int) override {
     return timed([&] { YUYVToNV12(source_.data(), destination_.data(), width_, height_); });
   }
-  double peer() override {
+  double peer(int) override {
     return timed([&] {
       libyuv::YUY2ToNV12(source_.data(), 2 * width_, destination_.data(), width_,
                          destination_.data() + pixels(), width_, width_, height_);
@@ -79,17 +79,17 @@ class CopyOfI420 : public Work {
   CopyOfI420(int width, int height)
       : source_(sceneI420(width, height, 0)), destination_(source_.size()) {}
 
-  double ours() override {
+  double ours(int) override {
     unsigned filled = 0;
     return timed([&] {
       CopyI420(source_.data(), source_.size32(), 0, 0, destination_.data(), destination_.size32(),
                filled);
     });
   }
-  double peer() override {
+  double peer(int) override {
     return timed([&] { std::memcpy(destination_.data(), source_.data(), source_.size()); });
   }
-  std::optional<double> limit() override { return peer(); }
+  std::optional<double> limit() override { return peer(0); }
 
  private:
   Buffer source_;

@@ -4,7 +4,9 @@
 #include <tessera/IH264Encoder.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "Content.h"
 #include "H264Peers.h"
@@ -16,6 +18,8 @@ namespace {
 constexpr Size sizes[] = {{640, 480}, {1280, 720}, {1920, 1080}};
 constexpr int framesPerSecond = 30;
 constexpr std::size_t readAhead = 64;
+constexpr std::chrono::milliseconds atOnce{0};
+constexpr std::chrono::milliseconds likeACamera{15};  // idle before each frame
 constexpr int patience = 100;  // time-outs, each of 100 ms, before a codec is given up
 
 /// Calls until there is output or a failure: on a busy machine a frame may take its time.
@@ -27,7 +31,6 @@ bool awaited(Call&& call) {
 }
 
 enum class Input { I420, Yuyv };
-enum class Figure { Mean, Median };
 using MakeEncoder = IH264Encoder* (*)();
 
 IH264Encoder* makeOmx() {
@@ -37,24 +40,6 @@ IH264Encoder* makeOmx() {
 int bitrateFor(int width, int height) {
   return width * height * 4;
 }
-
-/// What one second of video costs a frame.
-class PerFrame {
- public:
-  void add(double microseconds) { taken_.push_back(microseconds); }
-  double value(Figure figure) {
-    if (figure == Figure::Median) {
-      std::nth_element(taken_.begin(), taken_.begin() + taken_.size() / 2, taken_.end());
-      return taken_[taken_.size() / 2];
-    }
-    double sum = 0;
-    for (const double microseconds : taken_) sum += microseconds;
-    return sum / static_cast<double>(taken_.size());
-  }
-
- private:
-  std::vector<double> taken_;
-};
 
 /// One second of video, there and back again, so that it runs on without a cut.
 class Clip {
@@ -84,17 +69,18 @@ bool holdsPicture(const std::uint8_t* data, std::size_t size) {
   return false;
 }
 
-/// From the caller's frame to the stream's bytes in the caller's memory, one frame at a time.
+/// From the caller's frame to the stream's bytes in the caller's memory, one frame at a time: at
+/// once after one another, or after a pause in which caches, threads and clocks go idle.
 class EncodeH264 : public Work {
  public:
   /// @param coded  the size of the coded picture: the component behind the OpenMAX IL encoder does
   ///               not crop
-  EncodeH264(int width, int height, Size coded, int level, Input input, Figure figure,
-             MakeEncoder make)
+  EncodeH264(int width, int height, Size coded, int level, Input input, MakeEncoder make,
+             std::chrono::milliseconds pause)
       : width_(width),
         height_(height),
         input_(input),
-        figure_(figure),
+        pause_(pause),
         clip_(width, height, input),
         planes_(paddedI420Size(width, height)),
         stream_(static_cast<std::size_t>(width) * height * 2),
@@ -106,28 +92,21 @@ class EncodeH264 : public Work {
             "the encoder does not start");
   }
 
-  double ours() override {
-    return second([&](Buffer& frame) { encodeOurs(frame); });
+  double ours(int frame) override {
+    std::this_thread::sleep_for(pause_);
+    return timed([&] { encodeOurs(clip_.frame(frame)); });
   }
-  double peer() override {
-    return second([&](Buffer& frame) { encodeDirectly(frame); });
+  double peer(int frame) override {
+    std::this_thread::sleep_for(pause_);
+    return timed([&] { encodeDirectly(clip_.frame(frame)); });
   }
+  int frames() const override { return framesPerSecond; }
   int turn() const override { return 1; }
 
  private:
   struct Release {
     void operator()(IH264Encoder* encoder) const { ReleaseEncoderH264(encoder); }
   };
-
-  template <class Encode>
-  double second(Encode&& encode) {
-    PerFrame cost;
-    for (int i = 0; i < framesPerSecond; ++i) {
-      Buffer& frame = clip_.frame(i);
-      cost.add(timed([&] { encode(frame); }));
-    }
-    return cost.value(figure_);
-  }
 
   void encodeOurs(Buffer& frame) {
     require(encoder_->ProcessInput(frame.data(), frame.size32(), 0, 0) == CodecOk,
@@ -159,7 +138,7 @@ class EncodeH264 : public Work {
   int width_;
   int height_;
   Input input_;
-  Figure figure_;
+  std::chrono::milliseconds pause_;
   Clip clip_;
   Buffer planes_;
   Buffer stream_;
@@ -179,21 +158,17 @@ class DecodeH264 : public Work {
     require(made->Create(width, height, 0, nullptr), "the decoder does not start");
   }
 
-  double ours() override {
-    return timed([&] {
-             for (Buffer& unit : units_) decodeOurs(unit);
-           }) /
-           framesPerSecond;
+  double ours(int frame) override {
+    return timed([&] { decodeOurs(units_[static_cast<std::size_t>(frame)]); });
   }
-  double peer() override {
+  double peer(int frame) override {
+    const Buffer& unit = units_[static_cast<std::size_t>(frame)];
     return timed([&] {
-             for (Buffer& unit : units_) {
-               require(avcodec_.decode(unit.data(), unit.size() - readAhead, picture_.data()),
-                       "libavcodec gives no picture");
-             }
-           }) /
-           framesPerSecond;
+      require(avcodec_.decode(unit.data(), unit.size() - readAhead, picture_.data()),
+              "libavcodec gives no picture");
+    });
   }
+  int frames() const override { return framesPerSecond; }
   int turn() const override { return 1; }
 
  private:
@@ -237,14 +212,14 @@ class DecodeH264 : public Work {
   Avcodec avcodec_;
 };
 
-void addEncoder(std::vector<Entry>& entries, const std::string& work, Input input, Figure figure,
-                bool omx) {
+void addEncoder(std::vector<Entry>& entries, const std::string& work, Input input, bool omx,
+                std::chrono::milliseconds pause) {
   for (const auto [width, height] : sizes) {
     entries.push_back(
         {work, width, height, "x264", [=, width = width, height = height] {
            const Size coded = omx ? Size{padded32(width), padded16(height)} : Size{width, height};
-           return std::make_unique<EncodeH264>(width, height, coded, omx ? 40 : 51, input, figure,
-                                               omx ? makeOmx : CreateEncoderH264);
+           return std::make_unique<EncodeH264>(width, height, coded, omx ? 40 : 51, input,
+                                               omx ? makeOmx : CreateEncoderH264, pause);
          }});
   }
 }
@@ -252,12 +227,11 @@ void addEncoder(std::vector<Entry>& entries, const std::string& work, Input inpu
 }  // namespace
 
 void addH264Codecs(std::vector<Entry>& entries) {
-  addEncoder(entries, "h264-encode i420", Input::I420, Figure::Mean, false);
-  addEncoder(entries, "h264-encode yuyv", Input::Yuyv, Figure::Mean, false);
-  addEncoder(entries, "h264-encode-omx i420", Input::I420, Figure::Mean, true);
-  addEncoder(entries, "h264-encode-omx yuyv", Input::Yuyv, Figure::Mean, true);
-  addEncoder(entries, "h264-encode-latency i420", Input::I420, Figure::Median, false);
-  addEncoder(entries, "h264-encode-latency yuyv", Input::Yuyv, Figure::Median, false);
+  addEncoder(entries, "h264-encode i420", Input::I420, false, atOnce);
+  addEncoder(entries, "h264-encode yuyv", Input::Yuyv, false, atOnce);
+  addEncoder(entries, "h264-encode-omx i420", Input::I420, true, atOnce);
+  addEncoder(entries, "h264-encode-omx yuyv", Input::Yuyv, true, atOnce);
+  addEncoder(entries, "h264-encode-latency i420", Input::I420, false, likeACamera);
   for (const auto [width, height] : sizes) {
     entries.push_back(
         {"h264-decode", width, height, "libavcodec",

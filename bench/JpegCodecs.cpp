@@ -60,7 +60,7 @@ class EncodeYuyv : public Encode {
       : Encode(width, height, sceneYuyv(width, height, padded16(height), 0), make),
         planes_(static_cast<std::size_t>(2) * width * height) {}
 
-  double ours() override {
+  double ours(int) override {
     return timed([&] {
       unsigned size = 0;
       tookOurs(encoder_->EncodeYUYV(frame_.data(), frame_.size32(), width_, height_, jpeg_.data(),
@@ -69,7 +69,7 @@ class EncodeYuyv : public Encode {
   }
 
   /// TurboJPEG takes planes: an application takes the packed frame apart first.
-  double peer() override {
+  double peer(int) override {
     std::uint8_t* y = planes_.data();
     std::uint8_t* u = y + static_cast<std::size_t>(width_) * height_;
     std::uint8_t* v = u + static_cast<std::size_t>(width_) / 2 * height_;
@@ -95,14 +95,14 @@ class EncodeRgb32 : public Encode {
   EncodeRgb32(int width, int height, MakeEncoder make)
       : Encode(width, height, sceneRgb32(width, height, padded16(height), order), make) {}
 
-  double ours() override {
+  double ours(int) override {
     return timed([&] {
       unsigned size = 0;
       tookOurs(encoder_->EncodeRGB32(frame_.data(), frame_.size32(), width_, height_, jpeg_.data(),
                                      jpeg_.size32(), size));
     });
   }
-  double peer() override {
+  double peer(int) override {
     return timed([&] {
       unsigned char* to = jpeg_.data();
       unsigned long size = jpeg_.size();
@@ -114,7 +114,7 @@ class EncodeRgb32 : public Encode {
 };
 
 /// One picture again and again, or two of almost one size in turn: then the pool rebuilds its
-/// output for each. Microseconds are those of one picture.
+/// output for each.
 class Decode : public Work {
  public:
   Decode(int width, int height, bool alternating)
@@ -125,24 +125,21 @@ class Decode : public Work {
     if (alternating) jpegs_.push_back(makeJpeg(width - 32, height - 16));
   }
 
-  double ours() override {
+  int frames() const override { return static_cast<int>(jpegs_.size()); }
+
+  double ours(int frame) override {
+    Jpeg& jpeg = jpegs_[static_cast<std::size_t>(frame)];
     return timed([&] {
-             for (Jpeg& jpeg : jpegs_) {
-               int width = 0, height = 0;
-               require(pool_->DecodeJpeg(reinterpret_cast<char*>(jpeg.bytes.data()),
-                                         jpeg.bytes.size32(), width, height) != nullptr &&
-                           width == jpeg.width && height == jpeg.height,
-                       "the pool does not decode");
-             }
-           }) /
-           static_cast<double>(jpegs_.size());
+      int width = 0, height = 0;
+      require(pool_->DecodeJpeg(reinterpret_cast<char*>(jpeg.bytes.data()), jpeg.bytes.size32(),
+                                width, height) != nullptr &&
+                  width == jpeg.width && height == jpeg.height,
+              "the pool does not decode");
+    });
   }
 
-  double peer() override {
-    return timed([&] {
-             for (Jpeg& jpeg : jpegs_) decodeWithTurbo(jpeg);
-           }) /
-           static_cast<double>(jpegs_.size());
+  double peer(int frame) override {
+    return timed([&] { decodeWithTurbo(jpegs_[static_cast<std::size_t>(frame)]); });
   }
 
  private:

@@ -11,17 +11,20 @@
 
 namespace bench {
 
-/// One kind of work on one size of picture, with all that it needs set up. Every side does the same
-/// work and tells its microseconds a frame. @throws std::runtime_error when a codec fails
+/// One kind of work on one size of picture, with all that it needs set up. The work is a short
+/// sequence of frames, run again and again from its first to its last; every side does the same and
+/// tells the microseconds of one frame. @throws std::runtime_error when a codec fails
 class Work {
  public:
   virtual ~Work() = default;
-  virtual double ours() = 0;
-  virtual double peer() = 0;
+  virtual double ours(int frame) = 0;
+  virtual double peer(int frame) = 0;
   /// What the machine's memory allows at best; none for work that is not bound by it.
   virtual std::optional<double> limit() { return std::nullopt; }
-  /// Runs of one side before it is another's turn. Single calls take several, so that each side
-  /// finds the caches as it left them itself; whole clips need but one.
+  /// Length of the sequence.
+  virtual int frames() const { return 1; }
+  /// Sequences of one side before it is another's turn. Short ones take several, so that each side
+  /// finds the caches as it left them itself.
   virtual int turn() const { return 5; }
 };
 

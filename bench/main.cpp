@@ -29,15 +29,19 @@ int takeStandardOutput() {
 
 /// Registers both sides of an entry for the interactive mode.
 void registerSides(const bench::Entry& entry) {
-  const auto run = [entry](benchmark::State& state, double (bench::Work::*side)()) {
+  const auto run = [entry](benchmark::State& state, double (bench::Work::*side)(int)) {
     try {
       const std::unique_ptr<bench::Work> work = entry.make();
-      for (auto _ : state) state.SetIterationTime((work.get()->*side)() * 1e-6);
+      int frame = 0;
+      for (auto _ : state) {
+        state.SetIterationTime((work.get()->*side)(frame)*1e-6);
+        frame = (frame + 1) % work->frames();
+      }
     } catch (const std::exception& failure) {
       state.SkipWithError(failure.what());
     }
   };
-  const auto add = [&](const std::string& who, double (bench::Work::*side)()) {
+  const auto add = [&](const std::string& who, double (bench::Work::*side)(int)) {
     const std::string name = entry.work + "/" + entry.size() + "/" + who;
     benchmark::RegisterBenchmark(name.c_str(), run, side)
         ->UseManualTime()

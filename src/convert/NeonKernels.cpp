@@ -32,10 +32,10 @@ struct NeonSteps {
 
   template <Stores>
   static void semiPlanar(RowPair source, SemiPlanarPair destination, std::size_t pixel) {
-    const uint8x16x2_t left = takeApart(source.upper + 2 * pixel);
-    const uint8x16x2_t right = takeApart(source.upper + 2 * pixel + 32);
-    const uint8x16x2_t lowerLeft = takeApart(source.lower + 2 * pixel);
-    const uint8x16x2_t lowerRight = takeApart(source.lower + 2 * pixel + 32);
+    const uint8x16x2_t left = vld2q_u8(source.upper + 2 * pixel);
+    const uint8x16x2_t right = vld2q_u8(source.upper + 2 * pixel + 32);
+    const uint8x16x2_t lowerLeft = vld2q_u8(source.lower + 2 * pixel);
+    const uint8x16x2_t lowerRight = vld2q_u8(source.lower + 2 * pixel + 32);
     vst1q_u8(destination.upperLuma + pixel, left.val[0]);
     vst1q_u8(destination.upperLuma + pixel + 16, right.val[0]);
     vst1q_u8(destination.chroma + pixel, left.val[1]);
@@ -44,8 +44,8 @@ struct NeonSteps {
     vst1q_u8(destination.lowerLuma + pixel + 16, lowerRight.val[0]);
   }
 
-  /// 16 luma and 16 chroma bytes. Structure loads are the faster way on 32-bit ARM, the unzip
-  /// instructions on 64-bit ARM.
+  /// 16 luma and 16 chroma bytes. Where chroma is unzipped anyway, 64-bit in-order cores do better
+  /// without structure loads.
   static uint8x16x2_t takeApart(const std::uint8_t* row) {
 #if defined(__aarch64__)
     return vuzpq_u8(vld1q_u8(row), vld1q_u8(row + 16));
