@@ -5,7 +5,6 @@
 #include <semaphore.h>
 #include <tessera/Export.h>
 
-#include <atomic>
 #include <cstdint>
 
 struct TesseraLayout;
@@ -56,8 +55,8 @@ class TESSERA_API DecoderPool {
   /// @param width,height  receive the picture's size. **Pass zeros**: what is passed in stands for
   ///                the size when no baseline header is found, which is how a progressive picture
   ///                is decoded (a size other than its own costs time, but does no harm)
-  /// @return the luma plane, or null: nothing was found to decode (no line), or one line told why.
-  ///         After null the pool stays usable, and width and height may have changed
+  /// @return the luma plane, or null after a line that told why. After null the pool stays usable,
+  ///         and width and height may have changed
   virtual unsigned char* DecodeJpeg(char* jpeg, unsigned int size, int& width, int& height);
 
   /// Takes the component down and prints what it does on standard output. Waits for the component
@@ -80,6 +79,7 @@ class TESSERA_API DecoderPool {
   /// Where a rebuild of the output buffer stands.
   enum class OutputPort {
     Ready,      ///< enabled, with its buffer
+    Outdated,   ///< likewise, but the buffer is of another size
     Disabling,  ///< asked to be disabled; the buffer is to be freed, or is
     Enabling,   ///< asked to be enabled; the buffer is to be allocated, or is
   };
@@ -111,10 +111,11 @@ class TESSERA_API DecoderPool {
   bool CatchUp();
   OMX_BUFFERHEADERTYPE* NextFreeInput();
   bool TakeNewSize(int& width, int& height);
-  void ReadOutputSize();
+  bool ReadOutputSize();
   bool RebuildOutputBuffer();
   bool ReleaseOldBuffer();
   unsigned char* FetchPicture(int& width, int& height);
+  bool RequestFill();
   bool Completed(const char* command);
   bool Answered(sem_t& answer, const char* request);
   bool Unanswered(const char* request);
@@ -143,7 +144,6 @@ class TESSERA_API DecoderPool {
   bool ready = false;            // setup ran to its end
   bool fillOutstanding = false;  // the component has the output buffer
   bool behind = false;           // an answer was given up: flush before anything else
-  std::atomic<bool> componentFailed{false};
 };
 
 extern "C" {

@@ -18,13 +18,13 @@ void PrintNewState(OMX_U32 state) {
     std::printf("State changed to: command [%d] \n", static_cast<int>(state));
 }
 
-[[noreturn]] void EndProcess(DecoderPool& pool, OMX_U32 code) {
+[[noreturn]] void EndProcess(OMX_U32 code) {
   std::printf("unrecoverable error: %s (0x%x) \n",
               OmxErrorDescription(static_cast<OMX_ERRORTYPE>(static_cast<OMX_S32>(code))), code);
-  // A pool with static storage is destroyed by exit() on this very thread, the component's, and
-  // must not wait for it.
-  DecoderPoolSignals::failed(pool);
-  std::exit(1);
+  std::fflush(stdout);
+  // exit() would destroy what the application's other threads are still using, and a pool with
+  // static storage on the component's own thread.
+  std::_Exit(1);
 }
 
 // The decode cycle sees by a buffer's nFilledLen that it is free again.
@@ -56,7 +56,7 @@ OMX_ERRORTYPE EventHandler(OMX_HANDLETYPE, OMX_PTR pAppData, OMX_EVENTTYPE eEven
     case OMX_EventBufferFlag:
       break;
     case OMX_EventError:
-      EndProcess(pool, nData1);
+      EndProcess(nData1);
     default:
       std::printf("unhandled event, param1 = %i, param2 = %i", static_cast<int>(nData1),
                   static_cast<int>(nData2));

@@ -19,6 +19,9 @@
 namespace {
 
 constexpr unsigned int busyInputPollUs = 10000;
+constexpr unsigned int newSizeLimitMs = 1000;
+/// Announcements of a size while a fill is waited for: one late, one of the picture itself.
+constexpr int mostAnnouncements = 2;
 
 /// Bytes of a 4:2:0 picture in the padded layout.
 OMX_U32 PaddedPictureBytes(std::int32_t width, std::int32_t height) {
@@ -35,8 +38,14 @@ OMX_U32 FilledBytes(const OMX_BUFFERHEADERTYPE& buffer) {
 
 unsigned char* DecoderPool::DecodeJpeg(char* jpeg, unsigned int size, int& width, int& height) {
   GetJpegWidthAndHeight(width, height, jpeg, size);
-  if (width == 0 && height == 0) return nullptr;
-  if (jpeg == nullptr || size == 0) return nullptr;
+  if (width == 0 && height == 0) {
+    std::puts("DecoderPool::DecodeJpeg - no baseline header found, and no size given");
+    return nullptr;
+  }
+  if (jpeg == nullptr || size == 0) {
+    std::puts("DecoderPool::DecodeJpeg - no data");
+    return nullptr;
+  }
   if (!ready) {
     std::puts("DecoderPool::DecodeJpeg - the pool's setup failed");
     return nullptr;
@@ -46,10 +55,11 @@ unsigned char* DecoderPool::DecodeJpeg(char* jpeg, unsigned int size, int& width
   const bool sameSize = width == nCurrentWidth && height == nCurrentHeight;
   ForgetOmxAnswers(semPortSettingsChanged);
   if (!PassJpegToDecoder(jpeg, static_cast<int>(size))) return nullptr;
-  if (!sameSize) {
-    if (!Answered(semPortSettingsChanged, "the picture's header")) return nullptr;
-    if (!TakeNewSize(width, height)) return nullptr;
-  }
+  // A picture that is no picture, or whose size was told wrong, announces no size: then the
+  // component answers to the buffer that it has been given so far.
+  if (!sameSize && WaitForOmxAnswer(semPortSettingsChanged, newSizeLimitMs) &&
+      !TakeNewSize(width, height))
+    return nullptr;
   return FetchPicture(width, height);
 }
 
@@ -83,7 +93,7 @@ OMX_BUFFERHEADERTYPE* DecoderPool::NextFreeInput() {
   const auto limit = Clock::now() + std::chrono::milliseconds(omxAnswerLimitMs);
   while (FilledBytes(*buffer) != 0) {
     if (Clock::now() >= limit) {
-      std::puts("\nDecoderPool::DecodeJpeg - the input buffers do not come back");
+      std::puts(" DecoderPool::DecodeJpeg - the input buffers do not come back");
       behind = true;
       return nullptr;
     }
@@ -106,16 +116,22 @@ bool DecoderPool::TakeNewSize(int& width, int& height) {
   return portDef.bEnabled == OMX_FALSE || RebuildOutputBuffer();
 }
 
-void DecoderPool::ReadOutputSize() {
+/// @return whether the component's picture has another size than the pool's buffer
+bool DecoderPool::ReadOutputSize() {
   lastError = ReadPort(nOutputPort);
-  nCurrentWidth = static_cast<std::int32_t>(portDef.format.image.nFrameWidth);
-  nCurrentHeight = static_cast<std::int32_t>(portDef.format.image.nFrameHeight);
+  const auto width = static_cast<std::int32_t>(portDef.format.image.nFrameWidth);
+  const auto height = static_cast<std::int32_t>(portDef.format.image.nFrameHeight);
+  const bool changed = width != nCurrentWidth || height != nCurrentHeight;
+  nCurrentWidth = width;
+  nCurrentHeight = height;
+  return changed;
 }
 
 /// Replaces the output buffer by one for the current size. After a failure the next call goes on
 /// with the step that failed.
 bool DecoderPool::RebuildOutputBuffer() {
-  if (outputPort == OutputPort::Ready) {
+  if (outputPort == OutputPort::Ready) outputPort = OutputPort::Outdated;
+  if (outputPort == OutputPort::Outdated) {
     if (nCompletionsOwed == 0) ForgetOmxAnswers(semCommandDone);
     if (Send(OMX_CommandPortDisable, nOutputPort) != OMX_ErrorNone) return Failed("disabled");
     outputPort = OutputPort::Disabling;
@@ -160,33 +176,36 @@ bool DecoderPool::ReleaseOldBuffer() {
 
 /// Has the output buffer filled, and gives its pixels.
 unsigned char* DecoderPool::FetchPicture(int& width, int& height) {
-  for (bool sizeTaken = false;; sizeTaken = true) {
-    pOutputBuffer->nFilledLen = 0;
-    pOutputBuffer->nFlags = 0;
-    ForgetOmxAnswers(semFillDone);
-    lastError = OMX_FillThisBuffer(hDecoder, pOutputBuffer);
-    if (lastError != OMX_ErrorNone) {
-      std::printf("Filling output buffer error %s \n", OmxErrorDescription(lastError));
-      behind = true;
-      return nullptr;
-    }
-    fillOutstanding = true;
+  if (!RequestFill()) return nullptr;
+  for (int announced = 0;;) {
     const OmxAnswer answer =
         WaitForOmxAnswer(semFillDone, semPortSettingsChanged, omxAnswerLimitMs);
     if (answer == OmxAnswer::Came) break;
-    // A picture whose size was not known, or told wrong, announces its own size now.
-    if (answer == OmxAnswer::None || sizeTaken) {
+    if (answer == OmxAnswer::None || ++announced > mostAnnouncements) {
       Unanswered("OMX_FillThisBuffer");
       return nullptr;
     }
-    if (!TakeNewSize(width, height)) return nullptr;
+    if (ReadOutputSize() && (!RebuildOutputBuffer() || !RequestFill())) return nullptr;
   }
   fillOutstanding = false;
   if (pOutputBuffer->nFilledLen == 0 || (pOutputBuffer->nFlags & OMX_BUFFERFLAG_DATACORRUPT) != 0) {
     std::puts("DecoderPool::DecodeJpeg - the picture cannot be decoded");
     return nullptr;
   }
+  width = nCurrentWidth;
+  height = nCurrentHeight;
   return pOutputBuffer->pBuffer;
+}
+
+bool DecoderPool::RequestFill() {
+  pOutputBuffer->nFilledLen = 0;
+  pOutputBuffer->nFlags = 0;
+  ForgetOmxAnswers(semFillDone);
+  lastError = OMX_FillThisBuffer(hDecoder, pOutputBuffer);
+  if (lastError == OMX_ErrorNone) return fillOutstanding = true;
+  std::printf("Filling output buffer error %s \n", OmxErrorDescription(lastError));
+  behind = true;
+  return false;
 }
 
 /// Brings pool and component back together after a call that gave up half way: the output buffer
@@ -201,10 +220,7 @@ bool DecoderPool::CatchUp() {
   if (!Completed("OMX_CommandFlush")) return false;
   if (fillOutstanding && !Answered(semFillDone, "OMX_FillThisBuffer")) return false;
   fillOutstanding = false;
-  const std::int32_t width = nCurrentWidth;
-  const std::int32_t height = nCurrentHeight;
-  ReadOutputSize();
-  if ((width != nCurrentWidth || height != nCurrentHeight) && !RebuildOutputBuffer()) return false;
+  if (ReadOutputSize() && !RebuildOutputBuffer()) return false;
   behind = false;
   return true;
 }

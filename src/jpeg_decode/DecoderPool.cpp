@@ -164,8 +164,6 @@ bool DecoderPool::StartExecuting() {
 }
 
 DecoderPool::~DecoderPool() {
-  // The process is on its way out on the component's own thread, which nobody may wait for.
-  if (componentFailed) return;
   std::puts("DecoderPool::~DecoderPool ");
   if (started) {
     int count = 0;
@@ -223,7 +221,8 @@ void DecoderPool::ReleaseInputBuffers() {
 
 void DecoderPool::ReleaseOutputBuffer() {
   if (pOutputBuffer == nullptr) return;
-  if (outputPort == OutputPort::Ready && Send(OMX_CommandPortDisable, nOutputPort) != OMX_ErrorNone)
+  if (outputPort != OutputPort::Disabling &&
+      Send(OMX_CommandPortDisable, nOutputPort) != OMX_ErrorNone)
     return;
   lastError = OMX_FreeBuffer(hDecoder, nOutputPort, pOutputBuffer);
   if (lastError != OMX_ErrorNone) {

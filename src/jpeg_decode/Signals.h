@@ -8,7 +8,6 @@ struct DecoderPoolSignals {
   static void commandDone(DecoderPool& pool) { sem_post(&pool.semCommandDone); }
   static void fillDone(DecoderPool& pool) { sem_post(&pool.semFillDone); }
   static void portSettingsChanged(DecoderPool& pool) { sem_post(&pool.semPortSettingsChanged); }
-  static void failed(DecoderPool& pool) { pool.componentFailed = true; }
 };
 
 #endif  // TESSERA_SRC_JPEG_DECODE_SIGNALS_H

@@ -1,0 +1,124 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <random>
+
+#include "JpegSurgery.h"
+#include "PoolFixture.h"
+#include "support/Interpose.h"
+
+namespace {
+
+using support::Bytes;
+using support::Sampling;
+
+/// A pool that gets bad pictures, each of them after a white one and after a black one: what comes
+/// out may not depend on it. After each, a good one decodes.
+class BadInput : public testing::Test {
+ protected:
+  void SetUp() override { support::interpose::hurry = 20; }
+  void TearDown() override { support::interpose::reset(); }
+
+  /// @return the picture's bytes, or the line that came with null
+  std::string take(const Bytes& jpeg, int width = 0, int height = 0) {
+    const Decoded seen = decode(*pool_, jpeg, width, height);
+    if (seen.data == nullptr) {
+      EXPECT_EQ(std::count(seen.lines.begin(), seen.lines.end(), '\n'), 1) << seen.lines;
+      return seen.lines;
+    }
+    EXPECT_EQ(seen.lines, "");
+    const support::Yuv picture = support::unpadded(seen.data, seen.width, seen.height);
+    std::string bytes(picture.y.begin(), picture.y.end());
+    bytes.append(picture.u.begin(), picture.u.end()).append(picture.v.begin(), picture.v.end());
+    return bytes;
+  }
+
+  /// @return whether a picture came out
+  bool tryOut(const Bytes& jpeg, int width = 0, int height = 0) {
+    EXPECT_EQ(difference(decode(*pool_, white_), white_), "");
+    const std::string first = take(jpeg, width, height);
+    EXPECT_EQ(difference(decode(*pool_, black_), black_), "");
+    EXPECT_TRUE(take(jpeg, width, height) == first) << "it depends on the picture before";
+    return first.find("DecoderPool::DecodeJpeg") != 0;
+  }
+
+  const support::Image scene_ = support::scene(48, 32);
+  const Bytes small_ = support::encodeJpeg(scene_, Sampling::Yuv420, 60);
+
+ private:
+  QuietPool pool_;
+  const Bytes white_ =
+      support::encodeJpeg(support::flat(48, 32, 255, 255, 255), Sampling::Yuv420, 80);
+  const Bytes black_ = support::encodeJpeg(support::flat(48, 32, 0, 0, 0), Sampling::Yuv420, 80);
+};
+
+TEST_F(BadInput, KindsThatNobodyDecodes) {
+  const Bytes noSize = surgery::withSize(small_, 0, 0);
+  std::mt19937 random(7);
+  Bytes rubbish(5000);
+  std::generate(rubbish.begin(), rubbish.end(), [&] { return random(); });
+  const Bytes lossless = surgery::withFrameCode(small_, 0xC0, 0xC3);
+  const Bytes hierarchical = surgery::withFrameCode(small_, 0xC0, 0xC5);
+  Bytes header = rubbish;
+  std::copy_n(small_.begin(), surgery::segments(small_, 0xC4).at(0), header.begin());
+  struct {
+    const char* name;
+    Bytes jpeg;
+    int width = 0, height = 0;
+  } const table[] = {
+      {"empty", {}},
+      {"empty, with a size", {}, 48, 32},
+      {"random", rubbish},
+      {"random, with another size", rubbish, 64, 64},
+      {"random, with the pool's size", rubbish, 48, 32},
+      {"random after a good header", header},
+      {"no size", noSize},
+      {"no height", surgery::withSize(small_, 48, 0)},
+      {"65535 x 65535", surgery::withSize(small_, 65535, 65535)},
+      {"12 bits", surgery::withPrecision(small_, 12)},
+      {"CMYK", surgery::cmyk(48, 32)},
+      {"lossless", lossless, 48, 32},
+      {"hierarchical", hierarchical, 48, 32},
+      {"a thousand scans",
+       surgery::withScans(support::encodeJpeg(scene_, Sampling::Yuv420, 60, true), 1000), 48, 32}};
+  for (const auto& bad : table) {
+    SCOPED_TRACE(bad.name);
+    EXPECT_FALSE(tryOut(bad.jpeg, bad.width, bad.height));
+  }
+}
+
+TEST_F(BadInput, TruncatedAtEveryByte) {
+  const Bytes whole = surgery::encodeWith("TJ_RESTART", "2B", scene_, Sampling::Yuv420);
+  const std::size_t scan = surgery::segments(whole, 0xDA).at(0);
+  const std::size_t data = scan + 14;
+  for (std::size_t size = 0; size < whole.size() && !HasFailure(); ++size) {
+    SCOPED_TRACE(size);
+    const bool picture = tryOut(Bytes(whole.begin(), whole.begin() + static_cast<long>(size)));
+    // With its headers whole it goes as far as its data; within the last of them, who knows.
+    if (size <= scan || size >= data) {
+      EXPECT_EQ(picture, size >= data);
+    }
+  }
+}
+
+TEST_F(BadInput, EveryByteFlipped) {
+  for (std::size_t i = 0; i < small_.size() && !HasFailure(); ++i) {
+    SCOPED_TRACE(i);
+    Bytes flipped = small_;
+    flipped[i] = static_cast<std::uint8_t>(~flipped[i]);
+    tryOut(flipped);
+  }
+}
+
+TEST_F(BadInput, SizesOfAllKindsInAShortFile) {
+  // What the header claims, the data never holds: the limits come before the memory.
+  for (const auto& [width, height] : {std::pair(65535, 1), std::pair(1, 65535), std::pair(16385, 8),
+                                      std::pair(16384, 16384), std::pair(9000, 9000)}) {
+    SCOPED_TRACE(width);
+    EXPECT_FALSE(tryOut(surgery::withSize(small_, width, height)));
+  }
+  EXPECT_TRUE(tryOut(surgery::withSize(small_, 640, 480)));
+}
+
+}  // namespace

@@ -1,0 +1,158 @@
+#include <gtest/gtest.h>
+#include <tessera_platform/control.h>
+
+#include <random>
+#include <thread>
+
+#include "JpegSurgery.h"
+#include "PoolFixture.h"
+#include "support/Interpose.h"
+
+namespace {
+
+using support::Bytes;
+using support::Sampling;
+
+Bytes jpegOf(int width, int height, int t = 0, Sampling sampling = Sampling::Yuv420) {
+  return support::encodeJpeg(support::scene(width, height, t), sampling, 85);
+}
+
+// -------------------------------------------------------------------------- kinds of pictures
+
+const Sampling samplings[] = {Sampling::Yuv420, Sampling::Yuv422, Sampling::Yuv444,
+                              Sampling::Yuv440, Sampling::Yuv411, Sampling::Grey};
+const std::pair<int, int> sizes[] = {{1280, 720}, {640, 480}, {321, 241}, {33, 17}, {100, 75},
+                                     {16, 1},     {1, 16},    {2, 2},     {3, 3},   {1, 1}};
+
+class Samplings : public testing::TestWithParam<Sampling> {};
+
+TEST_P(Samplings, DecodeToWhatTurboJpegSees) {
+  QuietPool pool;
+  for (const auto& [width, height] : sizes) {
+    const Bytes jpeg = jpegOf(width, height, 3, GetParam());
+    EXPECT_EQ(difference(decode(*pool, jpeg), jpeg), "") << width << "x" << height;
+  }
+}
+
+std::string nameOf(const testing::TestParamInfo<Sampling>& tested) {
+  const char* const names[] = {"yuv444", "yuv422", "yuv420", "grey", "yuv440", "yuv411"};
+  return names[static_cast<int>(tested.param)];
+}
+INSTANTIATE_TEST_SUITE_P(All, Samplings, testing::ValuesIn(samplings), nameOf);
+
+TEST(Decode, TakesWhatCamerasWrite) {
+  const support::Image image = support::scene(320, 240, 5);
+  const Bytes plain = support::encodeJpeg(image, Sampling::Yuv422, 85);
+  const std::pair<const char*, Bytes> kinds[] = {
+      {"restart markers", surgery::encodeWith("TJ_RESTART", "3B", image, Sampling::Yuv420)},
+      {"Exif before all else", surgery::withExif(plain, 20000)},
+      {"two blocks of comments",
+       surgery::insert(plain, 2, {0xFF, 0xFE, 0, 4, 'h', 'i', 0xFF, 0xFE, 0, 2})},
+      {"bytes after the end", surgery::insert(plain, plain.size(), Bytes(5000, 0))}};
+  QuietPool pool;
+  for (const auto& [name, jpeg] : kinds)
+    EXPECT_EQ(difference(decode(*pool, jpeg), jpeg), "") << name;
+  ASSERT_FALSE(surgery::segments(kinds[0].second, 0xDD).empty()) << "no restart interval in it";
+  // The tables of MJPEG go without saying; the oracle wants them.
+  EXPECT_EQ(difference(decode(*pool, surgery::withoutTables(plain)), plain), "");
+}
+
+TEST(Decode, ProgressivePicturesTakeTheCallersSize) {
+  QuietPool pool;
+  const Bytes jpeg = support::encodeJpeg(support::scene(200, 120), Sampling::Yuv444, 85, true);
+  const Decoded unknown = decode(*pool, jpeg);
+  EXPECT_EQ(unknown.data, nullptr);
+  EXPECT_EQ(unknown.width + unknown.height, 0);
+  EXPECT_EQ(difference(decode(*pool, jpeg, 200, 120), jpeg), "");
+  EXPECT_EQ(difference(decode(*pool, jpeg, 200, 120), jpeg), "") << "the same size again";
+  // A wrong size, another one than the pool's or the pool's own, costs time only.
+  EXPECT_EQ(difference(decode(*pool, jpeg, 640, 480), jpeg), "");
+  EXPECT_EQ(difference(decode(*pool, jpegOf(64, 64)), jpegOf(64, 64)), "");
+  EXPECT_EQ(difference(decode(*pool, jpeg, 64, 64), jpeg), "");
+  EXPECT_EQ(difference(decode(*pool, jpegOf(64, 64)), jpegOf(64, 64)), "");
+}
+
+TEST(Decode, APictureMayTakeManyInputBuffers) {
+  QuietPool pool;
+  const std::size_t capacity = TesseraLayout::inputCapacity(*pool);
+  const Bytes small = jpegOf(320, 240);
+  // Exactly one buffer, one byte more, and many times round the ring.
+  for (const std::size_t size : {capacity, capacity + 1, 5 * capacity + 17}) {
+    const Bytes jpeg = surgery::insert(small, small.size(), Bytes(size - small.size(), 0));
+    EXPECT_EQ(difference(decode(*pool, jpeg), small), "") << size;
+  }
+  const Bytes large = support::encodeJpeg(support::noise(1600, 1200, 1), Sampling::Yuv444, 97);
+  ASSERT_GT(large.size(), 3 * capacity);
+  EXPECT_EQ(difference(decode(*pool, large), large), "");
+}
+
+// -------------------------------------------------------------------------- sizes in a row
+
+TEST(Decode, OneSizeKeepsOneBufferAndAnotherSizeTakesAnother) {
+  QuietPool pool;
+  const std::pair<std::pair<int, int>, OMX_U32> table[] = {
+      {{1280, 720}, 1382400}, {{640, 480}, 460800}, {{1920, 1080}, 3133440}, {{100, 75}, 15360}};
+  for (const auto& [size, capacity] : table) {
+    const Decoded first = decode(*pool, jpegOf(size.first, size.second, 0));
+    ASSERT_NE(first.data, nullptr);
+    EXPECT_EQ(TesseraLayout::outputCapacity(*pool), capacity);
+    const Bytes next = jpegOf(size.first, size.second, 1);
+    const Decoded second = decode(*pool, next);
+    EXPECT_EQ(second.data, first.data);
+    EXPECT_EQ(difference(second, next), "");
+    EXPECT_EQ(first.lines + second.lines, "") << "nothing is printed on the good path";
+  }
+  EXPECT_EQ(TesseraLayout::counts(*pool), (std::vector<int>{0, 0, 0}));
+}
+
+TEST(Decode, AThousandPicturesOfChangingSizesAreEachRight) {
+  const std::pair<int, int> some[] = {{64, 48}, {65, 48}, {64, 49}, {160, 120}, {7, 9}, {1, 1}};
+  std::vector<Bytes> jpegs;
+  for (const auto& [width, height] : some)
+    for (int t = 0; t < 3; ++t)
+      jpegs.push_back(jpegOf(width, height, t, t == 1 ? Sampling::Yuv422 : Sampling::Yuv420));
+  QuietPool pool;
+  std::mt19937 random(2024);
+  for (int i = 0; i < 1000; ++i) {
+    const Bytes& jpeg = jpegs[random() % jpegs.size()];
+    ASSERT_EQ(difference(decode(*pool, jpeg), jpeg), "") << "picture " << i;
+  }
+}
+
+TEST(Decode, PoolsDoNotDisturbEachOther) {
+  const auto work = [](int width, std::string& worst) {
+    DecoderPool pool;
+    for (int t = 0; t < 20; ++t) {
+      Bytes jpeg = jpegOf(width + t % 3, 90, t);
+      Decoded seen;
+      seen.data = pool.DecodeJpeg(reinterpret_cast<char*>(jpeg.data()),
+                                  static_cast<unsigned int>(jpeg.size()), seen.width, seen.height);
+      worst += difference(seen, jpeg);
+    }
+  };
+  std::string first, second;
+  const support::Capture capture;
+  std::thread a([&] { work(120, first); });
+  std::thread b([&] { work(200, second); });
+  a.join();
+  b.join();
+  EXPECT_EQ(first + second, "");
+}
+
+TEST(Decode, AllocatesNothingAtAnUnchangedSize) {
+  QuietPool pool;
+  Bytes jpeg = jpegOf(320, 240);
+  ASSERT_NE(decode(*pool, jpeg).data, nullptr);
+  int width = 0, height = 0;
+  const std::size_t before = support::interpose::allocationsOfLibrary();
+  for (int i = 0; i < 10; ++i)
+    (*pool).DecodeJpeg(reinterpret_cast<char*>(jpeg.data()), static_cast<unsigned int>(jpeg.size()),
+                       width, height);
+  EXPECT_EQ(support::interpose::allocationsOfLibrary(), before);
+}
+
+TEST(Decode, ReleaseTakesNull) {
+  EXPECT_EQ(ReleaseDecoderPool(nullptr), 0);
+}
+
+}  // namespace

@@ -1,0 +1,193 @@
+#include <gtest/gtest.h>
+#include <tessera/Diagnostics.h>
+#include <unistd.h>
+
+#include <set>
+
+#include "PoolFixture.h"
+
+namespace {
+
+using Counts = std::vector<int>;
+
+OMX_ERRORTYPE error(OMX_U32 code) {
+  return static_cast<OMX_ERRORTYPE>(static_cast<OMX_S32>(code));
+}
+
+// ------------------------------------------------------------------------------ the callbacks
+
+struct EventCase {
+  const char* name;
+  OMX_EVENTTYPE event;
+  OMX_U32 data1, data2;
+  std::string line;
+  Counts posted;
+};
+
+class Events : public testing::TestWithParam<EventCase> {};
+
+TEST_P(Events, PrintAndPost) {
+  const EventCase& tested = GetParam();
+  support::Capture capture;
+  DecoderPool pool;
+  const std::size_t before = capture.out().size();
+  EXPECT_EQ(EventHandler(nullptr, nullptr, tested.event, tested.data1, tested.data2, nullptr),
+            OMX_ErrorNone);
+  EXPECT_EQ(TesseraLayout::counts(pool), (Counts{0, 0, 0})) << "no application data, no post";
+  EXPECT_EQ(EventHandler(nullptr, &pool, tested.event, tested.data1, tested.data2, nullptr),
+            OMX_ErrorNone);
+  EXPECT_EQ(capture.out().substr(before), tested.line);
+  EXPECT_EQ(TesseraLayout::counts(pool), tested.posted);
+}
+
+const OMX_U32 negative = 0xFFFFFFFE;
+INSTANTIATE_TEST_SUITE_P(
+    Table, Events,
+    testing::Values(
+        EventCase{"executing",
+                  OMX_EventCmdComplete,
+                  0,
+                  3,
+                  "State changed to: OMX_StateExecuting\n",
+                  {1, 0, 0}},
+        EventCase{"invalid",
+                  OMX_EventCmdComplete,
+                  0,
+                  0,
+                  "State changed to: OMX_StateInvalid\n",
+                  {1, 0, 0}},
+        EventCase{"waiting",
+                  OMX_EventCmdComplete,
+                  0,
+                  5,
+                  "State changed to: OMX_StateWaitForResources\n",
+                  {1, 0, 0}},
+        EventCase{
+            "state_7", OMX_EventCmdComplete, 0, 7, "State changed to: command [7] \n", {1, 0, 0}},
+        EventCase{"flushed", OMX_EventCmdComplete, 1, 321, "", {1, 0, 0}},
+        EventCase{"marked", OMX_EventCmdComplete, 4, 0, "", {1, 0, 0}},
+        EventCase{"settings", OMX_EventPortSettingsChanged, 99, 0, "", {0, 0, 1}},
+        EventCase{"flag", OMX_EventBufferFlag, 1, 1, "", {0, 0, 0}},
+        EventCase{"mark",
+                  OMX_EventMark,
+                  negative,
+                  7,
+                  "unhandled event, param1 = -2, param2 = 7",
+                  {0, 0, 0}}),
+    [](const auto& tested) { return std::string(tested.param.name); });
+
+TEST(Callbacks, TheTableHoldsThemInOrder) {
+  EXPECT_EQ(videodeccallbacks.EventHandler, &EventHandler);
+  DecoderPool pool;
+  OMX_BUFFERHEADERTYPE buffer{};
+  EXPECT_EQ(videodeccallbacks.EmptyBufferDone(nullptr, &pool, &buffer), OMX_ErrorNone);
+  EXPECT_EQ(TesseraLayout::counts(pool), (Counts{0, 0, 0}));
+  EXPECT_EQ(videodeccallbacks.FillBufferDone(nullptr, nullptr, &buffer), OMX_ErrorNone);
+  EXPECT_EQ(videodeccallbacks.FillBufferDone(nullptr, &pool, &buffer), OMX_ErrorNone);
+  EXPECT_EQ(TesseraLayout::counts(pool), (Counts{0, 1, 0}));
+}
+
+using DiagnosticsDeathTest = testing::Test;
+
+TEST(DiagnosticsDeathTest, AnErrorEventEndsTheProcess) {
+  const auto die = [](OMX_U32 code) {
+    static DecoderPool pool;  // destroyed on the way out
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    EventHandler(nullptr, &pool, OMX_EventError, code, 0, nullptr);
+  };
+  EXPECT_EXIT(die(0x80001001), testing::ExitedWithCode(1),
+              "unrecoverable error: The cause of the error could not be determined .0x80001001. "
+              "\n");
+  EXPECT_EXIT(die(0x90000001), testing::ExitedWithCode(1),
+              "unrecoverable error: Unknown error .0x90000001. \n");
+}
+
+// -------------------------------------------------------------------------------- the texts
+
+TEST(Descriptions, CoverTheStandardsCodesAndNoOthers) {
+  EXPECT_STREQ(OmxErrorDescription(OMX_ErrorNone), "None");
+  EXPECT_STREQ(OmxErrorDescription(OMX_ErrorInsufficientResources),
+               "There were insufficient resources to perform the requested operation");
+  EXPECT_STREQ(OmxErrorDescription(error(0x80001018)),
+               "Attempting a command that is not allowed during the present state");
+  EXPECT_STREQ(OmxErrorDescription(error(0x80001024)), "Tunneling is unsupported by the component");
+  std::set<std::string> texts;
+  for (OMX_U32 code = 0x80001000; code <= 0x80001024; ++code)
+    texts.insert(OmxErrorDescription(error(code)));
+  EXPECT_EQ(texts.size(), 37u) << "each code has a text of its own";
+  EXPECT_EQ(texts.count("Unknown error"), 0u);
+  for (const OMX_U32 code : {1u, 0x80000FFFu, 0x80001025u, 0x90000001u})
+    EXPECT_STREQ(OmxErrorDescription(error(code)), "Unknown error") << std::hex << code;
+}
+
+TEST(Descriptions, PrintOmxErrorWritesOneLine) {
+  const std::pair<OMX_U32, const char*> table[] = {
+      {0, "0x00000000:success"},
+      {0x80001005, "0x80001005:one or more parameters were not valid"},
+      {0x80001017, "0x80001017:attempting a state transtion that is not allowed"},
+      {0x80001001, "0x80001001:(no description)."},
+      {0x8000101C, "0x8000101c:(no description)."}};
+  for (const auto& [code, text] : table) {
+    support::Capture capture;
+    PrintOmxError("Class::Call", error(code));
+    EXPECT_EQ(capture.err(), std::string("Class::Call - ") + text + "\n");
+    EXPECT_EQ(capture.out(), "");
+  }
+}
+
+/// A component that does nothing but answer its state.
+OMX_STATETYPE shownState;
+OMX_ERRORTYPE answerState(OMX_HANDLETYPE, OMX_STATETYPE* state) {
+  *state = shownState;
+  return shownState == OMX_StateMax ? OMX_ErrorInvalidComponent : OMX_ErrorNone;
+}
+
+TEST(DiagnosticsDeathTest, PrintStateNamesTheStateOrEndsTheProcess) {
+  OMX_COMPONENTTYPE component{};
+  component.GetState = answerState;
+  const char* const names[] = {"State unknown", "StateLoaded", "StateIdle",    "StateExecuting",
+                               "StatePause",    "StateWiat",   "State unknown"};
+  for (int i = 0; i < 7; ++i) {
+    support::Capture capture;
+    shownState = static_cast<OMX_STATETYPE>(i);
+    printState(&component);
+    EXPECT_EQ(capture.out(), std::string(names[i]) + "\n");
+  }
+  shownState = OMX_StateMax;
+  EXPECT_EXIT(printState(&component), testing::ExitedWithCode(1), "Error on getting state\n");
+}
+
+TEST(Diagnostics, DumpPortDefsPrintsEveryField) {
+  OMX_PARAM_PORTDEFINITIONTYPE port{};
+  char mime[] = "image/jpeg";
+  port.nSize = 96;
+  port.nVersion.nVersion = 0x00020101;
+  port.nPortIndex = 321;
+  port.nBufferCountActual = 1;
+  port.nBufferCountMin = 2;
+  port.nBufferSize = 0xFFFFFFFF;
+  port.bEnabled = OMX_TRUE;
+  port.eDomain = OMX_PortDomainImage;
+  port.format.image.cMIMEType = mime;
+  port.format.image.bFlagErrorConcealment = OMX_TRUE;
+  port.format.image.nFrameWidth = 640;
+  port.format.image.nFrameHeight = 480;
+  port.format.image.nStride = -5;
+  port.format.image.nSliceHeight = 481;
+  port.format.image.eCompressionFormat = OMX_IMAGE_CodingMax;
+  port.format.image.eColorFormat = OMX_COLOR_FormatYUV420PackedPlanar;
+  port.bBuffersContiguous = OMX_TRUE;
+  port.nBufferAlignment = 16;
+  support::Capture capture;
+  const int count = DumpPortDefs(&port);
+  EXPECT_EQ(capture.out(),
+            " nSize [96] \n nVersion [20101] \n nIndex[321] \n nBufferCountActual[1] \n"
+            " nBufferCountMin[2] \n nBufferSize[-1] \n bEnabled[1] \n  bPopulated[0] \n"
+            " eDomain[2] \n           MIME[image/jpeg] \n pNativeRender[0] \n bFlagError[1] \n"
+            " pNativeWindow[0] \n format.width[640] \n format.height[480] \n"
+            " format.nStride[-5] \n format.nSlieHeight[481] \n compression[7fffffff] \n"
+            "             color[14] \n bBuffersContiguous[1] \n nBufferAlignment[16] \n");
+  EXPECT_EQ(static_cast<std::size_t>(count), capture.out().size());
+}
+
+}  // namespace

@@ -1,0 +1,101 @@
+#include "JpegSurgery.h"
+
+#include <turbojpeg.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace surgery {
+namespace {
+
+constexpr std::uint8_t baseline = 0xC0, huffmanTables = 0xC4, scan = 0xDA;
+
+std::size_t lengthAt(const Bytes& jpeg, std::size_t at) {
+  return std::size_t{jpeg[at + 2]} * 256 + jpeg[at + 3] + 2;
+}
+
+}  // namespace
+
+std::vector<std::size_t> segments(const Bytes& jpeg, std::uint8_t code) {
+  std::vector<std::size_t> found;
+  for (std::size_t at = 2; at + 4 <= jpeg.size(); at += lengthAt(jpeg, at)) {
+    if (jpeg[at + 1] == code) found.push_back(at);
+    if (jpeg[at + 1] == scan) break;
+  }
+  return found;
+}
+
+Bytes insert(const Bytes& jpeg, std::size_t at, const Bytes& bytes) {
+  Bytes result = jpeg;
+  result.insert(result.begin() + static_cast<std::ptrdiff_t>(at), bytes.begin(), bytes.end());
+  return result;
+}
+
+Bytes withExif(const Bytes& jpeg, std::size_t length) {
+  Bytes block{0xFF, 0xE1, static_cast<std::uint8_t>((length + 2) >> 8),
+              static_cast<std::uint8_t>(length + 2)};
+  // A thumbnail's header within it must not be taken for the picture's.
+  const Bytes inside{'E', 'x', 'i', 'f', 0, 0, 0xFF, 0xD8, 0xFF, 0xC0, 0, 17, 8, 0, 60, 0, 80};
+  for (std::size_t i = 0; i < length; ++i) block.push_back(inside[i % inside.size()]);
+  return insert(jpeg, 2, block);
+}
+
+Bytes withoutTables(Bytes jpeg) {
+  for (auto found = segments(jpeg, huffmanTables); !found.empty();
+       found = segments(jpeg, huffmanTables)) {
+    const auto from = jpeg.begin() + static_cast<std::ptrdiff_t>(found[0]);
+    jpeg.erase(from, from + static_cast<std::ptrdiff_t>(lengthAt(jpeg, found[0])));
+  }
+  return jpeg;
+}
+
+Bytes withFrameCode(Bytes jpeg, std::uint8_t from, std::uint8_t to) {
+  jpeg.at(segments(jpeg, from).at(0) + 1) = to;
+  return jpeg;
+}
+
+Bytes withSize(Bytes jpeg, int width, int height) {
+  const std::size_t at = segments(jpeg, baseline).at(0);
+  jpeg[at + 5] = static_cast<std::uint8_t>(height >> 8);
+  jpeg[at + 6] = static_cast<std::uint8_t>(height);
+  jpeg[at + 7] = static_cast<std::uint8_t>(width >> 8);
+  jpeg[at + 8] = static_cast<std::uint8_t>(width);
+  return jpeg;
+}
+
+Bytes withPrecision(Bytes jpeg, int bits) {
+  jpeg[segments(jpeg, baseline).at(0) + 4] = static_cast<std::uint8_t>(bits);
+  return jpeg;
+}
+
+Bytes withScans(const Bytes& jpeg, int count) {
+  const Bytes marker{0xFF, scan};
+  const auto last = std::find_end(jpeg.begin(), jpeg.end() - 2, marker.begin(), marker.end());
+  const Bytes repeated(last, jpeg.end() - 2);
+  Bytes result(jpeg.begin(), last);
+  for (int i = 0; i < count; ++i) result.insert(result.end(), repeated.begin(), repeated.end());
+  result.insert(result.end(), {0xFF, 0xD9});
+  return result;
+}
+
+Bytes cmyk(int width, int height) {
+  const Bytes pixels(static_cast<std::size_t>(width) * height * 4, 100);
+  const tjhandle handle = tjInitCompress();
+  unsigned char* data = nullptr;
+  unsigned long size = 0;
+  tjCompress2(handle, pixels.data(), width, 0, height, TJPF_CMYK, &data, &size, TJSAMP_444, 80, 0);
+  const Bytes jpeg(data, data + size);
+  tjFree(data);
+  tjDestroy(handle);
+  return jpeg;
+}
+
+Bytes encodeWith(const char* variable, const char* value, const support::Image& image,
+                 support::Sampling sampling) {
+  setenv(variable, value, 1);
+  const Bytes jpeg = support::encodeJpeg(image, sampling, 85);
+  unsetenv(variable);
+  return jpeg;
+}
+
+}  // namespace surgery

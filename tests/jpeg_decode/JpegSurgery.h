@@ -1,0 +1,41 @@
+#ifndef TESSERA_TESTS_JPEG_DECODE_JPEGSURGERY_H
+#define TESSERA_TESTS_JPEG_DECODE_JPEGSURGERY_H
+
+#include "support/JpegOracle.h"
+
+/// JPEGs as TurboJPEG does not write them, made from some that it does.
+namespace surgery {
+
+using support::Bytes;
+
+/// Offsets of the segments with that marker code, up to the first scan.
+std::vector<std::size_t> segments(const Bytes& jpeg, std::uint8_t code);
+
+/// The file with some bytes put in.
+Bytes insert(const Bytes& jpeg, std::size_t at, const Bytes& bytes);
+
+/// The file with an Exif block of that many bytes as its first segment.
+Bytes withExif(const Bytes& jpeg, std::size_t length);
+
+/// The file without its Huffman tables, as cameras write MJPEG.
+Bytes withoutTables(Bytes jpeg);
+
+/// The file with another code for its frame header: 0xC3 lossless, 0xC9 arithmetic, ...
+Bytes withFrameCode(Bytes jpeg, std::uint8_t from, std::uint8_t to);
+
+/// The file with other values in its baseline header.
+Bytes withSize(Bytes jpeg, int width, int height);
+Bytes withPrecision(Bytes jpeg, int bits);
+
+/// The file with its last scan that many times.
+Bytes withScans(const Bytes& jpeg, int count);
+
+Bytes cmyk(int width, int height);
+
+/// encodeJpeg with one of TurboJPEG's environment switches on.
+Bytes encodeWith(const char* variable, const char* value, const support::Image& image,
+                 support::Sampling sampling);
+
+}  // namespace surgery
+
+#endif  // TESSERA_TESTS_JPEG_DECODE_JPEGSURGERY_H

@@ -1,0 +1,113 @@
+#include "OmxFixture.h"
+
+namespace {
+
+using Counts = std::vector<int>;
+
+/// The callbacks of both encoders are alike but for their names, and for one error text.
+struct Handlers {
+  const char* prefix;
+  const char* className;
+  decltype(&OmxEventsHandler) event;
+  decltype(&OmxEmptyInputBufferHandler) empty;
+  decltype(&OmxFillOutputBufferHandler) fill;
+  const char* unpopulated;
+};
+const Handlers both[] = {{"Omx", "COmxJpegEncoder", OmxEventsHandler, OmxEmptyInputBufferHandler,
+                          OmxFillOutputBufferHandler, "(no description)."},
+                         {"OmxH264", "COmxH264Encoder", OmxH264EventsHandler,
+                          OmxH264EmptyInputBufferHandler, OmxH264FillOutputBufferHandler,
+                          "the port has lost one or more of its buffers and it thus unpopulated."}};
+
+struct EventCase {
+  OMX_EVENTTYPE event;
+  OMX_U32 data;
+  Counts posted;
+  std::string out;
+  std::string err;
+};
+
+template <typename Encoder>
+void takeEvents(const Handlers& handlers) {
+  const EventCase table[] = {
+      {OMX_EventCmdComplete, OMX_CommandStateSet, {1, 0, 0, 0}, "", ""},
+      {OMX_EventCmdComplete, OMX_CommandFlush, {0, 0, 1, 0}, "", ""},
+      {OMX_EventCmdComplete, OMX_CommandPortDisable, {0, 1, 0, 0}, "", ""},
+      {OMX_EventCmdComplete, OMX_CommandPortEnable, {0, 1, 0, 0}, "", ""},
+      {OMX_EventCmdComplete, OMX_CommandMarkBuffer, {0, 0, 0, 0}, "", ""},
+      {OMX_EventError, 0x80001012, {1, 0, 0, 0}, "", ""},
+      {OMX_EventError,
+       0x80001009,
+       {0, 0, 0, 0},
+       "",
+       "OmxEventsHandler - 0x80001009:the hardware failed to respond as expected\n"},
+      {OMX_EventError,
+       0x8000101C,
+       {0, 0, 0, 0},
+       "",
+       std::string("OmxEventsHandler - 0x8000101c:") + handlers.unpopulated + "\n"},
+      {OMX_EventPortSettingsChanged,
+       1,
+       {0, 0, 0, 0},
+       "--------- OMX_EventPortSettingsChanged\n",
+       ""},
+      {OMX_EventBufferFlag, 1, {0, 0, 0, 0}, "", ""},
+      {OMX_EventMark, 0, {0, 0, 0, 0}, "OmxEventsHandler  unknown event 2\n", ""},
+      {OMX_EventResourcesAcquired, 0, {0, 0, 0, 0}, "OmxEventsHandler  unknown event 5\n", ""}};
+  for (const EventCase& tested : table) {
+    SCOPED_TRACE(testing::Message() << "event " << tested.event << ", " << tested.data);
+    Encoder encoder;
+    support::Capture capture;
+    EXPECT_EQ(handlers.event(nullptr, &encoder, tested.event, tested.data, 0, nullptr),
+              OMX_ErrorNone);
+    EXPECT_EQ(capture.out(), tested.out);
+    EXPECT_EQ(capture.err(), tested.err);
+    EXPECT_EQ(TesseraLayout::counts(encoder), tested.posted);
+  }
+  Encoder encoder;
+  OMX_BUFFERHEADERTYPE buffer{};
+  EXPECT_EQ(handlers.empty(nullptr, &encoder, &buffer), OMX_ErrorNone);
+  EXPECT_EQ(TesseraLayout::counts(encoder), (Counts{0, 0, 0, 0}));
+  EXPECT_EQ(handlers.fill(nullptr, &encoder, &buffer), OMX_ErrorNone);
+  EXPECT_EQ(TesseraLayout::counts(encoder), (Counts{0, 0, 0, 1}));
+  EXPECT_TRUE(encoder.WaitForOutputBufferFilled());
+}
+
+using Handler = OmxTest;
+
+TEST_F(Handler, EventsPrintAndPost) {
+  takeEvents<COmxJpegEncoder>(both[0]);
+  takeEvents<COmxH264Encoder>(both[1]);
+}
+
+TEST_F(Handler, WithoutAnObjectTheyPrintTheirName) {
+  for (const Handlers& handlers : both) {
+    const auto line = [&](const char* name) {
+      return std::string(handlers.prefix) + name + " : nullptr of the " + handlers.className +
+             " object\n";
+    };
+    support::Capture capture;
+    EXPECT_EQ(handlers.event(nullptr, nullptr, OMX_EventError, 0, 0, nullptr), OMX_ErrorNone);
+    EXPECT_EQ(handlers.empty(nullptr, nullptr, nullptr), OMX_ErrorNone);
+    EXPECT_EQ(handlers.fill(nullptr, nullptr, nullptr), OMX_ErrorNone);
+    EXPECT_EQ(capture.out(), line("EventsHandler") + line("EmptyInputBufferHandler") +
+                                 line("FillOutputBufferHandler"));
+    EXPECT_EQ(capture.err(), "");
+  }
+}
+
+TEST_F(Handler, WaitsEndWithTheirSignalOrTheirLimit) {
+  COmxJpegEncoder encoder;
+  encoder.SignalStateChanged();
+  encoder.SignalPortEnabledDisabled();
+  encoder.SignalFlushed();
+  encoder.SignalOutputBufferFill();
+  for (const bool answered : {true, false}) {
+    EXPECT_EQ(encoder.WaitForStateChange(), answered);
+    EXPECT_EQ(encoder.WaitForPortEnableDisable(), answered);
+    EXPECT_EQ(encoder.WaitForFlush(), answered);
+    EXPECT_EQ(encoder.WaitForOutputBufferFilled(), answered);
+  }
+}
+
+}  // namespace
