@@ -99,7 +99,7 @@ bool CMmalH264Decoder::Initialize() {
   if (pComponent != nullptr) return true;
   MMAL_COMPONENT_T* component = nullptr;
   const MMAL_STATUS_T status = mmal_component_create("vc.ril.video_decode", &component);
-  if (status != MMAL_SUCCESS) {
+  if (status != MMAL_SUCCESS || component == nullptr) {
     std::fprintf(stderr,
                  "CMmalH264Decoder::Initialize - failed to create mmal decoder component. Error "
                  "code [0x%x]\n",
@@ -107,7 +107,7 @@ bool CMmalH264Decoder::Initialize() {
     return false;
   }
   pComponent = component;
-  return pComponent != nullptr;
+  return true;
 }
 
 bool CMmalH264Decoder::Create(int width, int height, unsigned int extraDataSize,

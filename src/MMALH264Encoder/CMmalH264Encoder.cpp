@@ -77,7 +77,7 @@ CMmalH264Encoder::CMmalH264Encoder() : pfnCopyFrame(CopyI420) {
   pOutputQueue = mmal_queue_create();
   MMAL_COMPONENT_T* component = nullptr;
   const MMAL_STATUS_T status = mmal_component_create("vc.ril.video_encode", &component);
-  if (status == MMAL_SUCCESS)
+  if (status == MMAL_SUCCESS && component != nullptr)
     pComponent = component;
   else
     std::fprintf(stderr,

@@ -317,9 +317,13 @@ CMmalJpegEncoder::Submission CMmalJpegEncoder::SubmitFrame(const unsigned char* 
 /// Copies the finished JPEG out of the output buffer and gives that back.
 int CMmalJpegEncoder::TakeJpeg(unsigned char* jpeg, unsigned int jpegCapacity,
                                unsigned int& jpegSize) {
-  jpegSize = pOutputBuffer->length;
-  const bool fits = jpegSize <= jpegCapacity;
-  if (fits) std::memcpy(jpeg, pOutputBuffer->data, jpegSize);
+  const unsigned int length = pOutputBuffer->length;
+  const bool whole = length != 0 && length <= jpegCapacity;
+  if (length == 0)
+    std::puts("CMmalJpegEncoder::Encode - the component delivered no picture");
+  else
+    jpegSize = length;
+  if (whole) std::memcpy(jpeg, pOutputBuffer->data, length);
   mmal_buffer_header_release(pOutputBuffer);
-  return fits ? 1 : 0;
+  return whole ? 1 : 0;
 }
