@@ -1,0 +1,333 @@
+#include <gtest/gtest.h>
+#include <turbojpeg.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <random>
+// jpeglib.h takes size_t and FILE for granted.
+#include <jpeglib.h>
+
+#include "Segments.h"
+#include "codec/JpegDecoder.h"
+#include "convert/GuardedMemory.h"
+#include "support/JpegOracle.h"
+
+using codec::JpegDecoder;
+using support::Bytes;
+using support::Sampling;
+using support::Yuv;
+using Result = codec::JpegDecoder::Result;
+
+namespace {
+
+struct Decoded {
+  Result result = Result::Unusable;
+  Yuv picture;
+};
+
+/// Decodes into the padded layout with unreadable memory right before or behind it.
+Decoded decode(JpegDecoder& decoder, const Bytes& jpeg, std::uint8_t before = 0x55) {
+  if (!decoder.open(jpeg.data(), jpeg.size())) return {};
+  const unsigned stride = codec::roundUp(decoder.width(), 32);
+  const unsigned rows = codec::roundUp(decoder.height(), 16);
+  const std::size_t size = std::size_t{stride} * rows * 3 / 2;
+  GuardedMemory memory(size);
+  std::uint8_t* const block = before % 2 == 0 ? memory.atStart() : memory.atEnd(size);
+  std::fill_n(block, size, before);
+  Decoded decoded;
+  decoded.result = decoder.decode(codec::planesOf(block, stride, rows));
+  decoded.picture = support::unpadded(block, static_cast<int>(decoder.width()),
+                                      static_cast<int>(decoder.height()));
+  return decoded;
+}
+
+Decoded decode(const Bytes& jpeg, std::uint8_t before = 0x55) {
+  JpegDecoder decoder;
+  return decode(decoder, jpeg, before);
+}
+
+/// Average of the chroma under each 2 x 2 pixels, by the definition.
+Bytes folded(const support::JpegPicture& picture, const Bytes& plane) {
+  const bool wide = picture.sampling == Sampling::Yuv444 || picture.sampling == Sampling::Yuv440;
+  const bool high = picture.sampling != Sampling::Yuv420 && picture.sampling != Sampling::Yuv440;
+  const int across = picture.sampling == Sampling::Yuv411 ? 4 : wide ? 1 : 2;
+  const int down = high ? 1 : 2;
+  Bytes out;
+  for (int y = 0; y < picture.height; y += 2)
+    for (int x = 0; x < picture.width; x += 2) {
+      double sum = 0;
+      for (int i = 0; i < 4; ++i) {
+        const int column = std::min(x + i % 2, picture.width - 1) / across;
+        const int row = std::min(y + i / 2, picture.height - 1) / down;
+        sum += plane.empty() ? 128
+                             : plane[static_cast<std::size_t>(row) * picture.chromaWidth + column];
+      }
+      out.push_back(static_cast<std::uint8_t>(sum / 4 + 0.5));
+    }
+  return out;
+}
+
+using Case = std::tuple<Sampling, bool, std::pair<int, int>>;
+class JpegDecoderTest : public testing::TestWithParam<Case> {};
+
+TEST_P(JpegDecoderTest, GivesLumaExactlyAndChromaAveraged) {
+  const auto [sampling, progressive, size] = GetParam();
+  const Bytes jpeg =
+      support::encodeJpeg(support::scene(size.first, size.second), sampling, 85, progressive);
+  const support::JpegPicture expected = support::decodeJpeg(jpeg);
+  ASSERT_TRUE(expected.ok) << expected.error;
+  for (const std::uint8_t before : {0, 255}) {
+    const Decoded decoded = decode(jpeg, before);
+    ASSERT_EQ(decoded.result, Result::Complete);
+    EXPECT_EQ(decoded.picture.y, expected.y);
+    EXPECT_LE(support::maxDifference(decoded.picture.u, folded(expected, expected.u)), 2);
+    EXPECT_LE(support::maxDifference(decoded.picture.v, folded(expected, expected.v)), 2);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    SamplingsAndSizes, JpegDecoderTest,
+    testing::Combine(testing::Values(Sampling::Yuv420, Sampling::Yuv422, Sampling::Yuv444,
+                                     Sampling::Yuv440, Sampling::Yuv411, Sampling::Grey),
+                     testing::Bool(),
+                     testing::Values(std::pair(1, 1), std::pair(17, 3), std::pair(8, 33),
+                                     std::pair(321, 241), std::pair(705, 480))));
+
+/// One JPEG with these sampling factors, by libjpeg itself, whose error exit ends the test.
+Bytes encodeWithFactors(const support::Image& image, const std::array<int, 3>& factors) {
+  jpeg_compress_struct cinfo;
+  jpeg_error_mgr errors;
+  cinfo.err = jpeg_std_error(&errors);
+  jpeg_create_compress(&cinfo);
+  unsigned char* data = nullptr;
+  unsigned long size = 0;
+  jpeg_mem_dest(&cinfo, &data, &size);
+  cinfo.image_width = static_cast<JDIMENSION>(image.width);
+  cinfo.image_height = static_cast<JDIMENSION>(image.height);
+  cinfo.input_components = 3;
+  cinfo.in_color_space = JCS_RGB;
+  jpeg_set_defaults(&cinfo);
+  for (std::size_t i = 0; i < 3; ++i) {
+    cinfo.comp_info[i].h_samp_factor = factors[i] / 10;
+    cinfo.comp_info[i].v_samp_factor = factors[i] % 10;
+  }
+  jpeg_start_compress(&cinfo, TRUE);
+  for (int y = 0; y < image.height; ++y) {
+    auto row = const_cast<JSAMPROW>(image.at(0, y));
+    jpeg_write_scanlines(&cinfo, &row, 1);
+  }
+  jpeg_finish_compress(&cinfo);
+  jpeg_destroy_compress(&cinfo);
+  const Bytes jpeg(data, data + size);
+  std::free(data);
+  return jpeg;
+}
+
+/// Every component at full resolution, samples repeated.
+support::JpegPicture decodeFull(const Bytes& jpeg) {
+  jpeg_decompress_struct cinfo;
+  jpeg_error_mgr errors;
+  cinfo.err = jpeg_std_error(&errors);
+  jpeg_create_decompress(&cinfo);
+  jpeg_mem_src(&cinfo, jpeg.data(), static_cast<unsigned long>(jpeg.size()));
+  jpeg_read_header(&cinfo, TRUE);
+  cinfo.out_color_space = JCS_YCbCr;
+  cinfo.do_fancy_upsampling = FALSE;
+  jpeg_start_decompress(&cinfo);
+  support::JpegPicture full;
+  full.width = full.chromaWidth = static_cast<int>(cinfo.output_width);
+  full.height = full.chromaHeight = static_cast<int>(cinfo.output_height);
+  full.sampling = Sampling::Yuv444;
+  Bytes row(cinfo.output_width * 3);
+  JSAMPROW rows = row.data();
+  while (cinfo.output_scanline < cinfo.output_height) {
+    jpeg_read_scanlines(&cinfo, &rows, 1);
+    for (std::size_t i = 0; i < row.size(); ++i)
+      (i % 3 == 0 ? full.y : i % 3 == 1 ? full.u : full.v).push_back(row[i]);
+  }
+  jpeg_destroy_decompress(&cinfo);
+  return full;
+}
+
+TEST(JpegDecoder, OddSamplingFactors) {
+  const std::array<int, 3> all[] = {{22, 12, 21}, {22, 21, 12}, {41, 11, 21}, {31, 11, 31},
+                                    {14, 11, 12}, {11, 21, 22}, {21, 12, 11}, {12, 12, 12},
+                                    {22, 22, 11}, {13, 11, 11}};
+  for (const std::array<int, 3>& factors : all)
+    for (const auto& [width, height] : {std::pair(131, 77), std::pair(64, 48), std::pair(1, 1)}) {
+      const Bytes jpeg = encodeWithFactors(support::scene(width, height), factors);
+      const support::JpegPicture full = decodeFull(jpeg);
+      const Decoded decoded = decode(jpeg);
+      const std::string which = testing::PrintToString(factors);
+      ASSERT_EQ(decoded.result, Result::Complete) << which;
+      EXPECT_EQ(decoded.picture.y, full.y) << which;
+      EXPECT_LE(support::maxDifference(decoded.picture.u, folded(full, full.u)), 2) << which;
+      EXPECT_LE(support::maxDifference(decoded.picture.v, folded(full, full.v)), 2) << which;
+    }
+}
+
+TEST(JpegDecoder, RgbCodedBecomesYuv) {
+  const support::Image image = support::bars(64, 32);
+  Bytes planes[3];
+  for (std::size_t i = 0; i < image.rgb.size(); ++i) planes[i % 3].push_back(image.rgb[i]);
+  const unsigned char* pointers[3] = {planes[0].data(), planes[1].data(), planes[2].data()};
+  const std::unique_ptr<void, int (*)(void*)> handle(tjInitCompress(), tjDestroy);
+  unsigned char* data = nullptr;
+  unsigned long size = 0;
+  ASSERT_EQ(tjCompressFromYUVPlanes(handle.get(), pointers, 64, nullptr, 32, TJSAMP_444, &data,
+                                    &size, 95, TJFLAG_ACCURATEDCT),
+            0);
+  Bytes jpeg = withoutSegments(Bytes(data, data + size), marker::jfif);
+  tjFree(data);
+  // Without JFIF the components' names say that they are R, G and B.
+  for (const std::size_t at : segmentStarts(jpeg))
+    for (int i = 0; i < 3; ++i) {
+      if (jpeg[at + 1] == marker::frame)
+        jpeg[at + 10 + 3 * i] = static_cast<std::uint8_t>("RGB"[i]);
+      if (jpeg[at + 1] == marker::scan) jpeg[at + 5 + 2 * i] = static_cast<std::uint8_t>("RGB"[i]);
+    }
+  const Decoded decoded = decode(jpeg);
+  ASSERT_EQ(decoded.result, Result::Complete);
+  const Yuv expected = support::toYuv(image);
+  EXPECT_LE(support::maxDifference(decoded.picture.y, expected.y), 4);
+  EXPECT_LE(support::maxDifference(decoded.picture.u, expected.u), 4);
+  EXPECT_LE(support::maxDifference(decoded.picture.v, expected.v), 4);
+}
+
+TEST(JpegDecoder, TablesAreNotThePicturesBefore) {
+  const support::Image image = support::scene(160, 120);
+  const Bytes jpeg = support::encodeJpeg(image, Sampling::Yuv420, 75);
+  const Bytes other = support::encodeJpeg(image, Sampling::Yuv420, 30, true);
+  const Decoded expected = decode(jpeg);
+  JpegDecoder decoder;
+  ASSERT_EQ(decode(decoder, other).result, Result::Complete);
+  // A frame of Motion JPEG brings no Huffman tables; the standard ones are meant.
+  const Decoded motion = decode(decoder, withoutSegments(jpeg, marker::huffman));
+  EXPECT_EQ(motion.result, Result::Complete);
+  EXPECT_EQ(motion.picture.y, expected.picture.y);
+  EXPECT_EQ(decode(decoder, withoutSegments(jpeg, marker::quantisation)).result, Result::Unusable);
+  EXPECT_EQ(decode(decoder, jpeg).picture.y, expected.picture.y);
+}
+
+TEST(JpegDecoder, TruncatedGivesThePictureAsFarAsItGoes) {
+  for (const bool progressive : {false, true}) {
+    const Bytes jpeg =
+        support::encodeJpeg(support::scene(320, 240), Sampling::Yuv420, 85, progressive);
+    const Decoded whole = decode(jpeg);
+    for (const double part : {0.95, 0.5, 0.25}) {
+      const Bytes cut(jpeg.begin(), jpeg.begin() + static_cast<std::ptrdiff_t>(
+                                                       static_cast<double>(jpeg.size()) * part));
+      const Decoded first = decode(cut, 0), second = decode(cut, 255);
+      ASSERT_EQ(first.result, Result::Damaged) << progressive << " " << part;
+      EXPECT_EQ(first.picture.y, second.picture.y);
+      EXPECT_EQ(first.picture.u, second.picture.u);
+      EXPECT_EQ(first.picture.v, second.picture.v);
+      const std::size_t intact = static_cast<std::size_t>(part * 0.5 * 240) * 320;
+      const auto end = static_cast<std::ptrdiff_t>(progressive ? 0 : intact);
+      EXPECT_TRUE(std::equal(first.picture.y.begin(), first.picture.y.begin() + end,
+                             whole.picture.y.begin()));
+      EXPECT_GT(support::lumaPsnr(first.picture, whole.picture), 8);
+    }
+    JpegDecoder decoder;
+    EXPECT_FALSE(decoder.open(jpeg.data(), 100));
+    EXPECT_FALSE(decoder.error().empty());
+  }
+}
+
+TEST(JpegDecoder, AMistakeBetweenScansKeepsTheScansBefore) {
+  Bytes jpeg = support::encodeJpeg(support::scene(320, 240), Sampling::Yuv420, 85, true);
+  std::vector<std::size_t> scans;
+  for (std::size_t i = 0; i + 1 < jpeg.size(); ++i)
+    if (jpeg[i] == 0xff && jpeg[i + 1] == marker::scan) scans.push_back(i);
+  ASSERT_GT(scans.size(), 4u);
+  jpeg[scans[3] + 4] = 77;  // that many components
+  const Decoded decoded = decode(jpeg);
+  EXPECT_EQ(decoded.result, Result::Damaged);
+  const Bytes before(jpeg.begin(), jpeg.begin() + static_cast<std::ptrdiff_t>(scans[3]));
+  EXPECT_EQ(decoded.picture.y, decode(before).picture.y);
+}
+
+TEST(JpegDecoder, DamagedBytesNeitherCrashNorStay) {
+  std::mt19937 random(20);
+  JpegDecoder decoder;
+  for (const bool progressive : {false, true})
+    for (const Sampling sampling : {Sampling::Yuv420, Sampling::Yuv422, Sampling::Yuv444}) {
+      const Bytes good = support::encodeJpeg(support::scene(161, 99), sampling, 85, progressive);
+      const Decoded expected = decode(good);
+      for (int i = 0; i < 150; ++i) {
+        Bytes bad = good;
+        for (unsigned n = 1 + random() % 8; n > 0; --n)
+          bad[2 + random() % (bad.size() - 2)] = static_cast<std::uint8_t>(random());
+        const JpegDecoder::Limits limits = {2000, 2000, 1u << 20, 100};
+        JpegDecoder small(limits);
+        decode(small, bad);
+      }
+      EXPECT_EQ(decode(decoder, good).picture.y, expected.picture.y);
+    }
+}
+
+Bytes withFrameByte(Bytes jpeg, std::size_t offset, std::uint8_t value) {
+  for (const std::size_t at : segmentStarts(jpeg))
+    if (jpeg[at + 1] == marker::frame) jpeg[at + offset] = value;
+  return jpeg;
+}
+
+Bytes cmyk() {
+  const Bytes pixels(16 * 16 * 4, 100);
+  const std::unique_ptr<void, int (*)(void*)> handle(tjInitCompress(), tjDestroy);
+  unsigned char* data = nullptr;
+  unsigned long size = 0;
+  tjCompress2(handle.get(), pixels.data(), 16, 0, 16, TJPF_CMYK, &data, &size, TJSAMP_444, 75, 0);
+  const Bytes jpeg(data, data + size);
+  tjFree(data);
+  return jpeg;
+}
+
+TEST(JpegDecoder, RefusesBeforeItAllocates) {
+  const Bytes good = support::encodeJpeg(support::scene(64, 64), Sampling::Yuv420, 75);
+  const Bytes progressive = support::encodeJpeg(support::scene(64, 64), Sampling::Yuv420, 75, true);
+  Bytes manyScans = progressive;
+  const std::size_t scan = segmentStarts(progressive).back();
+  for (int i = 0; i < 500; ++i)
+    manyScans.insert(manyScans.begin() + static_cast<std::ptrdiff_t>(scan),
+                     progressive.begin() + static_cast<std::ptrdiff_t>(scan),
+                     progressive.end() - 2);
+  const std::map<std::string, Bytes> cases = {
+      {"nothing", {}},
+      {"no JPEG", Bytes(1000, 0x12)},
+      {"start only", {0xff, 0xd8, 0xff}},
+      {"62,000 x 65,000", withFrameByte(withFrameByte(good, 5, 0xfd), 7, 0xf2)},
+      {"no height", withFrameByte(withFrameByte(good, 5, 0), 6, 0)},
+      {"12 bit", withFrameByte(good, 4, 12)},
+      {"lossless", withFrameByte(good, 1, 0xc3)},
+      {"two components", withFrameByte(good, 9, 2)},
+      {"four colours", cmyk()},
+      {"hundreds of scans", manyScans},
+  };
+  JpegDecoder decoder;
+  for (const auto& [name, jpeg] : cases) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(decoder.open(jpeg.data(), jpeg.size())) << name;
+    EXPECT_FALSE(decoder.error().empty()) << name;
+    EXPECT_EQ(decoder.width(), 0u) << name;
+    EXPECT_EQ(decoder.decode({}), Result::Unusable) << name;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1)) << name;
+  }
+  EXPECT_EQ(decode(decoder, good).result, Result::Complete);
+}
+
+TEST(JpegDecoder, AThumbnailsScansAreNotThePictures) {
+  Bytes jpeg = support::encodeJpeg(support::scene(320, 240), Sampling::Yuv420, 75, true);
+  Bytes exif = {0xff, 0xe1, 0, 0};
+  for (int i = 0; i < 2000; ++i) exif.insert(exif.end(), {0xff, marker::scan, 0, 8});
+  exif[2] = static_cast<std::uint8_t>((exif.size() - 2) >> 8);
+  exif[3] = static_cast<std::uint8_t>(exif.size() - 2);
+  jpeg.insert(jpeg.begin() + 2, exif.begin(), exif.end());
+  EXPECT_EQ(decode(jpeg).result, Result::Complete);
+}
+
+}  // namespace
