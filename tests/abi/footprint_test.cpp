@@ -5,6 +5,7 @@
 #include <malloc.h>
 #include <tessera/tessera.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -149,6 +150,14 @@ std::uint64_t addressSpace() {
   return total;
 }
 
+// On a slow machine the decoder may take longer than the call waits.
+void feed(IH264Decoder* decoder, unsigned char* data, unsigned size, int width, int height) {
+  CodecStatus fed = CodecTimeout;
+  for (int tries = 0; tries < 10 && fed == CodecTimeout; ++tries)
+    fed = decoder->ProcessInput(data, size, width, height, 0, 0);
+  EXPECT_EQ(fed, CodecOk);
+}
+
 // One picture through H.264 and back, both objects alive at once.
 void encodeAndDecodeVideo(int width, int height, Bytes& frame, Bytes& data, Bytes& picture) {
   IH264Encoder* encoder = CreateEncoderH264();
@@ -165,11 +174,9 @@ void encodeAndDecodeVideo(int width, int height, Bytes& frame, Bytes& data, Byte
     unsigned long long timestamp = 0;
     if (encoder->ProcessOutput(data.data(), static_cast<unsigned>(data.size()), size, flags) ==
         CodecOk) {
-      ASSERT_EQ(decoder->ProcessInput(data.data(), size, width, height, 0, 0), CodecOk);
       unsigned char end[] = {0, 0, 0, 1, 10};
-      if (flags != 0) {
-        ASSERT_EQ(decoder->ProcessInput(end, sizeof end, width, height, 0, 0), CodecOk);
-      }
+      feed(decoder, data.data(), size, width, height);
+      if (flags != 0) feed(decoder, end, sizeof end, width, height);
     }
     decoded = decoder->ProcessOutput(picture.data(), static_cast<unsigned>(picture.size()), size,
                                      gotWidth, gotHeight, timestamp);
@@ -212,10 +219,7 @@ TEST(Footprint, FullHdVideoTakesLessThan64MiBBesideTheCodecs) {
 TEST(Footprint, FullHdJpegTakesLessThan64MiBBesideTheCodecs) {
   Bytes frame(width * support::round16(height) * 2, 100), jpeg(frame.size());
   ledger.start();
-  {
-    support::Capture quiet;
-    encodeAndDecodeJpeg(width, height, frame, jpeg);
-  }
+  encodeAndDecodeJpeg(width, height, frame, jpeg);
   const std::size_t peak = ledger.stop();
   std::printf("JPEG: %.1f MiB at most\n", static_cast<double>(peak) / (1 << 20));
   EXPECT_GT(peak, frame.size());
@@ -235,10 +239,13 @@ TEST(Footprint, AThousandCyclesLeaveTheAddressSpaceWhereItWas) {
     CreateH264Decoder(&decoder);
     FreeH264Decoder(decoder);
   };
-  support::Capture quiet;
-  for (int i = 0; i < 20; ++i) cycle();
-  const std::uint64_t before = addressSpace();
-  for (int i = 0; i < 1000; ++i) cycle();
-  const std::uint64_t after = addressSpace();
+  std::uint64_t before = 0, after = 0;
+  {
+    support::Capture quiet;
+    for (int i = 0; i < 20; ++i) cycle();
+    before = addressSpace();
+    for (int i = 0; i < 1000; ++i) cycle();
+    after = addressSpace();
+  }
   EXPECT_LE(after, before + (256u << 10));
 }

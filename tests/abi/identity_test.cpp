@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <tessera/tessera.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <fstream>
 #include <iterator>
@@ -54,7 +55,6 @@ TEST(Identity, H264PicturesAreExact) {
   // An end-of-sequence unit, so that the last pictures come out.
   for (const int byte : {0, 0, 0, 1, 10}) stream.push_back(static_cast<std::uint8_t>(byte));
 
-  support::Capture quiet;
   IH264Decoder* decoder = nullptr;
   ASSERT_EQ(CreateH264Decoder(&decoder), 1);
   ASSERT_TRUE(decoder->Create(width, height, 0, nullptr));
@@ -74,8 +74,13 @@ TEST(Identity, H264PicturesAreExact) {
   };
   for (std::size_t at = 0; at < stream.size(); at += 4096) {
     const auto size = static_cast<unsigned>(std::min<std::size_t>(4096, stream.size() - at));
-    ASSERT_EQ(decoder->ProcessInput(&stream[at], size, width, height, 0, 0), CodecOk);
-    drain();
+    CodecStatus fed = CodecTimeout;
+    // On a slow machine the decoder may wait for its output to be fetched.
+    for (int tries = 0; tries < 5 && fed == CodecTimeout; ++tries) {
+      fed = decoder->ProcessInput(&stream[at], size, width, height, 0, 0);
+      drain();
+    }
+    ASSERT_EQ(fed, CodecOk);
   }
   for (int idle = 0; idle < 20 && pictures < 12; ++idle) drain();
   FreeH264Decoder(decoder);
