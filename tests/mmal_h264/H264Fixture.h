@@ -33,6 +33,13 @@ inline Strings joined(const std::vector<Strings>& parts) {
   return all;
 }
 
+/// Lines as one text, whose differences are shown line by line.
+inline std::string text(const Strings& lines) {
+  std::string all;
+  for (const std::string& line : lines) all += line + '\n';
+  return all;
+}
+
 /// Takes every fault away and finds nothing left behind.
 class H264Test : public testing::Test {
  protected:
@@ -57,6 +64,17 @@ void expectAnswer(const std::function<Status()>& work, Status expected, const st
   EXPECT_GE(took, atLeastMs * 1000);
   EXPECT_LE(took, atMostMs * 1000);
 }
+
+/// Repeats a call of ProcessOutput that timed out: a slow machine gets some more time.
+template <typename Call>
+CodecStatus patiently(Call call) {
+  CodecStatus status = CodecTimeout;
+  for (int tries = 0; status == CodecTimeout && tries < 50; ++tries) status = call();
+  return status;
+}
+
+/// Waits until the journal has that many output buffers delivered.
+void awaitOutputs(int count);
 
 /// SIGALRM from a timer and SIGUSR1 from a thread, as fast as they come, at the calling thread.
 class SignalStorm {

@@ -2,7 +2,6 @@
 #include <tessera/CMmalJpegEncoder.h>
 #include <tessera_platform/control.h>
 
-#include <algorithm>
 #include <chrono>
 
 #include "JpegFixture.h"
@@ -125,6 +124,20 @@ TEST_F(JpegFaults, NoAnswerEndsTheCallAndTheNextOneIsNotFooled) {
   }
 }
 
+TEST_F(JpegFaults, AnEmptyAnswerIsNoPicture) {
+  CMmalJpegEncoder encoder;
+  {
+    support::Capture capture;
+    control::inject(CompletionFault{"wrapper", 1, true, CompletionFault::ZeroLength, 0, 0});
+    const Encoded empty = encode(encoder, support::scene(160, 96), 0);
+    EXPECT_EQ(empty.result, 0);
+    EXPECT_EQ(empty.size, 0xDEADu);
+    EXPECT_EQ(capture.out(), "CMmalJpegEncoder::Encode - the component delivered no picture\n");
+  }
+  control::clearFaults();
+  expectGood(encoder, 1);
+}
+
 TEST_F(JpegFaults, BrokenClockOrSemaphoreDoesNotStopIt) {
   for (support::interpose::Failing* broken :
        {&support::interpose::clockGettime, &support::interpose::semWait}) {
@@ -165,18 +178,12 @@ TEST_F(JpegFaults, AnErrorOfTheComponentEndsTheProcess) {
 }
 
 TEST_F(JpegFaults, AnAnswerThatComesTwiceAnswersOnce) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "a buffer handed over twice races with its reader, by definition";
+#endif
   CMmalJpegEncoder encoder;
   control::inject(CompletionFault{"wrapper", 1, true, CompletionFault::Double, 0, 0});
   for (int t = 0; t < 50; ++t) expectGood(encoder, t);
-}
-
-/// Which pass of the loop finds what depends on the component's pace, so what was not there yet is
-/// left out.
-Strings conversation() {
-  Strings lines = control::journal(control::Lines::Calls);
-  const auto early = [](const std::string& line) { return line.find("EAGAIN") != line.npos; };
-  lines.erase(std::remove_if(lines.begin(), lines.end(), early), lines.end());
-  return lines;
 }
 
 Strings setup(const std::string& name, const std::string& input, const std::string& inputBuffers,
@@ -223,7 +230,7 @@ TEST_F(JpegFaults, TheConversationReadsLikeThis) {
                               setup(second, "RGB3 64x48 crop 0,0 64x48", "1 x 9216", "1 x 19072"),
                               frame(second, "9216"), teardown(second)})
     expected.insert(expected.end(), part.begin(), part.end());
-  EXPECT_EQ(conversation(), expected);
+  EXPECT_EQ(control::journal(control::Lines::Calls), expected);
 }
 
 }  // namespace

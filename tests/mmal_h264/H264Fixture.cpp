@@ -1,11 +1,12 @@
+#include "H264Fixture.h"
+
 #include <pthread.h>
 #include <signal.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
-
-#include "H264Fixture.h"
 
 namespace {
 
@@ -52,4 +53,13 @@ SignalStorm::~SignalStorm() {
 
 int SignalStorm::received() {
   return count;
+}
+
+void awaitOutputs(int count) {
+  for (int i = 0; i < 5000; ++i) {
+    const Strings names = control::journalNames(control::Lines::Completions);
+    if (std::count(names.begin(), names.end(), "output") >= count) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  FAIL() << "the component delivers nothing";
 }
