@@ -50,8 +50,10 @@ void WorkCrew::hire(unsigned helpers) {
 }
 
 void WorkCrew::run(unsigned count, const std::function<void(unsigned)>& task) {
-  const unsigned processors = std::max(1u, std::thread::hardware_concurrency());
-  if (!hired_) hire(std::min(count, processors) - 1);
+  if (!hired_) {
+    const unsigned processors = std::max(1u, std::thread::hardware_concurrency());
+    hire(std::min(count, processors) - 1);
+  }
   std::unique_lock<std::mutex> lock(mutex_);
   task_ = &task;
   next_ = 0;
