@@ -190,7 +190,7 @@ class H264Decoding {
                                   width, height, milliseconds);
       if (status == CodecOk && size == picture_.size()) {
         writer_.write(size_, picture_.data());
-        progress_.frame(input_.fraction());
+        progress_.frame(reader_.fraction());
         std::lock_guard<std::mutex> lock(mutex_);
         ++pictures_;
         emptyDrains_ = 0;

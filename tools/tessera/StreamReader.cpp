@@ -1,6 +1,7 @@
 #include "StreamReader.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "AvSupport.h"
@@ -176,6 +177,7 @@ struct StreamReader::Impl {
   AvOwned<AVCodecParserContext> parser;
   AvOwned<AVPacket> packet;
   FrameSize size;
+  std::atomic<std::int64_t> reached{0};  ///< where in the input the last packet stands
 };
 
 StreamReader::StreamReader(InputFile& input) {
@@ -190,6 +192,7 @@ bool StreamReader::next(AccessUnit& unit) {
   const AVPacket& packet = *impl_->packet;
   unit.data = packet.data;
   unit.size = static_cast<std::size_t>(packet.size);
+  if (packet.pos >= 0) impl_->reached = packet.pos;
   unit.decodeOnly = packet.flags & AV_PKT_FLAG_DISCARD;
   const std::int64_t start =
       impl_->track->start_time == AV_NOPTS_VALUE ? 0 : impl_->track->start_time;
@@ -215,6 +218,12 @@ bool StreamReader::fullRange() const {
 
 int StreamReader::reorderDelay() const {
   return impl_->track->codecpar->video_delay;
+}
+
+std::optional<double> StreamReader::fraction() const {
+  if (!impl_->input.length()) return std::nullopt;
+  return std::min(
+      1.0, static_cast<double>(impl_->reached) / static_cast<double>(*impl_->input.length()));
 }
 
 }  // namespace tool

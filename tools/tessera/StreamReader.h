@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "FrameLayout.h"
@@ -37,6 +38,11 @@ class StreamReader {
   bool fullRange() const;
   /// Pictures that the decoder may hold back to put them in order, as far as the input tells.
   int reorderDelay() const;
+
+  /// How far the access units have come in the input, 0 to 1; empty where its length is not known.
+  /// The one operation that may be called while another thread calls next(). libavformat reads
+  /// ahead, so this is less than what the input itself says.
+  std::optional<double> fraction() const;
 
  private:
   struct Impl;
