@@ -24,6 +24,7 @@ Pool::Pool(const Payload::Allocator& allocator) : MMAL_POOL_T{}, allocator_(allo
 // Headers go before the queue that may hold them.
 Pool::~Pool() {
   headers_.clear();
+  tessera_platform::hooks::forget(static_cast<MMAL_POOL_T*>(this));
 }
 
 bool Pool::make(Headers& made, std::vector<MMAL_BUFFER_HEADER_T*>& pointers, unsigned headers,
@@ -107,7 +108,6 @@ void destroyPool(const char* entry, MMAL_POOL_T* pool) {
   Call call(entry);
   call.done([&] { return mmal::nameOf(pool); });
   if (call.stopped() || pool == nullptr) return;
-  tessera_platform::hooks::forget(pool);
   delete static_cast<Pool*>(pool);
 }
 

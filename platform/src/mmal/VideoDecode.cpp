@@ -88,7 +88,7 @@ std::vector<MMAL_FOURCC_T> VideoDecode::encodings(const Port& target) const {
 }
 
 bool VideoDecode::step() {
-  if (restart_) restart();
+  if (restart_ && !restart()) return false;
   if (takePicture()) return show();
   if (ending_) {
     Header* const out = front(output0());
@@ -105,7 +105,10 @@ bool VideoDecode::step() {
   return true;
 }
 
-void VideoDecode::restart() {
+// Waits for the first input: until then the client may still commit a format with new parameter
+// sets.
+bool VideoDecode::restart() {
+  if (front(input0()) == nullptr) return false;
   std::vector<std::uint8_t> extraData;
   {
     const auto held = lock();
@@ -115,6 +118,7 @@ void VideoDecode::restart() {
   }
   restart_ = held_ = ending_ = false;
   if (!decoder_.open(extraData.data(), extraData.size())) raiseError(MMAL_EIO);
+  return true;
 }
 
 // Makes picture_ the next to go out. @return false when the decoder has none

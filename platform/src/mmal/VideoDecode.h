@@ -25,7 +25,7 @@ class VideoDecode final : public Component {
   bool step() override;
   void drop(Port& target) override;
 
-  void restart();
+  bool restart();
   bool takePicture();
   bool show();
   void feed(const Header& in);

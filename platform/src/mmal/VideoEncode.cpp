@@ -76,6 +76,7 @@ MMAL_STATUS_T VideoEncode::setProfile(const MMAL_PARAMETER_HEADER_T& parameter) 
   const unsigned level = static_cast<unsigned>(wanted.profile[0].level) - MMAL_VIDEO_LEVEL_H264_1;
   if (level >= levelCount) return MMAL_EINVAL;
   profile_ = wanted.profile[0];
+  reopen_ = true;
   return MMAL_SUCCESS;
 }
 
@@ -90,12 +91,14 @@ MMAL_STATUS_T VideoEncode::setOwnParameter(Port& target, const MMAL_PARAMETER_HE
     case MMAL_PARAMETER_INTRAPERIOD:
       if (target.is_enabled != 0 || !hasNumber) return MMAL_EINVAL;
       intraPeriod_ = number.value;
+      reopen_ = true;
       break;
     case MMAL_PARAMETER_RATECONTROL:
       if (target.is_enabled != 0 || !hasNumber ||
           number.value > MMAL_VIDEO_RATECONTROL_CONSTANT_SKIP_FRAMES)
         return MMAL_EINVAL;
       rateControl_ = static_cast<MMAL_VIDEO_RATECONTROL_T>(number.value);
+      reopen_ = true;
       break;
     case MMAL_PARAMETER_VIDEO_BIT_RATE:
       if (!hasNumber) return MMAL_EINVAL;
