@@ -85,7 +85,10 @@ Frame h264Frame(IH264Encoder* made) {
     unsigned size = 0, flags = 0;
     // The parameter sets have a buffer of their own, before every key frame.
     do {
-      if (encoder->ProcessOutput(data.data(), length(data), size, flags) != CodecOk) return false;
+      CodecStatus status = CodecTimeout;
+      for (int tries = 0; status == CodecTimeout && tries < 20; ++tries)
+        status = encoder->ProcessOutput(data.data(), length(data), size, flags);
+      if (status != CodecOk) return false;
     } while ((data[4] & 31) == 7 && size < 64);
     return true;
   };
@@ -110,8 +113,10 @@ Frame decoderFrame() {
       return false;
     unsigned size = 0, w = 0, h = 0;
     unsigned long long timestamp = 0;
-    return decoder->ProcessOutput(picture.data(), length(picture), size, w, h, timestamp) ==
-           CodecOk;
+    CodecStatus status = CodecTimeout;
+    for (int tries = 0; status == CodecTimeout && tries < 20; ++tries)
+      status = decoder->ProcessOutput(picture.data(), length(picture), size, w, h, timestamp);
+    return status == CodecOk;
   };
 }
 

@@ -21,6 +21,7 @@ std::atomic<int> hurry{1};
 namespace {
 
 std::atomic<std::size_t> allocations{0};
+std::atomic<std::size_t> live{0};
 
 struct Range {
   std::uintptr_t first = 0;
@@ -88,7 +89,13 @@ void* allocate(std::size_t size, std::size_t alignment) {
   else if (posix_memalign(&memory, alignment, size) != 0)
     memory = nullptr;
   if (memory == nullptr) throw std::bad_alloc();
+  ++live;
   return memory;
+}
+
+void release(void* memory) {
+  if (memory != nullptr) --live;
+  std::free(memory);
 }
 
 }  // namespace
@@ -118,6 +125,9 @@ bool Failing::hit() {
   return true;
 }
 
+std::size_t liveBlocks() {
+  return live;
+}
 std::size_t allocationsOfLibrary() {
   return allocations;
 }
@@ -194,26 +204,26 @@ void* operator new[](std::size_t size, std::align_val_t alignment) {
   return interpose::allocate(size, static_cast<std::size_t>(alignment));
 }
 void operator delete(void* memory) noexcept {
-  std::free(memory);
+  interpose::release(memory);
 }
 void operator delete[](void* memory) noexcept {
-  std::free(memory);
+  interpose::release(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
+  interpose::release(memory);
 }
 void operator delete[](void* memory, std::size_t) noexcept {
-  std::free(memory);
+  interpose::release(memory);
 }
 void operator delete(void* memory, std::align_val_t) noexcept {
-  std::free(memory);
+  interpose::release(memory);
 }
 void operator delete[](void* memory, std::align_val_t) noexcept {
-  std::free(memory);
+  interpose::release(memory);
 }
 void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
-  std::free(memory);
+  interpose::release(memory);
 }
 void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept {
-  std::free(memory);
+  interpose::release(memory);
 }

@@ -35,6 +35,9 @@ extern std::atomic<int> hurry;
 /// Calls of operator new by code of libtessera.so, on whatever thread, since the program started.
 std::size_t allocationsOfLibrary();
 
+/// Blocks made by operator new, by anybody, and not yet deleted.
+std::size_t liveBlocks();
+
 void reset();
 
 }  // namespace support::interpose
