@@ -21,8 +21,9 @@ typedef struct {
 } MMAL_EVENT_END_OF_STREAM_T;
 
 /// The stream is not what the port's format says. To follow: disable the port, copy `format` into
-/// port->format, commit, take buffers of the new size, enable. The format lives as long as the
-/// event buffer is held.
+/// port->format, commit, take buffers of the new size, enable; the first picture of the new size
+/// waits for that, and input with it. Where nothing of the kind happens within half a second,
+/// pictures of the new size are left out. The format lives as long as the event buffer is held.
 typedef struct {
   uint32_t buffer_size_min;
   uint32_t buffer_num_min;

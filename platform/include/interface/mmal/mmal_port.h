@@ -74,7 +74,8 @@ MMAL_API MMAL_STATUS_T mmal_port_enable(MMAL_PORT_T* port, MMAL_PORT_BH_CB_T cb)
 MMAL_API MMAL_STATUS_T mmal_port_disable(MMAL_PORT_T* port);
 
 /// Makes the port give back every buffer it holds, unused, before this returns; it stays enabled.
-/// What the codec holds of the stream is dropped. On a disabled port it does nothing and succeeds.
+/// On an input port the stream starts anew with the next buffer. On a disabled port it does nothing
+/// and succeeds.
 MMAL_API MMAL_STATUS_T mmal_port_flush(MMAL_PORT_T* port);
 
 /// @return MMAL_ENOSYS for a parameter that the port does not have, MMAL_EINVAL for a wrong size or
