@@ -19,9 +19,9 @@ struct TesseraLayout;
 /// goes through at once, each later one once the component has given the frame before back, which
 /// it can only do while finished data is collected. So for each frame: `ProcessInput`, then
 /// `ProcessOutput` until it answers CodecTimeout or the frame is complete. The parameter sets come
-/// first, in a buffer of their own with flags 0, and again with every later key frame. A frame
-/// longer than an output buffer (the larger of width x height bytes and the component's own wish)
-/// comes in pieces, in order, by as many calls.
+/// first, in a buffer of their own with flags 0, and again in front of every later key frame. A
+/// frame longer than an output buffer (the larger of width x height bytes and the component's own
+/// wish) comes in pieces, in order, by as many calls.
 ///
 /// **Results.** Arguments and states that are wrong are told on standard error, failures of a frame
 /// on standard output, one line each; CodecNoBuffer has none.

@@ -130,7 +130,7 @@ bool CMmalH264Decoder::SendPiece(Piece& piece) {
 
   const MMAL_STATUS_T status = mmal_port_send_buffer(pComponent->input[0], buffer.get());
   if (status == MMAL_SUCCESS) {
-    buffer.release();
+    HandOver(buffer);
     piece.status = CodecOk;
     return true;
   }

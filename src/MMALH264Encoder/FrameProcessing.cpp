@@ -58,7 +58,7 @@ CodecStatus CMmalH264Encoder::ProcessInput(unsigned char* frame, unsigned int fr
     sem_post(&semInput);
     return CodecSendFailed;
   }
-  buffer.release();
+  HandOver(buffer);
   return CodecOk;
 }
 

@@ -13,7 +13,7 @@ void SendFreeBuffers(MMAL_POOL_T* pool, MMAL_PORT_T* port) {
     HeaderOwner buffer(mmal_queue_get(pool->queue));
     if (!buffer) return;
     if (mmal_port_send_buffer(port, buffer.get()) == MMAL_SUCCESS)
-      buffer.release();
+      HandOver(buffer);
     else
       ++refused;
   }

@@ -32,6 +32,11 @@ struct HeaderReleaser {
 /// A buffer header that goes back to its pool, unless a port takes it first.
 using HeaderOwner = std::unique_ptr<MMAL_BUFFER_HEADER_T, HeaderReleaser>;
 
+/// Lets go of a header that a port has taken.
+inline void HandOver(HeaderOwner& header) {
+  static_cast<void>(header.release());
+}
+
 /// The component's first port of a direction, or null.
 inline MMAL_PORT_T* FirstPort(MMAL_PORT_T** ports, std::uint32_t count) {
   return count > 0 ? ports[0] : nullptr;
