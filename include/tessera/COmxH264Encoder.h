@@ -6,6 +6,7 @@
 #include <tessera/IH264Encoder.h>
 
 #include <atomic>
+#include <cstddef>
 
 struct TesseraLayout;
 
@@ -35,7 +36,8 @@ struct TesseraLayout;
 /// @endcode
 ///
 /// **The picture has the padded size**, width rounded up to a multiple of 32 and height to one of
-/// 16: this component does not crop.
+/// 16: this component does not crop. 'YUYV' frames leave the padding black, but for one column at
+/// an odd width; 'I420' frames bring their own.
 ///
 /// **Time.** No call waits for more than 10 seconds for any answer of the component, or for one
 /// more second once it has reported an error. Destruction waits for nothing.
@@ -140,6 +142,7 @@ class TESSERA_API COmxH264Encoder : public IH264Encoder {
   bool SetState(OMX_STATETYPE state, const char* name, const char* label);
   bool EnablePort(OMX_U32 port, OMX_ERRORTYPE (COmxH264Encoder::*allocate)(OMX_HANDLETYPE),
                   const char* label, const char* allocateName);
+  void BlackenInput(std::size_t lumaBytes);
   OMX_ERRORTYPE RequestFill(const char* label);
   CodecStatus DropLateOutput();
   CodecStatus AwaitOutput();

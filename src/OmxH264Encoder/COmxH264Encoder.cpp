@@ -1,5 +1,6 @@
 #include <tessera/COmxH264Encoder.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -61,11 +62,22 @@ bool COmxH264Encoder::Create(unsigned int pixelFormat, int width, int height,
       !SetState(OMX_StateExecuting, "OMX_StateExecuting",
                 "COmxH264Encoder::Create::OMX_CommandStateSet::OMX_StateExecuting"))
     return false;
+  BlackenInput(static_cast<std::size_t>(PaddedWidth(Magnitude(width))) *
+               PaddedHeight(Magnitude(height)));
   // A refusal is made up for by the first ProcessOutput.
   RequestFill("COmxH264Encoder::Create - OMX_FillThisBuffer failed to request filling");
   nWidth = static_cast<OMX_U32>(width);
   nHeight = static_cast<OMX_U32>(height);
   return true;
+}
+
+/// The padding is part of the encoded picture and is never written by the frame copies: without
+/// this it would show whatever was in that memory before.
+void COmxH264Encoder::BlackenInput(std::size_t lumaBytes) {
+  constexpr int blackLuma = 16, noChroma = 128;
+  const std::size_t luma = std::min<std::size_t>(lumaBytes, pInputBuffer->nAllocLen);
+  std::memset(pInputBuffer->pBuffer, blackLuma, luma);
+  std::memset(pInputBuffer->pBuffer + luma, noChroma, pInputBuffer->nAllocLen - luma);
 }
 
 CodecStatus COmxH264Encoder::ProcessInput(unsigned char* frame, unsigned int frameSize, long long,
@@ -209,11 +221,8 @@ CodecStatus COmxH264Encoder::DropLateOutput() {
     return CodecTimeout;
   }
   outputLate = false;
-  // Without its parameter sets the whole stream would be lost.
-  const bool parameterSets = (pOutputBuffer->nFlags & OMX_BUFFERFLAG_CODECCONFIG) != 0;
-  output = parameterSets && pOutputBuffer->nFilledLen != 0 ? Output::Filled : Output::Here;
-  if (output == Output::Here)
-    RequestFill("COmxH264Encoder::ProcessInput - OMX_FillThisBuffer failed");
+  output = Output::Here;
+  RequestFill("COmxH264Encoder::ProcessInput - OMX_FillThisBuffer failed");
   return CodecOk;
 }
 

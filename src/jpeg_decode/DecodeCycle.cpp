@@ -225,10 +225,15 @@ bool DecoderPool::CatchUp() {
   return true;
 }
 
-/// Waits for all commands under way.
+/// Waits for all commands under way. An answer that has not come by the end of the next call either
+/// is written off: the component is asked anew from then on.
 bool DecoderPool::Completed(const char* command) {
-  for (; nCompletionsOwed > 0; --nCompletionsOwed)
-    if (!Answered(semCommandDone, command)) return false;
+  const bool secondChance = behind;
+  for (; nCompletionsOwed > 0; --nCompletionsOwed) {
+    if (Answered(semCommandDone, command)) continue;
+    if (secondChance) nCompletionsOwed = 0;
+    return false;
+  }
   return true;
 }
 

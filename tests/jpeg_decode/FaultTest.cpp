@@ -204,10 +204,10 @@ TEST_P(Completions, NeverGiveAStalePicture) {
       CompletionFault{tested.completion, tested.nth, false, tested.action, tested.delayMs, 0});
   const Clock::time_point start = Clock::now();
   Decoded seen = decode(*pool, jpeg);
-  EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(500));
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
   EXPECT_EQ(control::faultsHit(), 1u);
   int pictures = 0;
-  for (int i = 0; i < 8; ++i) {
+  for (int i = 0; i < 12; ++i) {
     if (seen.data == nullptr) {
       EXPECT_EQ(std::count(seen.lines.begin(), seen.lines.end(), '\n'), 1) << seen.lines;
     }
@@ -217,29 +217,27 @@ TEST_P(Completions, NeverGiveAStalePicture) {
     ++pictures;
     EXPECT_EQ(difference(seen, next), "") << "picture " << i;
   }
-  const bool lostCommand =
-      GetParam().newSize && tested.action == CompletionFault::Drop && tested.nth > 1;
-  EXPECT_GE(pictures, lostCommand ? 0 : 6);
+  EXPECT_GE(pictures, 5);
 }
 
 constexpr auto drop = CompletionFault::Drop, late = CompletionFault::Delay,
                twice = CompletionFault::Double, empty = CompletionFault::ZeroLength;
 const Completion completions[] = {{"fill_lost", false, "FillBufferDone", 1, drop, 0},
                                   {"fill_late", false, "FillBufferDone", 1, late, 20},
-                                  {"fill_too_late", false, "FillBufferDone", 1, late, 130},
+                                  {"fill_too_late", false, "FillBufferDone", 1, late, 500},
                                   {"fill_twice", false, "FillBufferDone", 1, twice, 0},
                                   {"fill_empty", false, "FillBufferDone", 1, empty, 0},
                                   {"fill_lost_at_new_size", true, "FillBufferDone", 1, drop, 0},
                                   {"input_lost", false, "EmptyBufferDone", 1, drop, 0},
                                   {"new_size_lost", true, "EventHandler", 1, drop, 0},
                                   {"new_size_late", true, "EventHandler", 1, late, 20},
-                                  {"new_size_too_late", true, "EventHandler", 1, late, 130},
+                                  {"new_size_too_late", true, "EventHandler", 1, late, 500},
                                   {"new_size_twice", true, "EventHandler", 1, twice, 0},
                                   {"disabled_lost", true, "EventHandler", 2, drop, 0},
-                                  {"disabled_too_late", true, "EventHandler", 2, late, 130},
+                                  {"disabled_too_late", true, "EventHandler", 2, late, 500},
                                   {"disabled_twice", true, "EventHandler", 2, twice, 0},
                                   {"enabled_lost", true, "EventHandler", 3, drop, 0},
-                                  {"enabled_too_late", true, "EventHandler", 3, late, 130}};
+                                  {"enabled_too_late", true, "EventHandler", 3, late, 500}};
 INSTANTIATE_TEST_SUITE_P(Kinds, Completions, testing::ValuesIn(completions), nameOf<Completion>);
 
 TEST(FaultsDeathTest, AnErrorEventWhileAPictureIsWaitedForEndsTheProcess) {

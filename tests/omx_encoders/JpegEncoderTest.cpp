@@ -19,6 +19,17 @@ constexpr int allBits[] = {0, 16, 24, 32};
 
 using Case = std::tuple<std::pair<int, int>, int>;
 
+/// What is left of a picture in 16 bits a pixel.
+Image coarse(const Image& image) {
+  Image result = image;
+  for (std::size_t i = 0; i < result.rgb.size(); ++i) {
+    const int lost = i % 3 == 1 ? 2 : 3;
+    const unsigned kept = result.rgb[i] >> lost;
+    result.rgb[i] = static_cast<std::uint8_t>(kept << lost | kept >> (8 - 2 * lost));
+  }
+  return result;
+}
+
 class OmxJpeg : public OmxTest, public testing::WithParamInterface<Case> {};
 
 TEST_P(OmxJpeg, HasTheRoundedSizeAndItsColoursInTheirPlaces) {
@@ -43,7 +54,9 @@ TEST_P(OmxJpeg, HasTheRoundedSizeAndItsColoursInTheirPlaces) {
 
 TEST_P(OmxJpeg, IsAsCloseAsTurboJpegs) {
   const auto [size, bits] = GetParam();
-  const Image image = support::scene(size.first, size.second), whole = rounded(image);
+  Image image = support::scene(size.first, size.second);
+  if (bits == 16) image = coarse(image);
+  const Image whole = rounded(image);
   COmxJpegEncoder encoder;
   const Encoded ours = encode(encoder, image, bits);
   ASSERT_EQ(ours.result, 1);
@@ -52,8 +65,8 @@ TEST_P(OmxJpeg, IsAsCloseAsTurboJpegs) {
   const Bytes peer = support::encodeJpeg(whole, sampling, 75);
   const double psnr = support::psnr(support::decodeJpegToRgb(ours.jpeg).rgb, whole.rgb);
   const double peers = support::psnr(support::decodeJpegToRgb(peer).rgb, whole.rgb);
-  // What 16 and 24 bits cannot hold is lost before the codec sees it.
-  EXPECT_GE(psnr, peers - (bits == 16 ? 1.5 : 0.2));
+  // One colour is a matter of one rounding error.
+  EXPECT_GE(psnr, peers - (size.first == 1 ? 3 : 0.2));
 }
 
 const std::pair<int, int> sizes[] = {{1, 1}, {100, 50}, {321, 241}, {640, 480}, {1366, 768}};
@@ -228,7 +241,7 @@ TEST_F(OmxJpegEncoder, QualityOutsideItsRangeCountsAs75) {
     tessera_platform::startJournal();
     EXPECT_EQ(encoder.SetupOutputPort(64, 64, asked), 1);
     tessera_platform::stopJournal();
-    EXPECT_NE(journalText().find("QFactor " + std::to_string(taken)), std::string::npos)
+    EXPECT_NE(journalText().find("QFactor 341: " + std::to_string(taken)), std::string::npos)
         << journalText();
   }
 }

@@ -28,12 +28,14 @@ struct TesseraLayout {
   }
 };
 
-/// One platform call of a conversation, and the line that tells that it was refused with
-/// OMX_ErrorInsufficientResources.
+/// One platform call of a conversation, and what a refusal with OMX_ErrorInsufficientResources
+/// leads to.
 struct Refusal {
-  std::string call;
-  std::string error;   ///< label of the line on standard error; empty: none
-  std::string output;  ///< further lines, where the class prints its own
+  const char* call;
+  std::string label;   ///< of the line on standard error; empty: no such line
+  std::string line;    ///< the class's own line after it
+  bool works = false;  ///< the operation succeeds all the same
+  bool again = true;   ///< the next one on the same object succeeds
 };
 
 /// "label - 0x80001000:..." as PrintOmxError writes it.
