@@ -75,7 +75,10 @@ TEST_F(ToolTest, RateAspectAndCountSurviveContainers) {
     const Result result = run("tessera h264-encode in.y4m --json -o " + name +
                               " && tessera h264-decode " + name + " -q -o out.y4m");
     ASSERT_EQ(result.status, 0) << result.err;
-    const auto summary = nlohmann::json::parse(result.err);
+    // A slow machine may let the library say that an output is late.
+    const std::size_t last = result.err.rfind("{\"command\"");
+    ASSERT_NE(last, std::string::npos) << result.err;
+    const auto summary = nlohmann::json::parse(result.err.substr(last));
     EXPECT_EQ(summary["frames"], 30);
     EXPECT_EQ(summary["bytes_out"], load(name).size());
     const Y4m decoded = fromY4m(load("out.y4m"));
