@@ -115,7 +115,7 @@ TEST_F(JpegFaults, NoAnswerEndsTheCallAndTheNextOneIsNotFooled) {
       EXPECT_EQ(encode(encoder, support::scene(160, 96, 7), 0).result, 0);
       const auto took = duration_cast<milliseconds>(steady_clock::now() - start).count();
       EXPECT_GE(took, 195);
-      EXPECT_LE(took, 650);  // the component that is taken down may be at work
+      EXPECT_LE(took, 4000);  // with a busy machine's time for taking the component down
       EXPECT_EQ(capture.out(), "CMmalJpegEncoder::Encode - timeout\n");
       EXPECT_EQ(capture.err(), "");
     }

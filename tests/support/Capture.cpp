@@ -1,5 +1,6 @@
 #include "support/Capture.h"
 
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -48,9 +49,12 @@ Capture::Capture() {
 }
 
 Capture::~Capture() {
+  // What a failing test has said of its failure is in here too.
+  const std::string text = testing::Test::HasFailure() ? out() + err() : std::string();
   flushAll();
   restore(err_);
   restore(out_);
+  std::fputs(text.c_str(), stdout);
 }
 
 std::string Capture::out() {
