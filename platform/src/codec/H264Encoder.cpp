@@ -32,11 +32,19 @@ const char* profileName(H264Encoder::Profile profile) {
   return "high";
 }
 
+/// x264 refuses others too, but leaks a little when it does.
+bool isLevel(unsigned level) {
+  for (const x264_level_t* known = x264_levels; known->level_idc != 0; ++known)
+    if (known->level_idc == level) return true;
+  return false;
+}
+
 const char* objection(const H264Encoder::Config& config) {
   if (config.width == 0 || config.height == 0) return "an empty picture";
   if (config.width > largestSide || config.height > largestSide)
     return "a side longer than 16,384 pixels";
   if (config.frameRateNum == 0 || config.frameRateDen == 0) return "no frame rate";
+  if (!isLevel(config.level)) return "no such level";
   return nullptr;
 }
 
