@@ -1,5 +1,6 @@
 #include "mmal/Component.h"
 
+#include <algorithm>
 #include <cstring>
 #include <system_error>
 
@@ -73,8 +74,33 @@ Component::Component(std::string itsName)
   port = all_;
 }
 
+/// All components that live. Never destroyed: a pool may be destroyed while the process ends.
+struct Component::Registry {
+  std::mutex mutex;
+  std::vector<Component*> components;
+};
+
+Component::Registry& Component::registry() {
+  static Registry* const instance = new Registry;
+  return *instance;
+}
+
 Component::~Component() {
   tessera_platform::hooks::forget(this);
+  Registry& all = registry();
+  const std::lock_guard<std::mutex> lock(all.mutex);
+  all.components.erase(std::remove(all.components.begin(), all.components.end(), this),
+                       all.components.end());
+}
+
+void Component::awaitDelivery(const Header& header) {
+  Registry& all = registry();
+  const std::lock_guard<std::mutex> lock(all.mutex);
+  for (Component* const each : all.components) {
+    Lock held(each->mutex_);
+    if (!each->onOwnWorker())
+      each->changed_.wait(held, [&] { return each->delivering_ != &header; });
+  }
 }
 
 // The defaults are in place before the worker may look at them.
@@ -84,6 +110,11 @@ void Component::start() {
     each->format->encoding = each->committed.encoding;
     each->buffer_num = each->buffer_num_recommended;
     each->buffer_size = each->buffer_size_recommended;
+  }
+  {
+    Registry& all = registry();
+    const std::lock_guard<std::mutex> lock(all.mutex);
+    all.components.push_back(this);
   }
   worker_ = std::thread([this] { run(); });
 }

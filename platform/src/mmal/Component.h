@@ -50,6 +50,8 @@ class Component : public MMAL_COMPONENT_T, public Home {
 
   /// Takes a header that is being destroyed away from a port, once the worker is not using it.
   void evict(Port& port, Header& header);
+  /// Waits until no worker is in a callback with a header any more.
+  static void awaitDelivery(const Header& header);
   /// Waits until the worker has nothing left to do, at most a second.
   void settle();
 
@@ -94,6 +96,9 @@ class Component : public MMAL_COMPONENT_T, public Home {
   using Clock = std::chrono::steady_clock;
   static constexpr Clock::time_point never = Clock::time_point::max();
 
+  struct Registry;
+  static Registry& registry();
+
   void start();
   void takeDown();
   void takeBack(Header& header) override;
@@ -132,6 +137,7 @@ class Component : public MMAL_COMPONENT_T, public Home {
   bool stirred_ = false;             ///< something came that step() has not seen
   Clock::time_point alarm_ = never;
   bool stepping_ = false;
+  const Header* delivering_ = nullptr;  ///< whose callback is under way
   bool asleep_ = false;
   bool quit_ = false;
   bool orphaned_ = false;  ///< released for the last time by its own worker

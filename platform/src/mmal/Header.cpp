@@ -7,6 +7,20 @@
 
 namespace mmal {
 
+namespace {
+thread_local const Header* inSecondCallback = nullptr;
+}
+
+SecondCallback::SecondCallback(const Header& header) {
+  inSecondCallback = &header;
+}
+SecondCallback::~SecondCallback() {
+  inSecondCallback = nullptr;
+}
+bool SecondCallback::concerns(const Header& header) {
+  return inSecondCallback == &header;
+}
+
 Header::Header(Home& itsHome, Payload&& itsPayload)
     : MMAL_BUFFER_HEADER_T{}, home_(itsHome), payload_(std::move(itsPayload)) {
   data = payload_.data();
@@ -16,17 +30,22 @@ Header::Header(Home& itsHome, Payload&& itsPayload)
 }
 
 Header::~Header() {
-  switch (place()) {
-    case Place::Queue:
-      if (Queue* const holder = queue) holder->remove(*this);
-      break;
-    case Place::Port:
-      if (Port* const holder = port) holder->owner().evict(*holder, *this);
-      break;
-    default:
-      break;
-  }
+  detach();
   if (original_ != nullptr) original_->release();
+}
+
+// The holder may let go of it, to another one, while this waits for the holder's lock.
+void Header::detach() {
+  for (;;) {
+    Queue* const inQueue = queue;
+    Port* const atPort = port;
+    if (place() == Place::Queue && inQueue != nullptr)
+      inQueue->remove(*this);
+    else if (place() == Place::Port && atPort != nullptr)
+      atPort->owner().evict(*atPort, *this);
+    else if (place() == Place::Client || place() == Place::Returning)
+      return;
+  }
 }
 
 void Header::reset() {
@@ -52,6 +71,7 @@ void Header::acquire() {
 }
 
 void Header::release() {
+  if (SecondCallback::concerns(*this)) return;
   std::uint32_t now = state_.load();
   for (;;) {
     const std::uint32_t references = now / oneReference;

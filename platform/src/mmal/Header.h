@@ -41,6 +41,8 @@ struct Header final : MMAL_BUFFER_HEADER_T {
   void release();
   void continueRelease();
   MMAL_STATUS_T replicate(Header& source);
+  /// Takes it out of the queue or port that holds it.
+  void detach();
   /// Empties the description; payload and place stay.
   void reset();
 
@@ -72,6 +74,18 @@ struct Header final : MMAL_BUFFER_HEADER_T {
   /// References and place in one word: a release and a send of the same header cannot both win.
   std::atomic<std::uint32_t> state_{oneReference};
   tessera_platform::hooks::Counted counted_{tessera_platform::hooks::Kind::Buffer};
+};
+
+/// For as long as it lives, its thread can neither release a header nor put it anywhere: for the
+/// second of two callbacks with it, which comes when somebody else may have it by right.
+class SecondCallback {
+ public:
+  explicit SecondCallback(const Header& header);
+  ~SecondCallback();
+  SecondCallback(const SecondCallback&) = delete;
+  SecondCallback& operator=(const SecondCallback&) = delete;
+
+  static bool concerns(const Header& header);
 };
 
 inline Header* headerOf(MMAL_BUFFER_HEADER_T* header) {

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "interface/mmal/util/mmal_util.h"
+#include "mmal/Component.h"
 #include "mmal/Journal.h"
 
 namespace mmal {
@@ -21,8 +22,13 @@ Pool::Pool(const Payload::Allocator& allocator) : MMAL_POOL_T{}, allocator_(allo
   queue = &free_;
 }
 
-// Headers go before the queue that may hold them.
+// A client whose port could not be disabled may destroy the pool of buffers that the component
+// still holds. Headers go before the queue that may hold them.
 Pool::~Pool() {
+  for (const auto& each : headers_) {
+    each->detach();
+    Component::awaitDelivery(*each);
+  }
   headers_.clear();
   tessera_platform::hooks::forget(static_cast<MMAL_POOL_T*>(this));
 }

@@ -13,7 +13,7 @@ Queue::~Queue() {
 
 void Queue::put(Header& header, bool atFront) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (!header.move(Place::Client, Place::Queue)) return;
+  if (SecondCallback::concerns(header) || !header.move(Place::Client, Place::Queue)) return;
   header.queue = this;
   if (atFront)
     headers_.pushFront(header);
@@ -60,7 +60,9 @@ unsigned Queue::length() {
 
 void Queue::remove(Header& header) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  headers_.remove(header);
+  if (!headers_.remove(header)) return;
+  header.queue = nullptr;
+  header.move(Place::Queue, Place::Client);
 }
 
 }  // namespace mmal

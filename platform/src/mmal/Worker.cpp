@@ -60,8 +60,11 @@ void Component::giveBack(Lock& held, Port& target) {
 void Component::evict(Port& holder, Header& header) {
   Lock held(mutex_);
   if (!onOwnWorker()) changed_.wait(held, [this] { return !stepping_; });
-  for (HeaderList* list : {&holder.pending, &holder.finished, &holder.parked, &holder.returning})
-    if (list->remove(header)) break;
+  for (HeaderList* list : {&holder.pending, &holder.finished, &holder.parked, &holder.returning}) {
+    if (!list->remove(header)) continue;
+    header.port = nullptr;
+    header.move(Place::Port, Place::Client);
+  }
 }
 
 void Component::settle() {
@@ -192,14 +195,19 @@ void Component::deliver(Lock& held, Port& target, Header& header, bool twice) {
   const MMAL_PORT_BH_CB_T callback = target.callback;
   const bool inStep = stepping_;
   stepping_ = true;
+  delivering_ = &header;
   header.port = nullptr;
   header.move(Place::Port, Place::Client);
   held.unlock();
   callback(&target, &header);
-  if (twice) callback(&target, &header);
+  if (twice) {
+    const SecondCallback second(header);
+    callback(&target, &header);
+  }
   held.lock();
   stepping_ = inStep;
-  if (!inStep) changed_.notify_all();
+  delivering_ = nullptr;
+  changed_.notify_all();
 }
 
 void Component::deliverError(Lock& held, Port& target, std::uint32_t status) {

@@ -88,14 +88,16 @@ bool Rig::feed(const Bytes& data, std::uint32_t flags, std::int64_t pts, unsigne
 
 Output Rig::take(unsigned limitMs, bool recycle) {
   Output output;
-  MMAL_BUFFER_HEADER_T* const buffer = mmal_queue_timedwait(filled, limitMs);
-  if (buffer == nullptr) return output;
-  output.came = true;
-  output.cmd = buffer->cmd;
-  output.flags = buffer->flags;
-  output.pts = buffer->pts;
-  output.data.assign(buffer->data, buffer->data + buffer->length);
-  mmal_buffer_header_release(buffer);
+  while (MMAL_BUFFER_HEADER_T* const buffer = mmal_queue_timedwait(filled, limitMs)) {
+    // What a flush gives back unused is empty and bears no mark.
+    output.came = buffer->length != 0 || buffer->flags != 0;
+    output.cmd = buffer->cmd;
+    output.flags = buffer->flags;
+    output.pts = buffer->pts;
+    output.data.assign(buffer->data, buffer->data + buffer->length);
+    mmal_buffer_header_release(buffer);
+    if (output.came) break;
+  }
   if (recycle) sendOutputs();
   return output;
 }
@@ -126,10 +128,7 @@ void Rig::onOutput(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer) {
   auto& rig = *reinterpret_cast<Rig*>(port->userdata);
   rig.note();
   ++rig.outputsBack;
-  if (buffer->length == 0 && buffer->flags == 0)
-    mmal_buffer_header_release(buffer);  // unused
-  else
-    mmal_queue_put(rig.filled, buffer);
+  mmal_queue_put(rig.filled, buffer);
 }
 
 }  // namespace contract
