@@ -118,11 +118,16 @@ OMX_ERRORTYPE tunnelRequest(OMX_HANDLETYPE handle, OMX_U32, OMX_HANDLETYPE, OMX_
       [](Component&) { return OMX_ErrorTunnelingUnsupported; }, nameOf);
 }
 
-OMX_ERRORTYPE addBuffer(const char* entry, OMX_HANDLETYPE handle, OMX_BUFFERHEADERTYPE** header,
-                        OMX_U32 port, OMX_PTR appPrivate, OMX_U32 size, OMX_U8* memory) {
+/// @param memory  of the client; null for a buffer that the component makes
+OMX_ERRORTYPE addBuffer(const char* entry, bool own, OMX_HANDLETYPE handle,
+                        OMX_BUFFERHEADERTYPE** header, OMX_U32 port, OMX_PTR appPrivate,
+                        OMX_U32 size, OMX_U8* memory) {
   return call(
       entry, handle,
-      [&](Component& c) { return c.addBuffer(header, port, appPrivate, size, memory); },
+      [&](Component& c) {
+        if (own && memory == nullptr) return OMX_ErrorBadParameter;
+        return c.addBuffer(header, port, appPrivate, size, memory);
+      },
       [&](Component& c) { return c.name(port) + ", " + std::to_string(size) + " bytes"; },
       [&] {
         if (header != nullptr) *header = nullptr;
@@ -131,13 +136,12 @@ OMX_ERRORTYPE addBuffer(const char* entry, OMX_HANDLETYPE handle, OMX_BUFFERHEAD
 
 OMX_ERRORTYPE useBuffer(OMX_HANDLETYPE handle, OMX_BUFFERHEADERTYPE** header, OMX_U32 port,
                         OMX_PTR appPrivate, OMX_U32 size, OMX_U8* memory) {
-  if (memory == nullptr) return OMX_ErrorBadParameter;
-  return addBuffer("OMX_UseBuffer", handle, header, port, appPrivate, size, memory);
+  return addBuffer("OMX_UseBuffer", true, handle, header, port, appPrivate, size, memory);
 }
 
 OMX_ERRORTYPE allocateBuffer(OMX_HANDLETYPE handle, OMX_BUFFERHEADERTYPE** header, OMX_U32 port,
                              OMX_PTR appPrivate, OMX_U32 size) {
-  return addBuffer("OMX_AllocateBuffer", handle, header, port, appPrivate, size, nullptr);
+  return addBuffer("OMX_AllocateBuffer", false, handle, header, port, appPrivate, size, nullptr);
 }
 
 OMX_ERRORTYPE freeBuffer(OMX_HANDLETYPE handle, OMX_U32 port, OMX_BUFFERHEADERTYPE* header) {

@@ -173,7 +173,13 @@ TEST_F(Control, HoldsADroppedBufferUntilThePortIsDisabled) {
   const auto client = decoder();
   fault("FillBufferDone", CompletionFault::Drop);
   fault("EmptyBufferDone", CompletionFault::Drop);
+  // A flush would overtake the work: the faults must have been met before it is sent.
+  CallFault settled;
+  settled.call = "OMX_FillThisBuffer";
+  settled.action = CallFault::FinishFirst;
+  platform::inject(settled);
   request(*client);
+  ASSERT_EQ(platform::faultsHit(), 3u);
   EXPECT_EQ(client->soFar(), Texts{"emptied 320"}) << "held back until this flush";
   EXPECT_EQ(client->in[0]->nFilledLen, 0u);
   EXPECT_EQ(client->fill(client->out[0]), OMX_ErrorBadParameter) << "the component has it";
@@ -228,7 +234,7 @@ TEST_F(Control, MeddlesWithEvents) {
     EXPECT_EQ(client->soFar(), row.wanted);
   }
   platform::clearFaults();
-  fault("EventHandler", CompletionFault::Delay, 30);
+  fault("EventHandler", CompletionFault::Delay, 400);
   client->send(OMX_CommandFlush, out);
   client->send(OMX_CommandFlush, in);
   EXPECT_EQ(client->next(2), (Texts{"done Flush 320", "done Flush 321"})) << "overtaken";
