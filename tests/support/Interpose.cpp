@@ -93,6 +93,14 @@ void* allocate(std::size_t size, std::size_t alignment) {
   return memory;
 }
 
+void* allocateQuietly(std::size_t size) noexcept {
+  try {
+    return allocate(size, 0);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
 void release(void* memory) {
   if (memory != nullptr) --live;
   std::free(memory);
@@ -202,6 +210,13 @@ void* operator new(std::size_t size, std::align_val_t alignment) {
 void* operator new[](std::size_t size, std::align_val_t alignment) {
   interpose::admit(__builtin_return_address(0));
   return interpose::allocate(size, static_cast<std::size_t>(alignment));
+}
+// A sanitizer's own would not go with the operator delete below.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return interpose::allocateQuietly(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  return interpose::allocateQuietly(size);
 }
 void operator delete(void* memory) noexcept {
   interpose::release(memory);

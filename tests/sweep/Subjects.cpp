@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <set>
+#include <iterator>
 #include <utility>
 
 #include "Streams.h"
@@ -152,10 +152,11 @@ class DecoderPoolSubject : public Subject {
 
 /// What a status owes the reader: a line, or nothing where the result says it all.
 Outcome judgeStatus(CodecStatus status, const Lines& lines, bool silentTimeout) {
-  static const std::set<int> known{CodecNoBuffer,       CodecSendFailed,    CodecInvalidArgument,
-                                   CodecInvalidState,   CodecWaitFailed,    CodecTimeout,
-                                   CodecBufferTooSmall, CodecStreamMismatch};
-  if (known.count(status) == 0) return Outcome::wrong("a status that nobody knows");
+  static constexpr int known[] = {CodecNoBuffer,       CodecSendFailed,    CodecInvalidArgument,
+                                  CodecInvalidState,   CodecWaitFailed,    CodecTimeout,
+                                  CodecBufferTooSmall, CodecStreamMismatch};
+  if (std::find(std::begin(known), std::end(known), status) == std::end(known))
+    return Outcome::wrong("a status that nobody knows");
   const bool quiet = status == CodecNoBuffer || status == CodecBufferTooSmall ||
                      (status == CodecTimeout && silentTimeout);
   return quiet || lines.any() ? Outcome::refused() : silent("the operation");
