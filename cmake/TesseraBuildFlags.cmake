@@ -6,6 +6,9 @@ target_compile_options(
                           $<$<BOOL:${TESSERA_WERROR}>:-Werror>)
 
 if(TESSERA_SANITIZE)
+  # The compiler loses sight of what is initialised in instrumented code, the standard library's
+  # own included.
+  target_compile_options(tessera_flags INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   # For the whole build, so that no object is left out.
   add_compile_options(-fsanitize=${TESSERA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${TESSERA_SANITIZE})

@@ -1,16 +1,13 @@
 #ifndef TESSERA_TESSERA_H
 #define TESSERA_TESSERA_H
 
-/// Everything that libtessera.so offers.
-///
-/// | service                    | interface     | made by               | class            | platform    |
-/// |----------------------------|---------------|-----------------------|------------------|-------------|
-/// | JPEG to planar 4:2:0       | DecoderPool   | GetDecoderPool        | DecoderPool      | OpenMAX IL  |
-/// | raw frames to JPEG         | IJPEGEncoder  | CreateEncoderJPEG     | CMmalJpegEncoder | MMAL        |
-/// |                            |               | its constructor       | COmxJpegEncoder  | OpenMAX IL  |
-/// | raw video to H.264         | IH264Encoder  | CreateEncoderH264     | CMmalH264Encoder | MMAL        |
-/// |                            |               | its constructor       | COmxH264Encoder  | OpenMAX IL  |
-/// | H.264 to planar 4:2:0      | IH264Decoder  | CreateH264Decoder     | CMmalH264Decoder | MMAL        |
+/// Everything that libtessera.so offers:
+/// - JPEG to planar 4:2:0: DecoderPool, from GetDecoderPool (OpenMAX IL).
+/// - Raw frames to JPEG: IJPEGEncoder, from CreateEncoderJPEG (CMmalJpegEncoder, MMAL) or the
+///   constructor of COmxJpegEncoder (OpenMAX IL).
+/// - Raw video to H.264: IH264Encoder, from CreateEncoderH264 (CMmalH264Encoder, MMAL) or the
+///   constructor of COmxH264Encoder (OpenMAX IL).
+/// - H.264 to planar 4:2:0: IH264Decoder, from CreateH264Decoder (CMmalH264Decoder, MMAL).
 ///
 /// Objects are independent of one another. The library starts no threads, reads no files and has no
 /// configuration; its diagnostics are lines of text on standard output and standard error.

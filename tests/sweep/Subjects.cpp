@@ -225,7 +225,7 @@ class H264EncoderSubject : public Subject {
           return Outcome::wrong("a failed ProcessOutput wrote its outputs");
         const Outcome judged = judgeStatus(status, lines, false);
         if (!judged.problem.empty()) return judged;
-        misses += watch.slow() ? 5 : 1;
+        misses += watch.slow() ? 10 : 1;
         continue;
       }
       data.resize(size);

@@ -50,37 +50,37 @@ typedef struct OMX_COMPONENTTYPE {
   OMX_VERSIONTYPE nVersion;
   OMX_PTR pComponentPrivate;
   OMX_PTR pApplicationPrivate;
-  OMX_ERRORTYPE (*GetComponentVersion)
+  OMX_ERRORTYPE(*GetComponentVersion)
   (OMX_HANDLETYPE hComponent, OMX_STRING pComponentName, OMX_VERSIONTYPE* pComponentVersion,
    OMX_VERSIONTYPE* pSpecVersion, OMX_UUIDTYPE* pComponentUUID);
-  OMX_ERRORTYPE (*SendCommand)
+  OMX_ERRORTYPE(*SendCommand)
   (OMX_HANDLETYPE hComponent, OMX_COMMANDTYPE Cmd, OMX_U32 nParam1, OMX_PTR pCmdData);
-  OMX_ERRORTYPE (*GetParameter)
+  OMX_ERRORTYPE(*GetParameter)
   (OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nParamIndex, OMX_PTR pParameter);
-  OMX_ERRORTYPE (*SetParameter)
+  OMX_ERRORTYPE(*SetParameter)
   (OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nIndex, OMX_PTR pParameter);
   OMX_ERRORTYPE (*GetConfig)(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nIndex, OMX_PTR pConfig);
   OMX_ERRORTYPE (*SetConfig)(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nIndex, OMX_PTR pConfig);
-  OMX_ERRORTYPE (*GetExtensionIndex)
+  OMX_ERRORTYPE(*GetExtensionIndex)
   (OMX_HANDLETYPE hComponent, OMX_STRING cParameterName, OMX_INDEXTYPE* pIndexType);
   OMX_ERRORTYPE (*GetState)(OMX_HANDLETYPE hComponent, OMX_STATETYPE* pState);
-  OMX_ERRORTYPE (*ComponentTunnelRequest)
+  OMX_ERRORTYPE(*ComponentTunnelRequest)
   (OMX_HANDLETYPE hComp, OMX_U32 nPort, OMX_HANDLETYPE hTunneledComp, OMX_U32 nTunneledPort,
    OMX_TUNNELSETUPTYPE* pTunnelSetup);
-  OMX_ERRORTYPE (*UseBuffer)
+  OMX_ERRORTYPE(*UseBuffer)
   (OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE** ppBufferHdr, OMX_U32 nPortIndex,
    OMX_PTR pAppPrivate, OMX_U32 nSizeBytes, OMX_U8* pBuffer);
-  OMX_ERRORTYPE (*AllocateBuffer)
+  OMX_ERRORTYPE(*AllocateBuffer)
   (OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE** ppBuffer, OMX_U32 nPortIndex,
    OMX_PTR pAppPrivate, OMX_U32 nSizeBytes);
-  OMX_ERRORTYPE (*FreeBuffer)
+  OMX_ERRORTYPE(*FreeBuffer)
   (OMX_HANDLETYPE hComponent, OMX_U32 nPortIndex, OMX_BUFFERHEADERTYPE* pBuffer);
   OMX_ERRORTYPE (*EmptyThisBuffer)(OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE* pBuffer);
   OMX_ERRORTYPE (*FillThisBuffer)(OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE* pBuffer);
-  OMX_ERRORTYPE (*SetCallbacks)
+  OMX_ERRORTYPE(*SetCallbacks)
   (OMX_HANDLETYPE hComponent, OMX_CALLBACKTYPE* pCallbacks, OMX_PTR pAppData);
   OMX_ERRORTYPE (*ComponentDeInit)(OMX_HANDLETYPE hComponent);
-  OMX_ERRORTYPE (*UseEGLImage)
+  OMX_ERRORTYPE(*UseEGLImage)
   (OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE** ppBufferHdr, OMX_U32 nPortIndex,
    OMX_PTR pAppPrivate, void* eglImage);
   OMX_ERRORTYPE (*ComponentRoleEnum)(OMX_HANDLETYPE hComponent, OMX_U8* cRole, OMX_U32 nIndex);

@@ -142,12 +142,12 @@ typedef struct OMX_BUFFERHEADERTYPE {
 
 /// What a component calls back, from its own thread. The table must stay while the handle lives.
 typedef struct OMX_CALLBACKTYPE {
-  OMX_ERRORTYPE (*EventHandler)
+  OMX_ERRORTYPE(*EventHandler)
   (OMX_HANDLETYPE hComponent, OMX_PTR pAppData, OMX_EVENTTYPE eEvent, OMX_U32 nData1,
    OMX_U32 nData2, OMX_PTR pEventData);
-  OMX_ERRORTYPE (*EmptyBufferDone)
+  OMX_ERRORTYPE(*EmptyBufferDone)
   (OMX_HANDLETYPE hComponent, OMX_PTR pAppData, OMX_BUFFERHEADERTYPE* pBuffer);
-  OMX_ERRORTYPE (*FillBufferDone)
+  OMX_ERRORTYPE(*FillBufferDone)
   (OMX_HANDLETYPE hComponent, OMX_PTR pAppData, OMX_BUFFERHEADERTYPE* pBuffer);
 } OMX_CALLBACKTYPE;
 
