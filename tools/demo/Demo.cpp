@@ -144,7 +144,8 @@ double decode(IH264Decoder& decoder, const Clip& clip, double& ms, int& lag) {
     unsigned size = 0, w = 0, h = 0;
     unsigned long long timestamp = 0;
     CodecStatus status = CodecTimeout;
-    for (int tries = 0; status == CodecTimeout && tries < 5; ++tries)  // a busy machine
+    // A time-out is a busy machine's; no buffer, an earlier set-up's count on the semaphore.
+    for (int tries = 0; (status == CodecTimeout || status == CodecNoBuffer) && tries < 9; ++tries)
       status = decoder.ProcessOutput(picture.data(), static_cast<unsigned>(picture.size()), size, w,
                                      h, timestamp);
     ms += watch.milliseconds();
