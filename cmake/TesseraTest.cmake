@@ -5,7 +5,7 @@
 function(tessera_test name)
   cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS" ${ARGN})
   if(NOT arg_TIMEOUT)
-    set(arg_TIMEOUT 120)
+    set(arg_TIMEOUT 300)
   endif()
   if(CMAKE_CROSSCOMPILING)
     # An emulated processor is several times slower.
