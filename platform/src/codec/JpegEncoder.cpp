@@ -21,7 +21,6 @@ constexpr unsigned largestInterval = 65535;  // MCUs between restart markers
 
 constexpr std::uint8_t frameMarker = 0xc0, restartMarker = 0xd0;
 constexpr std::size_t heightInFrame = 5;  // offset in the frame header's segment
-constexpr std::size_t markerBytes = 2;
 
 /// How a picture is cut.
 struct Plan {
