@@ -144,7 +144,7 @@ bool VideoDecode::show() {
     if (!output0().open()) return false;
   }
   if (!asDeclared) return keepOrLeaveOut();
-  Header* const out = front(output0());
+  Header* const out = frontOfNewest(output0());
   if (out == nullptr) return false;
   write(*out, stride, sliceHeight);
   held_ = announced_ = false;
