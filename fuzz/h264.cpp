@@ -1,26 +1,11 @@
 // H.264 input with a plan of cuts: bounded time, no more pictures than slices, statuses that exist.
 
-#include <dlfcn.h>
-#include <semaphore.h>
 #include <tessera/IH264Decoder.h>
 
-#include <ctime>
+#include <random>
 
 #include "Fuzz.h"
-
-/// A hundredth of every limit, or the fuzzer would do nothing but wait.
-extern "C" int sem_timedwait(sem_t* semaphore, const timespec* deadline) {
-  static auto* const real =
-      reinterpret_cast<int (*)(sem_t*, const timespec*)>(dlsym(RTLD_NEXT, "sem_timedwait"));
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  const long long left = (static_cast<long long>(deadline->tv_sec) - now.tv_sec) * 1000000000LL +
-                         deadline->tv_nsec - now.tv_nsec;
-  const long long at = now.tv_nsec + (left > 0 ? left / 100 : left);
-  const timespec near{now.tv_sec + static_cast<std::time_t>(at / 1000000000LL),
-                      static_cast<long>(at % 1000000000LL)};
-  return real(semaphore, &near);
-}
+#include "Haste.h"
 
 namespace {
 
@@ -52,8 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const unsigned cut = input.ConsumeIntegralInRange(1u, 400u);
   const bool random = input.ConsumeBool();
   const unsigned flags = input.ConsumeBool();
-  const std::vector<std::uint8_t> plan = input.ConsumeBytes<std::uint8_t>(16);
   const std::vector<std::uint8_t> stream = input.ConsumeRemainingBytes<std::uint8_t>();
+  std::minstd_rand cuts(cut);
 
   IH264Decoder* decoder = nullptr;
   MUST(CreateH264Decoder(&decoder) == 1);
@@ -62,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   unsigned pictures = 0;
   std::size_t at = 0;
   for (unsigned i = 0; at < stream.size() && i < 64; ++i) {
-    const std::size_t wanted = random && !plan.empty() ? plan[i % plan.size()] + 1u : cut;
+    const std::size_t wanted = random ? 1 + cuts() % cut : cut;
     const std::size_t length = std::min(wanted, stream.size() - at);
     fuzz::Exact piece(
         std::vector<std::uint8_t>(stream.begin() + static_cast<std::ptrdiff_t>(at),
