@@ -66,20 +66,23 @@ int realClock(clockid_t clock, timespec* now) {
   return function(clock, now);
 }
 
-/// The same deadline, nearer by the factor `hurry`.
+/// The same deadline, nearer by the factor `hurry`. A wait that goes on after a signal, with the
+/// deadline that it had, has the same one again.
 timespec hastened(const timespec& deadline) {
+  thread_local timespec asked{}, given{};
   const int factor = hurry;
   timespec now{};
   if (factor <= 1 || realClock(CLOCK_REALTIME, &now) != 0) return deadline;
+  if (asked.tv_sec == deadline.tv_sec && asked.tv_nsec == deadline.tv_nsec) return given;
   long long left = (static_cast<long long>(deadline.tv_sec) - now.tv_sec) * 1000000000LL +
                    deadline.tv_nsec - now.tv_nsec;
   if (left > 0) left /= factor;
   const long long at = now.tv_nsec + left;
-  timespec result = now;
-  result.tv_sec += static_cast<std::time_t>(at / 1000000000LL);
-  result.tv_nsec = static_cast<long>(at % 1000000000LL);
-  if (result.tv_nsec < 0) result.tv_nsec += 1000000000L, --result.tv_sec;
-  return result;
+  asked = deadline;
+  given = {now.tv_sec + static_cast<std::time_t>(at / 1000000000LL),
+           static_cast<long>(at % 1000000000LL)};
+  if (given.tv_nsec < 0) given.tv_nsec += 1000000000L, --given.tv_sec;
+  return given;
 }
 
 void* allocate(std::size_t size, std::size_t alignment) {

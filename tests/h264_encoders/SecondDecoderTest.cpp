@@ -1,8 +1,6 @@
 #include <wels/codec_api.h>
 
-#include <memory>
-
-#include "H264Fixture.h"
+#include "H264Encoders.h"
 
 namespace {
 
@@ -43,28 +41,11 @@ std::vector<Bytes> decodeWithOpenH264(const Bytes& stream) {
   return pictures;
 }
 
-Bytes encodeScenes(int width, int height, int frames) {
-  const std::unique_ptr<IH264Encoder, int (*)(IH264Encoder*)> encoder(CreateEncoderH264(),
-                                                                      ReleaseEncoderH264);
-  EXPECT_TRUE(encoder->Create(i420, width, height, 30, 1, 1, 1, 500000));
-  Bytes stream;
-  for (int t = 0; t < frames; ++t) {
-    Bytes frame = support::padded(support::toYuv(support::scene(width, height, t)));
-    EXPECT_EQ(encoder->ProcessInput(frame.data(), length(frame), 0, 0), CodecOk);
-    for (int left = t == 0 ? 2 : 1; left > 0; --left) {  // the parameter sets come by themselves
-      Bytes data(200000);
-      unsigned int size = 0, flags = 0;
-      EXPECT_EQ(
-          patiently([&] { return encoder->ProcessOutput(data.data(), length(data), size, flags); }),
-          CodecOk);
-      stream.insert(stream.end(), data.begin(), data.begin() + size);
-    }
-  }
-  return stream;
-}
-
-TEST_F(H264Test, TwoDecodersOfDifferentMakeAgreeOnTheStream) {
-  const Bytes stream = encodeScenes(152, 100, 12);
+TEST_P(BothH264, TwoDecodersOfDifferentMakeAgreeOnTheStream) {
+  H264Encoder encoder(*GetParam());
+  const Bytes stream = encode(encoder, {i420, 152, 100}, 12, [](int t) {
+                         return support::scene(152, 100, t);
+                       }).stream;
   const support::H264Stream expected = support::decodeH264(stream);
   const std::vector<Bytes> seen = decodeWithOpenH264(stream);
   ASSERT_EQ(expected.pictures.size(), 12u);

@@ -1,4 +1,22 @@
-#include "OmxFixture.h"
+#include <semaphore.h>
+#include <tessera/COmxH264Encoder.h>
+#include <tessera/COmxJpegEncoder.h>
+
+#include "support/FaultTest.h"
+
+/// Sees the semaphores of an encoder: state, ports, flush, output.
+struct TesseraLayout {
+  template <typename Encoder>
+  static std::vector<int> counts(Encoder& encoder) {
+    std::vector<int> counts;
+    for (sem_t* semaphore : {&encoder.semStateChanged, &encoder.semPortEnableDisable,
+                             &encoder.semFlushed, &encoder.semOutputFilled}) {
+      counts.push_back(-1);
+      sem_getvalue(semaphore, &counts.back());
+    }
+    return counts;
+  }
+};
 
 namespace {
 
@@ -73,7 +91,7 @@ void takeEvents(const Handlers& handlers) {
   EXPECT_TRUE(encoder.WaitForOutputBufferFilled());
 }
 
-using Handler = OmxTest;
+using Handler = support::FaultTest;
 
 TEST_F(Handler, EventsPrintAndPost) {
   takeEvents<COmxJpegEncoder>(both[0]);
@@ -97,6 +115,7 @@ TEST_F(Handler, WithoutAnObjectTheyPrintTheirName) {
 }
 
 TEST_F(Handler, WaitsEndWithTheirSignalOrTheirLimit) {
+  support::interpose::hurry = 100;
   COmxJpegEncoder encoder;
   encoder.SignalStateChanged();
   encoder.SignalPortEnabledDisabled();

@@ -1,0 +1,137 @@
+#include <climits>
+
+#include "H264Encoders.h"
+
+namespace {
+
+/// Lines with addresses left out: "[0x]".
+std::string withoutAddresses(std::string lines) {
+  for (std::size_t at = 0; (at = lines.find("[0x", at)) != std::string::npos; at += 3)
+    lines.erase(at + 3, lines.find(']', at) - at - 3);
+  return lines;
+}
+
+TEST_P(BothH264, WrongArgumentsAndStatesAreTold) {
+  H264Encoder made(*GetParam());
+  IH264Encoder& encoder = *made;
+  Bytes data(100);
+  unsigned size = 7, flags = 7;
+  using Call = std::function<CodecStatus()>;
+  const auto input = [&](unsigned char* from, unsigned bytes) -> Call {
+    return [=, &encoder] { return encoder.ProcessInput(from, bytes, 0, 0); };
+  };
+  const auto output = [&](unsigned char* to, unsigned capacity) -> Call {
+    return
+        [=, &encoder, &size, &flags] { return encoder.ProcessOutput(to, capacity, size, flags); };
+  };
+  const auto array = [&](unsigned char** to) -> Call {
+    return [=, &encoder, &size, &flags] { return encoder.ProcessOutput(to, size, flags); };
+  };
+  unsigned char* old = data.data();
+  const std::string in = "::ProcessInput - invalid ", out = "::ProcessOutput - invalid ";
+  const struct {
+    Call call;
+    CodecStatus status;
+    std::string mmal, omx;
+  } table[] = {
+      {input(nullptr, 0), CodecInvalidArgument, in + "input arguments [(nil)][0]\n", ""},
+      {input(nullptr, 5), CodecInvalidArgument, in + "input arguments [(nil)][5]\n", ""},
+      {input(data.data(), 5), CodecInvalidState, in + "state [0x] [(nil)]\n", ""},
+      {array(nullptr), CodecInvalidArgument, out + "input argument\n",
+       out + "input arguments [(nil)]\n"},
+      {array(&old), CodecInvalidState, out + "state [0x] [(nil)][0x]\n",
+       out + "state [0x] [(nil)]\n"},
+      {output(nullptr, 9), CodecInvalidArgument, out + "input parameters [(nil)][9]\n",
+       out + "input arguments [(nil)] [9]\n"},
+      {output(data.data(), 0), CodecInvalidArgument, out + "input parameters [0x][0]\n",
+       out + "input arguments [0x] [0]\n"},
+      {output(data.data(), 9), CodecInvalidState, out + "state [0x] [(nil)][0x]\n",
+       out + "state [0x] [(nil)]\n"},
+  };
+  for (const auto& tested : table) {
+    support::Capture capture;
+    flags = 7;
+    EXPECT_EQ(tested.call(), tested.status);
+    const bool omx = !GetParam()->mmal && !tested.omx.empty();
+    const std::string line = GetParam()->name + (omx ? tested.omx : tested.mmal);
+    EXPECT_EQ(withoutAddresses(capture.err()), line);
+    EXPECT_EQ(capture.out(), "");
+    EXPECT_EQ(size, 7u);
+    EXPECT_EQ(flags, line.find(in) == std::string::npos ? 0u : 7u);
+    EXPECT_EQ(old, data.data());
+  }
+  ASSERT_TRUE(made.create());
+  EXPECT_EQ(input(data.data(), 0)(), CodecOk) << "no data is encoded as far as it goes";
+  EXPECT_EQ(ReleaseEncoderH264(nullptr), 0);
+}
+
+struct Refused {
+  const char* name;
+  Wish wish;
+  std::string lines;
+};
+
+const std::string mmal = "CMmalH264Encoder::SetInputFormat - ",
+                  refusal = "CMmalH264Encoder::Create - SetInputFormat failed with 0x3\n";
+const Refused refused[] = {
+    {"Format", {0x3231564e, 0, 48, 0, 1, 0, 1}, "image pixel format is not supported 0x3231564e."},
+    {"NoWidth", {i420, 0, -48, 0, 1, 0, 1}, "image dimensions are not supported 0x-48"},
+    {"NoHeight", {yuyv, 64, 0}, "image dimensions are not supported 64x0"},
+    {"NoTime", {yuyv, 64, 48, 25, 0, 0, 1}, "frame rate is not supported 25x0"},
+    {"NoFrames", {i420, 64, 48, 0, 1}, "frame rate is not supported 0x1"},
+    {"FlatPixels", {i420, 64, 48, 30, 1, 0, 1}, "pixel aspect ratio is not supported 0x1"},
+    {"ThinPixels", {i420, 64, 48, 30, 1, 1, 0}, "pixel aspect ratio is not supported 1x0"},
+};
+
+class RefusedWishes : public support::FaultTest, public testing::WithParamInterface<Refused> {};
+
+TEST_P(RefusedWishes, EndWhatRanBefore) {
+  H264Encoder encoder(mmalH264());
+  for (int round = 0; round < 2; ++round) {
+    support::expectAnswer<bool>([&] { return encoder.create(GetParam().wish); }, false, "",
+                                mmal + GetParam().lines + "\n" + refusal);
+    {
+      const support::Capture quiet;
+      EXPECT_EQ(encoder.feed(support::scene(64, 48)), CodecInvalidState);
+    }
+    ASSERT_TRUE(encoder.create());
+    EXPECT_TRUE(encoder.works(3));
+  }
+}
+INSTANTIATE_TEST_SUITE_P(Table, RefusedWishes, testing::ValuesIn(refused),
+                         support::nameOf<Refused>);
+
+TEST(OmxH264, RefusesAFormatAndSurvivesOddSizes) {
+  H264Encoder encoder(omxH264());
+  support::expectAnswer<bool>(
+      [&] { return encoder.create({0x12345678}); }, false, "",
+      "COmxH264Encoder::SetInputFormat - input image format 0x12345678 is not supported.\n"
+      "COmxH264Encoder::Create - SetInputFormat failed with 0x80001006\n");
+  support::interpose::hurry = 100;
+  const support::Capture quiet;
+  for (const int width : {0, INT_MIN, INT_MAX}) {
+    H264Encoder another(omxH264());
+    another.create({yuyv, width, width});
+    another.feed(support::scene(16, 16));
+  }
+  support::interpose::reset();
+  EXPECT_TRUE(encoder.create() && encoder.works());
+}
+
+TEST_P(BothH264, WhatDoesNotFitIsToldAndGone) {
+  H264Encoder encoder(*GetParam());
+  ASSERT_TRUE(encoder.create());
+  ASSERT_EQ(encoder.feed(), CodecOk);
+  const Output small = encoder.takePatiently(1);
+  EXPECT_EQ(small.status, CodecBufferTooSmall);
+  EXPECT_GT(small.size, 10u);
+  EXPECT_EQ(small.flags, 0u);
+  EXPECT_EQ(small.data, Bytes{0xA5});
+  // The frame, after the parameter sets.
+  const Output next = encoder.takePatiently();
+  EXPECT_EQ(next.status, CodecOk);
+  EXPECT_EQ(next.flags, 1u);
+  EXPECT_EQ(next.data.at(4) & 31, 5);
+}
+
+}  // namespace

@@ -1,0 +1,280 @@
+#include <IL/OMX_Core.h>
+
+#include <optional>
+
+#include "H264Encoders.h"
+
+namespace {
+
+namespace control = tessera_platform;
+using support::FaultCase;
+using support::lose;
+using support::nullResult;
+using support::omxLine;
+using support::refuse;
+
+/// A construction, a Create and a frame with one fault in them.
+struct H264Fault {
+  const H264Class* kind;
+  FaultCase its;
+};
+
+class H264Faults : public support::FaultTest, public testing::WithParamInterface<H264Fault> {};
+
+TEST_P(H264Faults, HaveTheirLinesAndTheObjectWorksAgain) {
+  const H264Class& kind = *GetParam().kind;
+  const FaultCase& its = GetParam().its;
+  support::interpose::hurry = kind.mmal ? 1 : 100;
+  std::optional<H264Encoder> encoder;
+  bool created = false;
+  support::inject(its.fault);
+  support::expectAnswer<bool>(
+      [&] {
+        encoder.emplace(kind);
+        return (created = encoder->create()) && encoder->works();
+      },
+      its.works, its.out, its.err);
+  EXPECT_EQ(control::faultsHit(), 1u);
+  control::clearFaults();
+  const support::Capture quiet;
+  if (!created && kind.mmal) {
+    EXPECT_EQ(encoder->feed(), CodecInvalidState);
+  }
+  EXPECT_EQ(encoder->create() && encoder->works(3), its.again);
+  encoder.reset();
+}
+
+const std::string mmal = "CMmalH264Encoder::", omx = "COmxH264Encoder::";
+const std::string inputFailed = mmal + "Create - SetInputFormat failed with 0x7\n",
+                  outputFailed = mmal + "Create - SetOutputFormat failed with 0x7\n",
+                  code = "failed. Error code [0x7]\n";
+const std::string noComponent =
+    mmal + "CMmalH264Encoder - failed to create mmal encoder component. Error code [0x";
+const std::string noState = mmal + "Create - invalid state [(nil)]\n";
+const FaultCase mmalFaults[] = {
+    {"Component", refuse("mmal_component_create"), "", noComponent + "7]\n" + noState, false,
+     false},
+    {"NullComponent", nullResult("mmal_component_create"), "", noComponent + "0]\n" + noState,
+     false, false},
+    {"InputFormat", refuse("mmal_port_format_commit"), "",
+     mmal + "SetInputFormat - failed to set format for input port[0x7]\n" + inputFailed},
+    {"OutputFormat", refuse("mmal_port_format_commit", 2), "",
+     mmal + "SetOutputFormat - failed to set format for input port[0x7]\n" + outputFailed},
+    {"Profile", refuse("mmal_port_parameter_set"), "",
+     mmal + "SetOutputFormat - failed to set video profile. Error code [0x7]\n" + outputFailed},
+    {"IntraPeriod", refuse("mmal_port_parameter_set_uint32"), "", "", true},
+    {"InputPort", refuse("mmal_port_enable"), "", mmal + "Create - enable input port " + code},
+    {"InputPool", refuse("mmal_pool_create"), "",
+     mmal + "Create - creating pool for input port failed. Params(1, 4608)\n"},
+    {"OutputPort", refuse("mmal_port_enable", 2), "", mmal + "Create - enable output port " + code},
+    {"OutputPool", refuse("mmal_pool_create", 2), "",
+     mmal + "Create - creating pool for output port failed. Params(2, 65536)\n"},
+    {"Enable", refuse("mmal_component_enable"), "", mmal + "Create - enabling encoder " + code},
+    {"OutputBuffer", refuse("mmal_port_send_buffer"), "", "", true},
+    {"Frame", refuse("mmal_port_send_buffer", 3),
+     mmal + "ProcessInput - send input buffer failed. Error code [0x7]\n", ""},
+    {"NoInputBuffer", refuse("mmal_queue_get", 4), "", ""},
+};
+
+FaultCase omxRefusal(const char* name, const char* call, unsigned nth, const std::string& label,
+                     const std::string& line = {}, bool works = false, bool again = true) {
+  return {name, refuse(call, nth), "", (label.empty() ? "" : omxLine(label)) + line, works, again};
+}
+const std::string setUp = omx + "InitializeHardware::", inFormat = omx + "SetInputFormat::",
+                  get = "OMX_GetParameter::", set = "OMX_SetParameter::",
+                  port = "OMX_IndexParamPortDefinition", create = omx + "Create - ",
+                  step = omx + "Create::OMX_Command", inBuffer = omx + "AllocateOmxInputBuffer::",
+                  outBuffer = omx + "AllocateOmxOutputBuffer::";
+const std::string noHandle = create + "invalid state of encoder object.\n",
+                  noIdle = create + "no answer to OMX_StateIdle\n",
+                  noInput = create + "SetInputFormat failed with 0x80001000\n",
+                  noOutput = create + "SetOutputFormat failed with 0x80001000\n",
+                  noInputBuffer = create + "AllocateOmxInputBuffer failed 0x80001000\n",
+                  noOutputBuffer = create + "AllocateOmxOutputBuffer failed 0x80001000\n";
+const FaultCase omxFaults[] = {
+    omxRefusal("Init", "OMX_Init", 1, setUp + "OMX_Init", noHandle, false, false),
+    omxRefusal("Handle", "OMX_GetHandle", 1, setUp + "OMX_GetHandle", noHandle, false, false),
+    omxRefusal("AudioPorts", "OMX_GetParameter", 1, "", "", true),
+    // Ports that stay enabled keep the component from reaching Idle; the next Create takes another.
+    omxRefusal("VideoPorts", "OMX_GetParameter", 2, "", noIdle),
+    omxRefusal("FirstDisable", "OMX_SendCommand", 1, setUp + "OMX_CommandPortDisable", noIdle),
+    omxRefusal("SecondDisable", "OMX_SendCommand", 2, setUp + "OMX_CommandPortDisable", noIdle),
+    omxRefusal("ReadInput", "OMX_GetParameter", 5, inFormat + get + port, noInput),
+    omxRefusal("WriteInput", "OMX_SetParameter", 1, inFormat + set + port, noInput),
+    omxRefusal("ReadAgain", "OMX_GetParameter", 6, inFormat + get + port + "::AfterSetup", noInput),
+    omxRefusal("GetInput", "OMX_GetParameter", 7,
+               omx + "SetOutputFormat::" + get + port + "::GetInput", noOutput),
+    omxRefusal("WriteOutput", "OMX_SetParameter", 2, inFormat + set + port, noOutput),
+    omxRefusal("BitRate", "OMX_SetParameter", 3, inFormat + "OMX_IndexParamVideoBitrate", noOutput),
+    omxRefusal("PortFormat", "OMX_SetParameter", 4, inFormat + "OMX_IndexParamVideoPortFormat",
+               noOutput),
+    omxRefusal("ReadAvc", "OMX_GetParameter", 8, inFormat + get + "OMX_IndexParamVideoAvc",
+               noOutput),
+    omxRefusal("WriteAvc", "OMX_SetParameter", 5, inFormat + set + "OMX_IndexParamVideoAvc",
+               noOutput),
+    omxRefusal("Idle", "OMX_SendCommand", 3, omx + "Create::OMX_SendCommand::OMX_StateIdle"),
+    omxRefusal("EnableInput", "OMX_SendCommand", 4, step + "PortEnable::Input"),
+    omxRefusal("SizeInput", "OMX_GetParameter", 9, inBuffer + get + port + "::Input",
+               noInputBuffer),
+    omxRefusal("AllocateInput", "OMX_AllocateBuffer", 1, inBuffer + "OMX_AllocateBuffer::Input",
+               noInputBuffer),
+    {"NullInputBuffer", nullResult("OMX_AllocateBuffer"), "",
+     omxLine(inBuffer + "OMX_AllocateBuffer::Input") + noInputBuffer},
+    omxRefusal("EnableOutput", "OMX_SendCommand", 5, step + "PortEnable::Output"),
+    omxRefusal("SizeOutput", "OMX_GetParameter", 10, outBuffer + get + port + "::Output",
+               noOutputBuffer),
+    omxRefusal("AllocateOutput", "OMX_AllocateBuffer", 2, outBuffer + "OMX_AllocateBuffer::Output",
+               noOutputBuffer),
+    omxRefusal("Executing", "OMX_SendCommand", 6, step + "StateSet::OMX_StateExecuting"),
+    // A fill that was refused is asked for again.
+    omxRefusal("Fill", "OMX_FillThisBuffer", 1,
+               create + "OMX_FillThisBuffer failed to request filling", "", true),
+    omxRefusal("NextFill", "OMX_FillThisBuffer", 2,
+               omx + "ProcessOutput - OMX_FillThisBuffer failed", "", true),
+    omxRefusal("Empty", "OMX_EmptyThisBuffer", 1, omx + "ProcessInput - signal new input buffer"),
+    {"NoDisable", lose("EventHandler", 1), "",
+     omx + "InitializeHardware - no answer to OMX_CommandPortDisable\n" + noHandle, false, false},
+    {"NoIdle", lose("EventHandler", 3), "", noIdle},
+    {"NoEnable", lose("EventHandler", 4), "", create + "no answer to OMX_CommandPortEnable\n"},
+    {"NoExecuting", lose("EventHandler", 6), "", create + "no answer to OMX_StateExecuting\n"},
+    {"NoFill", lose("FillBufferDone"), "",
+     omx + "ProcessOutput - the output buffer was not filled\n"},
+};
+
+std::vector<H264Fault> faultsOf(const H264Class& kind, const FaultCase* from, const FaultCase* to) {
+  std::vector<H264Fault> all;
+  for (; from != to; ++from) all.push_back({&kind, *from});
+  return all;
+}
+std::string nameOf(const testing::TestParamInfo<H264Fault>& tested) {
+  return tested.param.its.name;
+}
+INSTANTIATE_TEST_SUITE_P(Mmal, H264Faults,
+                         testing::ValuesIn(faultsOf(mmalH264(), std::begin(mmalFaults),
+                                                    std::end(mmalFaults))),
+                         nameOf);
+INSTANTIATE_TEST_SUITE_P(Omx, H264Faults,
+                         testing::ValuesIn(faultsOf(omxH264(), std::begin(omxFaults),
+                                                    std::end(omxFaults))),
+                         nameOf);
+
+using H264FaultTest = support::FaultTest;
+
+TEST_P(BothH264, AFrameThatDoesNotGetAwayCanBeSentAgain) {
+  const bool isMmal = GetParam()->mmal;
+  H264Encoder encoder(*GetParam());
+  ASSERT_TRUE(encoder.create());
+  support::inject(refuse(isMmal ? "mmal_port_send_buffer" : "OMX_EmptyThisBuffer"));
+  {
+    const support::Capture quiet;
+    EXPECT_EQ(encoder.feed(), CodecSendFailed);
+  }
+  if (isMmal) {
+    control::clearFaults();
+    support::inject(refuse("mmal_queue_get"));
+    EXPECT_EQ(encoder.feed(), CodecNoBuffer);
+  }
+  control::clearFaults();
+  EXPECT_TRUE(encoder.works(3));
+}
+
+TEST_F(H264FaultTest, APortThatStaysOpenIsReported) {
+  for (const unsigned nth : {1u, 2u}) {
+    H264Encoder encoder(mmalH264());
+    ASSERT_TRUE(encoder.create() && encoder.works());
+    support::Capture capture;
+    support::inject(refuse("mmal_port_disable", nth));
+    encoder.create({i420, 32, 32});
+    const std::string line = nth == 1 ? "SetInputFormat" : "SetOutputFormat";
+    EXPECT_EQ(capture.err().find(mmal + line + " - failed to disable input port. Error code [0x7]"),
+              0u);
+    control::clearFaults();
+    EXPECT_TRUE(encoder.create() && encoder.works(3));
+  }
+}
+
+// -------------------------------------------------------------------------- waits and resources
+
+TEST_P(BothH264, WaitsEndOnTimeWhateverSignalsCome) {
+  const bool isMmal = GetParam()->mmal;
+  H264Encoder encoder(*GetParam());
+  for (const bool storm : {false, true}) {
+    support::interpose::hurry = isMmal ? 1 : 10;  // one second of the ten
+    // One credit, after a second Create too.
+    ASSERT_TRUE(encoder.create());
+    support::inject(lose(isMmal ? "input" : "EmptyBufferDone", 1, true));
+    support::inject(lose(isMmal ? "output" : "FillBufferDone", 1, true));
+    ASSERT_EQ(encoder.feed(), CodecOk);
+    {
+      const support::SignalStorm signals(storm);
+      support::expectAnswer<CodecStatus>(
+          [&] { return encoder.feed(1); }, CodecTimeout,
+          isMmal ? mmal + "ProcessInput - timeout\n" : "",
+          isMmal ? "" : omx + "ProcessInput - the input buffer did not come back\n", 990, 1400);
+      support::expectAnswer<CodecStatus>(
+          [&] { return encoder.take().status; }, CodecTimeout,
+          isMmal ? mmal + "ProcessOutput - timeout\n" : "",
+          isMmal ? "" : omx + "ProcessOutput - the output buffer was not filled\n",
+          isMmal ? 100 : 990, isMmal ? 350 : 1400);
+    }
+    control::clearFaults();
+  }
+  const support::Capture quiet;
+  EXPECT_TRUE(encoder.create() && encoder.works(3));
+}
+
+TEST_F(H264FaultTest, BrokenWaitsAreReported) {
+  H264Encoder encoder(mmalH264());
+  ASSERT_TRUE(encoder.create());
+  for (auto* broken : {&support::interpose::clockGettime, &support::interpose::semWait}) {
+    broken->arm(1, true);
+    support::expectAnswer<CodecStatus>([&] { return encoder.feed(); }, CodecWaitFailed,
+                                       mmal + "ProcessInput - wait failed [0x4]\n", "");
+    support::expectAnswer<CodecStatus>([&] { return encoder.take().status; }, CodecWaitFailed,
+                                       mmal + "ProcessOutput - wait failed [0x4]\n", "");
+    broken->disarm();
+  }
+  EXPECT_TRUE(encoder.works(3));
+}
+
+TEST_F(H264FaultTest, SemaphoresThatCannotBeMadeAreReported) {
+  for (const auto& [nth, which] : {std::pair(1, "input"), std::pair(2, "output")}) {
+    support::interpose::semInit.arm(nth);
+    support::expectAnswer<bool>(
+        [] { return CMmalH264Encoder(), true; }, true, "",
+        mmal + "CMmalH264Encoder - failed to create " + which + " semaphore\n");
+  }
+}
+
+/// The MMAL class loses the data and gives its buffer back; the other one keeps them.
+TEST_P(BothH264, ShortOfMemoryItGoesOn) {
+  H264Encoder encoder(*GetParam());
+  ASSERT_TRUE(encoder.create());
+  for (int t = 0; t < 6; ++t) {  // more often than there are buffers
+    ASSERT_EQ(encoder.feed(t), CodecOk);
+    if (t == 0) {
+      ASSERT_EQ(encoder.takePatiently().status, CodecOk);
+    }
+    unsigned char* array = nullptr;
+    unsigned size = 5, flags = 5;
+    const auto output = [&] {
+      while ((*encoder).ProcessOutput(&array, size, flags) == CodecTimeout) continue;
+    };
+    {
+      const support::Capture quiet;
+      support::interpose::allocation.arm(1, true);
+      EXPECT_THROW(output(), std::bad_alloc);
+      support::interpose::allocation.disarm();
+    }
+    EXPECT_EQ(array, nullptr);
+    EXPECT_EQ(size, 5u);
+    if (GetParam()->mmal) continue;
+    const Output kept = encoder.take();
+    EXPECT_EQ(kept.status, CodecOk);
+    EXPECT_EQ(kept.flags, t == 0 ? 1u : 0u);
+  }
+  ASSERT_EQ(encoder.feed(6), CodecOk);
+  EXPECT_EQ(encoder.takePatiently().status, CodecOk);
+}
+
+}  // namespace

@@ -1,0 +1,248 @@
+#include <algorithm>
+#include <cmath>
+#include <thread>
+
+#include "H264Encoders.h"
+
+const H264Class& mmalH264() {
+  static const H264Class kind{"CMmalH264Encoder", true, CreateEncoderH264};
+  return kind;
+}
+const H264Class& omxH264() {
+  static const H264Class kind{"COmxH264Encoder", false,
+                              []() -> IH264Encoder* { return new COmxH264Encoder; }};
+  return kind;
+}
+INSTANTIATE_TEST_SUITE_P(Classes, BothH264, testing::Values(&mmalH264(), &omxH264()),
+                         [](const auto& tested) { return std::string(tested.param->name); });
+
+namespace {
+
+bool holdsSlice(const Bytes& data) {
+  const std::vector<std::size_t> starts = support::nalStarts(data);
+  return std::any_of(starts.begin(), starts.end() - 1, [&](std::size_t at) {
+    const int type = data[at + (data[at + 2] == 1 ? 3 : 4)] & 31;
+    return type == 1 || type == 5;
+  });
+}
+
+}  // namespace
+
+bool H264Encoder::create(const Wish& wish) {
+  wish_ = wish;
+  return made_->Create(wish.format, wish.width, wish.height, wish.rateNum, wish.rateDen,
+                       wish.aspectNum, wish.aspectDen, wish.bitrate);
+}
+
+CodecStatus H264Encoder::feed(int t) {
+  return feed(support::scene(std::abs(wish_.width), std::abs(wish_.height), t));
+}
+
+CodecStatus H264Encoder::feed(const Image& image) {
+  Bytes raw =
+      wish_.format == yuyv ? support::toYuyv(image) : support::padded(support::toYuv(image));
+  return made_->ProcessInput(raw.data(), length(raw), 0, 0);
+}
+
+Output H264Encoder::take(unsigned capacity) {
+  Output out;
+  out.data.assign(capacity, 0xA5);
+  out.status = made_->ProcessOutput(out.data.data(), capacity, out.size, out.flags);
+  if (out.status == CodecOk) out.data.resize(out.size);
+  return out;
+}
+
+Output H264Encoder::takePatiently(unsigned capacity) {
+  Output out;
+  out.status = CodecTimeout;
+  for (int i = 0; out.status == CodecTimeout && i < tries_; ++i) out = take(capacity);
+  return out;
+}
+
+Output H264Encoder::takeArray() {
+  Output out;
+  unsigned char* array = nullptr;
+  out.status = CodecTimeout;
+  for (int i = 0; out.status == CodecTimeout && i < tries_; ++i)
+    out.status = made_->ProcessOutput(&array, out.size, out.flags);
+  if (array != nullptr) out.data.assign(array, array + out.size);
+  delete[] array;
+  return out;
+}
+
+bool H264Encoder::collect(Video& video) {
+  for (;;) {
+    const Output out = video.buffers++ % 2 == 1 ? takeArray() : takePatiently();
+    if (out.status != CodecOk || out.flags > 1) return false;
+    video.stream.insert(video.stream.end(), out.data.begin(), out.data.end());
+    if (!holdsSlice(out.data)) continue;
+    video.keyFrames.push_back(out.flags == 1);
+    return true;
+  }
+}
+
+bool H264Encoder::works(int frames) {
+  Video video;
+  for (int t = 0; t < frames; ++t)
+    if (feed(t) != CodecOk || !collect(video)) return false;
+  return support::decodeH264(video.stream).pictures.size() == static_cast<std::size_t>(frames);
+}
+
+Video encode(H264Encoder& encoder, const Wish& wish, int frames,
+             const std::function<Image(int t)>& picture) {
+  Video video;
+  EXPECT_TRUE(encoder.create(wish));
+  for (int t = 0; t < frames && !testing::Test::HasFailure(); ++t) {
+    EXPECT_EQ(encoder.feed(picture(t)), CodecOk);
+    EXPECT_TRUE(encoder.collect(video)) << t;
+  }
+  return video;
+}
+
+namespace {
+
+std::function<Image(int)> sceneOf(const Wish& wish, int from = 0) {
+  return
+      [=](int t) { return support::scene(std::abs(wish.width), std::abs(wish.height), from + t); };
+}
+
+Bytes cropped(const Bytes& plane, int stride, int width, int height) {
+  Bytes result;
+  for (int y = 0; y < height; ++y)
+    result.insert(result.end(), plane.begin() + y * stride, plane.begin() + y * stride + width);
+  return result;
+}
+
+/// The worst plane of a picture that may have padding, in dB.
+double quality(const support::Yuv& seen, const support::Yuv& truth) {
+  const auto plane = [&](const Bytes& theirs, const Bytes& ours) {
+    return support::psnr(
+        cropped(theirs, seen.chromaWidth(), truth.chromaWidth(), truth.chromaHeight()), ours);
+  };
+  const Bytes luma = cropped(seen.y, seen.width, truth.width, truth.height);
+  return std::min({support::psnr(luma, truth.y), plane(seen.u, truth.u), plane(seen.v, truth.v)});
+}
+
+using Case = std::tuple<const H264Class*, Wish>;
+class H264Streams : public support::FaultTest, public testing::WithParamInterface<Case> {};
+
+TEST_P(H264Streams, AreWhatWasAskedFor) {
+  const H264Class* const kind = std::get<0>(GetParam());
+  Wish wish = std::get<1>(GetParam());
+  // The OpenMAX IL class takes whole frames a second, and as many as it is told.
+  if (!kind->mmal && wish.rateNum == 30000) wish.rateNum = 30;
+  const unsigned rateDen = kind->mmal ? wish.rateDen : 1;
+  const int frames = wish.width * wish.height > 500000 ? 4 : 40;
+  H264Encoder encoder(*kind);
+  const Video video = encode(encoder, wish, frames, sceneOf(wish));
+  const support::H264Stream seen = support::decodeH264(video.stream);
+  ASSERT_EQ(seen.pictures.size(), static_cast<std::size_t>(frames));
+  EXPECT_EQ(seen.profile, 100);
+  EXPECT_EQ(seen.level, kind->mmal ? 51 : 40);
+  EXPECT_EQ(video.keyFrames, seen.keyFrames);
+  EXPECT_EQ(seen.frameRateNum * rateDen, seen.frameRateDen * wish.rateNum);
+  if (kind->mmal) {
+    EXPECT_EQ(seen.aspectNum * wish.aspectDen, seen.aspectDen * wish.aspectNum);
+  }
+  const int width = std::abs(wish.width), height = std::abs(wish.height);
+  const auto period = static_cast<int>(wish.rateNum / rateDen);
+  for (int t = 0; t < frames; ++t) {
+    const auto i = static_cast<std::size_t>(t);
+    EXPECT_EQ(seen.keyFrames[i], t % period == 0) << t;
+    // 4:2:0 has even sizes only.
+    ASSERT_EQ(seen.pictures[i].width, kind->mmal ? (width + 1) & ~1 : support::round32(width));
+    ASSERT_EQ(seen.pictures[i].height, kind->mmal ? (height + 1) & ~1 : support::round16(height));
+    EXPECT_GT(quality(seen.pictures[i], support::toYuv(sceneOf(wish)(t))), 30) << t;
+  }
+}
+
+const Wish wishes[] = {
+    {i420, 320, 240, 30, 1, 1, 1, 2000000},
+    {yuyv, 320, 240, 15, 2, 1, 1, 2000000},
+    {yuyv, 152, 100, 30000, 1001, 4, 3, 1000000},
+    {i420, 100, 50, 25, 1, 16, 11, 1000000},
+    {yuyv, 321, 241, 10, 1, 1, 1, 2000000},
+    {yuyv, 1366, 768, 30, 1, 1, 1, 20000000},
+    {i420, -64, -48, 30, 1, 1, 1, 500000},
+    {yuyv, 2, 2, 30, 1, 1, 1, 100000},
+    {i420, 1, 1, 30, 1, 1, 1, 100000},
+};
+std::string nameOf(const testing::TestParamInfo<Case>& tested) {
+  const auto& [kind, wish] = tested.param;
+  return std::string(kind->mmal ? "mmal_" : "omx_") + std::to_string(std::abs(wish.width)) + "x" +
+         std::to_string(std::abs(wish.height)) + (wish.format == yuyv ? "_yuyv" : "_i420");
+}
+INSTANTIATE_TEST_SUITE_P(Wishes, H264Streams,
+                         testing::Combine(testing::Values(&mmalH264(), &omxH264()),
+                                          testing::ValuesIn(wishes)),
+                         nameOf);
+
+TEST_P(BothH264, KeepsToTheBitRate) {
+  for (const bool still : {false, true}) {
+    const Wish wish{i420, 320, 240, 30, 1, 1, 1, 600000};
+    H264Encoder encoder(*GetParam());
+    const Video video =
+        encode(encoder, wish, 150, [&](int t) { return support::scene(320, 240, still ? 0 : t); });
+    const double measured = static_cast<double>(video.stream.size()) * 8 / 5;
+    EXPECT_LT(measured, 660000);
+    if (!still) {
+      EXPECT_GT(measured, 540000);
+    }
+  }
+}
+
+TEST_P(BothH264, AFrameLongerThanABufferComesInPieces) {
+  const bool mmal = GetParam()->mmal;
+  const int width = mmal ? 640 : 64, height = mmal ? 480 : 48;
+  // What an output buffer holds.
+  const auto whole = static_cast<std::size_t>(mmal ? width * height : width * height * 3 / 2);
+  H264Encoder encoder(*GetParam());
+  ASSERT_TRUE(encoder.create({i420, width, height, 30, 1, 1, 1, 400000000}));
+  Bytes stream;
+  int buffers = 0;
+  for (unsigned t = 0; t < 3; ++t) {
+    ASSERT_EQ(encoder.feed(support::noise(width, height, t)), CodecOk);
+    // The parameter sets, then pieces of which the last is not full.
+    for (bool complete = false; !complete; ++buffers) {
+      const Output out = encoder.takePatiently();
+      ASSERT_EQ(out.status, CodecOk);
+      stream.insert(stream.end(), out.data.begin(), out.data.end());
+      complete = out.data.size() < whole && (t > 0 || buffers > 0);
+    }
+  }
+  EXPECT_GT(buffers, 1 + 3) << "no frame was longer than a buffer: this has tested nothing";
+  const support::H264Stream seen = support::decodeH264(stream);
+  ASSERT_EQ(seen.pictures.size(), 3u);
+  for (unsigned t = 0; t < 3; ++t)
+    EXPECT_GT(support::lumaPsnr(seen.pictures[t], support::toYuv(support::noise(width, height, t))),
+              25);
+}
+
+TEST_P(BothH264, ObjectsDoNotDisturbEachOther) {
+  const Wish wish{i420, 320, 240};
+  const auto series = [&](int from) {
+    H264Encoder encoder(*GetParam());
+    return encode(encoder, wish, 20, sceneOf(wish, from)).stream;
+  };
+  const Bytes alone = series(0);
+  Bytes together;
+  std::thread first([&] { together = series(0); });
+  std::thread second([&] { series(100); });
+  first.join();
+  second.join();
+  EXPECT_EQ(together, alone);
+}
+
+TEST_P(BothH264, CreatedAgainItStartsAfresh) {
+  const Wish wish{i420, 320, 240}, smaller{yuyv, 100, 50};
+  const support::Capture quiet;
+  H264Encoder encoder(*GetParam()), fresh(*GetParam());
+  encode(encoder, wish, 3, sceneOf(wish));
+  // Leaves finished data in the queue, or a frame in the component.
+  ASSERT_EQ(encoder.feed(3), CodecOk);
+  for (int again = 0; again < 2; ++again)
+    EXPECT_EQ(encode(encoder, smaller, 5, sceneOf(smaller)).stream,
+              encode(fresh, smaller, 5, sceneOf(smaller)).stream);
+}
+
+}  // namespace

@@ -1,0 +1,96 @@
+#include "support/FaultTest.h"
+
+#include <IL/OMX_Core.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <sstream>
+#include <thread>
+
+namespace support {
+namespace {
+
+std::atomic<int> signals{0};
+
+std::string without(std::string text, const std::string& part) {
+  const std::size_t at = text.find(part);
+  return at == std::string::npos ? text : text.erase(at, part.size());
+}
+
+}  // namespace
+
+AnyFault refuse(const std::string& call, unsigned nth, bool sticky) {
+  const auto status = call.rfind("OMX_", 0) == 0 ? OMX_ErrorInsufficientResources : 7;
+  return control::CallFault{call, nth, sticky, control::CallFault::Fail, status};
+}
+AnyFault nullResult(const std::string& call, unsigned nth) {
+  return control::CallFault{call, nth, false, control::CallFault::NullResult, 0};
+}
+AnyFault lose(const std::string& completion, unsigned nth, bool sticky) {
+  return control::CompletionFault{completion, nth, sticky, control::CompletionFault::Drop, 0, 0};
+}
+AnyFault delay(const std::string& completion, unsigned nth, unsigned delayMs) {
+  return control::CompletionFault{completion, nth, false, control::CompletionFault::Delay,
+                                  delayMs,    0};
+}
+AnyFault mangle(const std::string& completion, control::CompletionFault::Action action,
+                unsigned nth, std::uint32_t code) {
+  return control::CompletionFault{completion, nth, false, action, 0, code};
+}
+void inject(const AnyFault& fault) {
+  std::visit([](const auto& each) { control::inject(each); }, fault);
+}
+
+std::string omxLine(const std::string& label) {
+  return label +
+         " - 0x80001000:there were insufficient resources to perform the requested operation\n";
+}
+
+std::string calls() {
+  std::string text;
+  for (std::string line : control::journal(control::Lines::Calls)) {
+    for (const char* part : {"mmal_", "OMX_", " = SUCCESS", " = None"}) line = without(line, part);
+    text += line + '\n';
+  }
+  return text;
+}
+
+std::string listed(const std::string& calls) {
+  std::istringstream in(calls);
+  std::string text;
+  for (std::string line; std::getline(in >> std::ws, line, ';');) text += line + '\n';
+  return text;
+}
+
+struct SignalStorm::Impl {
+  struct sigaction former {};
+  std::atomic<bool> going{true};
+  std::thread sender;
+};
+
+SignalStorm::SignalStorm(bool blows) {
+  if (!blows) return;
+  impl_ = new Impl;
+  signals = 0;
+  struct sigaction action {};
+  action.sa_handler = [](int) { ++signals; };
+  sigaction(SIGUSR1, &action, &impl_->former);
+  impl_->sender = std::thread([this, target = pthread_self()] {
+    while (impl_->going) {
+      pthread_kill(target, SIGUSR1);
+      std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+  });
+}
+
+SignalStorm::~SignalStorm() {
+  if (impl_ == nullptr) return;
+  impl_->going = false;
+  impl_->sender.join();
+  sigaction(SIGUSR1, &impl_->former, nullptr);
+  delete impl_;
+  EXPECT_GT(signals, 100) << "hardly a storm";
+}
+
+}  // namespace support

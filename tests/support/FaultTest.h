@@ -1,0 +1,96 @@
+#ifndef TESSERA_TESTS_SUPPORT_FAULTTEST_H
+#define TESSERA_TESTS_SUPPORT_FAULTTEST_H
+
+#include <gtest/gtest.h>
+#include <tessera_platform/control.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "support/Capture.h"
+#include "support/Interpose.h"
+
+namespace support {
+
+namespace control = tessera_platform;
+using AnyFault = std::variant<control::CallFault, control::CompletionFault>;
+
+/// Short ways to say what goes wrong. A refused call answers OMX_ErrorInsufficientResources or
+/// MMAL status 7.
+AnyFault refuse(const std::string& call, unsigned nth = 1, bool sticky = false);
+AnyFault nullResult(const std::string& call, unsigned nth = 1);
+AnyFault lose(const std::string& completion, unsigned nth = 1, bool sticky = false);
+AnyFault delay(const std::string& completion, unsigned nth, unsigned delayMs);
+AnyFault mangle(const std::string& completion, control::CompletionFault::Action action,
+                unsigned nth = 1, std::uint32_t code = 7);
+void inject(const AnyFault& fault);
+
+/// One fault, and what a class makes of it.
+struct FaultCase {
+  const char* name;
+  AnyFault fault;
+  std::string out;     ///< its lines on standard output
+  std::string err;     ///< and on standard error
+  bool works = false;  ///< the operation succeeds all the same
+  bool again = true;   ///< the next one on the same object succeeds
+};
+
+/// "label - 0x80001000:...", as PrintOmxError tells a refused call.
+std::string omxLine(const std::string& label);
+
+/// The calls since startJournal, one a line, without prefixes and "= success".
+std::string calls();
+/// The same out of a list separated by semicolons, for comparison.
+std::string listed(const std::string& calls);
+
+/// Runs work, and expects its result, its lines and its duration in milliseconds.
+template <typename Result>
+void expectAnswer(const std::function<Result()>& work, Result expected, const std::string& out,
+                  const std::string& err, int atLeastMs = 0, int atMostMs = 60000) {
+  using namespace std::chrono;
+  Capture capture;
+  const auto start = steady_clock::now();
+  EXPECT_EQ(work(), expected);
+  const auto took = duration_cast<microseconds>(steady_clock::now() - start).count();
+  EXPECT_EQ(capture.out(), out);
+  EXPECT_EQ(capture.err(), err);
+  EXPECT_GE(took, atLeastMs * 1000);
+  EXPECT_LE(took, atMostMs * 1000);
+}
+
+/// Takes every fault away and finds nothing left behind.
+class FaultTest : public testing::Test {
+ protected:
+  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+  void TearDown() override {
+    control::clearFaults();
+    interpose::reset();
+    EXPECT_EQ(control::describe(control::census()), "nothing");
+  }
+};
+
+/// Names the rows of a table that have a name.
+template <typename Case>
+std::string nameOf(const testing::TestParamInfo<Case>& tested) {
+  return tested.param.name;
+}
+
+/// SIGUSR1 without SA_RESTART at the calling thread, as fast as it comes.
+class SignalStorm {
+ public:
+  explicit SignalStorm(bool blows = true);
+  ~SignalStorm();
+  SignalStorm(const SignalStorm&) = delete;
+  SignalStorm& operator=(const SignalStorm&) = delete;
+
+ private:
+  struct Impl;
+  Impl* impl_ = nullptr;
+};
+
+}  // namespace support
+
+#endif  // TESSERA_TESTS_SUPPORT_FAULTTEST_H
