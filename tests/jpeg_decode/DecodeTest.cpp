@@ -6,7 +6,6 @@
 
 #include "JpegSurgery.h"
 #include "PoolFixture.h"
-#include "support/Interpose.h"
 
 namespace {
 
@@ -137,18 +136,6 @@ TEST(Decode, PoolsDoNotDisturbEachOther) {
   a.join();
   b.join();
   EXPECT_EQ(first + second, "");
-}
-
-TEST(Decode, AllocatesNothingAtAnUnchangedSize) {
-  QuietPool pool;
-  Bytes jpeg = jpegOf(320, 240);
-  ASSERT_NE(decode(*pool, jpeg).data, nullptr);
-  int width = 0, height = 0;
-  const std::size_t before = support::interpose::allocationsOfLibrary();
-  for (int i = 0; i < 10; ++i)
-    (*pool).DecodeJpeg(reinterpret_cast<char*>(jpeg.data()), static_cast<unsigned int>(jpeg.size()),
-                       width, height);
-  EXPECT_EQ(support::interpose::allocationsOfLibrary(), before);
 }
 
 TEST(Decode, ReleaseTakesNull) {
