@@ -18,6 +18,7 @@ namespace {
 constexpr Size sizes[] = {{640, 480}, {1280, 720}, {1920, 1080}};
 constexpr int framesPerSecond = 30;
 constexpr std::size_t readAhead = 64;
+constexpr int runLength = 6;
 constexpr std::chrono::milliseconds atOnce{0};
 constexpr std::chrono::milliseconds likeACamera{15};  // idle before each frame
 constexpr int patience = 100;  // time-outs, each of 100 ms, before a codec is given up
@@ -151,10 +152,10 @@ class EncodeH264 : public Work {
 /// is decoded.
 class DecodeH264 : public Work {
  public:
-  enum class Feed { OneAtATime, OneAhead };
-
-  DecodeH264(int width, int height, Feed feed)
-      : width_(width), height_(height), feed_(feed), picture_(paddedI420Size(width, height)) {
+  /// @param length  units that are fed one ahead before everything is collected; a divisor of
+  ///                framesPerSecond, 1 for one at a time
+  DecodeH264(int width, int height, int length)
+      : width_(width), height_(height), length_(length), picture_(paddedI420Size(width, height)) {
     encodeUnits();
     IH264Decoder* made = nullptr;
     require(CreateH264Decoder(&made) == 1, "there is no decoder");
@@ -162,22 +163,16 @@ class DecodeH264 : public Work {
     require(made->Create(width, height, 0, nullptr), "the decoder does not start");
   }
 
-  double ours(int frame) override {
-    if (feed_ == Feed::OneAhead) return timed([&] { decodeAhead(); }) / framesPerSecond;
+  double ours(int run) override {
+    return timed([&] { decodeRun(run * length_); }) / length_;
+  }
+  double peer(int run) override {
     return timed([&] {
-      feed(frame);
-      collect();
-    });
+             for (int i = 0; i < length_; ++i) decodeDirectly(unit(run * length_ + i));
+           }) /
+           length_;
   }
-  double peer(int frame) override {
-    const auto decodeAll = [&] {
-      for (const Buffer& unit : units_) decodeDirectly(unit);
-    };
-    if (feed_ == Feed::OneAhead) return timed(decodeAll) / framesPerSecond;
-    return timed([&] { decodeDirectly(units_[static_cast<std::size_t>(frame)]); });
-  }
-  /// What overlaps is timed as a whole.
-  int frames() const override { return feed_ == Feed::OneAhead ? 1 : framesPerSecond; }
+  int frames() const override { return framesPerSecond / length_; }
   int turn() const override { return 1; }
 
  private:
@@ -200,17 +195,19 @@ class DecodeH264 : public Work {
     }
   }
 
-  void decodeAhead() {
-    feed(0);
-    for (int i = 1; i < framesPerSecond; ++i) {
-      feed(i);
+  Buffer& unit(int i) { return units_[static_cast<std::size_t>(i)]; }
+
+  /// What overlaps is timed as a whole, from nothing fed to everything collected.
+  void decodeRun(int first) {
+    feed(unit(first));
+    for (int i = 1; i < length_; ++i) {
+      feed(unit(first + i));
       collect();
     }
     collect();
   }
 
-  void feed(int frame) {
-    Buffer& unit = units_[static_cast<std::size_t>(frame)];
+  void feed(Buffer& unit) {
     const auto size = static_cast<unsigned>(unit.size() - readAhead);
     require(decoder_->ProcessInput(unit.data(), size, width_, height_, 0, 0) == CodecOk,
             "the decoder takes no data");
@@ -233,7 +230,7 @@ class DecodeH264 : public Work {
 
   int width_;
   int height_;
-  Feed feed_;
+  int length_;
   Buffer picture_;
   std::vector<Buffer> units_;
   std::unique_ptr<IH264Decoder, Release> decoder_;
@@ -252,10 +249,10 @@ void addEncoder(std::vector<Entry>& entries, const std::string& work, Input inpu
   }
 }
 
-void addDecoder(std::vector<Entry>& entries, const std::string& work, DecodeH264::Feed feed) {
+void addDecoder(std::vector<Entry>& entries, const std::string& work, int length) {
   for (const auto [width, height] : sizes) {
     entries.push_back({work, width, height, "libavcodec", [=, width = width, height = height] {
-                         return std::make_unique<DecodeH264>(width, height, feed);
+                         return std::make_unique<DecodeH264>(width, height, length);
                        }});
   }
 }
@@ -268,8 +265,8 @@ void addH264Codecs(std::vector<Entry>& entries) {
   addEncoder(entries, "h264-encode-omx i420", Input::I420, true, atOnce);
   addEncoder(entries, "h264-encode-omx yuyv", Input::Yuyv, true, atOnce);
   addEncoder(entries, "h264-encode-latency i420", Input::I420, false, likeACamera);
-  addDecoder(entries, "h264-decode", DecodeH264::Feed::OneAhead);
-  addDecoder(entries, "h264-decode-latency", DecodeH264::Feed::OneAtATime);
+  addDecoder(entries, "h264-decode", runLength);
+  addDecoder(entries, "h264-decode-latency", 1);
 }
 
 }  // namespace bench
