@@ -42,13 +42,13 @@ TEST_P(Events, PrintAndPost) {
 
 const OMX_U32 negative = 0xFFFFFFFE;
 const auto done = OMX_EventCmdComplete;
-const std::string state = "State changed to: ";
+const std::string changed = "State changed to: ";
 const EventCase events[] = {
-    {"invalid", done, 0, 0, state + "OMX_StateInvalid\n", 1, 0},
-    {"executing", done, 0, 3, state + "OMX_StateExecuting\n", 1, 0},
-    {"pausing", done, 0, 4, state + "OMX_StatePause\n", 1, 0},
-    {"waiting", done, 0, 5, state + "OMX_StateWaitForResources\n", 1, 0},
-    {"state_7", done, 0, 7, state + "command [7] \n", 1, 0},
+    {"invalid", done, 0, 0, changed + "OMX_StateInvalid\n", 1, 0},
+    {"executing", done, 0, 3, changed + "OMX_StateExecuting\n", 1, 0},
+    {"pausing", done, 0, 4, changed + "OMX_StatePause\n", 1, 0},
+    {"waiting", done, 0, 5, changed + "OMX_StateWaitForResources\n", 1, 0},
+    {"state_7", done, 0, 7, changed + "command [7] \n", 1, 0},
     {"flushed", done, 1, 321, "", 1, 0},
     {"marked", done, 4, 0, "", 1, 0},
     {"settings", OMX_EventPortSettingsChanged, 99, 0, "", 0, 1},
