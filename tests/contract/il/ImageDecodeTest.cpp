@@ -17,25 +17,34 @@ constexpr OMX_U32 wholePicture = OMX_BUFFERFLAG_EOS | OMX_BUFFERFLAG_ENDOFFRAME;
 
 class ImageDecode : public testing::Test {
  protected:
+  void defineOutput(OMX_U32 width, OMX_U32 height, int stride = 0, OMX_U32 rows = 0) {
+    auto definition = client.definition(out);
+    definition.format.image.nFrameWidth = width;
+    definition.format.image.nFrameHeight = height;
+    definition.format.image.nStride = stride;
+    definition.format.image.nSliceHeight = rows;
+    definition.nBufferSize = 0;
+    ASSERT_EQ(client.define(definition), OMX_ErrorNone);
+  }
+
   /// Executing, with an output port of the size.
   void start(OMX_U32 width, OMX_U32 height, OMX_U32 inputBytes = 1024000) {
     auto definition = client.definition(in);
     definition.nBufferSize = inputBytes;
     ASSERT_EQ(client.define(definition), OMX_ErrorNone);
-    definition = client.definition(out);
-    definition.format.image.nFrameWidth = width;
-    definition.format.image.nFrameHeight = height;
-    definition.format.image.nStride = 0;
-    definition.format.image.nSliceHeight = 0;
-    definition.nBufferSize = 0;
-    ASSERT_EQ(client.define(definition), OMX_ErrorNone);
+    defineOutput(width, height);
     client.run();
+  }
+
+  /// Asks for a picture and sends it.
+  void request(const Bytes& jpeg) {
+    ASSERT_EQ(client.fill(client.out[0]), OMX_ErrorNone);
+    ASSERT_EQ(client.empty(client.in[0], jpeg), OMX_ErrorNone);
   }
 
   /// What came out against what somebody else's decoder makes of the JPEG's luma.
   void expectPicture(const Bytes& jpeg) {
     const support::JpegPicture wanted = support::decodeJpeg(jpeg);
-    ASSERT_TRUE(wanted.ok);
     const OMX_BUFFERHEADERTYPE& buffer = *client.out[0];
     const auto& image = client.definition(out).format.image;
     EXPECT_EQ(buffer.nFlags, wholePicture);
@@ -54,35 +63,31 @@ Bytes jpegOf(int width, int height, Sampling sampling = Sampling::Yuv420, int t 
   return support::encodeJpeg(support::scene(width, height, t), sampling, 85);
 }
 
-TEST_F(ImageDecode, DecodesPicturesOfThePortsSizeOneByOne) {
+TEST_F(ImageDecode, DecodesPicturesOneByOneAndInTheirOrder) {
   start(160, 96);
-  for (int t = 0; t < 4; ++t) {
-    const Bytes jpeg = jpegOf(160, 96, Sampling::Yuv420, t);
-    client.in[0]->nTimeStamp = {7, static_cast<OMX_U32>(t)};
-    ASSERT_EQ(client.empty(client.in[0], jpeg), OMX_ErrorNone);
-    ASSERT_EQ(client.fill(client.out[0]), OMX_ErrorNone);
+  std::vector<Bytes> jpegs;
+  for (std::size_t i = 0; i < client.in.size(); ++i) {
+    jpegs.push_back(jpegOf(160, 96, Sampling::Yuv420, static_cast<int>(i) * 9));
+    client.in[i]->nTimeStamp = {7, static_cast<OMX_U32>(i)};
+    ASSERT_EQ(client.empty(client.in[i], jpegs[i]), OMX_ErrorNone);
+  }
+  for (std::size_t i = 0; i < jpegs.size(); ++i) {
+    client.fill(client.out[0]);
     ASSERT_EQ(client.next(2), decoded);
-    EXPECT_EQ(__atomic_load_n(&client.in[0]->nFilledLen, __ATOMIC_ACQUIRE), 0u);
+    EXPECT_EQ(__atomic_load_n(&client.in[i]->nFilledLen, __ATOMIC_ACQUIRE), 0u);
     EXPECT_EQ(client.out[0]->nTimeStamp.nLowPart, 7u);
-    EXPECT_EQ(client.out[0]->nTimeStamp.nHighPart, static_cast<OMX_U32>(t));
-    expectPicture(jpeg);
+    EXPECT_EQ(client.out[0]->nTimeStamp.nHighPart, i);
+    expectPicture(jpegs[i]);
   }
 }
 
-TEST_F(ImageDecode, KeepsTheGeometryOfASetup) {
+TEST_F(ImageDecode, KeepsTheGeometryOfASetupUnlessItIsTooSmall) {
+  defineOutput(1280, 720, 1280, 720);
   auto definition = client.definition(out);
-  definition.format.image.nFrameWidth = 1280;
-  definition.format.image.nFrameHeight = 720;
-  definition.format.image.nStride = 1280;
-  definition.format.image.nSliceHeight = 720;
-  definition.nBufferSize = 1382400;
-  ASSERT_EQ(client.define(definition), OMX_ErrorNone);
-  definition = client.definition(out);
   EXPECT_EQ(definition.format.image.nStride, 1280);
   EXPECT_EQ(definition.format.image.nSliceHeight, 720u);
   EXPECT_EQ(definition.nBufferSize, 1382400u);
-  definition.format.image.nFrameWidth = 5000;  // too wide for stride and buffer
-  ASSERT_EQ(client.define(definition), OMX_ErrorNone);
+  defineOutput(5000, 720, 1280, 720);
   definition = client.definition(out);
   EXPECT_GE(definition.format.image.nStride, 5000);
   EXPECT_GE(definition.nBufferSize, 5000u * 720 * 3 / 2);
@@ -100,30 +105,24 @@ TEST_P(NewSizes, AreAnnouncedAndHeldUntilThePortIsRebuilt) {
   const auto [width, height, bytes, sampling] = GetParam();
   start(64, 64);
   const Bytes jpeg = jpegOf(width, height, sampling);
-  // The buffer that is there already is not used for it.
-  ASSERT_EQ(client.fill(client.out[0]), OMX_ErrorNone);
-  ASSERT_EQ(client.empty(client.in[0], jpeg), OMX_ErrorNone);
+  request(jpeg);
   EXPECT_EQ(client.next(), "changed 321");
   const auto definition = client.definition(out);
   EXPECT_EQ(definition.format.image.nFrameWidth, static_cast<OMX_U32>(width));
   EXPECT_EQ(definition.format.image.nFrameHeight, static_cast<OMX_U32>(height));
-  EXPECT_EQ(definition.format.image.nStride, (width + 31) / 32 * 32);
-  EXPECT_EQ(definition.format.image.nSliceHeight, static_cast<OMX_U32>((height + 15) / 16 * 16));
+  EXPECT_EQ(definition.format.image.nStride, support::round32(width));
+  EXPECT_EQ(definition.format.image.nSliceHeight, static_cast<OMX_U32>(support::round16(height)));
   EXPECT_EQ(definition.nBufferSize, bytes);
   client.send(OMX_CommandPortDisable, out);
-  EXPECT_EQ(client.next(), "filled 321") << "the unused buffer";
-  client.free(out, client.out[0]);
-  EXPECT_EQ(client.next(), "done PortDisable 321");
+  EXPECT_EQ(client.next(), "filled 321") << "the buffer that was there already is not used";
+  client.disabled(out);
   client.send(OMX_CommandPortEnable, out);
-  client.out[0] = client.allocate(out);
-  EXPECT_EQ(client.next(), "done PortEnable 321");
+  client.enabled(out);
   ASSERT_EQ(client.fill(client.out[0]), OMX_ErrorNone);
   ASSERT_EQ(client.next(2), decoded);
   expectPicture(jpeg);
-  // The next of that size needs no announcement.
-  client.fill(client.out[0]);
-  client.empty(client.in[1], jpeg);
-  EXPECT_EQ(client.next(2), decoded);
+  request(jpeg);
+  EXPECT_EQ(client.next(2), decoded) << "the next of that size needs no announcement";
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, NewSizes,
@@ -135,15 +134,12 @@ INSTANTIATE_TEST_SUITE_P(Sizes, NewSizes,
 TEST_F(ImageDecode, GathersAPictureFromSeveralBuffers) {
   start(320, 240, 1000);
   const Bytes jpeg = jpegOf(320, 240);
-  ASSERT_GT(jpeg.size(), 4000u);
   client.fill(client.out[0]);
-  std::size_t turn = 0;
-  for (std::size_t at = 0; at < jpeg.size(); at += 1000) {
-    const std::size_t end = std::min(jpeg.size(), at + 1000);
-    const Bytes piece(jpeg.begin() + static_cast<std::ptrdiff_t>(at),
-                      jpeg.begin() + static_cast<std::ptrdiff_t>(end));
-    ASSERT_EQ(client.empty(client.in[turn++ % client.in.size()], piece,
-                           end == jpeg.size() ? OMX_BUFFERFLAG_EOS : 0),
+  for (std::size_t at = 0, turn = 0; at < jpeg.size(); at += 1000, ++turn) {
+    const std::size_t size = std::min<std::size_t>(jpeg.size() - at, 1000);
+    const bool last = at + size == jpeg.size();
+    ASSERT_EQ(client.empty(client.in[turn % client.in.size()], {&jpeg[at], &jpeg[at] + size},
+                           last ? OMX_BUFFERFLAG_EOS : 0),
               OMX_ErrorNone);
     EXPECT_EQ(client.next(), "emptied 320");
   }
@@ -151,38 +147,22 @@ TEST_F(ImageDecode, GathersAPictureFromSeveralBuffers) {
   expectPicture(jpeg);
 }
 
-TEST_F(ImageDecode, AnswersEveryPictureInItsOrder) {
-  start(64, 64);
-  std::vector<Bytes> jpegs;
-  for (std::size_t i = 0; i < client.in.size(); ++i) {
-    jpegs.push_back(jpegOf(64, 64, Sampling::Yuv444, static_cast<int>(i) * 9));
-    ASSERT_EQ(client.empty(client.in[i], jpegs[i]), OMX_ErrorNone);
-  }
-  for (const Bytes& jpeg : jpegs) {
-    client.fill(client.out[0]);
-    EXPECT_EQ(client.next(2), decoded);
-    expectPicture(jpeg);
-  }
-}
-
 /// A client that found a size of its own in the header waits for the announcement before it asks
 /// for the picture: it must get one.
 TEST_F(ImageDecode, AnnouncesAndThenAnswersWhatCannotBeDecoded) {
   start(160, 96);
-  const Bytes good = jpegOf(160, 96);
-  const Bytes other = jpegOf(320, 240);
+  const Bytes good = jpegOf(160, 96), other = jpegOf(320, 240);
   const Bytes rows[] = {Bytes(500, 0x5a), Bytes(other.begin(), other.begin() + 200), {}};
   for (const Bytes& bad : rows) {
     ASSERT_EQ(client.empty(client.in[0], bad), OMX_ErrorNone);
     EXPECT_EQ(client.next(2), (Texts{"emptied 320", "changed 321"}));
     EXPECT_EQ(client.definition(out).format.image.nFrameWidth, 160u);
-    client.rebuild(out, client.out[0]);
+    client.rebuild(out);
     client.fill(client.out[0]);
     EXPECT_EQ(client.next(), "filled 321");
     EXPECT_EQ(client.out[0]->nFilledLen, 0u);
     EXPECT_EQ(client.out[0]->nFlags, wholePicture | OMX_BUFFERFLAG_DATACORRUPT);
-    client.fill(client.out[0]);
-    client.empty(client.in[0], good);
+    request(good);
     EXPECT_EQ(client.next(2), decoded);
     expectPicture(good);
   }
@@ -192,8 +172,7 @@ TEST_F(ImageDecode, GivesADamagedPictureAsFarAsItGoes) {
   start(320, 240);
   Bytes jpeg = jpegOf(320, 240);
   jpeg.resize(jpeg.size() / 2);
-  client.fill(client.out[0]);
-  client.empty(client.in[0], jpeg);
+  request(jpeg);
   ASSERT_EQ(client.next(2), decoded);
   EXPECT_EQ(client.out[0]->nFlags, wholePicture);
   EXPECT_EQ(client.out[0]->nFilledLen, 320u * 240 * 3 / 2);
@@ -201,35 +180,32 @@ TEST_F(ImageDecode, GivesADamagedPictureAsFarAsItGoes) {
 
 /// A picture may be dropped while it is held; the one after it is announced afresh.
 TEST_F(ImageDecode, DropsAHeldPictureWithAFlush) {
+  start(64, 64);
+  const Bytes large = jpegOf(128, 96);
   for (const OMX_U32 port : {in, out}) {
-    Client own(rig::imageDecode);
-    own.run();
-    const auto& image = own.definition(out).format.image;
-    const Bytes large = jpegOf(static_cast<int>(image.nFrameWidth) * 2, 96);
-    own.empty(own.in[0], large);
-    EXPECT_EQ(own.next(), "changed 321");
-    own.send(OMX_CommandFlush, port);
-    EXPECT_EQ(own.next(2), (Texts{"emptied 320", "done Flush " + std::to_string(port)}));
-    own.fill(own.out[0]);
-    EXPECT_EQ(own.soFar(), Texts{}) << "nothing is left of it";
-    own.empty(own.in[0], large);
-    EXPECT_EQ(own.next(), "changed 321");
+    client.empty(client.in[0], large);
+    EXPECT_EQ(client.next(), "changed 321");
+    client.send(OMX_CommandFlush, port);
+    EXPECT_EQ(client.next(2), (Texts{"emptied 320", "done Flush " + std::to_string(port)}));
+    client.fill(client.out[0]);
+    EXPECT_EQ(client.soFar(), Texts{}) << "nothing is left of it";
+    client.send(OMX_CommandPortDisable, out);
+    EXPECT_EQ(client.next(), "filled 321");
+    client.disabled(out);
+    defineOutput(64, 64);
+    client.send(OMX_CommandPortEnable, out);
+    client.enabled(out);
   }
 }
 
 TEST_F(ImageDecode, SupportsItsFormatsAlone) {
-  const auto set = [&](OMX_U32 port, OMX_IMAGE_CODINGTYPE coding, OMX_COLOR_FORMATTYPE colour) {
-    auto format = rig::make<OMX_IMAGE_PARAM_PORTFORMATTYPE>(port);
+  auto format = rig::make<OMX_IMAGE_PARAM_PORTFORMATTYPE>(in);
+  for (const auto coding : {OMX_IMAGE_CodingJPEG, OMX_IMAGE_CodingPNG}) {
     format.eCompressionFormat = coding;
-    format.eColorFormat = colour;
-    return OMX_SetParameter(client.handle, OMX_IndexParamImagePortFormat, &format);
-  };
-  EXPECT_EQ(set(in, OMX_IMAGE_CodingJPEG, OMX_COLOR_FormatUnused), OMX_ErrorNone);
-  EXPECT_EQ(set(out, OMX_IMAGE_CodingUnused, OMX_COLOR_FormatYUV420PackedPlanar), OMX_ErrorNone);
-  EXPECT_EQ(set(in, OMX_IMAGE_CodingPNG, OMX_COLOR_FormatUnused), OMX_ErrorUnsupportedSetting);
-  EXPECT_EQ(set(out, OMX_IMAGE_CodingUnused, OMX_COLOR_FormatMonochrome),
-            OMX_ErrorUnsupportedSetting);
-  auto format = rig::make<OMX_IMAGE_PARAM_PORTFORMATTYPE>(out);
+    EXPECT_EQ(OMX_SetParameter(client.handle, OMX_IndexParamImagePortFormat, &format),
+              coding == OMX_IMAGE_CodingJPEG ? OMX_ErrorNone : OMX_ErrorUnsupportedSetting);
+  }
+  format.nPortIndex = out;
   EXPECT_EQ(OMX_GetParameter(client.handle, OMX_IndexParamImagePortFormat, &format), OMX_ErrorNone);
   EXPECT_EQ(format.eColorFormat, OMX_COLOR_FormatYUV420PackedPlanar);
   format.nIndex = 99;

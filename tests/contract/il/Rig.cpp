@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <map>
 
 namespace rig {
 namespace {
@@ -18,20 +19,13 @@ std::string commandText(OMX_U32 command, OMX_U32 parameter) {
 }
 
 std::string errorText(OMX_U32 code) {
-  switch (static_cast<OMX_ERRORTYPE>(code)) {
-    case OMX_ErrorSameState:
-      return "SameState";
-    case OMX_ErrorIncorrectStateTransition:
-      return "IncorrectStateTransition";
-    case OMX_ErrorPortUnpopulated:
-      return "PortUnpopulated";
-    case OMX_ErrorInvalidState:
-      return "InvalidState";
-    case OMX_ErrorUnsupportedSetting:
-      return "UnsupportedSetting";
-    default:
-      return std::to_string(code);
-  }
+  static const std::map<OMX_U32, std::string> names = {
+      {OMX_ErrorSameState, "SameState"},
+      {OMX_ErrorIncorrectStateTransition, "IncorrectStateTransition"},
+      {OMX_ErrorPortUnpopulated, "PortUnpopulated"},
+      {OMX_ErrorUnsupportedSetting, "UnsupportedSetting"}};
+  const auto found = names.find(code);
+  return found == names.end() ? std::to_string(code) : found->second;
 }
 
 }  // namespace
@@ -73,7 +67,10 @@ OMX_ERRORTYPE Client::onEmptied(OMX_HANDLETYPE, OMX_PTR self, OMX_BUFFERHEADERTY
 }
 
 OMX_ERRORTYPE Client::onFilled(OMX_HANDLETYPE, OMX_PTR self, OMX_BUFFERHEADERTYPE* buffer) {
-  static_cast<Client*>(self)->keep("filled " + std::to_string(buffer->nOutputPortIndex));
+  auto& client = *static_cast<Client*>(self);
+  const std::string text = "filled " + std::to_string(buffer->nOutputPortIndex);
+  if (client.refills) client.fill(buffer);
+  client.keep(text);
   return OMX_ErrorNone;
 }
 
@@ -121,9 +118,8 @@ OMX_PARAM_PORTDEFINITIONTYPE Client::definition(OMX_U32 port) {
   return definition;
 }
 
-OMX_ERRORTYPE Client::define(const OMX_PARAM_PORTDEFINITIONTYPE& definition) {
-  auto copy = definition;
-  return OMX_SetParameter(handle, OMX_IndexParamPortDefinition, &copy);
+OMX_ERRORTYPE Client::define(OMX_PARAM_PORTDEFINITIONTYPE definition) {
+  return OMX_SetParameter(handle, OMX_IndexParamPortDefinition, &definition);
 }
 
 OMX_BUFFERHEADERTYPE* Client::allocate(OMX_U32 port, OMX_U32 size) {
@@ -150,14 +146,32 @@ OMX_ERRORTYPE Client::fill(OMX_BUFFERHEADERTYPE* buffer) {
   return OMX_FillThisBuffer(handle, buffer);
 }
 
+void Client::populate(OMX_U32 port) {
+  for (OMX_U32 left = definition(port).nBufferCountActual; left > 0; --left) {
+    of(port).push_back(allocate(port));
+    ASSERT_EQ(error, OMX_ErrorNone);
+  }
+}
+
+void Client::vacate(OMX_U32 port) {
+  for (OMX_BUFFERHEADERTYPE* const buffer : of(port)) EXPECT_EQ(free(port, buffer), OMX_ErrorNone);
+  of(port).clear();
+}
+
+void Client::disabled(OMX_U32 port) {
+  vacate(port);
+  EXPECT_EQ(next(), "done " + commandText(OMX_CommandPortDisable, port));
+}
+
+void Client::enabled(OMX_U32 port) {
+  populate(port);
+  EXPECT_EQ(next(), "done " + commandText(OMX_CommandPortEnable, port));
+}
+
 void Client::run() {
   EXPECT_EQ(send(OMX_CommandStateSet, OMX_StateIdle), OMX_ErrorNone);
-  for (const OMX_U32 port : {part.in, part.out})
-    for (OMX_U32 left = definition(port).nBufferCountActual; left > 0; --left) {
-      OMX_BUFFERHEADERTYPE* const buffer = allocate(port);
-      ASSERT_NE(buffer, nullptr);
-      (port == part.in ? in : out).push_back(buffer);
-    }
+  populate(part.in);
+  populate(part.out);
   EXPECT_EQ(next(), "done StateSet Idle");
   complete(OMX_CommandStateSet, OMX_StateExecuting);
 }
@@ -165,20 +179,16 @@ void Client::run() {
 void Client::rest() {
   if (state() != OMX_StateIdle) complete(OMX_CommandStateSet, OMX_StateIdle);
   EXPECT_EQ(send(OMX_CommandStateSet, OMX_StateLoaded), OMX_ErrorNone);
-  for (OMX_BUFFERHEADERTYPE* const buffer : in) EXPECT_EQ(free(part.in, buffer), OMX_ErrorNone);
-  for (OMX_BUFFERHEADERTYPE* const buffer : out) EXPECT_EQ(free(part.out, buffer), OMX_ErrorNone);
-  in.clear();
-  out.clear();
+  vacate(part.in);
+  vacate(part.out);
   EXPECT_EQ(next(), "done StateSet Loaded");
 }
 
-void Client::rebuild(OMX_U32 port, OMX_BUFFERHEADERTYPE*& buffer) {
+void Client::rebuild(OMX_U32 port) {
   EXPECT_EQ(send(OMX_CommandPortDisable, port), OMX_ErrorNone);
-  EXPECT_EQ(free(port, buffer), OMX_ErrorNone);
-  EXPECT_EQ(next(), "done PortDisable " + std::to_string(port));
+  disabled(port);
   EXPECT_EQ(send(OMX_CommandPortEnable, port), OMX_ErrorNone);
-  buffer = allocate(port);
-  EXPECT_EQ(next(), "done PortEnable " + std::to_string(port));
+  enabled(port);
 }
 
 Bytes bytesOf(const OMX_BUFFERHEADERTYPE& buffer) {

@@ -4,6 +4,7 @@
 #include <IL/OMX_Component.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -23,6 +24,9 @@ constexpr Part imageDecode = {"OMX.broadcom.image_decode", OMX_IndexParamImageIn
 constexpr Part imageEncode = {"OMX.broadcom.image_encode", OMX_IndexParamImageInit, 340, 341};
 constexpr Part videoEncode = {"OMX.broadcom.video_encode", OMX_IndexParamVideoInit, 200, 201};
 constexpr Part parts[] = {imageDecode, imageEncode, videoEncode};
+inline std::string nameOfPart(const testing::TestParamInfo<Part>& tested) {
+  return std::string(tested.param.name).substr(sizeof "OMX.broadcom." - 1);
+}
 
 using Texts = std::vector<std::string>;
 using Bytes = std::vector<std::uint8_t>;
@@ -57,29 +61,36 @@ class Client {
   /// Sends it and expects its completion next.
   void complete(OMX_COMMANDTYPE command, OMX_U32 parameter);
   OMX_STATETYPE state();
-
-  OMX_PARAM_PORTDEFINITIONTYPE definition(OMX_U32 port);
-  OMX_ERRORTYPE define(const OMX_PARAM_PORTDEFINITIONTYPE& definition);
-
-  /// A buffer of the port's size (or another), or null with `error` telling.
-  OMX_BUFFERHEADERTYPE* allocate(OMX_U32 port, OMX_U32 size = 0);
-  OMX_ERRORTYPE free(OMX_U32 port, OMX_BUFFERHEADERTYPE* buffer);
-  OMX_ERRORTYPE empty(OMX_BUFFERHEADERTYPE* buffer, const Bytes& bytes,
-                      OMX_U32 flags = OMX_BUFFERFLAG_EOS);
-  OMX_ERRORTYPE fill(OMX_BUFFERHEADERTYPE* buffer);
-
+  /// Ends a disable or enable that was sent: a port's buffers go or come, and its completion.
+  void disabled(OMX_U32 port);
+  void enabled(OMX_U32 port);
   /// From Loaded to Executing, with every port's buffers in `in` and `out`.
   void run();
   /// Back to Loaded from Executing or Idle, with every buffer of `in` and `out` freed.
   void rest();
-  /// Disables, frees, and with another buffer enables a port with a single buffer.
-  void rebuild(OMX_U32 port, OMX_BUFFERHEADERTYPE*& buffer);
+  /// Disables and enables a port, which gets other buffers.
+  void rebuild(OMX_U32 port);
+
+  OMX_PARAM_PORTDEFINITIONTYPE definition(OMX_U32 port);
+  OMX_ERRORTYPE define(OMX_PARAM_PORTDEFINITIONTYPE definition);
+
+  /// A buffer of the port's size (or another), or null with `error` telling.
+  OMX_BUFFERHEADERTYPE* allocate(OMX_U32 port, OMX_U32 size = 0);
+  OMX_ERRORTYPE free(OMX_U32 port, OMX_BUFFERHEADERTYPE* buffer);
+  /// As many as the port needs; all that it has.
+  void populate(OMX_U32 port);
+  void vacate(OMX_U32 port);
+  std::vector<OMX_BUFFERHEADERTYPE*>& of(OMX_U32 port) { return port == part.in ? in : out; }
+  OMX_ERRORTYPE empty(OMX_BUFFERHEADERTYPE* buffer, const Bytes& bytes,
+                      OMX_U32 flags = OMX_BUFFERFLAG_EOS);
+  OMX_ERRORTYPE fill(OMX_BUFFERHEADERTYPE* buffer);
 
   const Part part;
   OMX_HANDLETYPE handle = nullptr;
   OMX_ERRORTYPE error = OMX_ErrorNone;  ///< of the last allocate()
   std::vector<OMX_BUFFERHEADERTYPE*> in;
   std::vector<OMX_BUFFERHEADERTYPE*> out;
+  std::atomic<bool> refills{false};  ///< the callback hands a filled buffer over again
 
  private:
   static OMX_ERRORTYPE onEvent(OMX_HANDLETYPE, OMX_PTR self, OMX_EVENTTYPE event, OMX_U32 data1,
