@@ -10,15 +10,12 @@
 
 #include "common/Geometry.h"
 #include "common/MmalGuards.h"
+#include "common/VideoComponent.h"
 
 namespace {
 
 constexpr std::uint32_t fewestBuffers = 4;
 constexpr std::uint64_t largestInputBuffer = 0x80000;
-
-MMAL_PORT_USERDATA_T* UserDataOf(CMmalH264Decoder* decoder) {
-  return reinterpret_cast<MMAL_PORT_USERDATA_T*>(decoder);
-}
 
 CMmalH264Decoder* DecoderOf(const MMAL_PORT_T* port) {
   return reinterpret_cast<CMmalH264Decoder*>(port->userdata);
@@ -77,17 +74,7 @@ CMmalH264Decoder::CMmalH264Decoder() {
 }
 
 CMmalH264Decoder::~CMmalH264Decoder() {
-  if (pComponent != nullptr) {
-    MMAL_PORT_T* input = FirstPort(pComponent->input, pComponent->input_num);
-    if (input != nullptr && input->is_enabled) mmal_port_disable(input);
-    MMAL_PORT_T* output = FirstPort(pComponent->output, pComponent->output_num);
-    if (output != nullptr) {
-      mmal_port_flush(output);
-      if (output->is_enabled) mmal_port_disable(output);
-    }
-    mmal_component_disable(pComponent);
-    mmal_component_destroy(pComponent);
-  }
+  if (pComponent != nullptr) ReleaseVideoComponent(pComponent);
   if (pFrameQueue != nullptr) mmal_queue_destroy(pFrameQueue);
   if (pInputPool != nullptr) mmal_pool_destroy(pInputPool);
   if (pOutputPool != nullptr) mmal_pool_destroy(pOutputPool);
@@ -140,39 +127,10 @@ bool CMmalH264Decoder::Create(int width, int height, unsigned int extraDataSize,
   return true;
 }
 
-/// Enables ports and component, makes the pools and gives the component its output buffers.
 bool CMmalH264Decoder::Start() {
-  MMAL_PORT_T* input = pComponent->input[0];
-  MMAL_PORT_T* output = pComponent->output[0];
-  const auto failed = [](const char* what, MMAL_STATUS_T status) {
-    std::fprintf(stderr, "CMmalH264Decoder::Create - %s failed. Error code [0x%x]\n", what,
-                 static_cast<unsigned int>(status));
-    return false;
-  };
-  const auto noPool = [](const char* which, const MMAL_PORT_T* port) {
-    std::fprintf(stderr,
-                 "CMmalH264Decoder::Create - creating pool for %s port failed. Params(%d, %d)\n",
-                 which, static_cast<int>(port->buffer_num), static_cast<int>(port->buffer_size));
-    return false;
-  };
-
-  input->userdata = UserDataOf(this);
-  MMAL_STATUS_T status = mmal_port_enable(input, InputDecH264Callback);
-  if (status != MMAL_SUCCESS) return failed("enable input port", status);
-  PoolOwner inputPool(mmal_pool_create(input->buffer_num, input->buffer_size));
-  if (!inputPool) return noPool("input", input);
-
-  output->userdata = UserDataOf(this);
-  status = mmal_port_enable(output, OutputDecH264Callback);
-  if (status != MMAL_SUCCESS) return failed("enable output port", status);
-  PoolOwner outputPool(mmal_pool_create(output->buffer_num, output->buffer_size));
-  if (!outputPool) return noPool("output", output);
-
-  status = mmal_component_enable(pComponent);
-  if (status != MMAL_SUCCESS) return failed("enabling decoder", status);
-  pInputPool = inputPool.release();
-  pOutputPool = outputPool.release();
-  SendFreeBuffers(pOutputPool, output);
+  const VideoComponentUser user{"CMmalH264Decoder", "decoder", this, InputDecH264Callback,
+                                OutputDecH264Callback};
+  if (!StartVideoComponent(pComponent, user, pInputPool, pOutputPool)) return false;
   sem_post(&semInput);
   return true;
 }

@@ -9,12 +9,9 @@
 
 #include "common/Geometry.h"
 #include "common/MmalGuards.h"
+#include "common/VideoComponent.h"
 
 namespace {
-
-MMAL_PORT_USERDATA_T* UserDataOf(CMmalH264Encoder* encoder) {
-  return reinterpret_cast<MMAL_PORT_USERDATA_T*>(encoder);
-}
 
 CMmalH264Encoder* EncoderOf(const MMAL_PORT_T* port) {
   return reinterpret_cast<CMmalH264Encoder*>(port->userdata);
@@ -87,17 +84,7 @@ CMmalH264Encoder::CMmalH264Encoder() : pfnCopyFrame(CopyI420) {
 }
 
 CMmalH264Encoder::~CMmalH264Encoder() {
-  if (pComponent != nullptr) {
-    MMAL_PORT_T* input = FirstPort(pComponent->input, pComponent->input_num);
-    if (input != nullptr && input->is_enabled) mmal_port_disable(input);
-    MMAL_PORT_T* output = FirstPort(pComponent->output, pComponent->output_num);
-    if (output != nullptr) {
-      mmal_port_flush(output);
-      if (output->is_enabled) mmal_port_disable(output);
-    }
-    mmal_component_disable(pComponent);
-    mmal_component_destroy(pComponent);
-  }
+  if (pComponent != nullptr) ReleaseVideoComponent(pComponent);
   if (pOutputQueue != nullptr) mmal_queue_destroy(pOutputQueue);
   if (pInputPool != nullptr) mmal_pool_destroy(pInputPool);
   if (pOutputPool != nullptr) mmal_pool_destroy(pOutputPool);
@@ -217,39 +204,9 @@ bool CMmalH264Encoder::Create(unsigned int pixelFormat, int width, int height,
   return status == MMAL_SUCCESS && Start();
 }
 
-/// Enables ports and component, makes the pools and gives the component its output buffers.
 bool CMmalH264Encoder::Start() {
-  MMAL_PORT_T* input = pComponent->input[0];
-  MMAL_PORT_T* output = pComponent->output[0];
-  const auto failed = [](const char* what, MMAL_STATUS_T status) {
-    std::fprintf(stderr, "CMmalH264Encoder::Create - %s failed. Error code [0x%x]\n", what,
-                 static_cast<unsigned int>(status));
-    return false;
-  };
-  const auto noPool = [](const char* which, const MMAL_PORT_T* port) {
-    std::fprintf(stderr,
-                 "CMmalH264Encoder::Create - creating pool for %s port failed. Params(%d, %d)\n",
-                 which, static_cast<int>(port->buffer_num), static_cast<int>(port->buffer_size));
-    return false;
-  };
-
-  input->userdata = UserDataOf(this);
-  MMAL_STATUS_T status = mmal_port_enable(input, InputCallback);
-  if (status != MMAL_SUCCESS) return failed("enable input port", status);
-  PoolOwner inputPool(mmal_pool_create(input->buffer_num, input->buffer_size));
-  if (!inputPool) return noPool("input", input);
-
-  output->userdata = UserDataOf(this);
-  status = mmal_port_enable(output, OutputCallback);
-  if (status != MMAL_SUCCESS) return failed("enable output port", status);
-  PoolOwner outputPool(mmal_pool_create(output->buffer_num, output->buffer_size));
-  if (!outputPool) return noPool("output", output);
-
-  status = mmal_component_enable(pComponent);
-  if (status != MMAL_SUCCESS) return failed("enabling encoder", status);
-  pInputPool = inputPool.release();
-  pOutputPool = outputPool.release();
-  SendFreeBuffers(pOutputPool, output);
+  const VideoComponentUser user{"CMmalH264Encoder", "encoder", this, InputCallback, OutputCallback};
+  if (!StartVideoComponent(pComponent, user, pInputPool, pOutputPool)) return false;
   sem_post(&semInput);
   return true;
 }
