@@ -83,12 +83,13 @@ bool DecoderPool::SetUpInputPort() {
 }
 
 bool DecoderPool::AllocateInputBuffers() {
+  constexpr std::size_t slotBytes = sizeof(void*);  // of one header's address
   const OMX_U32 count = portDef.nBufferCountActual;
-  if (count == 0 || count > 0x7FFFFFFF / sizeof *ppInputBuffers) {
+  if (count == 0 || count > 0x7FFFFFFF / slotBytes) {
     std::printf("unusable number of input buffers: %u\n", count);
     return false;
   }
-  ppInputBuffers = static_cast<OMX_BUFFERHEADERTYPE**>(std::malloc(count * sizeof *ppInputBuffers));
+  ppInputBuffers = static_cast<OMX_BUFFERHEADERTYPE**>(std::malloc(count * slotBytes));
   if (ppInputBuffers == nullptr) {
     std::puts("no memory for the input buffers");
     return false;

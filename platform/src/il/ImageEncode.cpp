@@ -81,7 +81,7 @@ ImageEncode::ImageEncode(const OMX_CALLBACKTYPE& callbacks, OMX_PTR appData)
   for (Port* const port : {&input(), &output()}) {
     port->image().nFrameWidth = defaultWidth;
     port->image().nFrameHeight = defaultHeight;
-    adapt(*port, port->definition);
+    ImageEncode::adapt(*port, port->definition);
   }
 }
 

@@ -79,7 +79,7 @@ VideoEncode::VideoEncode(const OMX_CALLBACKTYPE& callbacks, OMX_PTR appData)
     video.xFramerate = defaultRate;
     video.nBitrate = port->isInput() ? 0 : defaultBitrate;
     port->definition.nBufferSize = port->isInput() ? 0 : defaultOutputBytes;
-    adapt(*port, port->definition);
+    VideoEncode::adapt(*port, port->definition);
   }
   stamp(avc_);
   avc_.nPortIndex = outputPort;

@@ -266,7 +266,7 @@ std::string Component::describe(const Event& event) const {
 // ---------------------------------------------------------------------------------- buffers
 
 std::string Component::describe(const Port& port, const Buffer& buffer) const {
-  const std::string text = name(port.definition.nPortIndex);
+  std::string text = name(port.definition.nPortIndex);
   if (port.isInput()) return text;
   return text + ", " + std::to_string(buffer.header.nFilledLen) + " bytes" +
          text::flags(buffer.header.nFlags);

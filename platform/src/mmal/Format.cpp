@@ -91,8 +91,8 @@ std::uint32_t compare(const MMAL_ES_FORMAT_T& a, const MMAL_ES_FORMAT_T& b) {
   if (a.bitrate != b.bitrate) difference |= MMAL_ES_FORMAT_COMPARE_FLAG_BITRATE;
   if (a.flags != b.flags) difference |= MMAL_ES_FORMAT_COMPARE_FLAG_FLAGS;
   if (!sameExtraData(a, b)) difference |= MMAL_ES_FORMAT_COMPARE_FLAG_EXTRADATA;
-  if (a.type == MMAL_ES_TYPE_VIDEO)
-    difference |= compareVideo(a.es->video, b.es->video);
+  if (a.type == MMAL_ES_TYPE_VIDEO) difference |= compareVideo(a.es->video, b.es->video);
+  // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison): what is not used of the union is zero
   else if (std::memcmp(a.es, b.es, sizeof(*a.es)) != 0)
     difference |= MMAL_ES_FORMAT_COMPARE_FLAG_ES_OTHER;
   return difference;
