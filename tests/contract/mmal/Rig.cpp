@@ -86,6 +86,19 @@ bool Rig::feed(const Bytes& data, std::uint32_t flags, std::int64_t pts, unsigne
   return true;
 }
 
+bool Rig::feedScene(int t, unsigned limitMs) {
+  const MMAL_RECT_T& crop = in().format->es->video.crop;
+  const support::Image scene = support::scene(crop.width, crop.height, t);
+  return feed(support::padded(support::toYuv(scene)), MMAL_BUFFER_HEADER_FLAG_FRAME, t * 40000,
+              limitMs);
+}
+
+void Rig::expectOutputsBack() {
+  while (take(0, false).came) {
+  }
+  EXPECT_EQ(mmal_queue_length(outPool->queue), out().buffer_num);
+}
+
 Output Rig::take(unsigned limitMs, bool recycle) {
   Output output;
   while (MMAL_BUFFER_HEADER_T* const buffer = mmal_queue_timedwait(filled, limitMs)) {

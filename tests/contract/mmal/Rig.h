@@ -54,6 +54,9 @@ class Rig {
   /// Sets both ports up for pictures of one size. bitrate is the encoder's.
   void setUp(int width, int height, std::uint32_t inEncoding, std::uint32_t outEncoding,
              std::uint32_t bitrate = 0);
+  void setUpVideo(int width, int height, std::uint32_t bitrate = 0) {
+    setUp(width, height, MMAL_ENCODING_I420, MMAL_ENCODING_H264, bitrate);
+  }
   /// Enables ports and component and makes the pools, with the minimum of buffers.
   /// @param outputs  how many output buffers to hand over at once; -1: all
   void start(int outputs = -1);
@@ -63,8 +66,12 @@ class Rig {
   /// Waits for a free input buffer, fills and sends it. @return false when none came
   bool feed(const Bytes& data, std::uint32_t flags, std::int64_t pts = MMAL_TIME_UNKNOWN,
             unsigned limitMs = patienceMs);
+  /// Feeds scene t of the port's size as a whole frame of time t * 40000.
+  bool feedScene(int t, unsigned limitMs = patienceMs);
   /// Takes what comes out next, and hands every free output buffer back.
   Output take(unsigned limitMs = patienceMs, bool recycle = true);
+  /// Puts what a flush brought back into its pool, all of which is there then.
+  void expectOutputsBack();
   void stop();
 
   static void onInput(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);

@@ -1,5 +1,8 @@
+// What the software platform adds: the journal, the faults and the census of its MMAL half.
+
 #include <tessera_platform/control.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 
@@ -11,44 +14,31 @@ using namespace contract;
 using namespace tessera_platform;
 
 /// Takes every fault away and finds nothing left behind.
-class Faults : public testing::Test {
+class Control : public testing::Test {
  protected:
   void TearDown() override {
-    EXPECT_GT(faultsHit(), 0u) << "no fault was met";
     clearFaults();
     EXPECT_TRUE(census().empty()) << tessera_platform::describe(census());
   }
 };
 
-const Bytes& frame() {
-  static const Bytes bytes = support::padded(support::toYuv(support::scene(64, 48)));
-  return bytes;
-}
-
 void fault(const char* completion, CompletionFault::Action action, unsigned delayMs = 0,
            std::uint32_t code = 0, bool sticky = false) {
-  CompletionFault each;
-  each.completion = completion;
-  each.action = action;
-  each.delayMs = delayMs;
-  each.code = code;
-  each.sticky = sticky;
-  inject(each);
+  inject(CompletionFault{completion, 1, sticky, action, delayMs, code});
 }
 
-std::unique_ptr<Rig> running() {
+std::unique_ptr<Rig> running(int width = 64, int height = 48) {
   auto rig = std::make_unique<Rig>(videoEncode);
-  rig->setUp(64, 48, MMAL_ENCODING_I420, MMAL_ENCODING_H264);
+  rig->setUpVideo(width, height);
   rig->start();
   return rig;
 }
 
-TEST_F(Faults, FailingCallsDoNothing) {
+TEST_F(Control, FailingCallsDoNothing) {
   const auto rig = running();
-  for (const char* name : {"mmal_port_disable", "mmal_port_flush", "mmal_component_disable",
-                           "mmal_port_send_buffer", "mmal_port_format_commit"})
-    inject(CallFault{name, 1, false, CallFault::Fail, MMAL_ENXIO});
-  for (const char* name : {"mmal_pool_create", "mmal_queue_create", "mmal_queue_get"})
+  for (const char* name :
+       {"mmal_port_disable", "mmal_port_flush", "mmal_component_disable", "mmal_port_send_buffer",
+        "mmal_port_format_commit", "mmal_pool_create", "mmal_queue_create", "mmal_queue_get"})
     inject(CallFault{name, 1, false, CallFault::Fail, MMAL_ENXIO});
   inject(CallFault{"mmal_component_create", 1, false, CallFault::NullResult, 0});
   EXPECT_EQ(mmal_port_disable(&rig->in()), MMAL_ENXIO);
@@ -69,88 +59,83 @@ TEST_F(Faults, FailingCallsDoNothing) {
   EXPECT_EQ(faultsHit(), 9u);
 }
 
-TEST_F(Faults, DroppedBuffersComeBackWhenThePortIsDisabled) {
+TEST_F(Control, DroppedBuffersComeBackWhenThePortIsDisabled) {
   const auto rig = running();
   fault("input", CompletionFault::Drop);
   fault("output", CompletionFault::Drop);  // the parameter sets
-  ASSERT_TRUE(rig->feed(frame(), MMAL_BUFFER_HEADER_FLAG_FRAME));
-  const Output output = rig->take();
-  EXPECT_TRUE(output.has(MMAL_BUFFER_HEADER_FLAG_KEYFRAME));
+  ASSERT_TRUE(rig->feedScene(0));
+  EXPECT_TRUE(rig->take().has(MMAL_BUFFER_HEADER_FLAG_KEYFRAME));
   EXPECT_EQ(rig->inputsBack, 0);
   rig->stop();
   EXPECT_EQ(rig->inputsBack, 1);
-  while (rig->take(0, false).came) {
-  }
-  EXPECT_EQ(mmal_queue_length(rig->outPool->queue), rig->out().buffer_num);
+  rig->expectOutputsBack();
 }
 
-TEST_F(Faults, DelayedBuffersComeLateAndInOrder) {
+TEST_F(Control, DelayedBuffersComeLateAndInOrder) {
   const auto rig = running();
   fault("output", CompletionFault::Delay, 150);
   const auto start = std::chrono::steady_clock::now();
-  ASSERT_TRUE(rig->feed(frame(), MMAL_BUFFER_HEADER_FLAG_FRAME));
+  ASSERT_TRUE(rig->feedScene(0));
   EXPECT_TRUE(rig->take().has(MMAL_BUFFER_HEADER_FLAG_CONFIG));
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(149));
   EXPECT_TRUE(rig->take().has(MMAL_BUFFER_HEADER_FLAG_KEYFRAME));
   // A disable does not wait for what is late.
   fault("input", CompletionFault::Delay, 60000);
-  ASSERT_TRUE(rig->feed(frame(), MMAL_BUFFER_HEADER_FLAG_FRAME));
+  ASSERT_TRUE(rig->feedScene(1));
   EXPECT_TRUE(rig->take().came);
   EXPECT_EQ(mmal_port_disable(&rig->in()), MMAL_SUCCESS);
   EXPECT_EQ(rig->inputsBack, 2);
 }
 
-TEST_F(Faults, DoubledCallbacksHarmNothing) {
+TEST_F(Control, DoubledCallbacksHarmNothing) {
   const auto rig = running();
   fault("input", CompletionFault::Double, 0, 0, true);
   fault("output", CompletionFault::Double, 0, 0, true);
   for (int i = 0; i < 20; ++i) {
-    ASSERT_TRUE(rig->feed(frame(), MMAL_BUFFER_HEADER_FLAG_FRAME));
+    ASSERT_TRUE(rig->feedScene(i));
     ASSERT_TRUE(rig->take().came);
   }
+  EXPECT_GT(faultsHit(), 20u);
 }
 
-TEST_F(Faults, ErrorEventsComeInsteadOfTheBuffer) {
+TEST_F(Control, BuffersAreEmptiedOrReplacedByErrorEvents) {
   const auto rig = running();
+  fault("output", CompletionFault::ZeroLength);
+  ASSERT_TRUE(rig->feedScene(0));
+  Output output = rig->take();
+  EXPECT_TRUE(output.has(MMAL_BUFFER_HEADER_FLAG_CONFIG)) << "the marks stay";
+  EXPECT_TRUE(output.data.empty());
+  EXPECT_TRUE(rig->take().has(MMAL_BUFFER_HEADER_FLAG_KEYFRAME));
+  clearFaults();
   fault("output", CompletionFault::ErrorEvent, 0, MMAL_EIO);
-  ASSERT_TRUE(rig->feed(frame(), MMAL_BUFFER_HEADER_FLAG_FRAME));
-  const Output output = rig->take();
+  ASSERT_TRUE(rig->feedScene(1));
+  output = rig->take();
   EXPECT_EQ(output.cmd, MMAL_EVENT_ERROR);
   MMAL_STATUS_T status;
   ASSERT_EQ(output.data.size(), sizeof(status));
   std::memcpy(&status, output.data.data(), sizeof(status));
   EXPECT_EQ(status, MMAL_EIO);
   rig->stop();
-  while (rig->take(0, false).came) {
-  }
-  EXPECT_EQ(mmal_queue_length(rig->outPool->queue), rig->out().buffer_num);
+  rig->expectOutputsBack();
 }
 
-TEST_F(Faults, EmptyBuffersKeepTheirMarks) {
-  const auto rig = running();
-  fault("output", CompletionFault::ZeroLength);
-  ASSERT_TRUE(rig->feed(frame(), MMAL_BUFFER_HEADER_FLAG_FRAME));
-  const Output output = rig->take();
-  EXPECT_TRUE(output.has(MMAL_BUFFER_HEADER_FLAG_CONFIG));
-  EXPECT_TRUE(output.data.empty());
-}
-
-TEST_F(Faults, FinishFirstLetsEverythingComeBeforeTheCallReturns) {
+TEST_F(Control, FinishFirstLetsEverythingComeBeforeTheCallReturns) {
   const auto rig = running();
   inject(CallFault{"mmal_port_send_buffer", 1, true, CallFault::FinishFirst, 0});
-  for (int i = 1; i <= 5; ++i) {
-    ASSERT_TRUE(rig->feed(frame(), MMAL_BUFFER_HEADER_FLAG_FRAME));
-    EXPECT_EQ(rig->inputsBack, i);
-    if (i == 1) {
-      EXPECT_TRUE(rig->take(0).has(MMAL_BUFFER_HEADER_FLAG_CONFIG));
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_TRUE(rig->feedScene(i));
+    EXPECT_EQ(rig->inputsBack, i + 1);
+    EXPECT_EQ(rig->take(0).has(MMAL_BUFFER_HEADER_FLAG_CONFIG), i == 0);
+    if (i == 0) {
+      EXPECT_TRUE(rig->take(0).came);
     }
-    EXPECT_TRUE(rig->take(0).came);
   }
 }
 
-TEST_F(Faults, WrapperErrorsStayInItsStatus) {
+TEST_F(Control, WrapperErrorsStayInItsStatus) {
   MMAL_WRAPPER_T* wrapper = nullptr;
   ASSERT_EQ(mmal_wrapper_create(&wrapper, imageEncode), MMAL_SUCCESS);
+  EXPECT_EQ(census().wrappers, 1);
   MMAL_PORT_T &in = *wrapper->input[0], &out = *wrapper->output[0];
   describe(in, MMAL_ENCODING_YUYV, 64, 48);
   for (MMAL_PORT_T* port : {&in, &out}) {
@@ -170,11 +155,11 @@ TEST_F(Faults, WrapperErrorsStayInItsStatus) {
 
 /// What a client may do wrong after a call has failed: free the pool of buffers that the component
 /// still holds, or destroy the queue they wait in first or last.
-TEST_F(Faults, PoolsAndQueuesMayGoInAnyOrder) {
+TEST_F(Control, PoolsAndQueuesMayGoInAnyOrder) {
   for (const bool working : {false, true}) {
     const auto rig = running();
     if (!working) mmal_component_disable(rig->component);
-    ASSERT_TRUE(rig->feed(frame(), MMAL_BUFFER_HEADER_FLAG_FRAME));
+    ASSERT_TRUE(rig->feedScene(0));
     inject(CallFault{"mmal_port_disable", 1, false, CallFault::Fail, MMAL_ENXIO});
     EXPECT_EQ(mmal_port_disable(&rig->out()), MMAL_ENXIO);
     mmal_pool_destroy(rig->inPool);
@@ -188,6 +173,45 @@ TEST_F(Faults, PoolsAndQueuesMayGoInAnyOrder) {
   mmal_pool_destroy(pool);
   EXPECT_EQ(mmal_queue_get(queue), nullptr);
   mmal_queue_destroy(queue);
+}
+
+TEST_F(Control, JournalTellsFormatsBuffersAndResultsAlikeInEveryRun) {
+  std::vector<std::string> first;
+  for (int run = 0; run < 10; ++run) {
+    startJournal();
+    {
+      const auto rig = running(100, 50);
+      rig->feedScene(0);
+      rig->take();
+      rig->take();
+    }
+    stopJournal();
+    const auto calls = journal(Lines::Calls);
+    if (run == 0) first = calls;
+    EXPECT_EQ(calls, first);
+    EXPECT_EQ(journal(Lines::Completions)[0],
+              "-> input(video_encode#1:in0, 12288 bytes FRAME_START|FRAME_END pts 0)");
+  }
+  for (const char* expected :
+       {"mmal_component_create(vc.ril.video_encode) = SUCCESS",
+        "mmal_port_format_commit(video_encode#1:in0, I420 128x64 crop 0,0 100x50 rate 30/1 "
+        "aspect 1/1) = SUCCESS",
+        "mmal_pool_create(1 x 12288) = pool#1",
+        "mmal_port_send_buffer(video_encode#1:in0, 12288 bytes FRAME_START|FRAME_END pts 0) = "
+        "SUCCESS",
+        "mmal_component_destroy(video_encode#1) = SUCCESS"})
+    EXPECT_EQ(std::count(first.begin(), first.end(), expected), 1) << expected;
+}
+
+TEST_F(Control, CensusCountsWhatIsAlive) {
+  const auto rig = running();
+  const Census now = census();
+  EXPECT_EQ(now.components, 1);
+  EXPECT_EQ(now.threads, 1);
+  EXPECT_EQ(now.enabledPorts, 2);
+  EXPECT_EQ(now.pools, 2);
+  EXPECT_EQ(now.queues, 1);
+  EXPECT_EQ(now.buffers, static_cast<int>(rig->in().buffer_num + rig->out().buffer_num));
 }
 
 }  // namespace
