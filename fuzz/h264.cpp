@@ -37,13 +37,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const unsigned cut = input.ConsumeIntegralInRange(1u, 400u);
   const bool random = input.ConsumeBool();
   const unsigned flags = input.ConsumeBool();
+  fuzz::Exact picture(input.ConsumeBool() ? 700 : 32 * 32 * 3 / 2);
   const std::vector<std::uint8_t> stream = input.ConsumeRemainingBytes<std::uint8_t>();
   std::minstd_rand cuts(cut);
 
   IH264Decoder* decoder = nullptr;
   MUST(CreateH264Decoder(&decoder) == 1);
   MUST(decoder->Create(32, 32, 0, nullptr));
-  fuzz::Exact picture(32 * 32 * 3 / 2);
   unsigned pictures = 0;
   std::size_t at = 0;
   for (unsigned i = 0; at < stream.size() && i < 64; ++i) {
