@@ -1,12 +1,20 @@
 #ifndef TESSERA_TESTS_CODEC_H264FEEDING_H
 #define TESSERA_TESTS_CODEC_H264FEEDING_H
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <random>
 #include <string>
 
 #include "codec/H264Decoder.h"
 #include "support/H264Oracle.h"
+
+struct OpenDecoder : codec::H264Decoder {
+  explicit OpenDecoder(const support::Bytes& sets = {}) {
+    EXPECT_TRUE(open(sets.empty() ? nullptr : sets.data(), sets.size())) << error();
+  }
+};
 
 /// What came out of a decoder.
 struct Shown {
@@ -17,23 +25,24 @@ struct Shown {
 
   void take(codec::H264Decoder& decoder) {
     codec::H264Decoder::Picture picture;
+    const auto& planes = picture.planes;
     while (decoder.next(picture)) {
       support::Yuv yuv{
           static_cast<int>(picture.width), static_cast<int>(picture.height), {}, {}, {}};
-      const auto plane = [](support::Bytes& to, const std::uint8_t* from, unsigned stride,
-                            int width, int height) {
-        for (int y = 0; y < height; ++y, from += stride) to.insert(to.end(), from, from + width);
-      };
-      plane(yuv.y, picture.planes.y, picture.planes.yStride, yuv.width, yuv.height);
-      plane(yuv.u, picture.planes.u, picture.planes.uvStride, yuv.chromaWidth(),
-            yuv.chromaHeight());
-      plane(yuv.v, picture.planes.v, picture.planes.uvStride, yuv.chromaWidth(),
-            yuv.chromaHeight());
+      append(yuv.y, planes.y, planes.yStride, yuv.width, yuv.height);
+      append(yuv.u, planes.u, planes.uvStride, yuv.chromaWidth(), yuv.chromaHeight());
+      append(yuv.v, planes.v, planes.uvStride, yuv.chromaWidth(), yuv.chromaHeight());
       pictures.push_back(std::move(yuv));
       pts.push_back(picture.pts);
       damaged.push_back(picture.damaged);
       decodeOnly.push_back(picture.decodeOnly);
     }
+  }
+
+ private:
+  static void append(support::Bytes& to, const std::uint8_t* from, unsigned stride, int width,
+                     int height) {
+    for (int y = 0; y < height; ++y, from += stride) to.insert(to.end(), from, from + width);
   }
 };
 

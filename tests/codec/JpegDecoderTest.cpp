@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
-#include <turbojpeg.h>
 
 #include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
-#include <memory>
 #include <random>
 // jpeglib.h takes size_t and FILE for granted.
 #include <jpeglib.h>
@@ -111,6 +109,7 @@ Bytes encodeWithFactors(const support::Image& image, const std::array<int, 3>& f
   cinfo.input_components = 3;
   cinfo.in_color_space = JCS_RGB;
   jpeg_set_defaults(&cinfo);
+  jpeg_set_quality(&cinfo, 95, TRUE);
   for (std::size_t i = 0; i < 3; ++i) {
     cinfo.comp_info[i].h_samp_factor = factors[i] / 10;
     cinfo.comp_info[i].v_samp_factor = factors[i] % 10;
@@ -127,75 +126,47 @@ Bytes encodeWithFactors(const support::Image& image, const std::array<int, 3>& f
   return jpeg;
 }
 
-/// Every component at full resolution, samples repeated.
-support::JpegPicture decodeFull(const Bytes& jpeg) {
-  jpeg_decompress_struct cinfo;
-  jpeg_error_mgr errors;
-  cinfo.err = jpeg_std_error(&errors);
-  jpeg_create_decompress(&cinfo);
-  jpeg_mem_src(&cinfo, jpeg.data(), static_cast<unsigned long>(jpeg.size()));
-  jpeg_read_header(&cinfo, TRUE);
-  cinfo.out_color_space = JCS_YCbCr;
-  cinfo.do_fancy_upsampling = FALSE;
-  jpeg_start_decompress(&cinfo);
-  support::JpegPicture full;
-  full.width = full.chromaWidth = static_cast<int>(cinfo.output_width);
-  full.height = full.chromaHeight = static_cast<int>(cinfo.output_height);
-  full.sampling = Sampling::Yuv444;
-  Bytes row(cinfo.output_width * 3);
-  JSAMPROW rows = row.data();
-  while (cinfo.output_scanline < cinfo.output_height) {
-    jpeg_read_scanlines(&cinfo, &rows, 1);
-    for (std::size_t i = 0; i < row.size(); ++i)
-      (i % 3 == 0 ? full.y : i % 3 == 1 ? full.u : full.v).push_back(row[i]);
-  }
-  jpeg_destroy_decompress(&cinfo);
-  return full;
-}
-
+/// TurboJPEG's planes have none of these; the picture itself is what to expect.
 TEST(JpegDecoder, OddSamplingFactors) {
   const std::array<int, 3> all[] = {{22, 12, 21}, {22, 21, 12}, {41, 11, 21}, {31, 11, 31},
                                     {14, 11, 12}, {11, 21, 22}, {21, 12, 11}, {12, 12, 12},
                                     {22, 22, 11}, {13, 11, 11}};
   for (const std::array<int, 3>& factors : all)
     for (const auto& [width, height] : {std::pair(131, 77), std::pair(64, 48), std::pair(1, 1)}) {
-      const Bytes jpeg = encodeWithFactors(support::scene(width, height), factors);
-      const support::JpegPicture full = decodeFull(jpeg);
-      const Decoded decoded = decode(jpeg);
-      const std::string which = testing::PrintToString(factors);
-      ASSERT_EQ(decoded.result, Result::Complete) << which;
-      EXPECT_EQ(decoded.picture.y, full.y) << which;
-      EXPECT_LE(support::maxDifference(decoded.picture.u, folded(full, full.u)), 2) << which;
-      EXPECT_LE(support::maxDifference(decoded.picture.v, folded(full, full.v)), 2) << which;
+      SCOPED_TRACE(testing::PrintToString(factors));
+      const support::Image image = support::scene(width, height);
+      const Yuv expected = support::toYuv(image);
+      const Decoded decoded = decode(encodeWithFactors(image, factors));
+      ASSERT_EQ(decoded.result, Result::Complete);
+      EXPECT_GT(support::lumaPsnr(decoded.picture, expected), 40);
+      EXPECT_GT(support::psnr(decoded.picture.u, expected.u), 40);
+      EXPECT_GT(support::psnr(decoded.picture.v, expected.v), 40);
     }
 }
 
 TEST(JpegDecoder, RgbCodedBecomesYuv) {
   const support::Image image = support::bars(64, 32);
-  Bytes planes[3];
-  for (std::size_t i = 0; i < image.rgb.size(); ++i) planes[i % 3].push_back(image.rgb[i]);
-  const unsigned char* pointers[3] = {planes[0].data(), planes[1].data(), planes[2].data()};
-  const std::unique_ptr<void, int (*)(void*)> handle(tjInitCompress(), tjDestroy);
-  unsigned char* data = nullptr;
-  unsigned long size = 0;
-  ASSERT_EQ(tjCompressFromYUVPlanes(handle.get(), pointers, 64, nullptr, 32, TJSAMP_444, &data,
-                                    &size, 95, TJFLAG_ACCURATEDCT),
-            0);
-  Bytes jpeg = withoutSegments(Bytes(data, data + size), marker::jfif);
-  tjFree(data);
+  Bytes jpeg = withoutSegments(support::encodeJpeg(image, Sampling::Yuv444, 95), marker::jfif);
+  const support::JpegPicture stored = support::decodeJpeg(jpeg);
   // Without JFIF the components' names say that they are R, G and B.
   for (const std::size_t at : segmentStarts(jpeg))
-    for (int i = 0; i < 3; ++i) {
-      if (jpeg[at + 1] == marker::frame)
-        jpeg[at + 10 + 3 * i] = static_cast<std::uint8_t>("RGB"[i]);
-      if (jpeg[at + 1] == marker::scan) jpeg[at + 5 + 2 * i] = static_cast<std::uint8_t>("RGB"[i]);
+    for (std::size_t i = 0; i < 3; ++i) {
+      const auto name = static_cast<std::uint8_t>("RGB"[i]);
+      if (jpeg[at + 1] == marker::frame) jpeg[at + 10 + 3 * i] = name;
+      if (jpeg[at + 1] == marker::scan) jpeg[at + 5 + 2 * i] = name;
     }
+  support::Image read = image;
+  for (std::size_t i = 0; i < stored.y.size(); ++i) {
+    read.rgb[3 * i] = stored.y[i];
+    read.rgb[3 * i + 1] = stored.u[i];
+    read.rgb[3 * i + 2] = stored.v[i];
+  }
   const Decoded decoded = decode(jpeg);
   ASSERT_EQ(decoded.result, Result::Complete);
-  const Yuv expected = support::toYuv(image);
-  EXPECT_LE(support::maxDifference(decoded.picture.y, expected.y), 4);
-  EXPECT_LE(support::maxDifference(decoded.picture.u, expected.u), 4);
-  EXPECT_LE(support::maxDifference(decoded.picture.v, expected.v), 4);
+  const Yuv expected = support::toYuv(read);
+  EXPECT_LE(support::maxDifference(decoded.picture.y, expected.y), 2);
+  EXPECT_LE(support::maxDifference(decoded.picture.u, expected.u), 2);
+  EXPECT_LE(support::maxDifference(decoded.picture.v, expected.v), 2);
 }
 
 TEST(JpegDecoder, TablesAreNotThePicturesBefore) {
@@ -218,18 +189,15 @@ TEST(JpegDecoder, TruncatedGivesThePictureAsFarAsItGoes) {
     const Bytes jpeg =
         support::encodeJpeg(support::scene(320, 240), Sampling::Yuv420, 85, progressive);
     const Decoded whole = decode(jpeg);
-    for (const double part : {0.95, 0.5, 0.25}) {
-      const Bytes cut(jpeg.begin(), jpeg.begin() + static_cast<std::ptrdiff_t>(
-                                                       static_cast<double>(jpeg.size()) * part));
+    for (const std::size_t percent : {95u, 50u, 25u}) {
+      const Bytes cut(jpeg.data(), jpeg.data() + jpeg.size() * percent / 100);
       const Decoded first = decode(cut, 0), second = decode(cut, 255);
-      ASSERT_EQ(first.result, Result::Damaged) << progressive << " " << part;
-      EXPECT_EQ(first.picture.y, second.picture.y);
-      EXPECT_EQ(first.picture.u, second.picture.u);
-      EXPECT_EQ(first.picture.v, second.picture.v);
-      const std::size_t intact = static_cast<std::size_t>(part * 0.5 * 240) * 320;
-      const auto end = static_cast<std::ptrdiff_t>(progressive ? 0 : intact);
-      EXPECT_TRUE(std::equal(first.picture.y.begin(), first.picture.y.begin() + end,
-                             whole.picture.y.begin()));
+      ASSERT_EQ(first.result, Result::Damaged) << progressive << percent;
+      EXPECT_TRUE(first.picture.y == second.picture.y && first.picture.u == second.picture.u &&
+                  first.picture.v == second.picture.v)
+          << "what is not in the stream is not left as it was";
+      const std::size_t intact = progressive ? 0 : percent * 240 / 200 * 320;
+      EXPECT_TRUE(std::equal(&first.picture.y[0], &first.picture.y[intact], &whole.picture.y[0]));
       EXPECT_GT(support::lumaPsnr(first.picture, whole.picture), 8);
     }
     JpegDecoder decoder;
@@ -276,17 +244,6 @@ Bytes withFrameByte(Bytes jpeg, std::size_t offset, std::uint8_t value) {
   return jpeg;
 }
 
-Bytes cmyk() {
-  const Bytes pixels(16 * 16 * 4, 100);
-  const std::unique_ptr<void, int (*)(void*)> handle(tjInitCompress(), tjDestroy);
-  unsigned char* data = nullptr;
-  unsigned long size = 0;
-  tjCompress2(handle.get(), pixels.data(), 16, 0, 16, TJPF_CMYK, &data, &size, TJSAMP_444, 75, 0);
-  const Bytes jpeg(data, data + size);
-  tjFree(data);
-  return jpeg;
-}
-
 TEST(JpegDecoder, RefusesBeforeItAllocates) {
   const Bytes good = support::encodeJpeg(support::scene(64, 64), Sampling::Yuv420, 75);
   const Bytes progressive = support::encodeJpeg(support::scene(64, 64), Sampling::Yuv420, 75, true);
@@ -305,7 +262,7 @@ TEST(JpegDecoder, RefusesBeforeItAllocates) {
       {"12 bit", withFrameByte(good, 4, 12)},
       {"lossless", withFrameByte(good, 1, 0xc3)},
       {"two components", withFrameByte(good, 9, 2)},
-      {"four colours", cmyk()},
+      {"four colours", withFrameByte(good, 9, 4)},
       {"hundreds of scans", manyScans},
   };
   JpegDecoder decoder;
@@ -322,10 +279,8 @@ TEST(JpegDecoder, RefusesBeforeItAllocates) {
 
 TEST(JpegDecoder, AThumbnailsScansAreNotThePictures) {
   Bytes jpeg = support::encodeJpeg(support::scene(320, 240), Sampling::Yuv420, 75, true);
-  Bytes exif = {0xff, 0xe1, 0, 0};
+  Bytes exif = {0xff, 0xe1, 8002 >> 8, 8002 & 255};
   for (int i = 0; i < 2000; ++i) exif.insert(exif.end(), {0xff, marker::scan, 0, 8});
-  exif[2] = static_cast<std::uint8_t>((exif.size() - 2) >> 8);
-  exif[3] = static_cast<std::uint8_t>(exif.size() - 2);
   jpeg.insert(jpeg.begin() + 2, exif.begin(), exif.end());
   EXPECT_EQ(decode(jpeg).result, Result::Complete);
 }
