@@ -192,6 +192,28 @@ TEST_F(Faults, CatchingUpMayFailToo) {
   EXPECT_EQ(difference(decode(*tested, jpeg), jpeg), "");
 }
 
+TEST_F(Faults, InputBuffersThatStayAwayAreGivenUp) {
+  QuietPool tested;
+  const Bytes jpeg = jpegOf(64, 48);
+  TesseraLayout::occupyInputs(*tested, 1);
+  support::interpose::clockRate = 100;
+  const std::string lines = decode(*tested, jpeg).lines;
+  const std::string last = " DecoderPool::DecodeJpeg - the input buffers do not come back\n";
+  EXPECT_EQ(lines.find("pBufHeader->nFilledLen != 0"), 0u);
+  EXPECT_EQ(lines.find(last) + last.size(), lines.size()) << lines;
+  TesseraLayout::occupyInputs(*tested, 0);
+  EXPECT_EQ(difference(decode(*tested, jpeg), jpeg), "");
+}
+
+TEST_F(Faults, AComponentWithoutInputBuffersIsRefused) {
+  support::inject(nullResult("OMX_GetParameter", 2));
+  support::inject(nullResult("OMX_SetParameter", 2));
+  support::Capture capture;
+  DecoderPool* const made = GetDecoderPool();
+  EXPECT_EQ(capture.out(), "unusable number of input buffers: 0\n");
+  ReleaseDecoderPool(made);
+}
+
 TEST_F(Faults, WaitsEndOnTimeWhateverSignalsCome) {
   support::interpose::hurry = 10;
   for (const bool storm : {false, true}) {

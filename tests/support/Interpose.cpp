@@ -15,8 +15,8 @@
 namespace support::interpose {
 
 Failing semInit, semWait, clockGettime, allocation;
-std::atomic<long> clockSeconds{0};
 std::atomic<int> hurry{1};
+std::atomic<int> clockRate{1};
 
 namespace {
 
@@ -85,12 +85,8 @@ timespec hastened(const timespec& deadline) {
   return given;
 }
 
-void* allocate(std::size_t size, std::size_t alignment) {
-  void* memory = nullptr;
-  if (alignment <= alignof(std::max_align_t))
-    memory = std::malloc(size == 0 ? 1 : size);
-  else if (posix_memalign(&memory, alignment, size) != 0)
-    memory = nullptr;
+void* allocate(std::size_t size) {
+  void* const memory = std::malloc(size == 0 ? 1 : size);
   if (memory == nullptr) throw std::bad_alloc();
   ++live;
   return memory;
@@ -98,7 +94,7 @@ void* allocate(std::size_t size, std::size_t alignment) {
 
 void* allocateQuietly(std::size_t size) noexcept {
   try {
-    return allocate(size, 0);
+    return allocate(size);
   } catch (const std::bad_alloc&) {
     return nullptr;
   }
@@ -145,8 +141,7 @@ std::size_t allocationsOfLibrary() {
 
 void reset() {
   for (Failing* each : {&semInit, &semWait, &clockGettime, &allocation}) each->disarm();
-  clockSeconds = 0;
-  hurry = 1;
+  hurry = clockRate = 1;
 }
 
 }  // namespace support::interpose
@@ -189,30 +184,23 @@ int clock_gettime(clockid_t clock, timespec* now) noexcept {
       errno = EFAULT;
       return -1;
     }
-    if (interpose::clockSeconds != 0) {
-      *now = {static_cast<std::time_t>(interpose::clockSeconds), 0};
-      return 0;
-    }
   }
-  return interpose::realClock(clock, now);
+  const int result = interpose::realClock(clock, now);
+  if (clock == CLOCK_MONOTONIC && interpose::clockRate != 1) {
+    const long long at = (now->tv_sec * 1000000000LL + now->tv_nsec) * interpose::clockRate.load();
+    *now = {static_cast<std::time_t>(at / 1000000000LL), static_cast<long>(at % 1000000000LL)};
+  }
+  return result;
 }
 }
 
 void* operator new(std::size_t size) {
   interpose::admit(__builtin_return_address(0));
-  return interpose::allocate(size, 0);
+  return interpose::allocate(size);
 }
 void* operator new[](std::size_t size) {
   interpose::admit(__builtin_return_address(0));
-  return interpose::allocate(size, 0);
-}
-void* operator new(std::size_t size, std::align_val_t alignment) {
-  interpose::admit(__builtin_return_address(0));
-  return interpose::allocate(size, static_cast<std::size_t>(alignment));
-}
-void* operator new[](std::size_t size, std::align_val_t alignment) {
-  interpose::admit(__builtin_return_address(0));
-  return interpose::allocate(size, static_cast<std::size_t>(alignment));
+  return interpose::allocate(size);
 }
 // A sanitizer's own would not go with the operator delete below.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
@@ -231,17 +219,5 @@ void operator delete(void* memory, std::size_t) noexcept {
   interpose::release(memory);
 }
 void operator delete[](void* memory, std::size_t) noexcept {
-  interpose::release(memory);
-}
-void operator delete(void* memory, std::align_val_t) noexcept {
-  interpose::release(memory);
-}
-void operator delete[](void* memory, std::align_val_t) noexcept {
-  interpose::release(memory);
-}
-void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
-  interpose::release(memory);
-}
-void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept {
   interpose::release(memory);
 }

@@ -25,12 +25,12 @@ extern Failing semWait;       ///< sem_wait and sem_timedwait, with EINVAL
 extern Failing clockGettime;  ///< CLOCK_REALTIME only
 extern Failing allocation;    ///< operator new, called by libtessera.so, throws std::bad_alloc
 
-/// What CLOCK_REALTIME answers, in seconds, instead of the time; 0: the time.
-extern std::atomic<long> clockSeconds;
-
 /// Divides the time that is left until a sem_timedwait's deadline; 1: as it is. Makes ten seconds a
 /// fraction of one.
 extern std::atomic<int> hurry;
+
+/// How fast CLOCK_MONOTONIC runs; 1: as it is.
+extern std::atomic<int> clockRate;
 
 /// Calls of operator new by code of libtessera.so, on whatever thread, since the program started.
 std::size_t allocationsOfLibrary();
