@@ -65,26 +65,20 @@ TEST_F(ConductTest, ABrokenPipeEndsItQuietly) {
   }
 }
 
-TEST_F(ConductTest, ASignalLeavesWhatWasThere) {
+TEST_F(ConductTest, AFailureOrASignalHalfWayLeavesWhatWasThere) {
   save("out.jpg", {1, 2, 3});
   const auto before = files();
-  const Result result =
-      run("mkfifo feed; sleep 30 >feed & sleeper=$!; "
-          "./.tool jpeg-encode --size 64x48 --format yuyv feed -o out.jpg & tool=$!; "
-          "until ls .out.jpg.* 2>/dev/null; do :; done; "
-          "kill -TERM $tool; wait $tool; status=$?; kill $sleeper; rm feed; exit $status");
-  EXPECT_EQ(result.status, 128 + 15);
-  EXPECT_EQ(files(), before);
-  EXPECT_EQ(load("out.jpg"), (Bytes{1, 2, 3}));
-}
-
-TEST_F(ConductTest, AFailureHalfWayLeavesWhatWasThere) {
-  save("out.jpg", {1, 2, 3});
-  const auto before = files();
-  const Result result = run("head -c 15000 in.yuyv | " + std::string(encode) + "- -o out.jpg");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(files(), before);
-  EXPECT_EQ(load("out.jpg"), (Bytes{1, 2, 3}));
+  const std::string half = "head -c 15000 in.yuyv | " + std::string(encode) + "- -o out.jpg";
+  const std::string killed =
+      "mkfifo feed; sleep 30 >feed & sleeper=$!; "
+      "./.tool jpeg-encode --size 64x48 --format yuyv feed -o out.jpg & tool=$!; "
+      "until ls .out.jpg.* 2>/dev/null; do :; done; "
+      "kill -TERM $tool; wait $tool; status=$?; kill $sleeper; rm feed; exit $status";
+  for (const auto& [script, status] : {std::pair(half, 1), std::pair(killed, 128 + 15)}) {
+    EXPECT_EQ(run(script).status, status);
+    EXPECT_EQ(files(), before);
+    EXPECT_EQ(load("out.jpg"), (Bytes{1, 2, 3}));
+  }
 }
 
 TEST_F(ConductTest, LinksAreFollowedAndModesKept) {
