@@ -70,6 +70,7 @@ const FaultCase setupFaults[] = {
     {"WriteInput", refuse("OMX_SetParameter", 2), set + noResources + "] \n", ""},
     {"InputBuffer", refuse("OMX_AllocateBuffer", 2), "", noBuffer, true},
     {"NullInputBuffer", nullResult("OMX_AllocateBuffer"), "", noBuffer, true},
+    {"OutputBuffer", refuse("OMX_AllocateBuffer", 4), idle, "Eror allocating buffer" + noMemory},
     {"OutputFormat", refuse("OMX_SetParameter", 3),
      "OMX_SetParameter error = [" + noResources + "] \n", ""},
     {"ReadOutput", refuse("OMX_GetParameter", 3),
@@ -227,7 +228,7 @@ TEST_F(Faults, WaitsEndOnTimeWhateverSignalsCome) {
           return (*tested).DecodeJpeg(reinterpret_cast<char*>(jpeg.data()),
                                       static_cast<unsigned>(jpeg.size()), width, height) != nullptr;
         },
-        false, noFill, "", 990, 1500);
+        false, noFill, "", 990, 4000);
     control::clearFaults();
   }
 }

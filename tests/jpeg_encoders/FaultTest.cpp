@@ -1,4 +1,5 @@
 #include <IL/OMX_Core.h>
+#include <unistd.h>
 
 #include <optional>
 #include <regex>
@@ -151,6 +152,10 @@ const FaultCase omxFaults[] = {
     {"NoEnable", lose("EventHandler", 4), noAnswer + "OMX_CommandPortEnable\n", ""},
     {"NoExecuting", lose("EventHandler", 6), noAnswer + "OMX_StateExecuting\n", ""},
     {"NoFill", lose("FillBufferDone"), noAnswer + "OMX_FillThisBuffer\n", ""},
+    {"NoFlush", lose("EventHandler", 8), noAnswer + "OMX_CommandFlush\n", ""},
+    {"NoPause", lose("EventHandler", 9), noAnswer + "OMX_StatePause\n", ""},
+    {"EmptyFill", mangle("FillBufferDone", CompletionFault::ZeroLength),
+     omx + " - the component delivered no whole picture\n", ""},
     {"LateFill", delay("FillBufferDone", 1, 700), noAnswer + "OMX_FillThisBuffer\n", ""},
 };
 
@@ -188,7 +193,7 @@ TEST_P(BothJpeg, AnAnswerThatDoesNotComeEndsTheCallOnTime) {
     {
       const support::SignalStorm signals(storm);
       support::expectAnswer<int>([&] { return encoder.encode(picture).result; }, 0, out, "", 990,
-                                 1700);
+                                 4000);
     }
     control::clearFaults();
     const support::Capture quiet;
@@ -203,7 +208,7 @@ TEST_F(JpegFaultTest, AnErrorEventLeavesTheWaitOneMoreSecond) {
                          static_cast<OMX_U32>(OMX_ErrorHardware)));
   support::expectAnswer<int>(
       [&] { return encoder.encode(picture).result; }, 0, noAnswer + "OMX_FillThisBuffer\n",
-      "OmxEventsHandler - 0x80001009:the hardware failed to respond as expected\n", 100, 450);
+      "OmxEventsHandler - 0x80001009:the hardware failed to respond as expected\n", 100, 900);
 }
 
 TEST_F(JpegFaultTest, AnErrorOfTheMmalComponentEndsTheProcess) {
@@ -276,6 +281,18 @@ TEST_F(JpegFaultTest, WhatCannotBeGivenBackIsTold) {
   encoder.encode(picture);
   EXPECT_EQ(capture.err(), omxLine(hardware + "ReleaseBuffers::OMX_FreeBuffer::Input") +
                                omxLine(hardware + "ReleaseBuffers::OMX_FreeBuffer::Output"));
+}
+
+TEST_F(JpegFaultTest, AHandleThatCannotBeFreedIsTold) {
+  const auto leave = [] {  // it stays, so it happens elsewhere
+    {
+      JpegEncoder encoder(omxJpeg());
+      support::inject(refuse("OMX_FreeHandle"));
+    }
+    _exit(0);
+  };
+  EXPECT_EXIT(leave(), testing::ExitedWithCode(0),
+              "^" + omxLine(hardware + "ReleaseHardware::OMX_FreeHandle"));
 }
 
 // -------------------------------------------------------------------------------- conversations
