@@ -1,3 +1,7 @@
+if(CMAKE_CROSSCOMPILING)
+  include(TesseraEmulated)
+endif()
+
 # tessera_test(NAME SOURCES file... [LIBRARIES target...] [LABELS label...] [TIMEOUT seconds])
 #
 # One GoogleTest program and one CTest entry of the same name: a process a program keeps the
@@ -6,10 +10,6 @@ function(tessera_test name)
   cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS" ${ARGN})
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 300)
-  endif()
-  if(CMAKE_CROSSCOMPILING)
-    # An emulated processor is several times slower.
-    math(EXPR arg_TIMEOUT "${arg_TIMEOUT} * 4")
   endif()
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE tessera_flags ${arg_LIBRARIES} GTest::gtest GTest::gtest_main)
@@ -20,4 +20,7 @@ function(tessera_test name)
                        INSTALL_RPATH "${PROJECT_BINARY_DIR}/lib")
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+  if(CMAKE_CROSSCOMPILING)
+    tessera_emulated_test(${name})
+  endif()
 endfunction()

@@ -1,6 +1,7 @@
 # What the cross toolchain files share: compiler, sysroot, where to look for packages, the emulator.
 #
-# Set before inclusion: TESSERA_CROSS_ARCH (Debian's name), TESSERA_CROSS_TRIPLET, TESSERA_CROSS_QEMU.
+# Set before inclusion: TESSERA_CROSS_ARCH (Debian's name), TESSERA_CROSS_TRIPLET, TESSERA_CROSS_QEMU,
+# TESSERA_CROSS_CPU (the processor to emulate).
 # TESSERA_SYSROOT, in the cache or the environment, takes a sysroot from another place.
 
 set(CMAKE_SYSTEM_NAME Linux)
@@ -45,5 +46,5 @@ set(ENV{PKG_CONFIG_LIBDIR}
 
 # Loader and libraries come from the one sysroot: a mix of two C libraries does not start.
 if(TESSERA_CROSS_EMULATOR)
-  set(CMAKE_CROSSCOMPILING_EMULATOR "${TESSERA_CROSS_EMULATOR};-L;${TESSERA_SYSROOT}")
+  set(CMAKE_CROSSCOMPILING_EMULATOR "${TESSERA_CROSS_EMULATOR};-L;${TESSERA_SYSROOT};-cpu;${TESSERA_CROSS_CPU}")
 endif()

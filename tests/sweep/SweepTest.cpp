@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -9,9 +10,16 @@
 namespace sweep {
 namespace {
 
+bool asked(const char* extent) {
+  const char* const said = std::getenv("TESSERA_SWEEP");
+  return said != nullptr && std::string(said) == extent;
+}
 bool thorough() {
-  const char* const asked = std::getenv("TESSERA_SWEEP");
-  return asked != nullptr && std::string(asked) == "whole";
+  return asked("whole");
+}
+/// Of how many points one is run: an emulated processor has time for a sample.
+int share() {
+  return asked("sample") ? 12 : 1;
 }
 
 /// The number of points that a class must offer at least, from the checked-in list.
@@ -29,9 +37,13 @@ class Sweep : public testing::TestWithParam<SubjectClass> {};
 /// returns in time, leaves nothing behind, and the next object works.
 TEST_P(Sweep, EveryFaultIsTakenWell) {
   const SubjectClass& subject = GetParam();
-  int points = 0, met = 0;
+  int points = 0, met = 0, number = 0;
   for (const Scenario& scenario : scenarios()) {
-    for (const Verdict& verdict : sweep(subject, scenario, record(subject, scenario, thorough()))) {
+    std::vector<Point> offered = record(subject, scenario, thorough());
+    offered.erase(std::remove_if(offered.begin(), offered.end(),
+                                 [&](const Point&) { return number++ % share() != 0; }),
+                  offered.end());
+    for (const Verdict& verdict : sweep(subject, scenario, offered)) {
       ++points;
       met += verdict.met;
       EXPECT_TRUE(verdict.problem.empty())
@@ -41,7 +53,8 @@ TEST_P(Sweep, EveryFaultIsTakenWell) {
   std::cout << subject.name << ": " << points << " points, " << met << " met\n";
   const int floor = floorOf(subject.name);
   ASSERT_GT(floor, 0) << "no floor for this class";
-  EXPECT_GE(met, floor) << "the sweep has shrunk";
+  // A share may hit a few more of the points that are not met.
+  EXPECT_GE(met, share() == 1 ? floor : floor * 3 / 4 / share()) << "the sweep has shrunk";
 }
 
 INSTANTIATE_TEST_SUITE_P(Classes, Sweep, testing::ValuesIn(subjectClasses()),
