@@ -16,6 +16,7 @@ namespace support::interpose {
 
 Failing semInit, semWait, clockGettime, allocation;
 std::atomic<int> hurry{1};
+std::atomic<long long> lateNanoseconds{0};
 std::atomic<int> clockRate{1};
 
 namespace {
@@ -175,7 +176,13 @@ int sem_timedwait(sem_t* semaphore, const timespec* deadline) {
     return -1;
   }
   const timespec when = interpose::hastened(*deadline);
-  return function(semaphore, &when);
+  const int result = function(semaphore, &when);
+  timespec now{};
+  if (result != 0 && errno == ETIMEDOUT && interpose::realClock(CLOCK_REALTIME, &now) == 0)
+    interpose::lateNanoseconds +=
+        (static_cast<long long>(now.tv_sec) - when.tv_sec) * 1000000000LL + now.tv_nsec -
+        when.tv_nsec;
+  return result;
 }
 
 int clock_gettime(clockid_t clock, timespec* now) noexcept {

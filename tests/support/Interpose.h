@@ -29,6 +29,10 @@ extern Failing allocation;    ///< operator new, called by libtessera.so, throws
 /// fraction of one.
 extern std::atomic<int> hurry;
 
+/// How much later than asked timed waits have ended, together: a busy machine's share of a
+/// duration.
+extern std::atomic<long long> lateNanoseconds;
+
 /// How fast CLOCK_MONOTONIC runs; 1: as it is.
 extern std::atomic<int> clockRate;
 
