@@ -19,18 +19,7 @@ inline std::vector<std::size_t> segmentStarts(const support::Bytes& jpeg) {
   return starts;
 }
 
-/// The segments of one kind, joined.
-inline std::vector<support::Bytes> segments(const support::Bytes& jpeg, std::uint8_t kind) {
-  std::vector<support::Bytes> found;
-  for (const std::size_t at : segmentStarts(jpeg)) {
-    const std::ptrdiff_t length = 2 + (jpeg[at + 2] << 8 | jpeg[at + 3]);
-    const auto from = jpeg.begin() + static_cast<std::ptrdiff_t>(at);
-    if (jpeg[at + 1] == kind) found.emplace_back(from, from + length);
-  }
-  return found;
-}
-
-/// The JPEG without them.
+/// The JPEG without the segments of one kind.
 inline support::Bytes withoutSegments(const support::Bytes& jpeg, std::uint8_t kind) {
   support::Bytes rest = jpeg;
   const std::vector<std::size_t> starts = segmentStarts(jpeg);

@@ -93,36 +93,6 @@ TEST_F(Control, JournalReadsLikeTheConversationInEveryRun) {
   }
 }
 
-/// None of its work, that is, that the next call or the end would meet.
-TEST_F(Control, FailsCallsWithoutDoingTheirWork) {
-  const auto client = decoder();
-  OMX_BUFFERHEADERTYPE* buffer = nullptr;
-  OMX_HANDLETYPE other = nullptr, own = client->handle;
-  OMX_CALLBACKTYPE callbacks{};
-  char name[] = "OMX.broadcom.image_decode";
-  const std::pair<const char*, std::function<OMX_ERRORTYPE()>> rows[] = {
-      {"OMX_GetHandle", [&] { return OMX_GetHandle(&other, name, nullptr, &callbacks); }},
-      {"OMX_FreeHandle", [&] { return OMX_FreeHandle(own); }},
-      {"OMX_SendCommand", [&] { return client->send(OMX_CommandFlush, in); }},
-      {"OMX_AllocateBuffer",
-       [&] { return OMX_AllocateBuffer(own, &buffer, in, nullptr, 1024000); }},
-      {"OMX_FreeBuffer", [&] { return client->free(in, client->in[0]); }},
-      {"OMX_EmptyThisBuffer", [&] { return client->empty(client->in[0], jpeg()); }},
-      {"OMX_FillThisBuffer", [&] { return client->fill(client->out[0]); }},
-  };
-  for (const auto action : {CallFault::Fail, CallFault::NullResult})
-    for (const auto& [call, work] : rows) {
-      platform::clearFaults();
-      platform::inject(CallFault{call, 1, false, action, OMX_ErrorHardware});
-      EXPECT_EQ(work(), action == CallFault::Fail ? OMX_ErrorHardware : OMX_ErrorNone) << call;
-      EXPECT_EQ(platform::faultsHit(), 1u) << call;
-    }
-  EXPECT_EQ(other, nullptr);
-  EXPECT_EQ(buffer, nullptr);
-  platform::clearFaults();
-  EXPECT_EQ(client->soFar(), Texts{}) << "no command and no buffer went through";
-}
-
 TEST_F(Control, HoldsADroppedBufferUntilThePortIsDisabled) {
   const auto client = decoder();
   fault("FillBufferDone", CompletionFault::Drop);
@@ -159,42 +129,6 @@ TEST_F(Control, DelaysDoublesAndReplacesCallbacks) {
   EXPECT_EQ(client->next(2), (Texts{"emptied 320", "error PortUnpopulated"}));
   client->send(OMX_CommandFlush, out);
   EXPECT_EQ(client->next(2), (Texts{"filled 321", "done Flush 321"}));
-}
-
-TEST_F(Control, MeddlesWithEvents) {
-  const std::pair<CompletionFault::Action, Texts> rows[] = {
-      {CompletionFault::Drop, {}},
-      {CompletionFault::Double, {"done Flush 321", "done Flush 321"}},
-      {CompletionFault::ErrorEvent, {"error SameState"}},
-  };
-  const auto client = decoder();
-  for (const auto& [action, wanted] : rows) {
-    fault("EventHandler", action, 0, OMX_ErrorSameState);
-    client->send(OMX_CommandFlush, out);
-    EXPECT_EQ(client->soFar(), wanted);
-  }
-  fault("EventHandler", CompletionFault::Delay, 400);
-  client->send(OMX_CommandFlush, out);
-  client->send(OMX_CommandFlush, in);
-  EXPECT_EQ(client->next(2), (Texts{"done Flush 320", "done Flush 321"})) << "overtaken";
-}
-
-TEST_F(Control, CountsWhatIsAliveAndTheLastDeinitTakesItAlong) {
-  {
-    const auto client = decoder();
-    const platform::Census census = platform::census();
-    EXPECT_EQ(census.coreInits, 1);
-    EXPECT_EQ(census.handles, 1);
-    EXPECT_EQ(census.threads, 1);
-    EXPECT_EQ(census.buffers, 4);
-  }
-  ASSERT_EQ(OMX_Init(), OMX_ErrorNone);
-  OMX_HANDLETYPE handle = nullptr;
-  OMX_CALLBACKTYPE callbacks{};
-  for (const rig::Part& part : rig::parts)
-    OMX_GetHandle(&handle, const_cast<char*>(part.name), nullptr, &callbacks);
-  EXPECT_EQ(platform::census().handles, 3);
-  EXPECT_EQ(OMX_Deinit(), OMX_ErrorNone);
 }
 
 /// A fault that holds a buffer back must not hold back the end.

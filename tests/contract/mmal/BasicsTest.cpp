@@ -17,21 +17,6 @@ using QueuePtr = std::unique_ptr<MMAL_QUEUE_T, With<mmal_queue_destroy>>;
 using PoolPtr = std::unique_ptr<MMAL_POOL_T, With<mmal_pool_destroy>>;
 using FormatPtr = std::unique_ptr<MMAL_ES_FORMAT_T, With<mmal_format_free>>;
 
-TEST(Structures, HaveThePublishedShape) {
-  EXPECT_EQ(MMAL_EAGAIN, 14);
-  EXPECT_EQ(MMAL_EINVAL, 3);
-  EXPECT_EQ(MMAL_BUFFER_HEADER_FLAG_KEYFRAME, 8);
-  EXPECT_EQ(MMAL_BUFFER_HEADER_FLAG_DECODEONLY, 0x800);
-  EXPECT_EQ(static_cast<std::uint64_t>(MMAL_TIME_UNKNOWN), 0x8000000000000000u);
-  EXPECT_EQ(MMAL_PARAMETER_JPEG_Q_FACTOR, 0x10019);
-  EXPECT_EQ(MMAL_PARAMETER_PROFILE, 0x20002);
-  EXPECT_EQ(MMAL_PARAMETER_INTRAPERIOD, 0x20003);
-  EXPECT_EQ(sizeof(MMAL_PARAMETER_VIDEO_PROFILE_T), 16u);
-  EXPECT_EQ(MMAL_VIDEO_LEVEL_H264_51, 32);
-  EXPECT_EQ(MMAL_ENCODING_I420, 0x30323449u);
-  EXPECT_EQ(MMAL_ENCODING_RGBA, 0x41424752u);
-}
-
 TEST(Queues, AreFirstInFirstOutAndTakeBackAtTheFront) {
   const PoolPtr pool(mmal_pool_create(3, 16));
   const QueuePtr queue(mmal_queue_create());

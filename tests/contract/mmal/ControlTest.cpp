@@ -87,17 +87,6 @@ TEST_F(Control, DelayedBuffersComeLateAndInOrder) {
   EXPECT_EQ(rig->inputsBack, 2);
 }
 
-TEST_F(Control, DoubledCallbacksHarmNothing) {
-  const auto rig = running();
-  fault("input", CompletionFault::Double, 0, 0, true);
-  fault("output", CompletionFault::Double, 0, 0, true);
-  for (int i = 0; i < 20; ++i) {
-    ASSERT_TRUE(rig->feedScene(i));
-    ASSERT_TRUE(rig->take().came);
-  }
-  EXPECT_GT(faultsHit(), 20u);
-}
-
 TEST_F(Control, BuffersAreEmptiedOrReplacedByErrorEvents) {
   const auto rig = running();
   fault("output", CompletionFault::ZeroLength);
@@ -117,40 +106,6 @@ TEST_F(Control, BuffersAreEmptiedOrReplacedByErrorEvents) {
   EXPECT_EQ(status, MMAL_EIO);
   rig->stop();
   rig->expectOutputsBack();
-}
-
-TEST_F(Control, FinishFirstLetsEverythingComeBeforeTheCallReturns) {
-  const auto rig = running();
-  inject(CallFault{"mmal_port_send_buffer", 1, true, CallFault::FinishFirst, 0});
-  for (int i = 0; i < 5; ++i) {
-    ASSERT_TRUE(rig->feedScene(i));
-    EXPECT_EQ(rig->inputsBack, i + 1);
-    EXPECT_EQ(rig->take(0).has(MMAL_BUFFER_HEADER_FLAG_CONFIG), i == 0);
-    if (i == 0) {
-      EXPECT_TRUE(rig->take(0).came);
-    }
-  }
-}
-
-TEST_F(Control, WrapperErrorsStayInItsStatus) {
-  MMAL_WRAPPER_T* wrapper = nullptr;
-  ASSERT_EQ(mmal_wrapper_create(&wrapper, imageEncode), MMAL_SUCCESS);
-  EXPECT_EQ(census().wrappers, 1);
-  MMAL_PORT_T &in = *wrapper->input[0], &out = *wrapper->output[0];
-  describe(in, MMAL_ENCODING_YUYV, 64, 48);
-  for (MMAL_PORT_T* port : {&in, &out}) {
-    ASSERT_EQ(mmal_port_format_commit(port), MMAL_SUCCESS);
-    port->buffer_size = port->buffer_size_recommended;
-    ASSERT_EQ(mmal_wrapper_port_enable(port, MMAL_WRAPPER_FLAG_PAYLOAD_ALLOCATE), MMAL_SUCCESS);
-  }
-  fault("wrapper", CompletionFault::ErrorEvent, 0, MMAL_ECORRUPT);
-  MMAL_BUFFER_HEADER_T* buffer = nullptr;
-  ASSERT_EQ(mmal_wrapper_buffer_get_empty(&in, &buffer, 0), MMAL_SUCCESS);
-  buffer->length = buffer->alloc_size;
-  ASSERT_EQ(mmal_port_send_buffer(&in, buffer), MMAL_SUCCESS);
-  EXPECT_EQ(mmal_wrapper_buffer_get_full(&out, &buffer, MMAL_WRAPPER_FLAG_WAIT), MMAL_ECORRUPT);
-  EXPECT_EQ(wrapper->status, MMAL_ECORRUPT);
-  EXPECT_EQ(mmal_wrapper_destroy(wrapper), MMAL_SUCCESS);
 }
 
 /// What a client may do wrong after a call has failed: free the pool of buffers that the component
@@ -201,17 +156,6 @@ TEST_F(Control, JournalTellsFormatsBuffersAndResultsAlikeInEveryRun) {
         "SUCCESS",
         "mmal_component_destroy(video_encode#1) = SUCCESS"})
     EXPECT_EQ(std::count(first.begin(), first.end(), expected), 1) << expected;
-}
-
-TEST_F(Control, CensusCountsWhatIsAlive) {
-  const auto rig = running();
-  const Census now = census();
-  EXPECT_EQ(now.components, 1);
-  EXPECT_EQ(now.threads, 1);
-  EXPECT_EQ(now.enabledPorts, 2);
-  EXPECT_EQ(now.pools, 2);
-  EXPECT_EQ(now.queues, 1);
-  EXPECT_EQ(now.buffers, static_cast<int>(rig->in().buffer_num + rig->out().buffer_num));
 }
 
 }  // namespace
