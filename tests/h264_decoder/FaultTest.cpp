@@ -213,6 +213,7 @@ TEST_F(DecoderFaults, BadArgumentsAndStates) {
     EXPECT_TRUE(out.empty());
     EXPECT_EQ(out.size, 77u);
   }
+  decoder.ResetResources();
   ASSERT_TRUE(decoder.Initialize());
   expectFalse([&] { return decoder.Create(0, 480, 0, nullptr); },
               name + "SetInputFormat - image dimensions are not supported 0x480\n" + name +

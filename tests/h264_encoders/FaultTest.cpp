@@ -73,6 +73,7 @@ const FaultCase mmalFaults[] = {
     {"OutputBuffer", refuse("mmal_port_send_buffer"), "", "", true},
     {"Frame", refuse("mmal_port_send_buffer", 3),
      mmal + "ProcessInput - send input buffer failed. Error code [0x7]\n", ""},
+    {"EmptyOutput", support::mangle("output", control::CompletionFault::ZeroLength), "", ""},
     {"NoInputBuffer", refuse("mmal_queue_get", 4), "", ""},
 };
 

@@ -55,7 +55,8 @@ struct Video {
 /// An object of one of them.
 class H264Encoder {
  public:
-  explicit H264Encoder(const H264Class& kind) : made_(kind.make()), tries_(kind.mmal ? 50 : 1) {}
+  explicit H264Encoder(const H264Class& kind)
+      : made_(kind.make(), ReleaseEncoderH264), tries_(kind.mmal ? 50 : 1) {}
 
   IH264Encoder& operator*() { return *made_; }
   bool create(const Wish& wish = {});
@@ -72,7 +73,7 @@ class H264Encoder {
   bool works(int frames = 1);
 
  private:
-  std::unique_ptr<IH264Encoder> made_;
+  std::unique_ptr<IH264Encoder, int (*)(IH264Encoder*)> made_;
   int tries_;
   Wish wish_;
 };

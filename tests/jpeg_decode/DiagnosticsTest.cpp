@@ -105,6 +105,11 @@ TEST(Descriptions, PrintOmxErrorWritesOneLine) {
   const std::pair<OMX_U32, const char*> table[] = {
       {0, "0x00000000:success"},
       {0x80001005, "0x80001005:one or more parameters were not valid"},
+      {0x80001009, "0x80001009:the hardware failed to respond as expected"},
+      {0x8000100B, "0x8000100b:stream is found to be corrupt"},
+      {0x80001012, "0x80001012:the same state"},
+      {0x80001018, "0x80001018:invalid state while trying to perform command."},
+      {0x8000101B, "0x8000101b:the port index supplied is incorrect."},
       {0x80001017, "0x80001017:attempting a state transtion that is not allowed"},
       {0x80001001, "0x80001001:(no description)."},
       {0x8000101C, "0x8000101c:(no description)."}};

@@ -61,6 +61,7 @@ void goThroughTheSlots() {
 TEST(JpegSlots, AllocatingOverloadsGoThroughTheVirtualOnes) {
   goThroughTheSlots<CMmalJpegEncoder>();
   goThroughTheSlots<COmxJpegEncoder>();
+  EXPECT_EQ(ReleaseEncoderJPEG(nullptr), 0);
 }
 
 TEST_P(BothJpeg, CapacityTooSmallTellsTheSizeNeeded) {

@@ -41,7 +41,8 @@ struct Encoded {
 /// An object of one of them.
 class JpegEncoder {
  public:
-  explicit JpegEncoder(const JpegClass& kind) : kind_(kind), made_(kind.make()) {}
+  explicit JpegEncoder(const JpegClass& kind)
+      : kind_(kind), made_(kind.make(), ReleaseEncoderJPEG) {}
 
   IJPEGEncoder& operator*() { return *made_; }
   Encoded encode(Bytes frame, Bits bits, int width, int height, unsigned capacity = 1 << 21);
@@ -57,7 +58,7 @@ class JpegEncoder {
 
  private:
   const JpegClass& kind_;
-  std::unique_ptr<IJPEGEncoder> made_;
+  std::unique_ptr<IJPEGEncoder, int (*)(IJPEGEncoder*)> made_;
 };
 
 inline unsigned length(const Bytes& bytes) {
