@@ -1,15 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <array>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <map>
-#include <random>
-// jpeglib.h takes size_t and FILE for granted.
-#include <jpeglib.h>
 
-#include "Segments.h"
 #include "codec/JpegDecoder.h"
 #include "convert/GuardedMemory.h"
 #include "support/JpegOracle.h"
@@ -21,6 +14,31 @@ using support::Yuv;
 using Result = codec::JpegDecoder::Result;
 
 namespace {
+
+namespace marker {
+constexpr std::uint8_t frame = 0xc0, huffman = 0xc4, scan = 0xda, quantisation = 0xdb, jfif = 0xe0;
+}
+
+/// Where the marker segments in front of a JPEG's first scan start; the scan's last.
+std::vector<std::size_t> segmentStarts(const Bytes& jpeg) {
+  std::vector<std::size_t> starts;
+  for (std::size_t at = 2; at + 4 < jpeg.size(); at += 2 + (jpeg[at + 2] << 8 | jpeg[at + 3])) {
+    starts.push_back(at);
+    if (jpeg[at + 1] == marker::scan) break;
+  }
+  return starts;
+}
+
+/// The JPEG without the segments of one kind.
+Bytes withoutSegments(const Bytes& jpeg, std::uint8_t kind) {
+  Bytes rest = jpeg;
+  const std::vector<std::size_t> starts = segmentStarts(jpeg);
+  for (std::size_t i = starts.size() - 1; i-- > 0;)
+    if (jpeg[starts[i] + 1] == kind)
+      rest.erase(rest.begin() + static_cast<std::ptrdiff_t>(starts[i]),
+                 rest.begin() + static_cast<std::ptrdiff_t>(starts[i + 1]));
+  return rest;
+}
 
 struct Decoded {
   Result result = Result::Unusable;
@@ -95,55 +113,6 @@ INSTANTIATE_TEST_SUITE_P(
                      testing::Values(std::pair(1, 1), std::pair(17, 3), std::pair(8, 33),
                                      std::pair(321, 241), std::pair(705, 480))));
 
-/// One JPEG with these sampling factors, by libjpeg itself, whose error exit ends the test.
-Bytes encodeWithFactors(const support::Image& image, const std::array<int, 3>& factors) {
-  jpeg_compress_struct cinfo;
-  jpeg_error_mgr errors;
-  cinfo.err = jpeg_std_error(&errors);
-  jpeg_create_compress(&cinfo);
-  unsigned char* data = nullptr;
-  unsigned long size = 0;
-  jpeg_mem_dest(&cinfo, &data, &size);
-  cinfo.image_width = static_cast<JDIMENSION>(image.width);
-  cinfo.image_height = static_cast<JDIMENSION>(image.height);
-  cinfo.input_components = 3;
-  cinfo.in_color_space = JCS_RGB;
-  jpeg_set_defaults(&cinfo);
-  jpeg_set_quality(&cinfo, 95, TRUE);
-  for (std::size_t i = 0; i < 3; ++i) {
-    cinfo.comp_info[i].h_samp_factor = factors[i] / 10;
-    cinfo.comp_info[i].v_samp_factor = factors[i] % 10;
-  }
-  jpeg_start_compress(&cinfo, TRUE);
-  for (int y = 0; y < image.height; ++y) {
-    auto row = const_cast<JSAMPROW>(image.at(0, y));
-    jpeg_write_scanlines(&cinfo, &row, 1);
-  }
-  jpeg_finish_compress(&cinfo);
-  jpeg_destroy_compress(&cinfo);
-  const Bytes jpeg(data, data + size);
-  std::free(data);
-  return jpeg;
-}
-
-/// TurboJPEG's planes have none of these; the picture itself is what to expect.
-TEST(JpegDecoder, OddSamplingFactors) {
-  const std::array<int, 3> all[] = {{22, 12, 21}, {22, 21, 12}, {41, 11, 21}, {31, 11, 31},
-                                    {14, 11, 12}, {11, 21, 22}, {21, 12, 11}, {12, 12, 12},
-                                    {22, 22, 11}, {13, 11, 11}};
-  for (const std::array<int, 3>& factors : all)
-    for (const auto& [width, height] : {std::pair(131, 77), std::pair(64, 48), std::pair(1, 1)}) {
-      SCOPED_TRACE(testing::PrintToString(factors));
-      const support::Image image = support::scene(width, height);
-      const Yuv expected = support::toYuv(image);
-      const Decoded decoded = decode(encodeWithFactors(image, factors));
-      ASSERT_EQ(decoded.result, Result::Complete);
-      EXPECT_GT(support::lumaPsnr(decoded.picture, expected), 40);
-      EXPECT_GT(support::psnr(decoded.picture.u, expected.u), 40);
-      EXPECT_GT(support::psnr(decoded.picture.v, expected.v), 40);
-    }
-}
-
 TEST(JpegDecoder, RgbCodedBecomesYuv) {
   const support::Image image = support::bars(64, 32);
   Bytes jpeg = withoutSegments(support::encodeJpeg(image, Sampling::Yuv444, 95), marker::jfif);
@@ -167,75 +136,6 @@ TEST(JpegDecoder, RgbCodedBecomesYuv) {
   EXPECT_LE(support::maxDifference(decoded.picture.y, expected.y), 2);
   EXPECT_LE(support::maxDifference(decoded.picture.u, expected.u), 2);
   EXPECT_LE(support::maxDifference(decoded.picture.v, expected.v), 2);
-}
-
-TEST(JpegDecoder, TablesAreNotThePicturesBefore) {
-  const support::Image image = support::scene(160, 120);
-  const Bytes jpeg = support::encodeJpeg(image, Sampling::Yuv420, 75);
-  const Bytes other = support::encodeJpeg(image, Sampling::Yuv420, 30, true);
-  const Decoded expected = decode(jpeg);
-  JpegDecoder decoder;
-  ASSERT_EQ(decode(decoder, other).result, Result::Complete);
-  // A frame of Motion JPEG brings no Huffman tables; the standard ones are meant.
-  const Decoded motion = decode(decoder, withoutSegments(jpeg, marker::huffman));
-  EXPECT_EQ(motion.result, Result::Complete);
-  EXPECT_EQ(motion.picture.y, expected.picture.y);
-  EXPECT_EQ(decode(decoder, withoutSegments(jpeg, marker::quantisation)).result, Result::Unusable);
-  EXPECT_EQ(decode(decoder, jpeg).picture.y, expected.picture.y);
-}
-
-TEST(JpegDecoder, TruncatedGivesThePictureAsFarAsItGoes) {
-  for (const bool progressive : {false, true}) {
-    const Bytes jpeg =
-        support::encodeJpeg(support::scene(320, 240), Sampling::Yuv420, 85, progressive);
-    const Decoded whole = decode(jpeg);
-    for (const std::size_t percent : {95u, 50u, 25u}) {
-      const Bytes cut(jpeg.data(), jpeg.data() + jpeg.size() * percent / 100);
-      const Decoded first = decode(cut, 0), second = decode(cut, 255);
-      ASSERT_EQ(first.result, Result::Damaged) << progressive << percent;
-      EXPECT_TRUE(first.picture.y == second.picture.y && first.picture.u == second.picture.u &&
-                  first.picture.v == second.picture.v)
-          << "what is not in the stream is not left as it was";
-      const std::size_t intact = progressive ? 0 : percent * 240 / 200 * 320;
-      EXPECT_TRUE(std::equal(&first.picture.y[0], &first.picture.y[intact], &whole.picture.y[0]));
-      EXPECT_GT(support::lumaPsnr(first.picture, whole.picture), 8);
-    }
-    JpegDecoder decoder;
-    EXPECT_FALSE(decoder.open(jpeg.data(), 100));
-    EXPECT_FALSE(decoder.error().empty());
-  }
-}
-
-TEST(JpegDecoder, AMistakeBetweenScansKeepsTheScansBefore) {
-  Bytes jpeg = support::encodeJpeg(support::scene(320, 240), Sampling::Yuv420, 85, true);
-  std::vector<std::size_t> scans;
-  for (std::size_t i = 0; i + 1 < jpeg.size(); ++i)
-    if (jpeg[i] == 0xff && jpeg[i + 1] == marker::scan) scans.push_back(i);
-  ASSERT_GT(scans.size(), 4u);
-  jpeg[scans[3] + 4] = 77;  // that many components
-  const Decoded decoded = decode(jpeg);
-  EXPECT_EQ(decoded.result, Result::Damaged);
-  const Bytes before(jpeg.begin(), jpeg.begin() + static_cast<std::ptrdiff_t>(scans[3]));
-  EXPECT_EQ(decoded.picture.y, decode(before).picture.y);
-}
-
-TEST(JpegDecoder, DamagedBytesNeitherCrashNorStay) {
-  std::mt19937 random(20);
-  JpegDecoder decoder;
-  for (const bool progressive : {false, true})
-    for (const Sampling sampling : {Sampling::Yuv420, Sampling::Yuv422, Sampling::Yuv444}) {
-      const Bytes good = support::encodeJpeg(support::scene(161, 99), sampling, 85, progressive);
-      const Decoded expected = decode(good);
-      for (int i = 0; i < 150; ++i) {
-        Bytes bad = good;
-        for (unsigned n = 1 + random() % 8; n > 0; --n)
-          bad[2 + random() % (bad.size() - 2)] = static_cast<std::uint8_t>(random());
-        const JpegDecoder::Limits limits = {2000, 2000, 1u << 20, 100};
-        JpegDecoder small(limits);
-        decode(small, bad);
-      }
-      EXPECT_EQ(decode(decoder, good).picture.y, expected.picture.y);
-    }
 }
 
 Bytes withFrameByte(Bytes jpeg, std::size_t offset, std::uint8_t value) {
