@@ -15,7 +15,7 @@
 namespace bench {
 namespace {
 
-constexpr Size sizes[] = {{640, 480}, {1280, 720}, {1920, 1080}};
+constexpr Size sizes[] = {{320, 240}, {640, 480}, {1280, 720}, {1920, 1080}};
 constexpr int framesPerSecond = 30;
 constexpr std::size_t readAhead = 64;
 constexpr int runLength = 6;
@@ -85,19 +85,16 @@ class EncodeH264 : public Work {
         clip_(width, height, input),
         planes_(paddedI420Size(width, height)),
         stream_(static_cast<std::size_t>(width) * height * 2),
-        encoder_(make()),
-        x264_({coded.width, coded.height, framesPerSecond, bitrateFor(width, height), level}) {
-    const unsigned format = input == Input::I420 ? 0x30323449 : 0x56595559;
-    require(encoder_->Create(format, width, height, framesPerSecond, 1, 1, 1,
-                             static_cast<unsigned>(bitrateFor(width, height))),
-            "the encoder does not start");
-  }
+        make_(make),
+        settings_({coded.width, coded.height, framesPerSecond, bitrateFor(width, height), level}) {}
 
   double ours(int frame) override {
+    if (!encoder_) start();
     std::this_thread::sleep_for(pause_);
     return timed([&] { encodeOurs(clip_.frame(frame)); });
   }
   double peer(int frame) override {
+    if (!x264_) x264_.emplace(settings_);
     std::this_thread::sleep_for(pause_);
     return timed([&] { encodeDirectly(clip_.frame(frame)); });
   }
@@ -108,6 +105,14 @@ class EncodeH264 : public Work {
   struct Release {
     void operator()(IH264Encoder* encoder) const { ReleaseEncoderH264(encoder); }
   };
+
+  void start() {
+    encoder_.reset(make_());
+    const unsigned format = input_ == Input::I420 ? 0x30323449 : 0x56595559;
+    require(encoder_->Create(format, width_, height_, framesPerSecond, 1, 1, 1,
+                             static_cast<unsigned>(settings_.bitrate)),
+            "the encoder does not start");
+  }
 
   void encodeOurs(Buffer& frame) {
     require(encoder_->ProcessInput(frame.data(), frame.size32(), 0, 0) == CodecOk,
@@ -132,7 +137,7 @@ class EncodeH264 : public Work {
                          height_);
     }
     const std::uint8_t* data = nullptr;
-    const std::size_t size = x264_.encode(y, u, v, stride, &data);
+    const std::size_t size = x264_->encode(y, u, v, stride, &data);
     std::memcpy(stream_.data(), data, size);
   }
 
@@ -143,8 +148,10 @@ class EncodeH264 : public Work {
   Clip clip_;
   Buffer planes_;
   Buffer stream_;
+  MakeEncoder make_;
+  H264Settings settings_;
   std::unique_ptr<IH264Encoder, Release> encoder_;
-  X264 x264_;
+  std::optional<X264> x264_;
 };
 
 /// From an access unit to its picture as padded I420 in the caller's memory: one at a time, or as
@@ -157,16 +164,14 @@ class DecodeH264 : public Work {
   DecodeH264(int width, int height, int length)
       : width_(width), height_(height), length_(length), picture_(paddedI420Size(width, height)) {
     encodeUnits();
-    IH264Decoder* made = nullptr;
-    require(CreateH264Decoder(&made) == 1, "there is no decoder");
-    decoder_.reset(made);
-    require(made->Create(width, height, 0, nullptr), "the decoder does not start");
   }
 
   double ours(int run) override {
+    if (!decoder_) start();
     return timed([&] { decodeRun(run * length_); }) / length_;
   }
   double peer(int run) override {
+    if (!avcodec_) avcodec_.emplace();
     return timed([&] {
              for (int i = 0; i < length_; ++i) decodeDirectly(unit(run * length_ + i));
            }) /
@@ -179,6 +184,13 @@ class DecodeH264 : public Work {
   struct Release {
     void operator()(IH264Decoder* decoder) const { FreeH264Decoder(decoder); }
   };
+
+  void start() {
+    IH264Decoder* made = nullptr;
+    require(CreateH264Decoder(&made) == 1, "there is no decoder");
+    decoder_.reset(made);
+    require(made->Create(width_, height_, 0, nullptr), "the decoder does not start");
+  }
 
   void encodeUnits() {
     X264 x264({width_, height_, framesPerSecond, bitrateFor(width_, height_), 40});
@@ -224,7 +236,7 @@ class DecodeH264 : public Work {
   }
 
   void decodeDirectly(const Buffer& unit) {
-    require(avcodec_.decode(unit.data(), unit.size() - readAhead, picture_.data()),
+    require(avcodec_->decode(unit.data(), unit.size() - readAhead, picture_.data()),
             "libavcodec gives no picture");
   }
 
@@ -234,7 +246,7 @@ class DecodeH264 : public Work {
   Buffer picture_;
   std::vector<Buffer> units_;
   std::unique_ptr<IH264Decoder, Release> decoder_;
-  Avcodec avcodec_;
+  std::optional<Avcodec> avcodec_;
 };
 
 void addEncoder(std::vector<Entry>& entries, const std::string& work, Input input, bool omx,

@@ -12,7 +12,7 @@
 namespace bench {
 namespace {
 
-constexpr Size sizes[] = {{640, 480}, {1280, 720}, {1920, 1080}};
+constexpr Size sizes[] = {{320, 240}, {640, 480}, {1280, 720}, {1920, 1080}};
 constexpr int quality = 75;
 
 struct CloseTurbo {
@@ -39,10 +39,14 @@ class Encode : public Work {
         height_(height),
         frame_(std::move(frame)),
         jpeg_(tjBufSize(width, height, TJSAMP_444)),
-        encoder_(make()),
+        make_(make),
         turbo_(tjInitCompress()) {}
 
  protected:
+  IJPEGEncoder& encoder() {
+    if (!encoder_) encoder_.reset(make_());
+    return *encoder_;
+  }
   void tookTurbo(int result) { require(result == 0, "TurboJPEG does not encode"); }
   void tookOurs(int result) { require(result == 1, "the encoder does not encode"); }
 
@@ -50,6 +54,7 @@ class Encode : public Work {
   int height_;
   Buffer frame_;
   Buffer jpeg_;
+  MakeEncoder make_;
   Encoder encoder_;
   Turbo turbo_;
 };
@@ -63,7 +68,7 @@ class EncodeYuyv : public Encode {
   double ours(int) override {
     return timed([&] {
       unsigned size = 0;
-      tookOurs(encoder_->EncodeYUYV(frame_.data(), frame_.size32(), width_, height_, jpeg_.data(),
+      tookOurs(encoder().EncodeYUYV(frame_.data(), frame_.size32(), width_, height_, jpeg_.data(),
                                     jpeg_.size32(), size));
     });
   }
@@ -98,7 +103,7 @@ class EncodeRgb32 : public Encode {
   double ours(int) override {
     return timed([&] {
       unsigned size = 0;
-      tookOurs(encoder_->EncodeRGB32(frame_.data(), frame_.size32(), width_, height_, jpeg_.data(),
+      tookOurs(encoder().EncodeRGB32(frame_.data(), frame_.size32(), width_, height_, jpeg_.data(),
                                      jpeg_.size32(), size));
     });
   }
@@ -118,9 +123,7 @@ class EncodeRgb32 : public Encode {
 class Decode : public Work {
  public:
   Decode(int width, int height, bool alternating)
-      : planes_(paddedI420Size(width, height)),
-        pool_(GetDecoderPool()),
-        turbo_(tjInitDecompress()) {
+      : planes_(paddedI420Size(width, height)), turbo_(tjInitDecompress()) {
     jpegs_.push_back(makeJpeg(width, height));
     if (alternating) jpegs_.push_back(makeJpeg(width - 32, height - 16));
   }
@@ -129,6 +132,7 @@ class Decode : public Work {
 
   double ours(int frame) override {
     Jpeg& jpeg = jpegs_[static_cast<std::size_t>(frame)];
+    if (!pool_) pool_.reset(GetDecoderPool());
     return timed([&] {
       int width = 0, height = 0;
       require(pool_->DecodeJpeg(reinterpret_cast<char*>(jpeg.bytes.data()), jpeg.bytes.size32(),

@@ -7,8 +7,7 @@
 namespace bench {
 namespace {
 
-constexpr double secondsForEach = 2.5;
-constexpr int fewestTurns = 5;
+constexpr double secondsForEach = 2;
 
 /// The best of many runs of one side: of each frame of the sequence, then their mean. On a busy
 /// machine hardly a whole sequence goes through undisturbed, but each of its frames does at times.
@@ -36,13 +35,15 @@ class Best {
   std::vector<double> microseconds_;
 };
 
-void printRow(const Entry& entry, std::FILE* to) {
+void printRow(const Entry& entry, bool quick, std::FILE* to) {
   const std::unique_ptr<Work> work = entry.make();
   const bool limited = work->limit().has_value();
   const int frames = work->frames();
   Best ours(frames), peer(frames), limit(1);
   const int turn = work->turn();
-  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(secondsForEach);
+  const int fewestTurns = quick ? 1 : 5;
+  const auto end =
+      std::chrono::steady_clock::now() + std::chrono::duration<double>(quick ? 0 : secondsForEach);
   for (int turns = 0; turns < fewestTurns || std::chrono::steady_clock::now() < end; ++turns) {
     ours.take(turn, [&](int i) { return work->ours(i); });
     peer.take(turn, [&](int i) { return work->peer(i); });
@@ -60,13 +61,14 @@ void printRow(const Entry& entry, std::FILE* to) {
 
 }  // namespace
 
-bool printSummary(const std::vector<Entry>& entries, const std::string& filter, std::FILE* to) {
+bool printSummary(const std::vector<Entry>& entries, const std::string& filter, bool quick,
+                  std::FILE* to) {
   bool allDone = true;
   std::fputs("work\tsize\tus\tpeer\tpeer_us\tratio\tlimit_ratio\n", to);
   for (const Entry& entry : entries) {
     if (entry.work.find(filter) == std::string::npos) continue;
     try {
-      printRow(entry, to);
+      printRow(entry, quick, to);
     } catch (const std::exception& failure) {
       std::fprintf(stderr, "tessera_bench: %s %s: %s\n", entry.work.c_str(), entry.size().c_str(),
                    failure.what());

@@ -13,7 +13,8 @@ namespace bench {
 
 /// One kind of work on one size of picture, with all that it needs set up. The work is a short
 /// sequence of frames, run again and again from its first to its last; every side does the same and
-/// tells the microseconds of one frame. @throws std::runtime_error when a codec fails
+/// tells the microseconds of one frame. A side's codec is made at its first frame, so that its cost
+/// can be told apart. @throws std::runtime_error when a codec fails
 class Work {
  public:
   virtual ~Work() = default;

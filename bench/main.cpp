@@ -1,4 +1,4 @@
-// tessera_bench [--summary[=TEXT]] [Google Benchmark's options]
+// tessera_bench [--summary[=TEXT] | --latency | --objects] [--quick] [Google Benchmark's options]
 //
 // The library beside what a user would call instead, in one process.
 
@@ -10,6 +10,7 @@
 #include <ext/stdio_filebuf.h>
 #include <iostream>
 
+#include "Spread.h"
 #include "Summary.h"
 
 namespace {
@@ -73,19 +74,25 @@ int main(int argc, char** argv) {
   bench::addJpegCodecs(entries);
   bench::addH264Codecs(entries);
 
-  constexpr char option[] = "--summary";
-  const char* filter = nullptr;
+  const std::string summary = "--summary";
+  std::string mode, filter;
+  bool quick = false;
   for (int i = 1; i < argc; ++i) {
-    const std::size_t length = sizeof(option) - 1;
-    if (std::strncmp(argv[i], option, length) != 0) continue;
-    if (argv[i][length] == '=') filter = argv[i] + length + 1;
-    if (argv[i][length] == '\0') filter = "";
+    const std::string argument = argv[i];
+    if (argument == "--quick") quick = true;
+    if (argument == summary || argument == "--latency" || argument == "--objects") mode = argument;
+    if (argument.rfind(summary + "=", 0) == 0) {
+      mode = summary;
+      filter = argument.substr(summary.size() + 1);
+    }
   }
   try {
     const int output = takeStandardOutput();
-    if (filter == nullptr) return runInteractively(argc, argv, entries, output);
+    if (mode.empty()) return runInteractively(argc, argv, entries, output);
     std::FILE* stream = fdopen(output, "w");
-    const bool allDone = bench::printSummary(entries, filter, stream);
+    const bool allDone = mode == summary       ? bench::printSummary(entries, filter, quick, stream)
+                         : mode == "--latency" ? bench::printLatency(entries, quick, stream)
+                                               : bench::printObjects(entries, quick, stream);
     return std::fclose(stream) == 0 && allDone ? 0 : 1;
   } catch (const std::exception& failure) {
     std::cerr << "tessera_bench: " << failure.what() << '\n';
