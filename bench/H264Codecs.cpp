@@ -18,7 +18,7 @@ namespace {
 constexpr Size sizes[] = {{320, 240}, {640, 480}, {1280, 720}, {1920, 1080}};
 constexpr int framesPerSecond = 30;
 constexpr std::size_t readAhead = 64;
-constexpr int runLength = 6;
+constexpr int runLength = framesPerSecond / 2;
 constexpr std::chrono::milliseconds atOnce{0};
 constexpr std::chrono::milliseconds likeACamera{15};  // idle before each frame
 constexpr int patience = 100;  // time-outs, each of 100 ms, before a codec is given up

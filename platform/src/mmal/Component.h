@@ -80,9 +80,6 @@ class Component : public MMAL_COMPONENT_T, public Home {
   // What a subclass uses on the worker, without the lock.
   /// The oldest buffer of a port, which stays there until finish(); null when there is none.
   Header* front(Port& port);
-  /// The same with the newest buffer, which becomes the oldest by that: what the client has just
-  /// read is still in the caches when a picture is written over it.
-  Header* frontOfNewest(Port& port);
   /// Hands the oldest buffer back through the callback.
   void finish(Port& port);
   /// Makes the worker try step() again at that time, though nothing may have come until then.

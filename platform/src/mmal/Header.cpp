@@ -144,14 +144,6 @@ Header* HeaderList::popFront() {
   return first;
 }
 
-Header* HeaderList::turnLastForward() {
-  Header* const last = tail_;
-  if (last == nullptr || last == head_) return last;
-  remove(*last);
-  pushFront(*last);
-  return last;
-}
-
 bool HeaderList::remove(Header& header) {
   Header* before = nullptr;
   for (Header* each = head_; each != nullptr; before = each, each = headerOf(each->next)) {

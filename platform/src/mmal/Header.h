@@ -101,8 +101,6 @@ class HeaderList {
   void pushBack(Header& header);
   void pushFront(Header& header);
   Header* popFront();
-  /// Makes the last the first. @return it, null when there is none
-  Header* turnLastForward();
   bool remove(Header& header);
   /// Appends all of another list, which is empty then.
   void splice(HeaderList& other);

@@ -223,11 +223,6 @@ Header* Component::front(Port& target) {
   return target.open() ? target.pending.front() : nullptr;
 }
 
-Header* Component::frontOfNewest(Port& target) {
-  const Lock held(mutex_);
-  return target.open() ? target.pending.turnLastForward() : nullptr;
-}
-
 void Component::finish(Port& target) {
   Lock held(mutex_);
   Header* const header = target.pending.popFront();
