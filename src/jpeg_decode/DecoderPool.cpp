@@ -4,7 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
+#include <new>
 
 #include "common/OmxAnswers.h"
 #include "common/OmxStructure.h"
@@ -89,13 +89,12 @@ bool DecoderPool::AllocateInputBuffers() {
     std::printf("unusable number of input buffers: %u\n", count);
     return false;
   }
-  ppInputBuffers = static_cast<OMX_BUFFERHEADERTYPE**>(std::malloc(count * slotBytes));
+  ppInputBuffers = new (std::nothrow) OMX_BUFFERHEADERTYPE*[count]();
   if (ppInputBuffers == nullptr) {
     std::puts("no memory for the input buffers");
     return false;
   }
   nInputBuffers = static_cast<std::int32_t>(count);
-  for (std::int32_t i = 0; i < nInputBuffers; ++i) ppInputBuffers[i] = nullptr;
   for (std::int32_t i = 0; i < nInputBuffers; ++i) {
     const auto error = OMX_AllocateBuffer(hDecoder, &ppInputBuffers[i], nInputPort,
                                           reinterpret_cast<OMX_PTR>(static_cast<std::intptr_t>(i)),
@@ -176,7 +175,7 @@ DecoderPool::~DecoderPool() {
     OMX_Deinit();
     DestroyOmxSemaphores(semCommandDone, semFillDone, semPortSettingsChanged);
   }
-  std::free(ppInputBuffers);
+  delete[] ppInputBuffers;
 }
 
 /// @return false when the component stays as it is: it refused to leave its state

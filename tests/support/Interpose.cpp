@@ -24,6 +24,19 @@ namespace {
 std::atomic<std::size_t> allocations{0};
 std::atomic<std::size_t> live{0};
 
+constexpr long long nanosecondsPerSecond = 1000000000LL;
+constexpr long long sleptBeforeStep = 50000000LL;
+std::atomic<long long> clockIsAhead{0};  ///< CLOCK_REALTIME, in nanoseconds
+std::atomic<long long> clockToStep{0};   ///< in the next wait
+
+long long nanoseconds(const timespec& time) {
+  return time.tv_sec * nanosecondsPerSecond + time.tv_nsec;
+}
+timespec toTimespec(long long nanoseconds) {
+  return {static_cast<std::time_t>(nanoseconds / nanosecondsPerSecond),
+          static_cast<long>(nanoseconds % nanosecondsPerSecond)};
+}
+
 struct Range {
   std::uintptr_t first = 0;
   std::uintptr_t last = 0;
@@ -75,15 +88,30 @@ timespec hastened(const timespec& deadline) {
   timespec now{};
   if (factor <= 1 || realClock(CLOCK_REALTIME, &now) != 0) return deadline;
   if (asked.tv_sec == deadline.tv_sec && asked.tv_nsec == deadline.tv_nsec) return given;
-  long long left = (static_cast<long long>(deadline.tv_sec) - now.tv_sec) * 1000000000LL +
-                   deadline.tv_nsec - now.tv_nsec;
-  if (left > 0) left /= factor;
-  const long long at = now.tv_nsec + left;
+  const long long left = nanoseconds(deadline) - nanoseconds(now);
   asked = deadline;
-  given = {now.tv_sec + static_cast<std::time_t>(at / 1000000000LL),
-           static_cast<long>(at % 1000000000LL)};
-  if (given.tv_nsec < 0) given.tv_nsec += 1000000000L, --given.tv_sec;
+  given = toTimespec(nanoseconds(now) + (left > 0 ? left / factor : left));
   return given;
+}
+
+/// Sleeps until a moment of the clock as the program sees it, which may be set meanwhile.
+template <typename Sleep>
+int sleepUntil(const timespec& deadline, Sleep sleep) {
+  timespec now{};
+  const auto asSystem = [&] { return toTimespec(nanoseconds(deadline) - clockIsAhead); };
+  if (clockToStep != 0 && realClock(CLOCK_REALTIME, &now) == 0) {
+    const timespec step = toTimespec(nanoseconds(now) + sleptBeforeStep);
+    if (nanoseconds(step) < nanoseconds(asSystem())) {
+      if (sleep(step) == 0) return 0;
+      if (errno != ETIMEDOUT) return -1;
+      clockIsAhead += clockToStep.exchange(0);
+    }
+  }
+  const timespec when = hastened(asSystem());
+  const int result = sleep(when);
+  if (result != 0 && errno == ETIMEDOUT && realClock(CLOCK_REALTIME, &now) == 0)
+    lateNanoseconds += nanoseconds(now) - nanoseconds(when);
+  return result;
 }
 
 void* allocate(std::size_t size) {
@@ -93,8 +121,9 @@ void* allocate(std::size_t size) {
   return memory;
 }
 
-void* allocateQuietly(std::size_t size) noexcept {
+void* allocateQuietly(std::size_t size, const void* caller) noexcept {
   try {
+    admit(caller);
     return allocate(size);
   } catch (const std::bad_alloc&) {
     return nullptr;
@@ -143,6 +172,11 @@ std::size_t allocationsOfLibrary() {
 void reset() {
   for (Failing* each : {&semInit, &semWait, &clockGettime, &allocation}) each->disarm();
   hurry = clockRate = 1;
+  clockIsAhead = clockToStep = 0;
+}
+
+void setClockDuringNextWait(std::chrono::nanoseconds by) {
+  clockToStep = by.count();
 }
 
 }  // namespace support::interpose
@@ -175,14 +209,8 @@ int sem_timedwait(sem_t* semaphore, const timespec* deadline) {
     errno = EINVAL;
     return -1;
   }
-  const timespec when = interpose::hastened(*deadline);
-  const int result = function(semaphore, &when);
-  timespec now{};
-  if (result != 0 && errno == ETIMEDOUT && interpose::realClock(CLOCK_REALTIME, &now) == 0)
-    interpose::lateNanoseconds +=
-        (static_cast<long long>(now.tv_sec) - when.tv_sec) * 1000000000LL + now.tv_nsec -
-        when.tv_nsec;
-  return result;
+  return interpose::sleepUntil(*deadline,
+                               [&](const timespec& when) { return function(semaphore, &when); });
 }
 
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
@@ -193,10 +221,11 @@ int clock_gettime(clockid_t clock, timespec* now) noexcept {
     }
   }
   const int result = interpose::realClock(clock, now);
-  if (clock == CLOCK_MONOTONIC && interpose::clockRate != 1) {
-    const long long at = (now->tv_sec * 1000000000LL + now->tv_nsec) * interpose::clockRate.load();
-    *now = {static_cast<std::time_t>(at / 1000000000LL), static_cast<long>(at % 1000000000LL)};
-  }
+  const long long at = interpose::nanoseconds(*now);
+  if (clock == CLOCK_REALTIME && interpose::clockIsAhead != 0)
+    *now = interpose::toTimespec(at + interpose::clockIsAhead);
+  if (clock == CLOCK_MONOTONIC && interpose::clockRate != 1)
+    *now = interpose::toTimespec(at * interpose::clockRate);
   return result;
 }
 }
@@ -211,10 +240,10 @@ void* operator new[](std::size_t size) {
 }
 // A sanitizer's own would not go with the operator delete below.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return interpose::allocateQuietly(size);
+  return interpose::allocateQuietly(size, __builtin_return_address(0));
 }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return interpose::allocateQuietly(size);
+  return interpose::allocateQuietly(size, __builtin_return_address(0));
 }
 void operator delete(void* memory) noexcept {
   interpose::release(memory);

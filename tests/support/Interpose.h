@@ -2,6 +2,7 @@
 #define TESSERA_TESTS_SUPPORT_INTERPOSE_H
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 
 /// The program that links this has semaphores, clock and operator new of its own, which pass on to
@@ -23,11 +24,15 @@ struct Failing {
 extern Failing semInit;
 extern Failing semWait;       ///< sem_wait and sem_timedwait, with EINVAL
 extern Failing clockGettime;  ///< CLOCK_REALTIME only
-extern Failing allocation;    ///< operator new, called by libtessera.so, throws std::bad_alloc
+extern Failing allocation;    ///< operator new, called by libtessera.so, has no memory
 
 /// Divides the time that is left until a sem_timedwait's deadline; 1: as it is. Makes ten seconds a
 /// fraction of one.
 extern std::atomic<int> hurry;
+
+/// Sets CLOCK_REALTIME so far ahead, or back, while the next timed wait sleeps: 50 ms after its
+/// start. It stays so until reset().
+void setClockDuringNextWait(std::chrono::nanoseconds by);
 
 /// How much later than asked timed waits have ended, together: a busy machine's share of a
 /// duration.
