@@ -100,6 +100,12 @@ Yuv toYuv(const Image& image) {
   return yuv;
 }
 
+std::vector<Yuv> scenes(int count, int width, int height) {
+  std::vector<Yuv> pictures;
+  for (int t = 0; t < count; ++t) pictures.push_back(toYuv(scene(width, height, t)));
+  return pictures;
+}
+
 Bytes toYuyv(const Image& image, int rowPixels, int rows) {
   Bytes out;
   for (int y = 0; y < std::max(rows, image.height); ++y)
@@ -159,6 +165,18 @@ double psnr(const Bytes& a, const Bytes& b) {
 
 double lumaPsnr(const Yuv& a, const Yuv& b) {
   return psnr(a.y, b.y);
+}
+
+double worstPsnr(const std::vector<Yuv>& seen, const std::vector<Yuv>& pictures) {
+  double worst = 99;
+  for (std::size_t i = 0; i < std::min(seen.size(), pictures.size()); ++i) {
+    const Yuv& whole = pictures[i];
+    if (seen[i].width < whole.width || seen[i].height < whole.height) return 0;
+    worst = std::min(
+        worst,
+        psnr(takePlane(seen[i].y.data(), whole.width, whole.height, seen[i].width), whole.y));
+  }
+  return worst;
 }
 
 int maxDifference(const Bytes& a, const Bytes& b) {

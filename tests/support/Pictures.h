@@ -51,6 +51,8 @@ constexpr int round16(int value) {
 
 /// Full-range (JPEG) BT.601, chroma averaged over the pixels that it covers.
 Yuv toYuv(const Image& image);
+/// The first frames of scene().
+std::vector<Yuv> scenes(int count, int width, int height);
 /// Rows of `rowPixels` pixels and `rows` rows; edge pixels fill the padding. 0: no padding.
 Bytes toYuyv(const Image& image, int rowPixels = 0, int rows = 0);
 /// bits: 16 (565 little endian), 24 (R G B) or 32 (R G B 255).
@@ -65,6 +67,9 @@ Yuv unpadded(const std::uint8_t* data, int width, int height);
 double psnr(const Bytes& a, const Bytes& b);
 /// Of the luma planes of two pictures of one size.
 double lumaPsnr(const Yuv& a, const Yuv& b);
+/// The worst of a series, as far as both go. Where what was seen is larger, the pictures' part of
+/// it counts.
+double worstPsnr(const std::vector<Yuv>& seen, const std::vector<Yuv>& pictures);
 /// Largest difference between two runs of bytes of one length.
 int maxDifference(const Bytes& a, const Bytes& b);
 

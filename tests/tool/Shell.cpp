@@ -132,9 +132,3 @@ Y4m fromY4m(const Bytes& data) {
   EXPECT_EQ(at, data.end()) << "bytes beyond the last frame";
   return result;
 }
-
-std::vector<Yuv> scenes(int count, int width, int height) {
-  std::vector<Yuv> pictures;
-  for (int t = 0; t < count; ++t) pictures.push_back(toYuv(support::scene(width, height, t)));
-  return pictures;
-}

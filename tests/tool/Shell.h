@@ -57,6 +57,4 @@ struct Y4m {
 };
 Y4m fromY4m(const support::Bytes& data);
 
-std::vector<support::Yuv> scenes(int count, int width, int height);
-
 #endif  // TESSERA_TESTS_TOOL_SHELL_H

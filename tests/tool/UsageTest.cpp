@@ -22,8 +22,8 @@ class UsageTest : public ToolTest, public testing::WithParamInterface<Refusal> {
     save("frame.raw", support::Bytes(64 * 48 * 2, 100));
     save("empty", {});
     save("text", support::Bytes(3000, 'x'));
-    save("y4m422", toY4m(scenes(1, 32, 16), " F25:1 C422"));
-    support::Bytes cut = toY4m(scenes(2, 32, 16), " F25:1");
+    save("y4m422", toY4m(support::scenes(1, 32, 16), " F25:1 C422"));
+    support::Bytes cut = toY4m(support::scenes(2, 32, 16), " F25:1");
     cut.resize(cut.size() - 5);
     save("cut.y4m", cut);
     std::filesystem::create_directory(directory_ + "/folder");

@@ -7,20 +7,8 @@ namespace {
 
 using support::Bytes;
 using support::H264Stream;
-using support::Yuv;
-
-/// Where the stream is larger than the pictures, their part of it counts.
-double worstPsnr(const std::vector<Yuv>& seen, const std::vector<Yuv>& pictures) {
-  double worst = 99;
-  for (std::size_t i = 0; i < std::min(seen.size(), pictures.size()); ++i) {
-    Yuv part = pictures[i];
-    for (int y = 0; y < part.height; ++y)
-      std::copy_n(seen[i].y.begin() + std::ptrdiff_t{y} * seen[i].width, part.width,
-                  part.y.begin() + std::ptrdiff_t{y} * part.width);
-    worst = std::min(worst, support::lumaPsnr(part, pictures[i]));
-  }
-  return worst;
-}
+using support::scenes;
+using support::worstPsnr;
 
 struct Way {
   const char* name;

@@ -51,7 +51,7 @@ class Rig {
   MMAL_PORT_T& in() { return *component->input[0]; }
   MMAL_PORT_T& out() { return *component->output[0]; }
 
-  /// Sets both ports up for pictures of one size. bitrate is the encoder's.
+  /// Sets both ports up for pictures of one size; bitrate is the encoder's.
   void setUp(int width, int height, std::uint32_t inEncoding, std::uint32_t outEncoding,
              std::uint32_t bitrate = 0);
   void setUpVideo(int width, int height, std::uint32_t bitrate = 0) {
