@@ -154,8 +154,7 @@ const Kind kinds[] = {
     {"OddlyCropped", options(50, 34, 5)}, {"Interlaced", options(96, 96, 8, 2, 1, true)},
     {"LongerThanABuffer", many(2)},
 };
-INSTANTIATE_TEST_SUITE_P(Kinds, DecodedStreams, testing::ValuesIn(kinds),
-                         [](const auto& tested) { return std::string(tested.param.name); });
+INSTANTIATE_TEST_SUITE_P(Kinds, DecodedStreams, testing::ValuesIn(kinds), support::NameOf());
 
 class Decoder : public support::FaultTest {};
 

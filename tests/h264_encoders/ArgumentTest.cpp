@@ -98,8 +98,7 @@ TEST_P(RefusedWishes, EndWhatRanBefore) {
     EXPECT_TRUE(encoder.works(3));
   }
 }
-INSTANTIATE_TEST_SUITE_P(Table, RefusedWishes, testing::ValuesIn(refused),
-                         support::nameOf<Refused>);
+INSTANTIATE_TEST_SUITE_P(Table, RefusedWishes, testing::ValuesIn(refused), support::NameOf());
 
 TEST(OmxH264, RefusesAFormatAndSurvivesOddSizes) {
   H264Encoder encoder(omxH264());

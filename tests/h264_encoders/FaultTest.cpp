@@ -1,6 +1,8 @@
 #include <IL/OMX_Core.h>
 
+#include <algorithm>
 #include <optional>
+#include <thread>
 
 #include "H264Encoders.h"
 
@@ -14,16 +16,13 @@ using support::omxLine;
 using support::refuse;
 
 /// A construction, a Create and a frame with one fault in them.
-struct H264Fault {
-  const H264Class* kind;
-  FaultCase its;
-};
+using H264Fault = std::tuple<const H264Class*, FaultCase>;
 
 class H264Faults : public support::FaultTest, public testing::WithParamInterface<H264Fault> {};
 
 TEST_P(H264Faults, HaveTheirLinesAndTheObjectWorksAgain) {
-  const H264Class& kind = *GetParam().kind;
-  const FaultCase& its = GetParam().its;
+  const H264Class& kind = *std::get<0>(GetParam());
+  const FaultCase& its = std::get<1>(GetParam());
   support::interpose::hurry = kind.mmal ? 1 : 100;
   std::optional<H264Encoder> encoder;
   bool created = false;
@@ -142,22 +141,14 @@ const FaultCase omxFaults[] = {
      omx + "ProcessOutput - the output buffer was not filled\n"},
 };
 
-std::vector<H264Fault> faultsOf(const H264Class& kind, const FaultCase* from, const FaultCase* to) {
-  std::vector<H264Fault> all;
-  for (; from != to; ++from) all.push_back({&kind, *from});
-  return all;
-}
-std::string nameOf(const testing::TestParamInfo<H264Fault>& tested) {
-  return tested.param.its.name;
-}
 INSTANTIATE_TEST_SUITE_P(Mmal, H264Faults,
-                         testing::ValuesIn(faultsOf(mmalH264(), std::begin(mmalFaults),
-                                                    std::end(mmalFaults))),
-                         nameOf);
+                         testing::Combine(testing::Values(&mmalH264()),
+                                          testing::ValuesIn(mmalFaults)),
+                         support::NameOf());
 INSTANTIATE_TEST_SUITE_P(Omx, H264Faults,
-                         testing::ValuesIn(faultsOf(omxH264(), std::begin(omxFaults),
-                                                    std::end(omxFaults))),
-                         nameOf);
+                         testing::Combine(testing::Values(&omxH264()),
+                                          testing::ValuesIn(omxFaults)),
+                         support::NameOf());
 
 using H264FaultTest = support::FaultTest;
 
@@ -276,6 +267,32 @@ TEST_P(BothH264, ShortOfMemoryItGoesOn) {
   }
   ASSERT_EQ(encoder.feed(6), CodecOk);
   EXPECT_EQ(encoder.takePatiently().status, CodecOk);
+}
+
+// -------------------------------------------------------------------------------- conversation
+
+/// Waits until the journal has that many output buffers delivered.
+void awaitOutputs(int count) {
+  for (int i = 0; i < 5000; ++i) {
+    const auto names = control::journalNames(control::Lines::Completions);
+    if (std::count(names.begin(), names.end(), "output") >= count) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  FAIL() << "the component delivers nothing";
+}
+
+TEST_P(BothH264, TheConversationReadsLikeThis) {
+  const support::Capture quiet;
+  control::startJournal();
+  {
+    H264Encoder encoder(*GetParam());
+    encoder.create({i420, 100, 50, 30, 1, 1, 1, 1000000});
+    encoder.feed();
+    if (GetParam()->mmal) awaitOutputs(2);
+    for (int buffer = 0; buffer < 2; ++buffer) encoder.take();
+    encoder.create({yuyv, 64, 48});
+  }
+  support::expectConversation(GetParam()->name);
 }
 
 }  // namespace

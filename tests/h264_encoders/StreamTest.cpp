@@ -14,7 +14,7 @@ const H264Class& omxH264() {
   return kind;
 }
 INSTANTIATE_TEST_SUITE_P(Classes, BothH264, testing::Values(&mmalH264(), &omxH264()),
-                         [](const auto& tested) { return std::string(tested.param->name); });
+                         support::NameOf());
 
 namespace {
 

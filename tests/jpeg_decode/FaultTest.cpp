@@ -79,7 +79,7 @@ const FaultCase setupFaults[] = {
      idle + "Error OMX_SetParameter " + noResources + " \n", ""},
     {"Executing", refuse("OMX_SendCommand", 6),
      idle + "Error switching to State Executing " + noResources + " \n", ""}};
-INSTANTIATE_TEST_SUITE_P(Steps, Setup, testing::ValuesIn(setupFaults), support::nameOf<FaultCase>);
+INSTANTIATE_TEST_SUITE_P(Steps, Setup, testing::ValuesIn(setupFaults), support::NameOf());
 
 // ------------------------------------------------------------------------------- decode cycle
 
@@ -159,8 +159,8 @@ const FaultCase newSize[] = {
     {"EnabledLost", lose("EventHandler", 3), noEnable, "", false, false},
     {"EnabledTooLate", delay("EventHandler", 3, 500), noEnable, "", false, false},
 };
-INSTANTIATE_TEST_SUITE_P(Calls, SameSize, testing::ValuesIn(sameSize), support::nameOf<FaultCase>);
-INSTANTIATE_TEST_SUITE_P(Calls, NewSize, testing::ValuesIn(newSize), support::nameOf<FaultCase>);
+INSTANTIATE_TEST_SUITE_P(Calls, SameSize, testing::ValuesIn(sameSize), support::NameOf());
+INSTANTIATE_TEST_SUITE_P(Calls, NewSize, testing::ValuesIn(newSize), support::NameOf());
 
 TEST_F(Faults, ARebuildThatFailsAgainGivesNullAgain) {
   QuietPool tested;
@@ -299,39 +299,9 @@ TEST_F(Teardown, EndsEarlyWhenTheStateIsRefused) {
               "OMX_StateIdle\nOMX_SendCommand failed\nleft: .*handles 1.*threads 1");
 }
 
-// -------------------------------------------------------------------------------- conversation
-
-/// D stands for the decoder.
 TEST_F(Faults, TheConversationReadsLikeThis) {
-  const Bytes jpeg = jpegOf(640, 480);
-  const auto calls = [] {
-    std::string text = support::calls();
-    const std::string decoder = "image_decode#1";
-    for (std::size_t at; (at = text.find(decoder)) != std::string::npos;)
-      text.replace(at, decoder.size(), "D");
-    return text;
-  };
-  const std::string setup =
-      "bcm_host_init(); Init(); GetHandle(OMX.broadcom.image_decode -> D);"
-      "GetParameter(D, ImageInit); SendCommand(D, StateSet Idle); SendCommand(D, PortDisable 320);"
-      "SetParameter(D, ImagePortFormat 320: JPEG); GetParameter(D, PortDefinition 320);"
-      "SetParameter(D, PortDefinition 320: 0x0 stride 0 slice 0 JPEG size 1024000);"
-      "SendCommand(D, PortEnable 320); AllocateBuffer(D:320, 1024000 bytes);"
-      "AllocateBuffer(D:320, 1024000 bytes); AllocateBuffer(D:320, 1024000 bytes);"
-      "SetParameter(D, ImagePortFormat 321: YUV420PackedPlanar); SendCommand(D, PortDisable 321);"
-      "GetParameter(D, PortDefinition 321); SetParameter(D, PortDefinition 321: 1280x720 stride "
-      "1280 slice 720 YUV420PackedPlanar size 1382400); SendCommand(D, PortEnable 321);"
-      "AllocateBuffer(D:321, 1382400 bytes); SendCommand(D, StateSet Executing);";
-  const std::string taken =
-      "EmptyThisBuffer(D:320, " + std::to_string(jpeg.size()) + " bytes EOS);";
-  const std::string rebuilt =
-      "GetParameter(D, PortDefinition 321); SendCommand(D, PortDisable 321); FreeBuffer(D:321);"
-      "SendCommand(D, PortEnable 321); AllocateBuffer(D:321, 460800 bytes);";
-  const std::string filled = "FillThisBuffer(D:321);";
-  const std::string teardown =
-      "SendCommand(D, Flush 321); SendCommand(D, PortDisable 320); FreeBuffer(D:320);"
-      "FreeBuffer(D:320); FreeBuffer(D:320); SendCommand(D, PortDisable 321); FreeBuffer(D:321);"
-      "SendCommand(D, StateSet Idle); SendCommand(D, StateSet Loaded); FreeHandle(D); Deinit();";
+  Bytes jpeg = jpegOf(640, 480);
+  jpeg.resize(200000);  // whatever TurboJPEG makes of it
   support::Capture capture;
   control::startJournal();
   DecoderPool* const tested = GetDecoderPool();
@@ -343,8 +313,7 @@ TEST_F(Faults, TheConversationReadsLikeThis) {
   EXPECT_EQ(capture.out().substr(printed),
             "DecoderPool::~DecoderPool \nsem get is [0] \nSending command!\nFinished waiting!\n" +
                 idle + "State changed to: OMX_StateLoaded\n");
-  control::stopJournal();
-  EXPECT_EQ(calls(), support::listed(setup + taken + rebuilt + filled + taken + filled + teardown));
+  support::expectConversation("DecoderPool");
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <optional>
-#include <regex>
 
 #include "JpegEncoders.h"
 
@@ -21,10 +20,7 @@ using support::refuse;
 const Image picture = support::scene(100, 50);
 
 /// A construction and an encode with one fault in them.
-struct JpegFault {
-  const JpegClass* kind;
-  FaultCase its;
-};
+using JpegFault = std::tuple<const JpegClass*, FaultCase>;
 
 class JpegFaults : public support::FaultTest, public testing::WithParamInterface<JpegFault> {
  protected:
@@ -159,22 +155,14 @@ const FaultCase omxFaults[] = {
     {"LateFill", delay("FillBufferDone", 1, 700), noAnswer + "OMX_FillThisBuffer\n", ""},
 };
 
-std::vector<JpegFault> faultsOf(const JpegClass& kind, const FaultCase* from, const FaultCase* to) {
-  std::vector<JpegFault> all;
-  for (; from != to; ++from) all.push_back({&kind, *from});
-  return all;
-}
-std::string nameOf(const testing::TestParamInfo<JpegFault>& tested) {
-  return tested.param.its.name;
-}
 INSTANTIATE_TEST_SUITE_P(Mmal, JpegFaults,
-                         testing::ValuesIn(faultsOf(mmalJpeg(), std::begin(mmalFaults),
-                                                    std::end(mmalFaults))),
-                         nameOf);
+                         testing::Combine(testing::Values(&mmalJpeg()),
+                                          testing::ValuesIn(mmalFaults)),
+                         support::NameOf());
 INSTANTIATE_TEST_SUITE_P(Omx, JpegFaults,
-                         testing::ValuesIn(faultsOf(omxJpeg(), std::begin(omxFaults),
-                                                    std::end(omxFaults))),
-                         nameOf);
+                         testing::Combine(testing::Values(&omxJpeg()),
+                                          testing::ValuesIn(omxFaults)),
+                         support::NameOf());
 
 // ------------------------------------------------------------------------- waits and resources
 
@@ -298,82 +286,14 @@ TEST_F(JpegFaultTest, AHandleThatCannotBeFreedIsTold) {
               "^" + omxLine(hardware + "ReleaseHardware::OMX_FreeHandle"));
 }
 
-// -------------------------------------------------------------------------------- conversations
-
-std::string setUp(const std::string& name, const std::string& frame, const std::string& in,
-                  const std::string& out) {
-  return "wrapper_create(vc.ril.image_encode); port_format_commit(" + name + ":in0, " + frame +
-         " rate 0/0 aspect 0/0); wrapper_port_enable(" + name + ":in0, 1 x " + in +
-         ", flags 2); port_format_commit(" + name +
-         ":out0, JPEG 0x0 crop 0,0 0x0 rate 0/0 aspect 0/0); port_parameter_set_uint32(" + name +
-         ":out0, JPEG_Q_FACTOR 75); wrapper_port_enable(" + name + ":out0, 1 x " + out +
-         ", flags 2);";
-}
-std::string frame(const std::string& name, const std::string& bytes) {
-  return "wrapper_buffer_get_empty(" + name + ":out0); port_send_buffer(" + name +
-         ":out0, empty); wrapper_buffer_get_empty(" + name + ":in0); port_send_buffer(" + name +
-         ":in0, " + bytes + " bytes EOS); wrapper_buffer_get_full(" + name +
-         ":out0); buffer_header_release();";
-}
-std::string tearDown(const std::string& name) {
-  return "port_flush(" + name + ":out0); wrapper_destroy(" + name + ");";
-}
-
-TEST_F(JpegFaultTest, TheConversationOfTheMmalClass) {
+TEST_P(BothJpeg, TheConversationReadsLikeThis) {
   control::startJournal();
   {
-    JpegEncoder encoder(mmalJpeg());
+    JpegEncoder encoder(*GetParam());
     for (int t : {0, 1}) encoder.encode(support::scene(100, 50, t));
     encoder.encode(support::scene(64, 48), 24);
   }
-  control::stopJournal();
-  const std::string one = "image_encode#1", two = "image_encode#2";
-  EXPECT_EQ(support::calls(),
-            support::listed("bcm_host_init();" +
-                            setUp(one, "YUYV 128x64 crop 0,0 100x50", "16384", "57344") +
-                            frame(one, "16384") + frame(one, "16384") + tearDown(one) +
-                            setUp(two, "RGB3 64x48 crop 0,0 64x48", "9216", "19072") +
-                            frame(two, "9216") + tearDown(two)));
-}
-
-TEST_F(JpegFaultTest, TheConversationOfTheOmxClass) {
-  const auto conversation = [] {
-    // The component's name, and how large its buffers are, which it decides.
-    const std::string named =
-        std::regex_replace(support::calls(), std::regex("image_encode#1"), "");
-    control::startJournal();
-    return std::regex_replace(named, std::regex("(JPEG size|:341,) [0-9]+"), "$1 N");
-  };
-  control::startJournal();
-  {
-    JpegEncoder encoder(omxJpeg());
-    EXPECT_EQ(conversation(),
-              support::listed("bcm_host_init(); Init(); GetHandle(OMX.broadcom.image_encode -> );"
-                              "GetParameter(, AudioInit); GetParameter(, VideoInit);"
-                              "GetParameter(, ImageInit); SendCommand(, PortDisable 340);"
-                              "SendCommand(, PortDisable 341); GetParameter(, OtherInit);"));
-    encoder.encode(picture, 24);
-    conversation();
-    encoder.encode(picture, 0);
-    EXPECT_EQ(
-        conversation(),
-        support::listed(
-            "GetParameter(, PortDefinition 340); SetParameter(, PortDefinition 340: 128x64 stride "
-            "256 slice 64 YCbYCr size 16384); GetParameter(, PortDefinition 340);"
-            "GetParameter(, PortDefinition 341); SetParameter(, PortDefinition 341: 128x64 stride "
-            "0 slice 0 JPEG size N); SetParameter(, QFactor 341: 75); SendCommand(, StateSet Idle);"
-            "SendCommand(, PortEnable 340); GetParameter(, PortDefinition 340);"
-            "AllocateBuffer(:340, 16384 bytes); SendCommand(, PortEnable 341);"
-            "GetParameter(, PortDefinition 341); AllocateBuffer(:341, N bytes);"
-            "SendCommand(, StateSet Executing); GetParameter(, PortDefinition 340);"
-            "EmptyThisBuffer(:340, 16384 bytes EOS); FillThisBuffer(:341); SendCommand(, Flush "
-            "340);"
-            "SendCommand(, Flush 341); SendCommand(, StateSet Pause);"
-            "SendCommand(, PortDisable 340); FreeBuffer(:340); SendCommand(, PortDisable 341);"
-            "FreeBuffer(:341); SendCommand(, StateSet Idle);"));
-  }
-  EXPECT_EQ(conversation(), support::listed("FreeHandle(); Deinit();"));
-  control::stopJournal();
+  support::expectConversation(GetParam()->name);
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 #include <signal.h>
 
 #include <atomic>
-#include <sstream>
+#include <fstream>
 #include <thread>
 
 namespace support {
@@ -56,11 +56,13 @@ std::string calls() {
   return text;
 }
 
-std::string listed(const std::string& calls) {
-  std::istringstream in(calls);
+void expectConversation(const std::string& file) {
+  control::stopJournal();
+  std::ifstream in(TESSERA_CONVERSATIONS "/" + file);
   std::string text;
-  for (std::string line; std::getline(in >> std::ws, line, ';');) text += line + '\n';
-  return text;
+  for (std::string line; std::getline(in, line);)
+    if (line[0] != '#') text += line + '\n';
+  EXPECT_EQ(calls(), text);
 }
 
 struct SignalStorm::Impl {

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <variant>
 #include <vector>
 
@@ -43,8 +44,8 @@ std::string omxLine(const std::string& label);
 
 /// The calls since startJournal, one a line, without prefixes and "= success".
 std::string calls();
-/// The same out of a list separated by semicolons, for comparison.
-std::string listed(const std::string& calls);
+/// Stops the journal, and expects the calls that a file in support/conversations lists like that.
+void expectConversation(const std::string& file);
 
 /// Runs work, and expects its result, its lines and its duration in milliseconds.
 template <typename Result>
@@ -72,11 +73,27 @@ class FaultTest : public testing::Test {
   }
 };
 
-/// Names the rows of a table that have a name.
-template <typename Case>
-std::string nameOf(const testing::TestParamInfo<Case>& tested) {
-  return tested.param.name;
-}
+/// Names the rows of a table, classes, or rows combined with the class that they are for.
+struct NameOf {
+  template <typename Case>
+  std::string operator()(const testing::TestParamInfo<Case>& tested) const {
+    return of(tested.param);
+  }
+
+ private:
+  template <typename Row>
+  static std::string of(const Row& row) {
+    return row.name;
+  }
+  template <typename Class>
+  static std::string of(const Class* kind) {
+    return kind->name;
+  }
+  template <typename Class, typename Row>
+  static std::string of(const std::tuple<const Class*, Row>& combined) {
+    return std::get<1>(combined).name;
+  }
+};
 
 /// SIGUSR1 without SA_RESTART at the calling thread, as fast as it comes.
 class SignalStorm {
