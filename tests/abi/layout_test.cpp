@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -23,166 +24,130 @@ struct Size {
   std::size_t expected;
 };
 
-struct Offset {
+struct Field {
   const char* name;
-  std::size_t actual;
-  std::size_t expected;
-  bool sameSize;
+  std::size_t offset, size;
+  std::size_t expectedSize, alignment;
 };
-
-// Each mirror holds the fields of one class with its table pointer first, in the order and of the
-// types that applications rely on.
 
 using CopyFrame = void (*)(unsigned char*, unsigned, unsigned, unsigned, unsigned char*, unsigned,
                            unsigned&);
-
-struct PoolMirror {
-  void* table;
-  sem_t semCommandDone, semFillDone, semPortSettingsChanged;
-  OMX_HANDLETYPE hDecoder;
-  OMX_PORT_PARAM_TYPE portParam;
-  OMX_ERRORTYPE lastError;
-  OMX_PARAM_PORTDEFINITIONTYPE portDef;
-  OMX_BUFFERHEADERTYPE* pOutputBuffer;
-  std::int32_t nInputBuffers;
-  OMX_BUFFERHEADERTYPE** ppInputBuffers;
-  std::uint32_t nInputPort, nOutputPort;
-  std::int32_t nCurrentWidth, nCurrentHeight, nNextInputBuffer;
-};
-
-struct MmalJpegMirror {
-  void* table;
-  MMAL_WRAPPER_T* pWrapper;
-  MMAL_PORT_T *pInputPort, *pOutputPort;
-  MMAL_BUFFER_HEADER_T *pInputBuffer, *pOutputBuffer;
-  MMAL_STATUS_T nLastStatus;
-  sem_t semaphore;
-  std::int32_t nWidth, nHeight;
-};
-
-struct OmxJpegMirror {
-  void* table;
-  sem_t semStateChanged, semPortEnableDisable, semFlushed, semOutputFilled;
-  OMX_HANDLETYPE hEncoder;
-  OMX_BUFFERHEADERTYPE *pInputBuffer, *pOutputBuffer;
-  std::uint32_t nInputPort, nOutputPort;
-};
-
-struct OmxH264Mirror {
-  void* table;
-  sem_t semStateChanged, semPortEnableDisable, semFlushed, semOutputFilled;
-  OMX_HANDLETYPE hEncoder;
-  OMX_BUFFERHEADERTYPE *pInputBuffer, *pOutputBuffer;
-  std::uint32_t nInputPort, nOutputPort, nWidth, nHeight;
-  CopyFrame pfnCopyFrame;
-};
-
-struct MmalH264EncoderMirror {
-  void* table;
-  MMAL_COMPONENT_T* pComponent;
-  MMAL_QUEUE_T* pOutputQueue;
-  MMAL_POOL_T *pInputPool, *pOutputPool;
-  sem_t semInput, semOutput;
-  std::uint32_t nWidth, nHeight;
-  CopyFrame pfnCopyFrame;
-};
-
-struct MmalH264DecoderMirror {
-  void* table;
-  MMAL_COMPONENT_T* pComponent;
-  MMAL_QUEUE_T* pFrameQueue;
-  MMAL_POOL_T *pInputPool, *pOutputPool;
-  sem_t semInput, semOutput;
-  std::int32_t nStreamWidth, nStreamHeight;
-  std::uint32_t nPictureWidth, nPictureHeight;
-  std::mutex lock;
-};
 
 }  // namespace
 
 // offsetof is defined for these classes by both compilers, if not by the language.
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"
 
-#define FIELD(name)                                       \
-  Offset {                                                \
-#name, offsetof(Class, name), offsetof(Mirror, name), \
-        sizeof(Class::name) == sizeof(Mirror::name)       \
+#define FIELD(type, name)                                                          \
+  Field {                                                                          \
+#name, offsetof(Class, name), sizeof(Class::name), sizeof(type), alignof(type) \
   }
 
-/// The friend of the six classes that sees their fields.
+/// The friend of the six classes that sees their fields. Each list has them in the order and of the
+/// types that applications rely on.
 struct TesseraLayout {
-  using Offsets = std::vector<Offset>;
+  using Fields = std::vector<Field>;
 
-  static Offsets pool() {
+  static Fields pool() {
     using Class = DecoderPool;
-    using Mirror = PoolMirror;
-    return {FIELD(semCommandDone), FIELD(semFillDone),    FIELD(semPortSettingsChanged),
-            FIELD(hDecoder),       FIELD(portParam),      FIELD(lastError),
-            FIELD(portDef),        FIELD(pOutputBuffer),  FIELD(nInputBuffers),
-            FIELD(ppInputBuffers), FIELD(nInputPort),     FIELD(nOutputPort),
-            FIELD(nCurrentWidth),  FIELD(nCurrentHeight), FIELD(nNextInputBuffer)};
+    return {FIELD(sem_t, semCommandDone),
+            FIELD(sem_t, semFillDone),
+            FIELD(sem_t, semPortSettingsChanged),
+            FIELD(OMX_HANDLETYPE, hDecoder),
+            FIELD(OMX_PORT_PARAM_TYPE, portParam),
+            FIELD(OMX_ERRORTYPE, lastError),
+            FIELD(OMX_PARAM_PORTDEFINITIONTYPE, portDef),
+            FIELD(OMX_BUFFERHEADERTYPE*, pOutputBuffer),
+            FIELD(std::int32_t, nInputBuffers),
+            FIELD(OMX_BUFFERHEADERTYPE**, ppInputBuffers),
+            FIELD(std::uint32_t, nInputPort),
+            FIELD(std::uint32_t, nOutputPort),
+            FIELD(std::int32_t, nCurrentWidth),
+            FIELD(std::int32_t, nCurrentHeight),
+            FIELD(std::int32_t, nNextInputBuffer)};
   }
 
-  static Offsets mmalJpeg() {
+  static Fields mmalJpeg() {
     using Class = CMmalJpegEncoder;
-    using Mirror = MmalJpegMirror;
-    return {FIELD(pWrapper),     FIELD(pInputPort),    FIELD(pOutputPort),
-            FIELD(pInputBuffer), FIELD(pOutputBuffer), FIELD(nLastStatus),
-            FIELD(semaphore),    FIELD(nWidth),        FIELD(nHeight)};
+    return {FIELD(MMAL_WRAPPER_T*, pWrapper),
+            FIELD(MMAL_PORT_T*, pInputPort),
+            FIELD(MMAL_PORT_T*, pOutputPort),
+            FIELD(MMAL_BUFFER_HEADER_T*, pInputBuffer),
+            FIELD(MMAL_BUFFER_HEADER_T*, pOutputBuffer),
+            FIELD(MMAL_STATUS_T, nLastStatus),
+            FIELD(sem_t, semaphore),
+            FIELD(std::int32_t, nWidth),
+            FIELD(std::int32_t, nHeight)};
   }
 
-  static Offsets omxJpeg() {
-    using Class = COmxJpegEncoder;
-    using Mirror = OmxJpegMirror;
-    return {FIELD(semStateChanged), FIELD(semPortEnableDisable),
-            FIELD(semFlushed),      FIELD(semOutputFilled),
-            FIELD(hEncoder),        FIELD(pInputBuffer),
-            FIELD(pOutputBuffer),   FIELD(nInputPort),
-            FIELD(nOutputPort)};
+  /// What both OpenMAX encoders start with.
+  template <typename Class>
+  static Fields omxEncoder() {
+    return {FIELD(sem_t, semStateChanged),
+            FIELD(sem_t, semPortEnableDisable),
+            FIELD(sem_t, semFlushed),
+            FIELD(sem_t, semOutputFilled),
+            FIELD(OMX_HANDLETYPE, hEncoder),
+            FIELD(OMX_BUFFERHEADERTYPE*, pInputBuffer),
+            FIELD(OMX_BUFFERHEADERTYPE*, pOutputBuffer),
+            FIELD(std::uint32_t, nInputPort),
+            FIELD(std::uint32_t, nOutputPort)};
   }
 
-  static Offsets omxH264() {
+  static Fields omxH264() {
     using Class = COmxH264Encoder;
-    using Mirror = OmxH264Mirror;
-    return {FIELD(semStateChanged), FIELD(semPortEnableDisable),
-            FIELD(semFlushed),      FIELD(semOutputFilled),
-            FIELD(hEncoder),        FIELD(pInputBuffer),
-            FIELD(pOutputBuffer),   FIELD(nInputPort),
-            FIELD(nOutputPort),     FIELD(nWidth),
-            FIELD(nHeight),         FIELD(pfnCopyFrame)};
+    Fields fields = omxEncoder<Class>();
+    fields.insert(fields.end(), {FIELD(std::uint32_t, nWidth), FIELD(std::uint32_t, nHeight),
+                                 FIELD(CopyFrame, pfnCopyFrame)});
+    return fields;
   }
 
-  static Offsets mmalH264Encoder() {
+  static Fields mmalH264Encoder() {
     using Class = CMmalH264Encoder;
-    using Mirror = MmalH264EncoderMirror;
-    return {FIELD(pComponent),  FIELD(pOutputQueue), FIELD(pInputPool),
-            FIELD(pOutputPool), FIELD(semInput),     FIELD(semOutput),
-            FIELD(nWidth),      FIELD(nHeight),      FIELD(pfnCopyFrame)};
+    return {FIELD(MMAL_COMPONENT_T*, pComponent),
+            FIELD(MMAL_QUEUE_T*, pOutputQueue),
+            FIELD(MMAL_POOL_T*, pInputPool),
+            FIELD(MMAL_POOL_T*, pOutputPool),
+            FIELD(sem_t, semInput),
+            FIELD(sem_t, semOutput),
+            FIELD(std::uint32_t, nWidth),
+            FIELD(std::uint32_t, nHeight),
+            FIELD(CopyFrame, pfnCopyFrame)};
   }
 
-  static Offsets mmalH264Decoder() {
+  static Fields mmalH264Decoder() {
     using Class = CMmalH264Decoder;
-    using Mirror = MmalH264DecoderMirror;
-    return {FIELD(pComponent),    FIELD(pFrameQueue),    FIELD(pInputPool),   FIELD(pOutputPool),
-            FIELD(semInput),      FIELD(semOutput),      FIELD(nStreamWidth), FIELD(nStreamHeight),
-            FIELD(nPictureWidth), FIELD(nPictureHeight), FIELD(lock)};
+    return {FIELD(MMAL_COMPONENT_T*, pComponent),
+            FIELD(MMAL_QUEUE_T*, pFrameQueue),
+            FIELD(MMAL_POOL_T*, pInputPool),
+            FIELD(MMAL_POOL_T*, pOutputPool),
+            FIELD(sem_t, semInput),
+            FIELD(sem_t, semOutput),
+            FIELD(std::int32_t, nStreamWidth),
+            FIELD(std::int32_t, nStreamHeight),
+            FIELD(std::uint32_t, nPictureWidth),
+            FIELD(std::uint32_t, nPictureHeight),
+            FIELD(std::mutex, lock)};
   }
 };
 
-TEST(Layout, FieldsOfTheClassesStandInTheirOrder) {
-  const std::pair<const char*, TesseraLayout::Offsets> classes[] = {
+TEST(Layout, FieldsOfTheClassesStandInTheirOrderBehindTheTable) {
+  const std::pair<const char*, TesseraLayout::Fields> classes[] = {
       {"DecoderPool", TesseraLayout::pool()},
       {"CMmalJpegEncoder", TesseraLayout::mmalJpeg()},
-      {"COmxJpegEncoder", TesseraLayout::omxJpeg()},
+      {"COmxJpegEncoder", TesseraLayout::omxEncoder<COmxJpegEncoder>()},
       {"COmxH264Encoder", TesseraLayout::omxH264()},
       {"CMmalH264Encoder", TesseraLayout::mmalH264Encoder()},
       {"CMmalH264Decoder", TesseraLayout::mmalH264Decoder()},
   };
-  for (const auto& [name, offsets] : classes) {
-    SCOPED_TRACE(name);
-    for (const Offset& field : offsets) {
-      EXPECT_EQ(field.actual, field.expected) << field.name;
-      EXPECT_TRUE(field.sameSize) << field.name;
+  for (const auto& [name, fields] : classes) {
+    std::size_t end = sizeof(void*);
+    for (const Field& field : fields) {
+      SCOPED_TRACE(std::string(name) + "::" + field.name);
+      const std::size_t start = (end + field.alignment - 1) / field.alignment * field.alignment;
+      EXPECT_EQ(field.offset, start);
+      EXPECT_EQ(field.size, field.expectedSize);
+      end = start + field.expectedSize;
     }
   }
 }
@@ -203,23 +168,21 @@ TEST(Layout, OpenMaxStructuresHaveThePublishedSizes) {
 
 TEST(Layout, PortDefinitionFieldsStandWhereComponentsReadThem) {
   using Definition = OMX_PARAM_PORTDEFINITIONTYPE;
+  // A word each, up to the format.
+  std::size_t next = 0;
+  for (const std::size_t offset :
+       {offsetof(Definition, nSize), offsetof(Definition, nVersion),
+        offsetof(Definition, nPortIndex), offsetof(Definition, eDir),
+        offsetof(Definition, nBufferCountActual), offsetof(Definition, nBufferCountMin),
+        offsetof(Definition, nBufferSize), offsetof(Definition, bEnabled),
+        offsetof(Definition, bPopulated), offsetof(Definition, eDomain),
+        offsetof(Definition, format)}) {
+    EXPECT_EQ(offset, next);
+    next += 4;
+  }
   const std::size_t afterFormat = is32Bit ? 88 : 104;
-  const Size offsets[] = {
-      {"nSize", offsetof(Definition, nSize), 0},
-      {"nVersion", offsetof(Definition, nVersion), 4},
-      {"nPortIndex", offsetof(Definition, nPortIndex), 8},
-      {"eDir", offsetof(Definition, eDir), 12},
-      {"nBufferCountActual", offsetof(Definition, nBufferCountActual), 16},
-      {"nBufferCountMin", offsetof(Definition, nBufferCountMin), 20},
-      {"nBufferSize", offsetof(Definition, nBufferSize), 24},
-      {"bEnabled", offsetof(Definition, bEnabled), 28},
-      {"bPopulated", offsetof(Definition, bPopulated), 32},
-      {"eDomain", offsetof(Definition, eDomain), 36},
-      {"format", offsetof(Definition, format), 40},
-      {"bBuffersContiguous", offsetof(Definition, bBuffersContiguous), afterFormat},
-      {"nBufferAlignment", offsetof(Definition, nBufferAlignment), afterFormat + 4},
-  };
-  for (const Size& offset : offsets) EXPECT_EQ(offset.actual, offset.expected) << offset.name;
+  EXPECT_EQ(offsetof(Definition, bBuffersContiguous), afterFormat);
+  EXPECT_EQ(offsetof(Definition, nBufferAlignment), afterFormat + 4);
 }
 
 TEST(Layout, VersionOneOneTwoIsOneWord) {

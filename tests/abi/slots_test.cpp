@@ -83,40 +83,39 @@ INSTANTIATE_TEST_SUITE_P(Classes, Slots,
 
 namespace {
 
-// Calls a slot, counted from 1, the way compiled applications do.
-template <class Result, class... Arguments>
-Result callSlot(void* object, std::size_t slot, Arguments... arguments) {
+using Pixels = unsigned char*;
+using Allocating = int(void*, Pixels, unsigned, int, int, Pixels*, unsigned&);
+using Filling = int(void*, Pixels, unsigned, int, int, Pixels, unsigned, unsigned&);
+
+// An operation by its slot, counted from 1, the way compiled applications find it.
+template <class Operation>
+Operation* slot(void* object, std::size_t number) {
   void** table;
   std::memcpy(&table, object, sizeof table);
-  Result (*operation)(void*, Arguments...);
-  std::memcpy(&operation, &table[slot - 1], sizeof operation);
-  return operation(object, arguments...);
+  Operation* operation;
+  std::memcpy(&operation, &table[number - 1], sizeof operation);
+  return operation;
 }
 
-std::string called;
-
-struct JpegEncoder : IJPEGEncoder {
-  ~JpegEncoder() override { called += "~"; }
-  int note(const char* what, int width, int height) {
-    called = what;
-    return width * 100 + height;
+// An encoder of the application's own, whose results tell the slot and the size.
+struct OwnEncoder : IJPEGEncoder {
+  explicit OwnEncoder(int& gone) : gone_(gone) {}
+  ~OwnEncoder() override { ++gone_; }
+  int EncodeYUYV(Pixels, unsigned, int w, int h, Pixels*, unsigned&) override {
+    return 300 + 10 * w + h;
   }
-  int EncodeYUYV(unsigned char*, unsigned, int w, int h, unsigned char**, unsigned&) override {
-    return note("YUYV**", w, h);
+  int EncodeYUYV(Pixels, unsigned, int w, int h, Pixels, unsigned limit, unsigned& size) override {
+    size = limit;
+    return 400 + 10 * w + h;
   }
-  int EncodeYUYV(unsigned char*, unsigned, int w, int h, unsigned char*, unsigned,
-                 unsigned& size) override {
-    size = 7;
-    return note("YUYV*", w, h);
+  int EncodeRGB32(Pixels, unsigned, int w, int h, Pixels*, unsigned&) override {
+    return 500 + 10 * w + h;
   }
-  int EncodeRGB32(unsigned char*, unsigned, int w, int h, unsigned char**, unsigned&) override {
-    return note("RGB32**", w, h);
+  int EncodeRGB32(Pixels, unsigned, int w, int h, Pixels, unsigned limit, unsigned& size) override {
+    size = limit;
+    return 600 + 10 * w + h;
   }
-  int EncodeRGB32(unsigned char*, unsigned, int w, int h, unsigned char*, unsigned,
-                  unsigned& size) override {
-    size = 8;
-    return note("RGB32*", w, h);
-  }
+  int& gone_;
 };
 
 }  // namespace
@@ -124,31 +123,19 @@ struct JpegEncoder : IJPEGEncoder {
 // One interface called for real: object, arguments, references and result arrive as compiled
 // callers pass them, and slot 2 destroys and frees.
 TEST(SlotCalls, ReachTheOverriddenOperations) {
-  using Bytes = unsigned char*;
-  void* object = static_cast<IJPEGEncoder*>(new JpegEncoder);
+  int gone = 0;
+  void* object = static_cast<IJPEGEncoder*>(new OwnEncoder(gone));
   unsigned size = 0;
-  EXPECT_EQ((callSlot<int, Bytes, unsigned, int, int, Bytes*, unsigned&>(object, 3, nullptr, 1, 2,
-                                                                         3, nullptr, size)),
-            203);
-  EXPECT_EQ(called, "YUYV**");
-  EXPECT_EQ((callSlot<int, Bytes, unsigned, int, int, Bytes, unsigned, unsigned&>(
-                object, 4, nullptr, 1, 4, 5, nullptr, 9, size)),
-            405);
-  EXPECT_EQ(called, "YUYV*");
-  EXPECT_EQ(size, 7u);
-  EXPECT_EQ((callSlot<int, Bytes, unsigned, int, int, Bytes*, unsigned&>(object, 5, nullptr, 1, 6,
-                                                                         7, nullptr, size)),
-            607);
-  EXPECT_EQ(called, "RGB32**");
-  EXPECT_EQ((callSlot<int, Bytes, unsigned, int, int, Bytes, unsigned, unsigned&>(
-                object, 6, nullptr, 1, 8, 9, nullptr, 9, size)),
-            809);
-  EXPECT_EQ(called, "RGB32*");
-  EXPECT_EQ(size, 8u);
-  called.clear();
-  callSlot<void>(object, 2);
-  EXPECT_EQ(called, "~");
-  called.clear();
-  EXPECT_EQ(ReleaseEncoderJPEG(new JpegEncoder), 1) << "an encoder of the application's own";
-  EXPECT_EQ(called, "~");
+  for (const int each : {3, 5})
+    EXPECT_EQ(slot<Allocating>(object, each)(object, nullptr, 1, 7, 8, nullptr, size),
+              100 * each + 78);
+  for (const int each : {4, 6}) {
+    EXPECT_EQ(slot<Filling>(object, each)(object, nullptr, 1, 7, 8, nullptr, 9u + each, size),
+              100 * each + 78);
+    EXPECT_EQ(size, 9u + each);
+  }
+  slot<void(void*)>(object, 2)(object);
+  EXPECT_EQ(gone, 1);
+  EXPECT_EQ(ReleaseEncoderJPEG(new OwnEncoder(gone)), 1);
+  EXPECT_EQ(gone, 2);
 }
