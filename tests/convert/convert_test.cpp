@@ -81,42 +81,37 @@ class Bench {
   void convertI420(std::size_t sourceSize, unsigned width, unsigned height, std::size_t capacity) {
     SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height) + " source " +
                  std::to_string(sourceSize) + " capacity " + std::to_string(capacity));
-    for (const bool atEnd : {false, true}) {
-      std::uint8_t* from = take(source_, sourceSize, atEnd);
-      std::uint8_t* to = take(destination_, capacity, atEnd);
-      std::memcpy(from, content_.data(), sourceSize);
-      std::memset(to, canary, capacity);
-      unsigned outSize = 1;
-      CopyYVYU(from, static_cast<unsigned>(sourceSize), width, height, to,
-               static_cast<unsigned>(capacity), outSize);
-      EXPECT_EQ(outSize, capacity);
-      expectSame(expectI420(from, sourceSize, width, height, capacity), to);
-    }
+    compare(sourceSize, expectI420(content_.data(), sourceSize, width, height, capacity),
+            [&](std::uint8_t* from, std::uint8_t* to) {
+              unsigned outSize = 1;
+              CopyYVYU(from, static_cast<unsigned>(sourceSize), width, height, to,
+                       static_cast<unsigned>(capacity), outSize);
+              EXPECT_EQ(outSize, capacity);
+            });
   }
 
   void convertNv12(unsigned width, unsigned height) {
     SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height));
-    const std::size_t sourceSize = 2 * std::size_t{width} * height;
-    const Bytes expected = expectNv12(content_.data(), width, height);
-    for (const bool atEnd : {false, true}) {
-      std::uint8_t* from = take(source_, sourceSize, atEnd);
-      std::uint8_t* to = take(destination_, expected.size(), atEnd);
-      std::memcpy(from, content_.data(), sourceSize);
-      std::memset(to, canary, expected.size());
-      YUYVToNV12(from, to, static_cast<int>(width), static_cast<int>(height));
-      expectSame(expected, to);
-    }
+    compare(2 * std::size_t{width} * height, expectNv12(content_.data(), width, height),
+            [&](std::uint8_t* from, std::uint8_t* to) {
+              YUYVToNV12(from, to, static_cast<int>(width), static_cast<int>(height));
+            });
   }
 
  private:
-  static std::uint8_t* take(GuardedMemory& memory, std::size_t size, bool atEnd) {
-    return atEnd ? memory.atEnd(size) : memory.atStart();
-  }
-
-  static void expectSame(const Bytes& expected, const std::uint8_t* got) {
-    const auto place = std::mismatch(expected.begin(), expected.end(), got).first;
-    ASSERT_EQ(place - expected.begin(), static_cast<std::ptrdiff_t>(expected.size()))
-        << "the first byte that differs";
+  /// Once with both buffers at the start of their memory, once at the end.
+  template <typename Convert>
+  void compare(std::size_t sourceSize, const Bytes& expected, Convert convert) {
+    for (const bool atEnd : {false, true}) {
+      std::uint8_t* from = atEnd ? source_.atEnd(sourceSize) : source_.atStart();
+      std::uint8_t* to = atEnd ? destination_.atEnd(expected.size()) : destination_.atStart();
+      std::memcpy(from, content_.data(), sourceSize);
+      std::memset(to, canary, expected.size());
+      convert(from, to);
+      const auto place = std::mismatch(expected.begin(), expected.end(), to).first;
+      ASSERT_EQ(place - expected.begin(), static_cast<std::ptrdiff_t>(expected.size()))
+          << "the first byte that differs";
+    }
   }
 
   const Bytes content_ = noise(largestSource);

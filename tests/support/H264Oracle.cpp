@@ -68,7 +68,7 @@ x264_param_t parameters(const H264Options& options) {
   p.i_slice_count = options.slices;
   p.i_keyint_max = options.keyInterval;
   p.b_interlaced = options.interlaced;
-  p.b_repeat_headers = options.repeatHeaders;
+  p.b_repeat_headers = 1;
   p.rc.i_rc_method = X264_RC_CQP;
   p.rc.i_qp_constant = options.quantiser;
   x264_param_apply_profile(&p, options.profile);

@@ -29,7 +29,6 @@ struct H264Options {
   int keyInterval = 30;
   int quantiser = 24;
   bool interlaced = false;
-  bool repeatHeaders = true;
   const char* profile = "high";
 };
 

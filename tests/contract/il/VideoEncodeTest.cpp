@@ -17,7 +17,7 @@ constexpr int height = 96;
 class VideoEncode : public testing::Test {
  protected:
   /// The steps of the library: the output's definition is a copy of the input's.
-  void define(OMX_U32 rate, OMX_U32 bitrate, OMX_U32 outputBytes = width * height * 3 / 2) {
+  void define(OMX_U32 rate, OMX_U32 bitrate) {
     auto definition = client.definition(in);
     auto& video = definition.format.video;
     video.nFrameWidth = video.nStride = width;
@@ -28,7 +28,6 @@ class VideoEncode : public testing::Test {
     EXPECT_EQ(video.xFramerate, rate);
     EXPECT_GE(definition.nBufferSize, static_cast<OMX_U32>(width * height * 3 / 2));
     definition.nPortIndex = out;
-    definition.nBufferSize = outputBytes;
     video.nBitrate = bitrate;
     video.eCompressionFormat = OMX_VIDEO_CodingAVC;
     video.eColorFormat = OMX_COLOR_FormatUnused;
@@ -114,14 +113,6 @@ TEST_F(VideoEncode, GivesOneFrameForEachAfterTheParameterSets) {
     EXPECT_GT(worstPsnr(made.pictures, support::scenes(frames, width, height)), 28);
     client.rest();
   }
-}
-
-TEST_F(VideoEncode, SplitsFramesThatAreLongerThanTheBuffer) {
-  define(30u << 16, 20000000, 4096);
-  client.run();
-  ASSERT_EQ(client.out[0]->nAllocLen, 4096u);
-  for (int t = 0; t < 3; ++t) EXPECT_GT(encode(support::noise(width, height, t)).first, 1);
-  EXPECT_EQ(support::decodeH264(stream).pictures.size(), 3u);
 }
 
 TEST_F(VideoEncode, HonoursProfileLevelAndKeyFrames) {

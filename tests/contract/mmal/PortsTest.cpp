@@ -125,24 +125,6 @@ TEST(Ports, AComponentCanGoAtAnyMoment) {
   }
 }
 
-TEST(Ports, MayBeFlushedFromACallback) {
-  Rig rig(videoEncode);
-  rig.setUpVideo(64, 48);
-  rig.makePools();
-  ASSERT_EQ(mmal_port_enable(&rig.in(),
-                             [](MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer) {
-                               auto& seen = *reinterpret_cast<Rig*>(port->userdata);
-                               if (seen.inputsBack++ == 0) mmal_port_flush(port);
-                               mmal_queue_put(seen.filled, buffer);
-                             }),
-            MMAL_SUCCESS);
-  mmal_component_enable(rig.component);
-  rig.feedScene(0);
-  MMAL_BUFFER_HEADER_T* const buffer = mmal_queue_timedwait(rig.filled, patienceMs);
-  ASSERT_NE(buffer, nullptr);
-  mmal_buffer_header_release(buffer);
-}
-
 TEST(Parameters, ReadBackWhatWasSet) {
   Rig rig(videoEncode);
   std::uint32_t value = 0;
