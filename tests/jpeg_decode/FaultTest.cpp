@@ -19,12 +19,8 @@ using support::mangle;
 using support::nullResult;
 using support::refuse;
 
-Bytes jpegOf(int width, int height, int t = 0) {
-  return support::encodeJpeg(support::scene(width, height, t), support::Sampling::Yuv420, 85);
-}
-
 /// Waits of ten seconds take a tenth of one.
-class Faults : public support::FaultTest, public testing::WithParamInterface<FaultCase> {
+class Faults : public support::FaultTest {
  protected:
   void SetUp() override {
     support::FaultTest::SetUp();
@@ -34,7 +30,7 @@ class Faults : public support::FaultTest, public testing::WithParamInterface<Fau
 
 // ------------------------------------------------------------------------------------ setup
 
-class Setup : public Faults {};
+class Setup : public Faults, public testing::WithParamInterface<FaultCase> {};
 
 TEST_P(Setup, EndsWithItsMessageAndTheReleaseIsSafe) {
   support::inject(GetParam().fault);
@@ -83,13 +79,14 @@ INSTANTIATE_TEST_SUITE_P(Steps, Setup, testing::ValuesIn(setupFaults), support::
 
 // ------------------------------------------------------------------------------- decode cycle
 
-/// The picture with the fault has another size than the one before, or the same one.
-class NewSize : public Faults {};
-class SameSize : public Faults {};
+/// The first picture is 64 pixels wide; the one with the fault has this width.
+class Cycle : public Faults, public testing::WithParamInterface<std::tuple<int, FaultCase>> {};
 
-void decodeWith(const FaultCase& its, const Bytes& jpeg) {
+TEST_P(Cycle, GivesItsLineAndNeverAStalePicture) {
+  const auto& [width, its] = GetParam();
   QuietPool pool;
-  const Bytes first = jpegOf(64, 48), same = jpegOf(64, 48, 1), other = jpegOf(96, 80, 2);
+  const Bytes first = jpegOf(64, 48), same = jpegOf(64, 48, 1), other = jpegOf(96, 48, 2),
+              jpeg = width == 64 ? same : other;
   ASSERT_EQ(difference(decode(*pool, first), first), "");
   support::inject(its.fault);
   const Decoded seen = decode(*pool, jpeg);
@@ -116,13 +113,6 @@ void decodeWith(const FaultCase& its, const Bytes& jpeg) {
   if (its.again) {
     EXPECT_EQ(TesseraLayout::counts(*pool), (std::vector<int>{0, 0, 0}));
   }
-}
-
-TEST_P(NewSize, GivesItsLineAndNeverAStalePicture) {
-  decodeWith(GetParam(), jpegOf(96, 80, 2));
-}
-TEST_P(SameSize, GivesItsLineAndNeverAStalePicture) {
-  decodeWith(GetParam(), jpegOf(64, 48, 1));
 }
 
 const std::string pool = "DecoderPool::DecodeJpeg - ", noAnswer = pool + "no answer to ",
@@ -159,8 +149,12 @@ const FaultCase newSize[] = {
     {"EnabledLost", lose("EventHandler", 3), noEnable, "", false, false},
     {"EnabledTooLate", delay("EventHandler", 3, 500), noEnable, "", false, false},
 };
-INSTANTIATE_TEST_SUITE_P(Calls, SameSize, testing::ValuesIn(sameSize), support::NameOf());
-INSTANTIATE_TEST_SUITE_P(Calls, NewSize, testing::ValuesIn(newSize), support::NameOf());
+INSTANTIATE_TEST_SUITE_P(SameSize, Cycle,
+                         testing::Combine(testing::Values(64), testing::ValuesIn(sameSize)),
+                         support::NameOf());
+INSTANTIATE_TEST_SUITE_P(NewSize, Cycle,
+                         testing::Combine(testing::Values(96), testing::ValuesIn(newSize)),
+                         support::NameOf());
 
 TEST_F(Faults, ARebuildThatFailsAgainGivesNullAgain) {
   QuietPool tested;

@@ -49,23 +49,14 @@ Bytes withoutTables(Bytes jpeg) {
   return jpeg;
 }
 
-Bytes withFrameCode(Bytes jpeg, std::uint8_t from, std::uint8_t to) {
-  jpeg.at(segments(jpeg, from).at(0) + 1) = to;
+Bytes withHeader(Bytes jpeg, std::size_t offset, const Bytes& bytes) {
+  std::copy(bytes.begin(), bytes.end(), &jpeg.at(segments(jpeg, baseline).at(0) + offset));
   return jpeg;
 }
 
 Bytes withSize(Bytes jpeg, int width, int height) {
-  const std::size_t at = segments(jpeg, baseline).at(0);
-  jpeg[at + 5] = static_cast<std::uint8_t>(height >> 8);
-  jpeg[at + 6] = static_cast<std::uint8_t>(height);
-  jpeg[at + 7] = static_cast<std::uint8_t>(width >> 8);
-  jpeg[at + 8] = static_cast<std::uint8_t>(width);
-  return jpeg;
-}
-
-Bytes withPrecision(Bytes jpeg, int bits) {
-  jpeg[segments(jpeg, baseline).at(0) + 4] = static_cast<std::uint8_t>(bits);
-  return jpeg;
+  const auto byte = [](int value) { return static_cast<std::uint8_t>(value); };
+  return withHeader(jpeg, 5, {byte(height >> 8), byte(height), byte(width >> 8), byte(width)});
 }
 
 Bytes withScans(const Bytes& jpeg, int count) {

@@ -20,12 +20,10 @@ Bytes withExif(const Bytes& jpeg, std::size_t length);
 /// The file without its Huffman tables, as cameras write MJPEG.
 Bytes withoutTables(Bytes jpeg);
 
-/// The file with another code for its frame header: 0xC3 lossless, 0xC9 arithmetic, ...
-Bytes withFrameCode(Bytes jpeg, std::uint8_t from, std::uint8_t to);
-
-/// The file with other values in its baseline header.
+/// The file with other bytes in its baseline frame header: from 1 its code (0xC3 lossless, 0xC9
+/// arithmetic, ...), from 4 its precision, from 5 its size.
+Bytes withHeader(Bytes jpeg, std::size_t offset, const Bytes& bytes);
 Bytes withSize(Bytes jpeg, int width, int height);
-Bytes withPrecision(Bytes jpeg, int bits);
 
 /// The file with its last scan that many times.
 Bytes withScans(const Bytes& jpeg, int count);

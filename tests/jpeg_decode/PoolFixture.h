@@ -33,6 +33,11 @@ struct TesseraLayout {
   static OMX_ERRORTYPE lastError(const DecoderPool& pool) { return pool.lastError; }
 };
 
+inline support::Bytes jpegOf(int width, int height, int t = 0,
+                             support::Sampling sampling = support::Sampling::Yuv420) {
+  return support::encodeJpeg(support::scene(width, height, t), sampling, 85);
+}
+
 struct Decoded {
   const unsigned char* data = nullptr;
   int width = 0;

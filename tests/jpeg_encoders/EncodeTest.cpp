@@ -123,15 +123,6 @@ TEST_P(BothJpeg, EachPictureGivesItsOwnJpegAndTwoObjectsDoNotDisturbEachOther) {
   EXPECT_EQ(std::set<Bytes>(alone.begin(), alone.end()).size(), 12u);
 }
 
-TEST(MmalJpeg, PaddingIsNotSeen) {
-  JpegEncoder encoder(mmalJpeg());
-  Bytes frame = encoder.raw(support::scene(100, 50), 24);
-  const Bytes clean = encoder.encode(frame, 24, 100, 50).jpeg;
-  for (std::size_t i = 0; i < frame.size(); ++i)
-    if (i % (128 * 3) >= 100 * 3 || i / (128 * 3) >= 50) frame[i] = 0xEE;
-  EXPECT_EQ(encoder.encode(frame, 24, 100, 50).jpeg, clean);
-}
-
 TEST(MmalJpeg, AnotherQualityIsTakenUntilTheSizeChanges) {
   const Image image = support::scene(320, 240);
   JpegEncoder encoder(mmalJpeg());

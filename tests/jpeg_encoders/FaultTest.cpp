@@ -77,13 +77,19 @@ const FaultCase mmalFaults[] = {
      mmal + "Encode - the component delivered no picture\n", ""},
 };
 
-FaultCase omxRefusal(const char* name, const char* call, unsigned nth, const std::string& label,
-                     const std::string& out = {}, bool works = false, bool again = true) {
-  return {name, refuse(call, nth), out, label.empty() ? "" : omxLine(label), works, again};
+/// The nth call is refused; named after it.
+FaultCase refusal(const std::string& call, unsigned nth, const std::string& label,
+                  const std::string& out = {}, bool works = false, bool again = true) {
+  const std::string err = label.empty() ? "" : omxLine(label);
+  return {call + std::to_string(nth), refuse("OMX_" + call, nth), out, err, works, again};
 }
-const std::string get = "OMX_GetParameter", set = "OMX_SetParameter",
-                  port = "OMX_IndexParamPortDefinition";
-const std::string noAnswer = omx + " - no answer to ",
+const std::string port = "OMX_IndexParamPortDefinition", get = "OMX_GetParameter::" + port,
+                  set = "OMX_SetParameter::" + port, setUp = hardware + "InitHardware::",
+                  enable = "::OMX_CommandPortEnable::", disable = "::OMX_CommandPortDisable::",
+                  state = "::OMX_CommandStateSet::OMX_State", allocate = "OMX_AllocateBuffer::";
+const std::string noAnswer = omx + " - no answer to ", noIdle = noAnswer + "OMX_StateIdle\n",
+                  noFill = noAnswer + "OMX_FillThisBuffer\n",
+                  noDisable = noAnswer + "OMX_CommandPortDisable\n",
                   noHandle = omx + " - encoder handle is empty\n";
 const std::string input = "COmxJpegEncoder::SetupInputPort::",
                   output = "COmxJpegEncoder::SetupOutputPort::",
@@ -94,65 +100,50 @@ const std::string noInput = omx + " - SetupInputPort failed\n",
                   noInputBuffer = omx + " - AllocateOmxInputBuffer failed\n",
                   noOutputBuffer = omx + " - AllocateOmxOutputBuffer failed\n";
 const FaultCase omxFaults[] = {
-    omxRefusal("Init", "OMX_Init", 1, hardware + "InitHardware::OMX_Init", noHandle, false, false),
-    omxRefusal("Handle", "OMX_GetHandle", 1, hardware + "InitHardware::OMX_GetHandle", noHandle,
-               false, false),
-    omxRefusal("AudioPorts", "OMX_GetParameter", 1, "", "", true),
+    refusal("Init", 1, setUp + "OMX_Init", noHandle, false, false),
+    refusal("GetHandle", 1, setUp + "OMX_GetHandle", noHandle, false, false),
+    refusal("GetParameter", 1, "", "", true),
     // Ports that stay enabled keep the component from reaching Idle; the next encode takes another.
-    omxRefusal("ImagePorts", "OMX_GetParameter", 3, "", noAnswer + "OMX_StateIdle\n"),
-    omxRefusal("FirstDisable", "OMX_SendCommand", 1,
-               hardware + "InitHardware::OMX_CommandPortDisable", noAnswer + "OMX_StateIdle\n"),
-    omxRefusal("SecondDisable", "OMX_SendCommand", 2,
-               hardware + "InitHardware::OMX_CommandPortDisable", noAnswer + "OMX_StateIdle\n"),
-    omxRefusal("ReadInput", "OMX_GetParameter", 5, input + get + "::" + port, noInput),
-    omxRefusal("WriteInput", "OMX_SetParameter", 1, input + set + "::" + port, noInput),
-    omxRefusal("ReadInputAgain", "OMX_GetParameter", 6, input + get + "::" + port + "::AfterSetup",
-               noInput),
-    omxRefusal("ReadOutput", "OMX_GetParameter", 7, output + get + "::" + port, noOutput),
-    omxRefusal("WriteOutput", "OMX_SetParameter", 2, output + set + "::" + port, noOutput),
-    omxRefusal("Quality", "OMX_SetParameter", 3, output + "OMX_IndexParamQFactor", "", true),
-    omxRefusal("Idle", "OMX_SendCommand", 3, hardware + "Encode::OMX_SendCommand::OMX_StateIdle"),
-    omxRefusal("EnableInput", "OMX_SendCommand", 4, omx + "::OMX_CommandPortEnable::Input"),
-    omxRefusal("SizeInput", "OMX_GetParameter", 8, inputBuffer + get + "::" + port + "::Input",
-               noInputBuffer),
-    omxRefusal("AllocateInput", "OMX_AllocateBuffer", 1, inputBuffer + "OMX_AllocateBuffer::Input",
-               noInputBuffer),
+    refusal("GetParameter", 3, "", noIdle),
+    refusal("SendCommand", 1, setUp + "OMX_CommandPortDisable", noIdle),
+    refusal("SendCommand", 2, setUp + "OMX_CommandPortDisable", noIdle),
+    refusal("GetParameter", 5, input + get, noInput),
+    refusal("SetParameter", 1, input + set, noInput),
+    refusal("GetParameter", 6, input + get + "::AfterSetup", noInput),
+    refusal("GetParameter", 7, output + get, noOutput),
+    refusal("SetParameter", 2, output + set, noOutput),
+    refusal("SetParameter", 3, output + "OMX_IndexParamQFactor", "", true),
+    refusal("SendCommand", 3, hardware + "Encode::OMX_SendCommand::OMX_StateIdle"),
+    refusal("SendCommand", 4, omx + enable + "Input"),
+    refusal("GetParameter", 8, inputBuffer + get + "::Input", noInputBuffer),
+    refusal("AllocateBuffer", 1, inputBuffer + allocate + "Input", noInputBuffer),
     {"NullInputBuffer", nullResult("OMX_AllocateBuffer"), noInputBuffer,
-     omxLine(inputBuffer + "OMX_AllocateBuffer::Input")},
+     omxLine(inputBuffer + allocate + "Input")},
     // From here on buffers stay where they are, and the ports refuse to be set up again.
-    omxRefusal("EnableOutput", "OMX_SendCommand", 5,
-               hardware + "Encode::OMX_CommandPortEnable::Output", "", false, false),
-    omxRefusal("SizeOutput", "OMX_GetParameter", 9, outputBuffer + get + "::" + port + "::Output",
-               noOutputBuffer),
-    omxRefusal("AllocateOutput", "OMX_AllocateBuffer", 2,
-               outputBuffer + "OMX_AllocateBuffer::Output", noOutputBuffer),
-    omxRefusal("Executing", "OMX_SendCommand", 6, omx + "::OMX_CommandStateSet::OMX_StateExecuting",
-               "", false, false),
-    omxRefusal("ReadExecuting", "OMX_GetParameter", 10, omx + "::" + port + "::Input", "", false,
-               false),
-    omxRefusal("Empty", "OMX_EmptyThisBuffer", 1, omx + " - signal new input buffer"),
-    omxRefusal("Fill", "OMX_FillThisBuffer", 1, omx + " - failed to request filling"),
-    omxRefusal("FlushInput", "OMX_SendCommand", 7, omx + "::OMX_CommandFlush::Input", "", true),
-    omxRefusal("FlushOutput", "OMX_SendCommand", 8, omx + "::OMX_CommandFlush::Output", "", true),
-    omxRefusal("Pause", "OMX_SendCommand", 9, omx + "::OMX_CommandStateSet::OMX_StatePause", "",
-               true),
-    omxRefusal("DisableInput", "OMX_SendCommand", 10, omx + "::OMX_CommandPortDisable::Input", "",
-               true, false),
-    omxRefusal("FreeInput", "OMX_FreeBuffer", 1, "", noAnswer + "OMX_CommandPortDisable\n"),
-    omxRefusal("DisableOutput", "OMX_SendCommand", 11, omx + "::OMX_CommandPortDisable::Output", "",
-               true, false),
-    omxRefusal("FreeOutput", "OMX_FreeBuffer", 2, "", noAnswer + "OMX_CommandPortDisable\n"),
-    omxRefusal("IdleAgain", "OMX_SendCommand", 12, omx + "::OMX_CommandStateSet::OMX_StateIdle", "",
-               true),
-    {"NoIdle", lose("EventHandler", 3), noAnswer + "OMX_StateIdle\n", ""},
+    refusal("SendCommand", 5, hardware + "Encode" + enable + "Output", "", false, false),
+    refusal("GetParameter", 9, outputBuffer + get + "::Output", noOutputBuffer),
+    refusal("AllocateBuffer", 2, outputBuffer + allocate + "Output", noOutputBuffer),
+    refusal("SendCommand", 6, omx + state + "Executing", "", false, false),
+    refusal("GetParameter", 10, omx + "::" + port + "::Input", "", false, false),
+    refusal("EmptyThisBuffer", 1, omx + " - signal new input buffer"),
+    refusal("FillThisBuffer", 1, omx + " - failed to request filling"),
+    refusal("SendCommand", 7, omx + "::OMX_CommandFlush::Input", "", true),
+    refusal("SendCommand", 8, omx + "::OMX_CommandFlush::Output", "", true),
+    refusal("SendCommand", 9, omx + state + "Pause", "", true),
+    refusal("SendCommand", 10, omx + disable + "Input", "", true, false),
+    refusal("FreeBuffer", 1, "", noDisable),
+    refusal("SendCommand", 11, omx + disable + "Output", "", true, false),
+    refusal("FreeBuffer", 2, "", noDisable),
+    refusal("SendCommand", 12, omx + state + "Idle", "", true),
+    {"NoIdle", lose("EventHandler", 3), noIdle, ""},
     {"NoEnable", lose("EventHandler", 4), noAnswer + "OMX_CommandPortEnable\n", ""},
     {"NoExecuting", lose("EventHandler", 6), noAnswer + "OMX_StateExecuting\n", ""},
-    {"NoFill", lose("FillBufferDone"), noAnswer + "OMX_FillThisBuffer\n", ""},
+    {"NoFill", lose("FillBufferDone"), noFill, ""},
     {"NoFlush", lose("EventHandler", 8), noAnswer + "OMX_CommandFlush\n", ""},
     {"NoPause", lose("EventHandler", 9), noAnswer + "OMX_StatePause\n", ""},
     {"EmptyFill", mangle("FillBufferDone", CompletionFault::ZeroLength),
      omx + " - the component delivered no whole picture\n", ""},
-    {"LateFill", delay("FillBufferDone", 1, 700), noAnswer + "OMX_FillThisBuffer\n", ""},
+    {"LateFill", delay("FillBufferDone", 1, 700), noFill, ""},
 };
 
 INSTANTIATE_TEST_SUITE_P(Mmal, JpegFaults,
@@ -173,7 +164,7 @@ using JpegFaultTest = support::FaultTest;
 TEST_P(BothJpeg, AnAnswerThatDoesNotComeEndsTheCallOnTime) {
   support::interpose::hurry = 10;
   const bool isMmal = GetParam()->mmal;
-  const std::string out = isMmal ? mmal + "Encode - timeout\n" : noAnswer + "OMX_FillThisBuffer\n";
+  const std::string out = isMmal ? mmal + "Encode - timeout\n" : noFill;
   const char* const answer = isMmal ? "wrapper" : "FillBufferDone";
   for (const bool storm : {false, true}) {
     JpegEncoder encoder(*GetParam());
@@ -195,7 +186,7 @@ TEST_F(JpegFaultTest, AnErrorEventLeavesTheWaitOneMoreSecond) {
   support::inject(mangle("FillBufferDone", CompletionFault::ErrorEvent, 1,
                          static_cast<OMX_U32>(OMX_ErrorHardware)));
   support::expectAnswer<int>(
-      [&] { return encoder.encode(picture).result; }, 0, noAnswer + "OMX_FillThisBuffer\n",
+      [&] { return encoder.encode(picture).result; }, 0, noFill,
       "OmxEventsHandler - 0x80001009:the hardware failed to respond as expected\n", 100, 900);
 }
 

@@ -31,7 +31,7 @@ void inject(const AnyFault& fault);
 
 /// One fault, and what a class makes of it.
 struct FaultCase {
-  const char* name;
+  std::string name;
   AnyFault fault;
   std::string out;     ///< its lines on standard output
   std::string err;     ///< and on standard error
@@ -89,8 +89,8 @@ struct NameOf {
   static std::string of(const Class* kind) {
     return kind->name;
   }
-  template <typename Class, typename Row>
-  static std::string of(const std::tuple<const Class*, Row>& combined) {
+  template <typename With, typename Row>
+  static std::string of(const std::tuple<With, Row>& combined) {
     return std::get<1>(combined).name;
   }
 };
