@@ -33,10 +33,9 @@ bool readHeader(void* handle, const Bytes& jpeg, JpegPicture& picture) {
 
 }  // namespace
 
-JpegPicture decodeJpeg(const std::uint8_t* data, std::size_t size) {
+JpegPicture decodeJpeg(const Bytes& jpeg) {
   JpegPicture picture;
   const Handle handle(tjInitDecompress());
-  const Bytes jpeg(data, data + size);
   if (!readHeader(handle.get(), jpeg, picture)) {
     picture.error = "no JPEG header";
     return picture;
@@ -56,8 +55,9 @@ JpegPicture decodeJpeg(const std::uint8_t* data, std::size_t size) {
   Bytes luma(static_cast<std::size_t>(lumaWidth) * lumaHeight);
   unsigned char* planes[3] = {luma.data(), picture.u.data(), picture.v.data()};
   int strides[3] = {lumaWidth, picture.chromaWidth, picture.chromaWidth};
-  if (tjDecompressToYUVPlanes(handle.get(), jpeg.data(), static_cast<unsigned long>(size), planes,
-                              picture.width, strides, picture.height, TJFLAG_ACCURATEDCT) != 0) {
+  if (tjDecompressToYUVPlanes(handle.get(), jpeg.data(), static_cast<unsigned long>(jpeg.size()),
+                              planes, picture.width, strides, picture.height,
+                              TJFLAG_ACCURATEDCT) != 0) {
     picture.error = tjGetErrorStr2(handle.get());
     return picture;
   }

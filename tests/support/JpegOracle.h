@@ -22,10 +22,7 @@ struct JpegPicture {
   int chromaHeight = 0;
 };
 
-JpegPicture decodeJpeg(const std::uint8_t* data, std::size_t size);
-inline JpegPicture decodeJpeg(const Bytes& jpeg) {
-  return decodeJpeg(jpeg.data(), jpeg.size());
-}
+JpegPicture decodeJpeg(const Bytes& jpeg);
 
 /// The same as RGB.
 Image decodeJpegToRgb(const Bytes& jpeg);

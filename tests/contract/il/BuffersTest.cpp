@@ -9,15 +9,8 @@ using rig::Client;
 using rig::Part;
 using rig::Texts;
 
-class Buffers : public testing::TestWithParam<Part> {
- protected:
-  Client client{GetParam()};
-  const OMX_U32 in = GetParam().in;
-  const OMX_U32 out = GetParam().out;
-  const std::string emptied = "emptied " + std::to_string(in);
-  const std::string filled = "filled " + std::to_string(out);
-};
-INSTANTIATE_TEST_SUITE_P(Parts, Buffers, testing::ValuesIn(rig::parts), rig::nameOfPart);
+using Buffers = rig::EveryPart;
+INSTANTIATE_TEST_SUITE_P(Parts, Buffers, testing::ValuesIn(rig::parts), Buffers::nameOf);
 
 TEST_P(Buffers, AreMadeOnTheWayToIdleOnly) {
   const auto refused = [&](OMX_U32 port, OMX_U32 size, OMX_ERRORTYPE error) {

@@ -1,12 +1,10 @@
 // What the software platform adds: the journal, the faults and the census of its OpenMAX IL half.
 
-#include <tessera_platform/control.h>
-
 #include <chrono>
-#include <functional>
 #include <memory>
 
 #include "Rig.h"
+#include "support/FaultTest.h"
 #include "support/JpegOracle.h"
 
 namespace {
@@ -39,22 +37,12 @@ std::unique_ptr<Client> decoder() {
   return client;
 }
 
-class Control : public testing::Test {
+class Control : public support::FaultTest {
  protected:
-  void TearDown() override {
-    platform::clearFaults();
-    EXPECT_TRUE(platform::census().empty()) << platform::describe(platform::census());
-  }
   /// The only fault from now on.
-  static void fault(const char* completion, CompletionFault::Action action, unsigned delayMs = 0,
-                    OMX_ERRORTYPE code = OMX_ErrorNone) {
-    CompletionFault wanted;
-    wanted.completion = completion;
-    wanted.action = action;
-    wanted.delayMs = delayMs;
-    wanted.code = static_cast<std::uint32_t>(code);
+  static void fault(const support::AnyFault& fault) {
     platform::clearFaults();
-    platform::inject(wanted);
+    support::inject(fault);
   }
   /// A picture in and a buffer for it; what comes of it is the test's business.
   static void request(Client& client) {
@@ -95,8 +83,8 @@ TEST_F(Control, JournalReadsLikeTheConversationInEveryRun) {
 
 TEST_F(Control, HoldsADroppedBufferUntilThePortIsDisabled) {
   const auto client = decoder();
-  fault("FillBufferDone", CompletionFault::Drop);
-  platform::inject(CompletionFault{"EmptyBufferDone", 1, false, CompletionFault::Drop});
+  fault(support::lose("FillBufferDone"));
+  support::inject(support::lose("EmptyBufferDone"));
   // A flush would overtake the work: the faults must have been met before it is sent.
   platform::inject(CallFault{"OMX_FillThisBuffer", 1, false, CallFault::FinishFirst});
   request(*client);
@@ -111,20 +99,21 @@ TEST_F(Control, HoldsADroppedBufferUntilThePortIsDisabled) {
 
 TEST_F(Control, DelaysDoublesAndReplacesCallbacks) {
   const auto client = decoder();
-  fault("FillBufferDone", CompletionFault::Delay, 60);
+  fault(support::delay("FillBufferDone", 1, 60));
   const auto start = std::chrono::steady_clock::now();
   request(*client);
   EXPECT_EQ(client->next(2), (Texts{"emptied 320", "filled 321"}));
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(60));
   EXPECT_GT(client->out[0]->nFilledLen, 0u);
-  fault("FillBufferDone", CompletionFault::Double);
+  fault(support::mangle("FillBufferDone", CompletionFault::Double));
   request(*client);
   EXPECT_EQ(client->next(3), (Texts{"emptied 320", "filled 321", "filled 321"}));
-  fault("FillBufferDone", CompletionFault::ZeroLength);
+  fault(support::mangle("FillBufferDone", CompletionFault::ZeroLength));
   request(*client);
   client->next(2);
   EXPECT_EQ(client->out[0]->nFilledLen, 0u);
-  fault("FillBufferDone", CompletionFault::ErrorEvent, 0, OMX_ErrorPortUnpopulated);
+  fault(support::mangle("FillBufferDone", CompletionFault::ErrorEvent, 1,
+                        static_cast<std::uint32_t>(OMX_ErrorPortUnpopulated)));
   request(*client);
   EXPECT_EQ(client->next(2), (Texts{"emptied 320", "error PortUnpopulated"}));
   client->send(OMX_CommandFlush, out);

@@ -24,9 +24,6 @@ constexpr Part imageDecode = {"OMX.broadcom.image_decode", OMX_IndexParamImageIn
 constexpr Part imageEncode = {"OMX.broadcom.image_encode", OMX_IndexParamImageInit, 340, 341};
 constexpr Part videoEncode = {"OMX.broadcom.video_encode", OMX_IndexParamVideoInit, 200, 201};
 constexpr Part parts[] = {imageDecode, imageEncode, videoEncode};
-inline std::string nameOfPart(const testing::TestParamInfo<Part>& tested) {
-  return std::string(tested.param.name).substr(sizeof "OMX.broadcom." - 1);
-}
 
 using Texts = std::vector<std::string>;
 using Bytes = std::vector<std::uint8_t>;
@@ -106,6 +103,21 @@ class Client {
 
 /// The bytes of a buffer that came back.
 Bytes bytesOf(const OMX_BUFFERHEADERTYPE& buffer);
+
+/// What holds for every part.
+class EveryPart : public testing::TestWithParam<Part> {
+ public:
+  static std::string nameOf(const testing::TestParamInfo<Part>& tested) {
+    return std::string(tested.param.name).substr(sizeof "OMX.broadcom." - 1);
+  }
+
+ protected:
+  Client client{GetParam()};
+  const OMX_U32 in = GetParam().in;
+  const OMX_U32 out = GetParam().out;
+  const std::string emptied = "emptied " + std::to_string(in);
+  const std::string filled = "filled " + std::to_string(out);
+};
 
 }  // namespace rig
 

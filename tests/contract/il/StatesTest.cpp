@@ -12,13 +12,8 @@ using rig::Client;
 using rig::Part;
 using rig::Texts;
 
-class PortStates : public testing::TestWithParam<Part> {
- protected:
-  Client client{GetParam()};
-  const OMX_U32 in = GetParam().in;
-  const OMX_U32 out = GetParam().out;
-};
-INSTANTIATE_TEST_SUITE_P(Parts, PortStates, testing::ValuesIn(rig::parts), rig::nameOfPart);
+using PortStates = rig::EveryPart;
+INSTANTIATE_TEST_SUITE_P(Parts, PortStates, testing::ValuesIn(rig::parts), PortStates::nameOf);
 
 TEST_P(PortStates, StartsLoadedWithItsPortsOfOneDomainEnabledAndEmpty) {
   EXPECT_EQ(client.state(), OMX_StateLoaded);

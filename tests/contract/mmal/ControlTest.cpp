@@ -1,30 +1,17 @@
 // What the software platform adds: the journal, the faults and the census of its MMAL half.
 
-#include <tessera_platform/control.h>
-
 #include <algorithm>
 #include <chrono>
 
 #include "Rig.h"
+#include "support/FaultTest.h"
 
 namespace {
 
 using namespace contract;
 using namespace tessera_platform;
 
-/// Takes every fault away and finds nothing left behind.
-class Control : public testing::Test {
- protected:
-  void TearDown() override {
-    clearFaults();
-    EXPECT_TRUE(census().empty()) << tessera_platform::describe(census());
-  }
-};
-
-void fault(const char* completion, CompletionFault::Action action, unsigned delayMs = 0,
-           std::uint32_t code = 0) {
-  inject(CompletionFault{completion, 1, false, action, delayMs, code});
-}
+using Control = support::FaultTest;
 
 std::unique_ptr<Rig> running(int width = 64, int height = 48) {
   auto rig = std::make_unique<Rig>(videoEncode);
@@ -35,14 +22,14 @@ std::unique_ptr<Rig> running(int width = 64, int height = 48) {
 
 TEST_F(Control, LateAndLostBuffersComeBackWhenThePortIsDisabled) {
   const auto rig = running();
-  fault("output", CompletionFault::Delay, 150);
+  support::inject(support::delay("output", 1, 150));
   const auto start = std::chrono::steady_clock::now();
   ASSERT_TRUE(rig->feedScene(0));
   EXPECT_TRUE(rig->take().has(MMAL_BUFFER_HEADER_FLAG_CONFIG)) << "late, and in order";
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(149));
   EXPECT_TRUE(rig->take().has(MMAL_BUFFER_HEADER_FLAG_KEYFRAME));
-  fault("input", CompletionFault::Delay, 60000);
-  fault("output", CompletionFault::Drop);
+  support::inject(support::delay("input", 1, 60000));
+  support::inject(support::lose("output"));
   ASSERT_TRUE(rig->feedScene(1));
   EXPECT_FALSE(rig->take(100).came);
   rig->stop();
@@ -52,14 +39,14 @@ TEST_F(Control, LateAndLostBuffersComeBackWhenThePortIsDisabled) {
 
 TEST_F(Control, BuffersAreEmptiedOrReplacedByErrorEvents) {
   const auto rig = running();
-  fault("output", CompletionFault::ZeroLength);
+  support::inject(support::mangle("output", CompletionFault::ZeroLength));
   ASSERT_TRUE(rig->feedScene(0));
   Output output = rig->take();
   EXPECT_TRUE(output.has(MMAL_BUFFER_HEADER_FLAG_CONFIG)) << "the marks stay";
   EXPECT_TRUE(output.data.empty());
   EXPECT_TRUE(rig->take().has(MMAL_BUFFER_HEADER_FLAG_KEYFRAME));
   clearFaults();
-  fault("output", CompletionFault::ErrorEvent, 0, MMAL_EIO);
+  support::inject(support::mangle("output", CompletionFault::ErrorEvent, 1, MMAL_EIO));
   ASSERT_TRUE(rig->feedScene(1));
   output = rig->take();
   EXPECT_EQ(output.cmd, MMAL_EVENT_ERROR);
@@ -76,8 +63,8 @@ TEST_F(Control, PoolsAndQueuesMayGoInAnyOrder) {
     const auto rig = running();
     if (!working) mmal_component_disable(rig->component);
     ASSERT_TRUE(rig->feedScene(0));
-    inject(CallFault{"mmal_port_disable", 1, false, CallFault::Fail, MMAL_ENXIO});
-    EXPECT_EQ(mmal_port_disable(&rig->out()), MMAL_ENXIO);
+    support::inject(support::refuse("mmal_port_disable"));
+    EXPECT_EQ(mmal_port_disable(&rig->out()), 7u);
     mmal_pool_destroy(rig->inPool);
     mmal_pool_destroy(rig->outPool);
     rig->inPool = rig->outPool = nullptr;
