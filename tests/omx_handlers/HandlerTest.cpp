@@ -41,37 +41,28 @@ struct EventCase {
   OMX_EVENTTYPE event;
   OMX_U32 data;
   Counts posted;
-  std::string out;
-  std::string err;
+  std::string out = {}, err = {};
 };
 
 template <typename Encoder>
 void takeEvents(const Handlers& handlers) {
+  const Counts none{0, 0, 0, 0};
+  const std::string line = "OmxEventsHandler - 0x8000",
+                    unknown = "OmxEventsHandler  unknown event ";
   const EventCase table[] = {
-      {OMX_EventCmdComplete, OMX_CommandStateSet, {1, 0, 0, 0}, "", ""},
-      {OMX_EventCmdComplete, OMX_CommandFlush, {0, 0, 1, 0}, "", ""},
-      {OMX_EventCmdComplete, OMX_CommandPortDisable, {0, 1, 0, 0}, "", ""},
-      {OMX_EventCmdComplete, OMX_CommandPortEnable, {0, 1, 0, 0}, "", ""},
-      {OMX_EventCmdComplete, OMX_CommandMarkBuffer, {0, 0, 0, 0}, "", ""},
-      {OMX_EventError, 0x80001012, {1, 0, 0, 0}, "", ""},
-      {OMX_EventError,
-       0x80001009,
-       {0, 0, 0, 0},
-       "",
-       "OmxEventsHandler - 0x80001009:the hardware failed to respond as expected\n"},
-      {OMX_EventError,
-       0x8000101C,
-       {0, 0, 0, 0},
-       "",
-       std::string("OmxEventsHandler - 0x8000101c:") + handlers.unpopulated + "\n"},
-      {OMX_EventPortSettingsChanged,
-       1,
-       {0, 0, 0, 0},
-       "--------- OMX_EventPortSettingsChanged\n",
-       ""},
-      {OMX_EventBufferFlag, 1, {0, 0, 0, 0}, "", ""},
-      {OMX_EventMark, 0, {0, 0, 0, 0}, "OmxEventsHandler  unknown event 2\n", ""},
-      {OMX_EventResourcesAcquired, 0, {0, 0, 0, 0}, "OmxEventsHandler  unknown event 5\n", ""}};
+      {OMX_EventCmdComplete, OMX_CommandStateSet, {1, 0, 0, 0}},
+      {OMX_EventCmdComplete, OMX_CommandFlush, {0, 0, 1, 0}},
+      {OMX_EventCmdComplete, OMX_CommandPortDisable, {0, 1, 0, 0}},
+      {OMX_EventCmdComplete, OMX_CommandPortEnable, {0, 1, 0, 0}},
+      {OMX_EventCmdComplete, OMX_CommandMarkBuffer, none},
+      {OMX_EventError, 0x80001012, {1, 0, 0, 0}},
+      {OMX_EventError, 0x80001009, none, "",
+       line + "1009:the hardware failed to respond as expected\n"},
+      {OMX_EventError, 0x8000101C, none, "", line + "101c:" + handlers.unpopulated + "\n"},
+      {OMX_EventPortSettingsChanged, 1, none, "--------- OMX_EventPortSettingsChanged\n"},
+      {OMX_EventBufferFlag, 1, none},
+      {OMX_EventMark, 0, none, unknown + "2\n"},
+      {OMX_EventResourcesAcquired, 0, none, unknown + "5\n"}};
   for (const EventCase& tested : table) {
     SCOPED_TRACE(testing::Message() << "event " << tested.event << ", " << tested.data);
     Encoder encoder;
@@ -85,7 +76,7 @@ void takeEvents(const Handlers& handlers) {
   Encoder encoder;
   OMX_BUFFERHEADERTYPE buffer{};
   EXPECT_EQ(handlers.empty(nullptr, &encoder, &buffer), OMX_ErrorNone);
-  EXPECT_EQ(TesseraLayout::counts(encoder), (Counts{0, 0, 0, 0}));
+  EXPECT_EQ(TesseraLayout::counts(encoder), none);
   EXPECT_EQ(handlers.fill(nullptr, &encoder, &buffer), OMX_ErrorNone);
   EXPECT_EQ(TesseraLayout::counts(encoder), (Counts{0, 0, 0, 1}));
   EXPECT_TRUE(encoder.WaitForOutputBufferFilled());
