@@ -4,6 +4,8 @@
 #include <tessera/tessera.h>
 #include <tessera_platform/control.h>
 
+#include <functional>
+
 #include "Fuzz.h"
 #include "Haste.h"
 
@@ -21,15 +23,11 @@ int encodeJpeg(IJPEGEncoder& encoder) {
   return result;
 }
 
-void strayJpegEvent(FuzzedDataProvider& script, COmxJpegEncoder& encoder) {
+template <typename Handler>
+void strayEvent(FuzzedDataProvider& script, Handler handler, void* encoder) {
   const auto event = static_cast<OMX_EVENTTYPE>(script.ConsumeIntegralInRange(0, 8));
   const unsigned data1 = script.ConsumeBool() ? script.ConsumeIntegralInRange(0u, 6u) : 0x80001012u;
-  OmxEventsHandler(nullptr, &encoder, event, data1, script.ConsumeIntegral<unsigned>(), nullptr);
-}
-
-void strayH264Event(FuzzedDataProvider& script, COmxH264Encoder& encoder) {
-  const auto event = static_cast<OMX_EVENTTYPE>(script.ConsumeIntegralInRange(0, 8));
-  OmxH264EventsHandler(nullptr, &encoder, event, script.ConsumeIntegralInRange(0u, 6u), 0, nullptr);
+  handler(nullptr, encoder, event, data1, script.ConsumeIntegral<unsigned>(), nullptr);
 }
 
 /// What the sweep tries one at a time, several together.
@@ -66,40 +64,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     for (IH264Encoder* const each :
          {static_cast<IH264Encoder*>(&h264), static_cast<IH264Encoder*>(&mmal)})
       each->Create(0x56595559, width, height, 30, 1, 1, 1, 500000);
-    for (int step = 0; step < 12 && script.remaining_bytes() > 0; ++step) {
-      switch (script.ConsumeIntegralInRange(0, 9)) {
-        case 0:
-          encodeJpeg(jpeg);
-          break;
-        case 1:
-          workH264(h264);
-          break;
-        case 2:
-          strayJpegEvent(script, jpeg);
-          break;
-        case 3:
-          strayH264Event(script, h264);
-          break;
-        case 4:
-          OmxFillOutputBufferHandler(nullptr, &jpeg, nullptr);
-          break;
-        case 5:
-          OmxEmptyInputBufferHandler(nullptr, &jpeg, nullptr);
-          break;
-        case 6:
-          OmxH264FillOutputBufferHandler(nullptr, &h264, nullptr);
-          break;
-        case 7:
-          spoilCompletion(script);
-          break;
-        case 8:
-          workH264(mmal);
-          break;
-        default:
-          OmxH264EmptyInputBufferHandler(nullptr, &h264, nullptr);
-          break;
-      }
-    }
+    const std::function<void()> steps[] = {
+        [&] { encodeJpeg(jpeg); },
+        [&] { workH264(h264); },
+        [&] { strayEvent(script, OmxEventsHandler, &jpeg); },
+        [&] { strayEvent(script, OmxH264EventsHandler, &h264); },
+        [&] { OmxFillOutputBufferHandler(nullptr, &jpeg, nullptr); },
+        [&] { OmxEmptyInputBufferHandler(nullptr, &jpeg, nullptr); },
+        [&] { OmxH264FillOutputBufferHandler(nullptr, &h264, nullptr); },
+        [&] { spoilCompletion(script); },
+        [&] { workH264(mmal); },
+        [&] { OmxH264EmptyInputBufferHandler(nullptr, &h264, nullptr); }};
+    for (int step = 0; step < 12 && script.remaining_bytes() > 0; ++step)
+      steps[script.ConsumeIntegralInRange(0, 9)]();
   }
   tessera_platform::clearFaults();
   MUST(tessera_platform::census().empty());

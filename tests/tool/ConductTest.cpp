@@ -19,7 +19,7 @@ class ConductTest : public ToolTest {
 };
 
 TEST_F(ConductTest, StandardOutputHasNothingButData) {
-  ASSERT_EQ(run(std::string(encode) + "in.yuyv -o out.jpg").status, 0);
+  succeed(std::string(encode) + "in.yuyv -o out.jpg");
   const Result result = run(std::string(encode) + "in.yuyv -o -");
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(Bytes(result.out.begin(), result.out.end()), load("out.jpg"));
@@ -28,11 +28,11 @@ TEST_F(ConductTest, StandardOutputHasNothingButData) {
 }
 
 TEST_F(ConductTest, TheLastLineSumsUpUnlessQuiet) {
-  const Result told = run(std::string(encode) + "in.yuyv -o out.jpg");
-  EXPECT_EQ(told.err.rfind("3 frames of 64x48, 18.4 kB in, ", 0), 0u) << told.err;
-  EXPECT_EQ(run(std::string(encode) + "-q in.yuyv -o out.jpg").err, "");
+  const std::string told = succeed(std::string(encode) + "in.yuyv -o out.jpg");
+  EXPECT_EQ(told.rfind("3 frames of 64x48, 18.4 kB in, ", 0), 0u) << told;
+  EXPECT_EQ(succeed(std::string(encode) + "-q in.yuyv -o out.jpg"), "");
   const auto summary =
-      nlohmann::json::parse(run(std::string(encode) + "-q --json in.yuyv -o out.jpg").err);
+      nlohmann::json::parse(succeed(std::string(encode) + "-q --json in.yuyv -o out.jpg"));
   EXPECT_EQ(summary["frames"], 3);
   EXPECT_EQ(summary["width"], 64);
   EXPECT_EQ(summary["bytes_in"], 3 * 64 * 48 * 2);
@@ -90,11 +90,10 @@ TEST_F(ConductTest, LinksAreFollowedAndModesKept) {
 }
 
 TEST_F(ConductTest, AFifoAndADeviceAreWrittenDirectly) {
-  const Result result =
-      run("mkfifo pipe.y4m; cat pipe.y4m >copy.y4m & "
-          "tessera h264-decode -q in.264 -o pipe.y4m && wait && "
-          "tessera h264-decode -q in.264 -o /dev/null");
-  EXPECT_EQ(result.status, 0) << result.err;
+  succeed(
+      "mkfifo pipe.y4m; cat pipe.y4m >copy.y4m & "
+      "tessera h264-decode -q in.264 -o pipe.y4m && wait && "
+      "tessera h264-decode -q in.264 -o /dev/null");
   EXPECT_EQ(fromY4m(load("copy.y4m")).pictures.size(), 10u);
 }
 
@@ -104,9 +103,7 @@ TEST_F(ConductTest, ASlowReaderLosesNothing) {
   options.bFrames = 3;
   save("long.264", support::encodeH264(options).stream);
   // Two seconds without reading: longer than the decoder's limit for its input.
-  const Result result = run("tessera h264-decode long.264 -q -o - | (sleep 2; cat) >copy.y4m");
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(succeed("tessera h264-decode long.264 -q -o - | (sleep 2; cat) >copy.y4m"), "");
   EXPECT_EQ(fromY4m(load("copy.y4m")).pictures.size(), 60u);
 }
 

@@ -29,10 +29,8 @@ TEST_P(JpegEncodeTest, ColoursAreInTheirPlaces) {
   const bool omx = via == std::string("omx");
   const Image bars = support::bars(width, height);
   save("in", rawFrame(bars, format));
-  const Result result =
-      run("tessera jpeg-encode --size " + std::to_string(width) + "x" + std::to_string(height) +
+  succeed("tessera jpeg-encode --size " + std::to_string(width) + "x" + std::to_string(height) +
           " --format " + format + " --via " + via + " in -o out.jpg");
-  ASSERT_EQ(result.status, 0) << result.err;
 
   const Image picture = support::decodeJpegToRgb(load("out.jpg"));
   ASSERT_EQ(picture.width, omx ? support::round32(width) : width);
@@ -59,10 +57,9 @@ TEST_F(ToolTest, ManyFramesThroughPipesComeBackEachItself) {
   // Far enough apart for any one to be told from all others.
   const auto picture = [](int t) { return support::scene(width, height, 9 * t); };
   save("in", frames(count, [&](int t) { return rawFrame(picture(t), "yuyv"); }));
-  const Result result =
-      run("tessera jpeg-encode --size 150x75 --format yuyv - -o - <in | tessera jpeg-decode - -o - "
-          ">out.y4m");
-  ASSERT_EQ(result.status, 0) << result.err;
+  succeed(
+      "tessera jpeg-encode --size 150x75 --format yuyv - -o - <in | tessera jpeg-decode - -o - "
+      ">out.y4m");
   const Y4m decoded = fromY4m(load("out.y4m"));
   ASSERT_EQ(decoded.pictures.size(), std::size_t{count});
   for (int t = 0; t < count; ++t)
@@ -76,8 +73,7 @@ TEST_F(ToolTest, APhotoOfAnySamplingAndSizeIsDecodedBitForBit) {
     for (const Sampling sampling : {Sampling::Yuv420, Sampling::Yuv444, Sampling::Grey}) {
       const Bytes jpeg = support::encodeJpeg(support::scene(width, height), sampling, 90);
       save("in.jpg", jpeg);
-      const Result result = run("tessera jpeg-decode in.jpg -o out.yuv");
-      ASSERT_EQ(result.status, 0) << result.err;
+      succeed("tessera jpeg-decode in.jpg -o out.yuv");
       const auto pictures = fromI420(load("out.yuv"), width, height);
       ASSERT_EQ(pictures.size(), 1u) << width << "x" << height;
       EXPECT_EQ(pictures[0].y, support::decodeJpeg(jpeg).y) << width << "x" << height;
@@ -96,9 +92,8 @@ TEST_F(ToolTest, PicturesWithinPicturesAndStrayBytesDoNotConfuseTheCut) {
   const Bytes zeroes(7, 0), stray(9, 'x');
   save("in.mjpeg", exif + zeroes + progressive + stray + exif);
 
-  const Result result = run("tessera jpeg-decode in.mjpeg -o out.y4m");
-  ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_NE(result.err.find("9 bytes of in.mjpeg belong to no picture"), std::string::npos);
+  const std::string told = succeed("tessera jpeg-decode in.mjpeg -o out.y4m");
+  EXPECT_NE(told.find("9 bytes of in.mjpeg belong to no picture"), std::string::npos);
   const Y4m decoded = fromY4m(load("out.y4m"));
   ASSERT_EQ(decoded.pictures.size(), 3u);
   EXPECT_NE(decoded.header.find(" C420jpeg XCOLORRANGE=FULL"), std::string::npos);
@@ -116,7 +111,7 @@ TEST_F(ToolTest, ChangingSizesFitIntoPlanesOnly) {
   EXPECT_NE(refused.err.find("change from 40x30 to 100x50"), std::string::npos) << refused.err;
   EXPECT_EQ(files(), std::vector<std::string>{"in.mjpeg"});
 
-  ASSERT_EQ(run("tessera jpeg-decode in.mjpeg -o out.i420").status, 0);
+  succeed("tessera jpeg-decode in.mjpeg -o out.i420");
   EXPECT_EQ(load("out.i420").size(), 2u * 1800 + 7500);
 }
 
@@ -133,19 +128,17 @@ TEST_F(ToolTest, ABadPictureFailsUnlessLeftOut) {
             std::string::npos)
       << refused.err;
 
-  const Result kept = run("tessera jpeg-decode --keep-going in.mjpeg -o out.y4m");
-  EXPECT_EQ(kept.status, 0) << kept.err;
+  const std::string kept = succeed("tessera jpeg-decode --keep-going in.mjpeg -o out.y4m");
   EXPECT_EQ(fromY4m(load("out.y4m")).pictures.size(), 2u);
-  EXPECT_NE(kept.err.find("2 frames (1 left out)"), std::string::npos) << kept.err;
+  EXPECT_NE(kept.find("2 frames (1 left out)"), std::string::npos) << kept;
 }
 
 TEST_F(ToolTest, ACutPictureIsToldOf) {
   Bytes jpeg = support::encodeJpeg(support::scene(160, 120), Sampling::Yuv420, 90);
   jpeg.resize(jpeg.size() / 2);
   save("in.jpg", jpeg);
-  const Result result = run("tessera jpeg-decode in.jpg -o out.y4m");
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_NE(result.err.find("picture 1 of in.jpg is cut short"), std::string::npos) << result.err;
+  const std::string told = succeed("tessera jpeg-decode in.jpg -o out.y4m");
+  EXPECT_NE(told.find("picture 1 of in.jpg is cut short"), std::string::npos) << told;
   EXPECT_EQ(fromY4m(load("out.y4m")).pictures.size(), 1u);
 }
 

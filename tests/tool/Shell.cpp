@@ -14,13 +14,7 @@ using support::Yuv;
 
 namespace {
 
-Bytes slurp(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(file), {});
-}
-
-std::string text(const std::string& path) {
-  const Bytes bytes = slurp(path);
+std::string text(const Bytes& bytes) {
   return {bytes.begin(), bytes.end()};
 }
 
@@ -59,11 +53,14 @@ Result ToolTest::run(const std::string& script) const {
   const std::string limited =
       "timeout 30 bash -c '" + command + "' >" + directory_ + "/.out 2>" + directory_ + "/.err";
   const int status = std::system(limited.c_str());
-  Result result;
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  result.out = text(directory_ + "/.out");
-  result.err = text(directory_ + "/.err");
-  return result;
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), text(load(".out")),
+          text(load(".err"))};
+}
+
+std::string ToolTest::succeed(const std::string& script) const {
+  const Result result = run(script);
+  EXPECT_EQ(result.status, 0) << result.err;
+  return result.err;
 }
 
 void ToolTest::save(const std::string& name, const Bytes& data) const {
@@ -72,7 +69,8 @@ void ToolTest::save(const std::string& name, const Bytes& data) const {
 }
 
 Bytes ToolTest::load(const std::string& name) const {
-  return slurp(directory_ + "/" + name);
+  std::ifstream file(directory_ + "/" + name, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(file), {});
 }
 
 std::vector<std::string> ToolTest::files() const {

@@ -23,6 +23,8 @@ class ToolTest : public testing::Test {
 
   /// Runs a script for at most 30 s; a longer one ends with status 124.
   Result run(const std::string& script) const;
+  /// The same, and expects that it succeeds. @return what it said on standard error
+  std::string succeed(const std::string& script) const;
 
   void save(const std::string& name, const support::Bytes& data) const;
   support::Bytes load(const std::string& name) const;
