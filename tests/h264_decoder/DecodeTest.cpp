@@ -100,32 +100,17 @@ std::vector<std::size_t> cutEvery(std::size_t step, std::size_t size) {
   return cuts;
 }
 
-H264Options options(int width, int height, int frames, int bFrames = 0, int slices = 1,
-                    bool interlaced = false) {
-  H264Options o;
-  o.width = width;
-  o.height = height;
-  o.frames = frames;
-  o.bFrames = bFrames;
-  o.slices = slices;
-  o.interlaced = interlaced;
-  o.keyInterval = 6;
-  return o;
-}
-
 // ----------------------------------------------------------------------- streams and their cuts
 
-H264Options many(int quantiser) {
-  H264Options o = options(64, 48, 4);
-  o.quantiser = quantiser;
-  return o;
-}
-
+// Width, height, pictures, B-frames, slices, key frame interval, quantiser, interlaced.
 const std::pair<const char*, H264Options> kinds[] = {
-    {"Plain", options(96, 64, 12)},       {"BFrames", options(96, 64, 14, 3)},
-    {"Slices", options(96, 64, 7, 0, 4)}, {"Cropped", options(152, 100, 7, 2)},
-    {"OddlyCropped", options(50, 34, 5)}, {"Interlaced", options(96, 96, 8, 2, 1, true)},
-    {"LongerThanABuffer", many(2)},
+    {"plain", {96, 64, 12, 0, 1, 6}},
+    {"B-frames", {96, 64, 14, 3, 1, 6}},
+    {"slices", {96, 64, 7, 0, 4, 6}},
+    {"cropped", {152, 100, 7, 2, 1, 6}},
+    {"oddly cropped", {50, 34, 5, 0, 1, 6}},
+    {"interlaced", {96, 96, 8, 2, 1, 6, 24, true}},
+    {"longer than a buffer", {64, 48, 4, 0, 1, 6, 2}},
 };
 class Decoder : public support::FaultTest {};
 
@@ -155,7 +140,7 @@ TEST_F(Decoder, GivesTheSamePicturesHoweverAStreamIsCut) {
 }
 
 TEST_F(Decoder, ParameterSetsMayComeAsExtraData) {
-  const H264Made made = support::encodeH264(options(96, 64, 5));
+  const H264Made made = support::encodeH264({96, 64, 5, 0, 1, 6});
   const std::vector<std::size_t> nals = support::nalStarts(made.stream);
   std::size_t slice = 0;  // the first NAL unit that is no parameter set
   while ((made.stream[nals[slice] + 4] & 31) != 5 && (made.stream[nals[slice] + 3] & 31) != 5)
@@ -167,7 +152,7 @@ TEST_F(Decoder, ParameterSetsMayComeAsExtraData) {
 }
 
 TEST_F(Decoder, TimestampsStayWithTheirPicturesAcrossBFrames) {
-  const H264Made made = support::encodeH264(options(96, 64, 12, 3));
+  const H264Made made = support::encodeH264({96, 64, 12, 3, 1, 6});
   const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
   // The picture that the first i + 1 units have and the first i have not is that of unit i.
   std::vector<std::size_t> unitOf(expected.size(), expected.size());
@@ -187,7 +172,7 @@ TEST_F(Decoder, TimestampsStayWithTheirPicturesAcrossBFrames) {
 }
 
 TEST_F(Decoder, DecodeOnlyUnitsAreNotHandedOut) {
-  const H264Made made = support::encodeH264(options(96, 64, 6));
+  const H264Made made = support::encodeH264({96, 64, 6, 0, 1, 6});
   std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
   expected.erase(expected.begin() + 2);
   Player player(96, 64);
@@ -195,7 +180,7 @@ TEST_F(Decoder, DecodeOnlyUnitsAreNotHandedOut) {
 }
 
 TEST_F(Decoder, DamageDoesNotOutliveTheNextKeyFrame) {
-  const H264Made made = support::encodeH264(options(96, 64, 12));
+  const H264Made made = support::encodeH264({96, 64, 12, 0, 1, 6});
   const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
   // A damaged parameter set may tell of another size, which is another matter.
   const std::size_t pictures = support::nalStarts(made.stream)[2];
@@ -228,7 +213,7 @@ TEST_F(Decoder, CreateOnAThirdThreadDisturbsNobody) {
   H264Made clips[2];
   std::vector<Yuv> expected[2];
   for (int i : {0, 1}) {
-    clips[i] = support::encodeH264(options(widths[i], heights[i], 6));
+    clips[i] = support::encodeH264({widths[i], heights[i], 6, 0, 1, 6});
     expected[i] = support::decodeH264(clips[i].stream).pictures;
   }
   CMmalH264Decoder decoder;

@@ -1,4 +1,3 @@
-#include <unistd.h>
 
 #include "H264Encoders.h"
 
@@ -104,18 +103,6 @@ TEST_F(LateAnswers, WhatCannotBeGivenBackIsTold) {
   EXPECT_NE(capture.err().find(omxLine(omx + "ReleaseBuffers::OMX_FreeBuffer::Input") +
                                omxLine(omx + "ReleaseBuffers::OMX_FreeBuffer::Output")),
             std::string::npos);
-}
-
-TEST_F(LateAnswers, AHandleThatCannotBeFreedIsTold) {
-  const auto leave = [] {  // it stays, so it happens elsewhere
-    {
-      H264Encoder encoder(omxH264());
-      support::inject(refuse("OMX_FreeHandle"));
-    }
-    _exit(0);
-  };
-  EXPECT_EXIT(leave(), testing::ExitedWithCode(0),
-              "^" + omxLine(omx + "ReleaseHardware::OMX_FreeHandle"));
 }
 
 }  // namespace

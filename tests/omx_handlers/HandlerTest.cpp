@@ -1,6 +1,7 @@
 #include <semaphore.h>
 #include <tessera/COmxH264Encoder.h>
 #include <tessera/COmxJpegEncoder.h>
+#include <unistd.h>
 
 #include "support/FaultTest.h"
 
@@ -118,6 +119,23 @@ TEST_F(Handler, WaitsEndWithTheirSignalOrTheirLimit) {
     EXPECT_EQ(encoder.WaitForFlush(), answered);
     EXPECT_EQ(encoder.WaitForOutputBufferFilled(), answered);
   }
+}
+
+/// The handle stays, so it happens elsewhere.
+template <typename Encoder>
+void leave() {
+  {
+    Encoder encoder;
+    support::inject(support::refuse("OMX_FreeHandle"));
+  }
+  _exit(0);
+}
+
+TEST_F(Handler, HandlesThatCannotBeFreedAreTold) {
+  const std::string line = support::omxLine("::ReleaseHardware::OMX_FreeHandle");
+  const testing::ExitedWithCode good(0);
+  EXPECT_EXIT(leave<COmxJpegEncoder>(), good, "^CJpegHardwareEncoder" + line + "$");
+  EXPECT_EXIT(leave<COmxH264Encoder>(), good, "^COmxH264Encoder" + line + "$");
 }
 
 }  // namespace
