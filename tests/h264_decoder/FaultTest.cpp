@@ -9,19 +9,13 @@
 
 namespace {
 
-namespace control = tessera_platform;
-using support::Bytes;
-using support::expectAnswer;
-using support::FaultCase;
-using support::lose;
-using support::nullResult;
-using support::refuse;
+using namespace support;
 using Decoder = CMmalH264Decoder;
 
 const std::string name = "CMmalH264Decoder::";
 
-const support::H264Made& clip() {
-  static const support::H264Made made = support::encodeH264({64, 48, 3});
+const H264Made& clip() {
+  static const H264Made made = encodeH264({64, 48, 3});
   return made;
 }
 
@@ -78,7 +72,7 @@ std::unique_ptr<Decoder> ready(bool created = true) {
   return decoder;
 }
 
-class DecoderFaults : public support::FaultTest {};
+class DecoderFaults : public FaultTest {};
 
 TEST_F(DecoderFaults, TheFactoryReportsAMissingComponent) {
   IH264Decoder* decoder = nullptr;
@@ -88,7 +82,7 @@ TEST_F(DecoderFaults, TheFactoryReportsAMissingComponent) {
       name + "Initialize - failed to create mmal decoder component. Error code ";
   for (const auto& [fault, code] : {std::pair(refuse("mmal_component_create"), "[0x7]\n"),
                                     std::pair(nullResult("mmal_component_create"), "[0x0]\n")}) {
-    support::inject(fault);
+    inject(fault);
     expectAnswer<int>([&] { return CreateH264Decoder(&decoder); }, 0, "", line + code);
     EXPECT_EQ(decoder, nullptr);
     control::clearFaults();
@@ -125,13 +119,13 @@ TEST_P(CreateFaults, HaveTheirLinesAndTheNextCreateWorks) {
     if (ranBefore) {
       ASSERT_EQ(feed(*decoder), CodecOk);
     }
-    support::inject(its.fault);
+    inject(its.fault);
     expectAnswer<bool>([&] { return decoder->Create(64, 48, sizeof extra, extra); }, its.works,
                        its.out, its.err);
     EXPECT_EQ(control::faultsHit(), 1u);
     control::clearFaults();
     if (!its.works) {
-      const support::Capture quiet;
+      const Capture quiet;
       EXPECT_EQ(feed(*decoder), ranBefore ? CodecInvalidState : CodecStreamMismatch);
       EXPECT_EQ(take(*decoder), CodecInvalidState);
       ASSERT_TRUE(decoder->Create(64, 48, 0, nullptr));
@@ -139,15 +133,15 @@ TEST_P(CreateFaults, HaveTheirLinesAndTheNextCreateWorks) {
     expectWorks(*decoder);
   }
 }
-INSTANTIATE_TEST_SUITE_P(Table, CreateFaults, testing::ValuesIn(createFaults), support::NameOf());
+INSTANTIATE_TEST_SUITE_P(Table, CreateFaults, testing::ValuesIn(createFaults), NameOf());
 
 TEST_F(DecoderFaults, APortThatStaysOpenIsReported) {
   for (const unsigned nth : {1u, 2u}) {
     const auto decoder = ready();
     // The closing of the port before is refused too.
-    support::inject(refuse("mmal_port_disable", 1, true));
-    support::inject(refuse("mmal_wrapper_port_disable", nth));
-    support::Capture capture;
+    inject(refuse("mmal_port_disable", 1, true));
+    inject(refuse("mmal_wrapper_port_disable", nth));
+    Capture capture;
     decoder->Create(64, 48, 0, nullptr);
     const std::string which = nth == 1 ? "SetInputFormat" : "SetOutputFormat";
     EXPECT_NE(
@@ -160,7 +154,7 @@ TEST_F(DecoderFaults, APortThatStaysOpenIsReported) {
 
 TEST_F(DecoderFaults, SemaphoresThatCannotBeMadeAreReported) {
   for (const auto& [nth, which] : {std::pair(1, "input"), std::pair(2, "output")}) {
-    support::interpose::semInit.arm(nth);
+    interpose::semInit.arm(nth);
     expectAnswer<bool>([] { return Decoder(), true; }, true, "",
                        name + "CMmalH264Decoder - failed to create " + which + " semaphore\n");
   }
@@ -179,7 +173,7 @@ TEST_F(DecoderFaults, BadArgumentsAndStates) {
   const auto expectOutput = [&](unsigned char* data, unsigned int capacity, CodecStatus status,
                                 const std::string& line) {
     Output left;
-    support::Capture capture;
+    Capture capture;
     EXPECT_EQ(left.take(decoder, data, capacity), status);
     EXPECT_EQ(capture.err().rfind(name + "ProcessOutput - invalid " + line, 0), 0u)
         << capture.err();
@@ -233,7 +227,7 @@ TEST_F(DecoderFaults, CallbacksWithoutAnObjectReleaseTheBuffer) {
 
 TEST_F(DecoderFaults, ARefusedPieceTakesNothing) {
   const auto decoder = ready();
-  support::inject(refuse("mmal_port_send_buffer"));
+  inject(refuse("mmal_port_send_buffer"));
   expectAnswer<CodecStatus>([&] { return feed(*decoder); }, CodecSendFailed,
                             name + "ProcessInput - send input buffer failed. Error code [0x7]\n",
                             "");
@@ -260,7 +254,7 @@ TEST_F(DecoderFaults, ShortOfMemoryItGivesTheBufferBack) {
     ASSERT_EQ(feed(*decoder), CodecOk);
     unsigned char* frame = nullptr;
     Output out;
-    support::interpose::allocation.arm(1);
+    interpose::allocation.arm(1);
     EXPECT_THROW(while (decoder->ProcessOutput(&frame, out.size, out.width, out.height,
                                                out.timestamp) == CodecTimeout) continue,
                  std::bad_alloc);
@@ -271,11 +265,11 @@ TEST_F(DecoderFaults, ShortOfMemoryItGivesTheBufferBack) {
 
 TEST_F(DecoderFaults, WaitsEndOnTimeWhateverSignalsCome) {
   const auto decoder = ready();
-  support::inject(lose("input", 1, true));
-  support::inject(lose("output", 1, true));
+  inject(lose("input", 1, true));
+  inject(lose("output", 1, true));
   ASSERT_EQ(feed(*decoder), CodecOk);
   for (const bool storm : {false, true}) {
-    const support::SignalStorm signals(storm);
+    const SignalStorm signals(storm);
     expectAnswer<CodecStatus>([&] { return feed(*decoder, 1); }, CodecTimeout,
                               name + "ProcessInput - timeout\n", "", 1000, 2500);
     expectAnswer<CodecStatus>([&] { return take(*decoder); }, CodecTimeout, "", "", 100, 1500);
@@ -284,7 +278,7 @@ TEST_F(DecoderFaults, WaitsEndOnTimeWhateverSignalsCome) {
 
 TEST_F(DecoderFaults, BrokenWaitsAreReported) {
   const auto decoder = ready();
-  for (auto* broken : {&support::interpose::clockGettime, &support::interpose::semWait}) {
+  for (auto* broken : {&interpose::clockGettime, &interpose::semWait}) {
     broken->arm(1, true);
     expectAnswer<CodecStatus>([&] { return feed(*decoder); }, CodecWaitFailed,
                               name + "ProcessInput - wait failed [0x4]\n", "");
@@ -297,14 +291,14 @@ TEST_F(DecoderFaults, BrokenWaitsAreReported) {
 
 TEST_F(DecoderFaults, APieceThatWaitsOutlivesAFailedCreate) {
   const auto decoder = ready();
-  support::inject(lose("input"));
+  inject(lose("input"));
   ASSERT_EQ(feed(*decoder), CodecOk);
-  support::Capture capture;
+  Capture capture;
   control::startJournal();
   std::thread feeder([&] { EXPECT_EQ(feed(*decoder, 1), CodecTimeout); });
   while (control::journalNames(control::Lines::Calls).empty()) std::this_thread::yield();
   // Gives the lost buffer back, and leaves no pool for the next one.
-  support::inject(refuse("mmal_port_enable"));
+  inject(refuse("mmal_port_enable"));
   EXPECT_FALSE(decoder->Create(64, 48, 0, nullptr));
   feeder.join();
   control::stopJournal();
@@ -332,7 +326,7 @@ TEST_F(DecoderFaults, TheConversationReadsLikeThis) {
         bigger + bigger, "");
     decoder.Create(64, 48, 0, nullptr);
   }
-  support::expectConversation("CMmalH264Decoder");
+  expectConversation("CMmalH264Decoder");
 }
 
 }  // namespace

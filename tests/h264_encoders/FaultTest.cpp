@@ -8,26 +8,21 @@
 
 namespace {
 
-namespace control = tessera_platform;
-using support::FaultCase;
-using support::lose;
-using support::nullResult;
-using support::omxLine;
-using support::refuse;
+using namespace support;
 
 /// A construction, a Create and a frame with one fault in them.
 using H264Fault = std::tuple<const H264Class*, FaultCase>;
 
-class H264Faults : public support::FaultTest, public testing::WithParamInterface<H264Fault> {};
+class H264Faults : public FaultTest, public testing::WithParamInterface<H264Fault> {};
 
 TEST_P(H264Faults, HaveTheirLinesAndTheObjectWorksAgain) {
   const H264Class& kind = *std::get<0>(GetParam());
   const FaultCase& its = std::get<1>(GetParam());
-  support::interpose::hurry = kind.mmal ? 1 : 100;
+  interpose::hurry = kind.mmal ? 1 : 100;
   std::optional<H264Encoder> encoder;
   bool created = false;
-  support::inject(its.fault);
-  support::expectAnswer<bool>(
+  inject(its.fault);
+  expectAnswer<bool>(
       [&] {
         encoder.emplace(kind);
         return (created = encoder->create()) && encoder->works();
@@ -35,7 +30,7 @@ TEST_P(H264Faults, HaveTheirLinesAndTheObjectWorksAgain) {
       its.works, its.out, its.err);
   EXPECT_EQ(control::faultsHit(), 1u);
   control::clearFaults();
-  const support::Capture quiet;
+  const Capture quiet;
   if (!created && kind.mmal) {
     EXPECT_EQ(encoder->feed(), CodecInvalidState);
   }
@@ -72,7 +67,7 @@ const FaultCase mmalFaults[] = {
     {"OutputBuffer", refuse("mmal_port_send_buffer"), "", "", true},
     {"Frame", refuse("mmal_port_send_buffer", 3),
      mmal + "ProcessInput - send input buffer failed. Error code [0x7]\n", ""},
-    {"EmptyOutput", support::mangle("output", control::CompletionFault::ZeroLength), "", ""},
+    {"EmptyOutput", mangle("output", control::CompletionFault::ZeroLength), "", ""},
     {"NoInputBuffer", refuse("mmal_queue_get", 4), "", ""},
 };
 
@@ -133,29 +128,23 @@ const FaultCase omxFaults[] = {
      omx + "ProcessOutput - the output buffer was not filled\n"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Mmal, H264Faults,
-                         testing::Combine(testing::Values(&mmalH264()),
-                                          testing::ValuesIn(mmalFaults)),
-                         support::NameOf());
-INSTANTIATE_TEST_SUITE_P(Omx, H264Faults,
-                         testing::Combine(testing::Values(&omxH264()),
-                                          testing::ValuesIn(omxFaults)),
-                         support::NameOf());
+INSTANTIATE_TEST_SUITE_P(Mmal, H264Faults, rowsFor(&mmalH264(), mmalFaults), NameOf());
+INSTANTIATE_TEST_SUITE_P(Omx, H264Faults, rowsFor(&omxH264(), omxFaults), NameOf());
 
-using H264FaultTest = support::FaultTest;
+using H264FaultTest = FaultTest;
 
 TEST_P(BothH264, AFrameThatDoesNotGetAwayCanBeSentAgain) {
   const bool isMmal = GetParam()->mmal;
   H264Encoder encoder(*GetParam());
   ASSERT_TRUE(encoder.create());
-  support::inject(refuse(isMmal ? "mmal_port_send_buffer" : "OMX_EmptyThisBuffer"));
+  inject(refuse(isMmal ? "mmal_port_send_buffer" : "OMX_EmptyThisBuffer"));
   {
-    const support::Capture quiet;
+    const Capture quiet;
     EXPECT_EQ(encoder.feed(), CodecSendFailed);
   }
   if (isMmal) {
     control::clearFaults();
-    support::inject(refuse("mmal_queue_get"));
+    inject(refuse("mmal_queue_get"));
     EXPECT_EQ(encoder.feed(), CodecNoBuffer);
   }
   control::clearFaults();
@@ -166,8 +155,8 @@ TEST_F(H264FaultTest, APortThatStaysOpenIsReported) {
   for (const unsigned nth : {1u, 2u}) {
     H264Encoder encoder(mmalH264());
     ASSERT_TRUE(encoder.create() && encoder.works());
-    support::Capture capture;
-    support::inject(refuse("mmal_port_disable", nth));
+    Capture capture;
+    inject(refuse("mmal_port_disable", nth));
     encoder.create({i420, 32, 32});
     const std::string line = nth == 1 ? "SetInputFormat" : "SetOutputFormat";
     EXPECT_EQ(capture.err().find(mmal + line + " - failed to disable input port. Error code [0x7]"),
@@ -183,19 +172,19 @@ TEST_P(BothH264, WaitsEndOnTimeWhateverSignalsCome) {
   const bool isMmal = GetParam()->mmal;
   H264Encoder encoder(*GetParam());
   for (const bool storm : {false, true}) {
-    support::interpose::hurry = isMmal ? 1 : 10;  // one second of the ten
+    interpose::hurry = isMmal ? 1 : 10;  // one second of the ten
     // One credit, after a second Create too.
     ASSERT_TRUE(encoder.create());
-    support::inject(lose(isMmal ? "input" : "EmptyBufferDone", 1, true));
-    support::inject(lose(isMmal ? "output" : "FillBufferDone", 1, true));
+    inject(lose(isMmal ? "input" : "EmptyBufferDone", 1, true));
+    inject(lose(isMmal ? "output" : "FillBufferDone", 1, true));
     ASSERT_EQ(encoder.feed(), CodecOk);
     {
-      const support::SignalStorm signals(storm);
-      support::expectAnswer<CodecStatus>(
+      const SignalStorm signals(storm);
+      expectAnswer<CodecStatus>(
           [&] { return encoder.feed(1); }, CodecTimeout,
           isMmal ? mmal + "ProcessInput - timeout\n" : "",
           isMmal ? "" : omx + "ProcessInput - the input buffer did not come back\n", 990, 4000);
-      support::expectAnswer<CodecStatus>(
+      expectAnswer<CodecStatus>(
           [&] { return encoder.take().status; }, CodecTimeout,
           isMmal ? mmal + "ProcessOutput - timeout\n" : "",
           isMmal ? "" : omx + "ProcessOutput - the output buffer was not filled\n",
@@ -203,19 +192,19 @@ TEST_P(BothH264, WaitsEndOnTimeWhateverSignalsCome) {
     }
     control::clearFaults();
   }
-  const support::Capture quiet;
+  const Capture quiet;
   EXPECT_TRUE(encoder.create() && encoder.works(3));
 }
 
 TEST_F(H264FaultTest, BrokenWaitsAreReported) {
   H264Encoder encoder(mmalH264());
   ASSERT_TRUE(encoder.create());
-  for (auto* broken : {&support::interpose::clockGettime, &support::interpose::semWait}) {
+  for (auto* broken : {&interpose::clockGettime, &interpose::semWait}) {
     broken->arm(1, true);
-    support::expectAnswer<CodecStatus>([&] { return encoder.feed(); }, CodecWaitFailed,
-                                       mmal + "ProcessInput - wait failed [0x4]\n", "");
-    support::expectAnswer<CodecStatus>([&] { return encoder.take().status; }, CodecWaitFailed,
-                                       mmal + "ProcessOutput - wait failed [0x4]\n", "");
+    expectAnswer<CodecStatus>([&] { return encoder.feed(); }, CodecWaitFailed,
+                              mmal + "ProcessInput - wait failed [0x4]\n", "");
+    expectAnswer<CodecStatus>([&] { return encoder.take().status; }, CodecWaitFailed,
+                              mmal + "ProcessOutput - wait failed [0x4]\n", "");
     broken->disarm();
   }
   EXPECT_TRUE(encoder.works(3));
@@ -223,10 +212,9 @@ TEST_F(H264FaultTest, BrokenWaitsAreReported) {
 
 TEST_F(H264FaultTest, SemaphoresThatCannotBeMadeAreReported) {
   for (const auto& [nth, which] : {std::pair(1, "input"), std::pair(2, "output")}) {
-    support::interpose::semInit.arm(nth);
-    support::expectAnswer<bool>(
-        [] { return CMmalH264Encoder(), true; }, true, "",
-        mmal + "CMmalH264Encoder - failed to create " + which + " semaphore\n");
+    interpose::semInit.arm(nth);
+    expectAnswer<bool>([] { return CMmalH264Encoder(), true; }, true, "",
+                       mmal + "CMmalH264Encoder - failed to create " + which + " semaphore\n");
   }
 }
 
@@ -245,10 +233,10 @@ TEST_P(BothH264, ShortOfMemoryItGoesOn) {
       while ((*encoder).ProcessOutput(&array, size, flags) == CodecTimeout) continue;
     };
     {
-      const support::Capture quiet;
-      support::interpose::allocation.arm(1, true);
+      const Capture quiet;
+      interpose::allocation.arm(1, true);
       EXPECT_THROW(output(), std::bad_alloc);
-      support::interpose::allocation.disarm();
+      interpose::allocation.disarm();
     }
     EXPECT_EQ(array, nullptr);
     EXPECT_EQ(size, 5u);
@@ -274,7 +262,7 @@ void awaitOutputs(int count) {
 }
 
 TEST_P(BothH264, TheConversationReadsLikeThis) {
-  const support::Capture quiet;
+  const Capture quiet;
   control::startJournal();
   {
     H264Encoder encoder(*GetParam());
@@ -284,7 +272,7 @@ TEST_P(BothH264, TheConversationReadsLikeThis) {
     for (int buffer = 0; buffer < 2; ++buffer) encoder.take();
     encoder.create({yuyv, 64, 48});
   }
-  support::expectConversation(GetParam()->name);
+  expectConversation(GetParam()->name);
 }
 
 }  // namespace

@@ -3,34 +3,29 @@
 
 namespace {
 
-namespace control = tessera_platform;
-using support::delay;
-using support::lose;
-using support::omxLine;
-using support::refuse;
+using namespace support;
 
-using LateAnswers = support::FaultTest;
+using LateAnswers = FaultTest;
 const std::string omx = "COmxH264Encoder::";
 
 /// A lost or late fill: time-out, and afterwards the frame fed last is the one that comes out.
 /// Key frames come every second frame, so that a stream with a hole recovers.
 TEST_F(LateAnswers, ALateFillIsNeverTheNextFrames) {
   constexpr unsigned lateMs = 700;  // the limit is 100 here
-  support::interpose::hurry = 100;
+  interpose::hurry = 100;
   for (const unsigned delayMs : {0u, lateMs})
     for (const unsigned nth : {1u, 2u, 4u}) {
       SCOPED_TRACE(testing::Message() << "fill " << nth << ", " << delayMs << " ms late");
-      const support::Capture quiet;
+      const Capture quiet;
       H264Encoder encoder(omxH264());
       ASSERT_TRUE(encoder.create({yuyv, 64, 48, 2, 1, 1, 1, 1000000}));
-      support::inject(delayMs == 0 ? lose("FillBufferDone", nth)
-                                   : delay("FillBufferDone", nth, delayMs));
+      inject(delayMs == 0 ? lose("FillBufferDone", nth) : delay("FillBufferDone", nth, delayMs));
       // Each frame has a brightness of its own, so that the pictures tell which came out.
       Bytes stream;
       int lost = 0;
       for (int t = 0; t < 6; ++t) {
         const auto grey = static_cast<std::uint8_t>(20 + 40 * t);
-        encoder.feed(support::flat(64, 48, grey, grey, grey));
+        encoder.feed(flat(64, 48, grey, grey, grey));
         for (int buffer = t == 0 ? 0 : 1; buffer < 2; ++buffer) {
           const Output out = encoder.take();
           lost += out.status == CodecTimeout;
@@ -41,29 +36,29 @@ TEST_F(LateAnswers, ALateFillIsNeverTheNextFrames) {
       EXPECT_EQ(lost, 1);
       EXPECT_EQ(control::faultsHit(), 1u);
       control::clearFaults();
-      const support::H264Stream seen = support::decodeH264(stream);
+      const H264Stream seen = decodeH264(stream);
       ASSERT_FALSE(seen.pictures.empty());
-      const support::Yuv& last = seen.pictures.back();
+      const Yuv& last = seen.pictures.back();
       EXPECT_NEAR(last.y[static_cast<std::size_t>(last.width) * 24 + 32], 220, 15);
     }
 }
 
 TEST_F(LateAnswers, WaitingAgainGivesTheLateAnswer) {
   for (const bool input : {false, true}) {
-    support::interpose::hurry = 100;
+    interpose::hurry = 100;
     H264Encoder encoder(omxH264());
     ASSERT_TRUE(encoder.create());
-    support::inject(delay(input ? "EmptyBufferDone" : "FillBufferDone", 1, 700));
+    inject(delay(input ? "EmptyBufferDone" : "FillBufferDone", 1, 700));
     ASSERT_EQ(encoder.feed(), CodecOk);
     {
-      const support::Capture quiet;
+      const Capture quiet;
       EXPECT_EQ(input ? encoder.feed(1) : encoder.take().status, CodecTimeout);
     }
-    support::interpose::hurry = 5;
+    interpose::hurry = 5;
     Video video;
     EXPECT_TRUE(encoder.collect(video));
     EXPECT_TRUE(encoder.feed(1) == CodecOk && encoder.collect(video));
-    EXPECT_EQ(support::decodeH264(video.stream).pictures.size(), 2u);
+    EXPECT_EQ(decodeH264(video.stream).pictures.size(), 2u);
     control::clearFaults();
   }
 }
@@ -71,20 +66,20 @@ TEST_F(LateAnswers, WaitingAgainGivesTheLateAnswer) {
 /// The way out of a fill that was given up is a flush; what can go wrong with it is told.
 TEST_F(LateAnswers, AFlushForALateFillMayFail) {
   const std::string late = omx + "ProcessInput - the late output did not come back\n";
-  const std::pair<support::AnyFault, std::string> table[] = {
+  const std::pair<AnyFault, std::string> table[] = {
       {refuse("OMX_SendCommand"), omxLine(omx + "ProcessInput::OMX_CommandFlush::Output")},
       {lose("EventHandler", 1, true), late},
       {refuse("OMX_FillThisBuffer"), omxLine(omx + "ProcessInput - OMX_FillThisBuffer failed")}};
-  support::interpose::hurry = 100;
+  interpose::hurry = 100;
   for (const auto& [fault, line] : table) {
     H264Encoder encoder(omxH264());
     ASSERT_TRUE(encoder.create() && encoder.works());
-    support::Capture capture;
-    support::inject(lose("FillBufferDone"));
+    Capture capture;
+    inject(lose("FillBufferDone"));
     encoder.feed(1);
     EXPECT_EQ(encoder.take().status, CodecTimeout);
     const std::size_t before = capture.err().size();
-    support::inject(fault);
+    inject(fault);
     const CodecStatus status = encoder.feed(2);
     EXPECT_EQ(status == CodecOk, line.find("Fill") != std::string::npos) << line;
     EXPECT_EQ(capture.err().substr(before, line.size()), line);
@@ -94,11 +89,11 @@ TEST_F(LateAnswers, AFlushForALateFillMayFail) {
 }
 
 TEST_F(LateAnswers, WhatCannotBeGivenBackIsTold) {
-  support::Capture capture;
+  Capture capture;
   {
     H264Encoder encoder(omxH264());
     ASSERT_TRUE(encoder.create());
-    for (const unsigned nth : {1u, 2u}) support::inject(refuse("OMX_FreeBuffer", nth));
+    for (const unsigned nth : {1u, 2u}) inject(refuse("OMX_FreeBuffer", nth));
   }
   EXPECT_NE(capture.err().find(omxLine(omx + "ReleaseBuffers::OMX_FreeBuffer::Input") +
                                omxLine(omx + "ReleaseBuffers::OMX_FreeBuffer::Output")),

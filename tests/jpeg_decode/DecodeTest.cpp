@@ -34,7 +34,6 @@ TEST(Decode, TakesWhatCamerasWrite) {
   const Bytes plain = support::encodeJpeg(image, Sampling::Yuv422, 85);
   const std::pair<const char*, Bytes> kinds[] = {
       {"restart markers", surgery::encodeWith("TJ_RESTART", "3B", image, Sampling::Yuv420)},
-      {"Exif before all else", surgery::withExif(plain, 20000)},
       {"two blocks of comments",
        surgery::insert(plain, 2, {0xFF, 0xFE, 0, 4, 'h', 'i', 0xFF, 0xFE, 0, 2})},
       {"bytes after the end", surgery::insert(plain, plain.size(), Bytes(5000, 0))}};

@@ -9,22 +9,15 @@
 
 namespace {
 
-namespace control = tessera_platform;
+using namespace support;
 using control::CompletionFault;
-using support::Bytes;
-using support::delay;
-using support::FaultCase;
-using support::lose;
-using support::mangle;
-using support::nullResult;
-using support::refuse;
 
 /// Waits of ten seconds take a tenth of one.
-class Faults : public support::FaultTest {
+class Faults : public FaultTest {
  protected:
   void SetUp() override {
-    support::FaultTest::SetUp();
-    support::interpose::hurry = 100;
+    FaultTest::SetUp();
+    interpose::hurry = 100;
   }
 };
 
@@ -33,12 +26,12 @@ class Faults : public support::FaultTest {
 class Setup : public Faults, public testing::WithParamInterface<FaultCase> {};
 
 TEST_P(Setup, EndsWithItsMessageAndTheReleaseIsSafe) {
-  support::inject(GetParam().fault);
-  support::expectAnswer<int>(
+  inject(GetParam().fault);
+  expectAnswer<int>(
       [&] {
         DecoderPool* const pool = GetDecoderPool();
         EXPECT_EQ(TesseraLayout::lastError(*pool) == OMX_ErrorNone, GetParam().works);
-        const support::Capture quiet;
+        const Capture quiet;
         int width = 64, height = 48;
         char data[100] = {};
         EXPECT_EQ(pool->DecodeJpeg(data, sizeof data, width, height), nullptr);
@@ -75,7 +68,7 @@ const FaultCase setupFaults[] = {
      idle + "Error OMX_SetParameter " + noResources + " \n", ""},
     {"Executing", refuse("OMX_SendCommand", 6),
      idle + "Error switching to State Executing " + noResources + " \n", ""}};
-INSTANTIATE_TEST_SUITE_P(Steps, Setup, testing::ValuesIn(setupFaults), support::NameOf());
+INSTANTIATE_TEST_SUITE_P(Steps, Setup, testing::ValuesIn(setupFaults), NameOf());
 
 // ------------------------------------------------------------------------------- decode cycle
 
@@ -88,7 +81,7 @@ TEST_P(Cycle, GivesItsLineAndNeverAStalePicture) {
   const Bytes first = jpegOf(64, 48), same = jpegOf(64, 48, 1), other = jpegOf(96, 48, 2),
               jpeg = width == 64 ? same : other;
   ASSERT_EQ(difference(decode(*pool, first), first), "");
-  support::inject(its.fault);
+  inject(its.fault);
   const Decoded seen = decode(*pool, jpeg);
   EXPECT_EQ(control::faultsHit(), 1u);
   EXPECT_EQ(seen.lines, its.out);
@@ -149,18 +142,14 @@ const FaultCase newSize[] = {
     {"EnabledLost", lose("EventHandler", 3), noEnable, "", false, false},
     {"EnabledTooLate", delay("EventHandler", 3, 500), noEnable, "", false, false},
 };
-INSTANTIATE_TEST_SUITE_P(SameSize, Cycle,
-                         testing::Combine(testing::Values(64), testing::ValuesIn(sameSize)),
-                         support::NameOf());
-INSTANTIATE_TEST_SUITE_P(NewSize, Cycle,
-                         testing::Combine(testing::Values(96), testing::ValuesIn(newSize)),
-                         support::NameOf());
+INSTANTIATE_TEST_SUITE_P(SameSize, Cycle, rowsFor(64, sameSize), NameOf());
+INSTANTIATE_TEST_SUITE_P(NewSize, Cycle, rowsFor(96, newSize), NameOf());
 
 TEST_F(Faults, ARebuildThatFailsAgainGivesNullAgain) {
   QuietPool tested;
   const Bytes jpeg = jpegOf(96, 80);
   for (const char* call : {"OMX_FreeBuffer", "OMX_AllocateBuffer", "OMX_SendCommand"}) {
-    support::inject(refuse(call, 1, true));
+    inject(refuse(call, 1, true));
     for (int i = 0; i < 3; ++i) EXPECT_EQ(decode(*tested, jpeg).data, nullptr) << call;
     control::clearFaults();
     EXPECT_EQ(difference(decode(*tested, jpeg), jpeg), "") << call;
@@ -176,10 +165,10 @@ TEST_F(Faults, CatchingUpMayFailToo) {
        {std::pair(refuse("OMX_SendCommand"), pool + "the ports cannot be flushed\n"),
         std::pair(lose("EventHandler"), noAnswer + "OMX_CommandFlush\n")}) {
     ASSERT_EQ(difference(decode(*tested, jpeg), jpeg), "");
-    support::inject(lose("FillBufferDone"));
+    inject(lose("FillBufferDone"));
     EXPECT_EQ(decode(*tested, jpeg).lines, noFill);
     control::clearFaults();
-    support::inject(fault);
+    inject(fault);
     EXPECT_EQ(decode(*tested, jpeg).lines, line);
     control::clearFaults();
     decode(*tested, jpeg);  // an answer that was lost is written off
@@ -191,7 +180,7 @@ TEST_F(Faults, InputBuffersThatStayAwayAreGivenUp) {
   QuietPool tested;
   const Bytes jpeg = jpegOf(64, 48);
   TesseraLayout::occupyInputs(*tested, 1);
-  support::interpose::clockRate = 100;
+  interpose::clockRate = 100;
   const std::string lines = decode(*tested, jpeg).lines;
   const std::string last = " DecoderPool::DecodeJpeg - the input buffers do not come back\n";
   EXPECT_EQ(lines.find("pBufHeader->nFilledLen != 0"), 0u);
@@ -201,23 +190,23 @@ TEST_F(Faults, InputBuffersThatStayAwayAreGivenUp) {
 }
 
 TEST_F(Faults, AComponentWithoutInputBuffersIsRefused) {
-  support::inject(nullResult("OMX_GetParameter", 2));
-  support::inject(nullResult("OMX_SetParameter", 2));
-  support::Capture capture;
+  inject(nullResult("OMX_GetParameter", 2));
+  inject(nullResult("OMX_SetParameter", 2));
+  Capture capture;
   DecoderPool* const made = GetDecoderPool();
   EXPECT_EQ(capture.out(), "unusable number of input buffers: 0\n");
   ReleaseDecoderPool(made);
 }
 
 TEST_F(Faults, WaitsEndOnTimeWhateverSignalsCome) {
-  support::interpose::hurry = 10;
+  interpose::hurry = 10;
   for (const bool storm : {false, true}) {
     QuietPool tested;
     Bytes jpeg = jpegOf(1280, 720);
-    support::inject(lose("FillBufferDone", 1, true));
-    const support::SignalStorm signals(storm);
+    inject(lose("FillBufferDone", 1, true));
+    const SignalStorm signals(storm);
     int width = 0, height = 0;
-    support::expectAnswer<bool>(
+    expectAnswer<bool>(
         [&] {
           return (*tested).DecodeJpeg(reinterpret_cast<char*>(jpeg.data()),
                                       static_cast<unsigned>(jpeg.size()), width, height) != nullptr;
@@ -231,8 +220,8 @@ TEST_F(Faults, AnErrorEventWhileAPictureIsWaitedForEndsTheProcess) {
   const auto die = [] {
     DecoderPool dying;
     Bytes jpeg = jpegOf(64, 48);
-    support::inject(mangle("FillBufferDone", CompletionFault::ErrorEvent, 1,
-                           static_cast<OMX_U32>(OMX_ErrorStreamCorrupt)));
+    inject(mangle("FillBufferDone", CompletionFault::ErrorEvent, 1,
+                  static_cast<OMX_U32>(OMX_ErrorStreamCorrupt)));
     dup2(STDERR_FILENO, STDOUT_FILENO);
     int width = 0, height = 0;
     dying.DecodeJpeg(reinterpret_cast<char*>(jpeg.data()), static_cast<unsigned>(jpeg.size()),
@@ -246,14 +235,14 @@ TEST_F(Faults, AnErrorEventWhileAPictureIsWaitedForEndsTheProcess) {
 
 class Teardown : public Faults {
  protected:
-  static std::string release(const support::AnyFault& fault) {
+  static std::string release(const AnyFault& fault) {
     DecoderPool* made;
     {
-      const support::Capture capture;
+      const Capture capture;
       made = GetDecoderPool();
     }
-    support::inject(fault);
-    support::Capture capture;
+    inject(fault);
+    Capture capture;
     ReleaseDecoderPool(made);
     EXPECT_EQ(control::faultsHit(), 1u);
     control::clearFaults();
@@ -280,7 +269,7 @@ TEST_F(Teardown, EndsEarlyWhenTheStateIsRefused) {
   // What is left behind is left for good, so it happens elsewhere.
   const auto leave = [](unsigned nth) {
     DecoderPool* const made = GetDecoderPool();
-    support::inject(refuse("OMX_SendCommand", nth));
+    inject(refuse("OMX_SendCommand", nth));
     dup2(STDERR_FILENO, STDOUT_FILENO);
     ReleaseDecoderPool(made);
     std::printf("left: %s\n", control::describe(control::census()).c_str());
@@ -296,7 +285,7 @@ TEST_F(Teardown, EndsEarlyWhenTheStateIsRefused) {
 TEST_F(Faults, TheConversationReadsLikeThis) {
   Bytes jpeg = jpegOf(640, 480);
   jpeg.resize(200000);  // whatever TurboJPEG makes of it
-  support::Capture capture;
+  Capture capture;
   control::startJournal();
   DecoderPool* const tested = GetDecoderPool();
   EXPECT_EQ(capture.out(), idle + "State changed to: OMX_StateExecuting\n");
@@ -307,7 +296,7 @@ TEST_F(Faults, TheConversationReadsLikeThis) {
   EXPECT_EQ(capture.out().substr(printed),
             "DecoderPool::~DecoderPool \nsem get is [0] \nSending command!\nFinished waiting!\n" +
                 idle + "State changed to: OMX_StateLoaded\n");
-  support::expectConversation("DecoderPool");
+  expectConversation("DecoderPool");
 }
 
 }  // namespace

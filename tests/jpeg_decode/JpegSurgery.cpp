@@ -31,15 +31,6 @@ Bytes insert(const Bytes& jpeg, std::size_t at, const Bytes& bytes) {
   return result;
 }
 
-Bytes withExif(const Bytes& jpeg, std::size_t length) {
-  Bytes block{0xFF, 0xE1, static_cast<std::uint8_t>((length + 2) >> 8),
-              static_cast<std::uint8_t>(length + 2)};
-  // A thumbnail's header within it must not be taken for the picture's.
-  const Bytes inside{'E', 'x', 'i', 'f', 0, 0, 0xFF, 0xD8, 0xFF, 0xC0, 0, 17, 8, 0, 60, 0, 80};
-  for (std::size_t i = 0; i < length; ++i) block.push_back(inside[i % inside.size()]);
-  return insert(jpeg, 2, block);
-}
-
 Bytes withoutTables(Bytes jpeg) {
   for (auto found = segments(jpeg, huffmanTables); !found.empty();
        found = segments(jpeg, huffmanTables)) {

@@ -14,9 +14,6 @@ std::vector<std::size_t> segments(const Bytes& jpeg, std::uint8_t code);
 /// The file with some bytes put in.
 Bytes insert(const Bytes& jpeg, std::size_t at, const Bytes& bytes);
 
-/// The file with an Exif block of that many bytes as its first segment.
-Bytes withExif(const Bytes& jpeg, std::size_t length);
-
 /// The file without its Huffman tables, as cameras write MJPEG.
 Bytes withoutTables(Bytes jpeg);
 

@@ -6,31 +6,24 @@
 
 namespace {
 
-namespace control = tessera_platform;
+using namespace support;
 using control::CompletionFault;
-using support::delay;
-using support::FaultCase;
-using support::lose;
-using support::mangle;
-using support::nullResult;
-using support::omxLine;
-using support::refuse;
 
-const Image picture = support::scene(100, 50);
+const Image picture = scene(100, 50);
 
 /// A construction and an encode with one fault in them.
 using JpegFault = std::tuple<const JpegClass*, FaultCase>;
 
-class JpegFaults : public support::FaultTest, public testing::WithParamInterface<JpegFault> {
+class JpegFaults : public FaultTest, public testing::WithParamInterface<JpegFault> {
  protected:
-  void SetUp() override { support::interpose::hurry = 100; }  // ten seconds take a tenth of one
+  void SetUp() override { interpose::hurry = 100; }  // ten seconds take a tenth of one
 };
 
 TEST_P(JpegFaults, HaveTheirLinesAndTheNextCallIsNotFooled) {
   const auto& [kind, its] = GetParam();
   std::optional<JpegEncoder> encoder;
-  support::inject(its.fault);
-  support::expectAnswer<int>(
+  inject(its.fault);
+  expectAnswer<int>(
       [&, &kind = kind, &its = its] {
         encoder.emplace(*kind);
         const Encoded out = encoder->encode(picture);
@@ -40,9 +33,9 @@ TEST_P(JpegFaults, HaveTheirLinesAndTheNextCallIsNotFooled) {
       its.works, its.out, its.err, 0, 4000);
   EXPECT_EQ(control::faultsHit(), 1u);
   control::clearFaults();
-  const support::Capture quiet;
+  const Capture quiet;
   for (int t = 1; t < 4; ++t) {
-    const Image next = support::scene(100, 50, t);
+    const Image next = scene(100, 50, t);
     const Encoded out = encoder->encode(next);
     EXPECT_EQ(out.result, its.again);
     if (out.result == 1) {
@@ -145,53 +138,45 @@ const FaultCase omxFaults[] = {
     {"LateFill", delay("FillBufferDone", 1, 700), noFill, ""},
 };
 
-INSTANTIATE_TEST_SUITE_P(Mmal, JpegFaults,
-                         testing::Combine(testing::Values(&mmalJpeg()),
-                                          testing::ValuesIn(mmalFaults)),
-                         support::NameOf());
-INSTANTIATE_TEST_SUITE_P(Omx, JpegFaults,
-                         testing::Combine(testing::Values(&omxJpeg()),
-                                          testing::ValuesIn(omxFaults)),
-                         support::NameOf());
+INSTANTIATE_TEST_SUITE_P(Mmal, JpegFaults, rowsFor(&mmalJpeg(), mmalFaults), NameOf());
+INSTANTIATE_TEST_SUITE_P(Omx, JpegFaults, rowsFor(&omxJpeg(), omxFaults), NameOf());
 
 // ------------------------------------------------------------------------- waits and resources
 
-using JpegFaultTest = support::FaultTest;
+using JpegFaultTest = FaultTest;
 
 /// Ten seconds, here one, and after an error event one more second, here a tenth: on time, whatever
 /// signals come, and a late answer answers nothing.
 TEST_P(BothJpeg, AnAnswerThatDoesNotComeEndsTheCallOnTime) {
-  support::interpose::hurry = 10;
+  interpose::hurry = 10;
   const bool isMmal = GetParam()->mmal;
   const std::string out = isMmal ? mmal + "Encode - timeout\n" : noFill;
   const char* const answer = isMmal ? "wrapper" : "FillBufferDone";
   if (!isMmal) {
     JpegEncoder encoder(omxJpeg());
-    support::inject(
-        mangle(answer, CompletionFault::ErrorEvent, 1, static_cast<OMX_U32>(OMX_ErrorHardware)));
-    support::expectAnswer<int>(
-        [&] { return encoder.encode(picture).result; }, 0, out,
-        "OmxEventsHandler - 0x80001009:the hardware failed to respond as expected\n", 100, 900);
+    inject(mangle(answer, CompletionFault::ErrorEvent, 1, static_cast<OMX_U32>(OMX_ErrorHardware)));
+    expectAnswer<int>([&] { return encoder.encode(picture).result; }, 0, out,
+                      "OmxEventsHandler - 0x80001009:the hardware failed to respond as expected\n",
+                      100, 900);
     control::clearFaults();
   }
   for (const bool storm : {false, true}) {
     JpegEncoder encoder(*GetParam());
-    support::inject(lose(answer, 1, true));
+    inject(lose(answer, 1, true));
     {
-      const support::SignalStorm signals(storm);
-      support::expectAnswer<int>([&] { return encoder.encode(picture).result; }, 0, out, "", 990,
-                                 4000);
+      const SignalStorm signals(storm);
+      expectAnswer<int>([&] { return encoder.encode(picture).result; }, 0, out, "", 990, 4000);
     }
     control::clearFaults();
-    const support::Capture quiet;
+    const Capture quiet;
     EXPECT_GT(quality(encoder.encode(picture).jpeg, encoder.expected(picture)), 30);
   }
 }
 
 TEST_F(JpegFaultTest, AnErrorOfTheMmalComponentEndsTheProcess) {
-  const auto work = [](const support::AnyFault& fault) {
+  const auto work = [](const AnyFault& fault) {
     JpegEncoder encoder(mmalJpeg());
-    support::inject(fault);
+    inject(fault);
     encoder.encode(picture);
   };
   const char* const line = "^CMmalJpegEncoder::Encode - failed to get full buffer\n$";
@@ -202,21 +187,21 @@ TEST_F(JpegFaultTest, AnErrorOfTheMmalComponentEndsTheProcess) {
 
 TEST_F(JpegFaultTest, WithoutASemaphoreThereIsNoSetup) {
   JpegEncoder encoder(mmalJpeg());
-  support::interpose::semInit.arm(1);
-  support::expectAnswer<int>([&] { return encoder.encode(picture).result; }, 0, failed,
-                             step + "create semaphore\n");
+  interpose::semInit.arm(1);
+  expectAnswer<int>([&] { return encoder.encode(picture).result; }, 0, failed,
+                    step + "create semaphore\n");
   EXPECT_EQ(encoder.encode(picture).result, 1);
 }
 
 /// The MMAL class looks again now and then, the OpenMAX IL one gives up.
 TEST_P(BothJpeg, AClockOrASemaphoreThatDoesNotWorkHangsNobody) {
-  using support::interpose::clockGettime;
+  using interpose::clockGettime;
   // The clock may also work once, for the deadline alone.
   for (const auto& [broken, nth] : {std::pair(&clockGettime, 1), std::pair(&clockGettime, 2),
-                                    std::pair(&support::interpose::semWait, 1)}) {
+                                    std::pair(&interpose::semWait, 1)}) {
     JpegEncoder encoder(*GetParam());
     {
-      const support::Capture quiet;
+      const Capture quiet;
       broken->arm(nth, true);
       for (int t = 0; t < 3; ++t)
         EXPECT_EQ(encoder.encode(picture).result, GetParam()->mmal ? 1 : 0);
@@ -235,12 +220,12 @@ TEST_P(BothJpeg, ShortOfMemoryLeavesNothingBehind) {
     unsigned char* array = nullptr;
     unsigned size = 5;
     const control::Census before = control::census();
-    support::interpose::allocation.arm(1);
+    interpose::allocation.arm(1);
     EXPECT_THROW(bits == 0
                      ? (*encoder).EncodeYUYV(frame.data(), length(frame), 100, 50, &array, size)
                      : (*encoder).EncodeRGB32(frame.data(), length(frame), 100, 50, &array, size),
                  std::bad_alloc);
-    support::interpose::allocation.disarm();
+    interpose::allocation.disarm();
     EXPECT_EQ(array, nullptr);
     EXPECT_EQ(control::describe(control::census()), control::describe(before));
     EXPECT_EQ(encoder.encode(picture, bits).result, 1);
@@ -249,15 +234,15 @@ TEST_P(BothJpeg, ShortOfMemoryLeavesNothingBehind) {
 
 TEST_F(JpegFaultTest, WhatCannotBeGivenBackIsTold) {
   JpegEncoder encoder(omxJpeg());
-  support::inject(lose("FillBufferDone"));
+  inject(lose("FillBufferDone"));
   {
-    const support::Capture quiet;
+    const Capture quiet;
     encoder.encode(picture);
   }
   control::clearFaults();
   // The next call takes the component down.
-  for (const unsigned nth : {1u, 2u}) support::inject(refuse("OMX_FreeBuffer", nth));
-  support::Capture capture;
+  for (const unsigned nth : {1u, 2u}) inject(refuse("OMX_FreeBuffer", nth));
+  Capture capture;
   encoder.encode(picture);
   EXPECT_EQ(capture.err(), omxLine(hardware + "ReleaseBuffers::OMX_FreeBuffer::Input") +
                                omxLine(hardware + "ReleaseBuffers::OMX_FreeBuffer::Output"));
@@ -267,10 +252,10 @@ TEST_P(BothJpeg, TheConversationReadsLikeThis) {
   control::startJournal();
   {
     JpegEncoder encoder(*GetParam());
-    for (int t : {0, 1}) encoder.encode(support::scene(100, 50, t));
-    encoder.encode(support::scene(64, 48), 24);
+    for (int t : {0, 1}) encoder.encode(scene(100, 50, t));
+    encoder.encode(scene(64, 48), 24);
   }
-  support::expectConversation(GetParam()->name);
+  expectConversation(GetParam()->name);
 }
 
 }  // namespace

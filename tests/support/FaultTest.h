@@ -95,6 +95,12 @@ struct NameOf {
   }
 };
 
+/// The rows of a table, each with the class (or whatever else) that they are for.
+template <typename For, typename Rows>
+auto rowsFor(const For& what, const Rows& rows) {
+  return testing::Combine(testing::Values(what), testing::ValuesIn(rows));
+}
+
 /// SIGUSR1 without SA_RESTART at the calling thread, as fast as it comes.
 class SignalStorm {
  public:
