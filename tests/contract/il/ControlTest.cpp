@@ -16,7 +16,6 @@ using rig::Bytes;
 using rig::Client;
 using rig::Texts;
 
-constexpr OMX_U32 in = 320;
 constexpr OMX_U32 out = 321;
 
 const Bytes& jpeg() {
