@@ -26,7 +26,40 @@ TEST_P(BothJpeg, AllocatingOverloadsHandTheArrayOver) {
     EXPECT_EQ(array, nullptr);
     EXPECT_EQ(size, 0u);
   }
+  EXPECT_EQ(ReleaseEncoderJPEG(GetParam()->make()), 1) << "one that was never used";
   EXPECT_EQ(ReleaseEncoderJPEG(nullptr), 0);
+}
+
+/// Overrides what writes to the caller's memory, and so changes what hands out an array too.
+template <typename Encoder>
+struct Derived : Encoder {
+  using Encoder::EncodeRGB32;
+  using Encoder::EncodeYUYV;
+  int EncodeYUYV(unsigned char*, unsigned, int, int, unsigned char*, unsigned capacity,
+                 unsigned& size) override {
+    size = capacity;
+    return 1;
+  }
+  int EncodeRGB32(unsigned char*, unsigned, int width, int height, unsigned char*,
+                  unsigned capacity, unsigned& size) override {
+    size = capacity + static_cast<unsigned>(width * height);
+    return 1;
+  }
+};
+
+TEST(JpegSlots, AllocatingOverloadsGoThroughTheVirtualOnes) {
+  Derived<CMmalJpegEncoder> mmal;
+  Derived<COmxJpegEncoder> omx;
+  for (IJPEGEncoder* const encoder : std::initializer_list<IJPEGEncoder*>{&mmal, &omx}) {
+    unsigned char frame = 0, *array = nullptr;
+    unsigned size = 0;
+    EXPECT_EQ(encoder->EncodeYUYV(&frame, 1, 6, 5, &array, size), 1);
+    EXPECT_EQ(size, 60u);
+    delete[] array;
+    EXPECT_EQ(encoder->EncodeRGB32(&frame, 1, -6, -5, &array, size), 1);
+    EXPECT_EQ(size, 120u + 30u);
+    delete[] array;
+  }
 }
 
 TEST_P(BothJpeg, CapacityTooSmallTellsTheSizeNeeded) {
