@@ -263,16 +263,21 @@ TEST_F(DecoderFaults, ShortOfMemoryItGivesTheBufferBack) {
   expectWorks(*decoder);
 }
 
-TEST_F(DecoderFaults, WaitsEndOnTimeWhateverSignalsCome) {
+TEST_F(DecoderFaults, WaitsEndOnTimeWhateverDisturbsThem) {
   const auto decoder = ready();
   inject(lose("input", 1, true));
   inject(lose("output", 1, true));
   ASSERT_EQ(feed(*decoder), CodecOk);
-  for (const bool storm : {false, true}) {
-    const SignalStorm signals(storm);
-    expectAnswer<CodecStatus>([&] { return feed(*decoder, 1); }, CodecTimeout,
-                              name + "ProcessInput - timeout\n", "", 1000, 2500);
-    expectAnswer<CodecStatus>([&] { return take(*decoder); }, CodecTimeout, "", "", 100, 1500);
+  for (const Disturbance how : disturbances) {
+    {
+      const Disturbed wait(how);
+      expectAnswer<CodecStatus>([&] { return feed(*decoder, 1); }, CodecTimeout,
+                                name + "ProcessInput - timeout\n", "", wait.atLeast(1000),
+                                wait.atMost(1000));
+    }
+    const Disturbed wait(how);
+    expectAnswer<CodecStatus>([&] { return take(*decoder); }, CodecTimeout, "", "",
+                              wait.atLeast(100), wait.atMost(100));
   }
 }
 

@@ -168,10 +168,10 @@ TEST_F(H264FaultTest, APortThatStaysOpenIsReported) {
 
 // -------------------------------------------------------------------------- waits and resources
 
-TEST_P(BothH264, WaitsEndOnTimeWhateverSignalsCome) {
+TEST_P(BothH264, WaitsEndOnTimeWhateverDisturbsThem) {
   const bool isMmal = GetParam()->mmal;
   H264Encoder encoder(*GetParam());
-  for (const bool storm : {false, true}) {
+  for (const Disturbance how : disturbances) {
     interpose::hurry = isMmal ? 1 : 10;  // one second of the ten
     // One credit, after a second Create too.
     ASSERT_TRUE(encoder.create());
@@ -179,16 +179,20 @@ TEST_P(BothH264, WaitsEndOnTimeWhateverSignalsCome) {
     inject(lose(isMmal ? "output" : "FillBufferDone", 1, true));
     ASSERT_EQ(encoder.feed(), CodecOk);
     {
-      const SignalStorm signals(storm);
+      const Disturbed wait(how);
       expectAnswer<CodecStatus>(
           [&] { return encoder.feed(1); }, CodecTimeout,
           isMmal ? mmal + "ProcessInput - timeout\n" : "",
-          isMmal ? "" : omx + "ProcessInput - the input buffer did not come back\n", 990, 4000);
+          isMmal ? "" : omx + "ProcessInput - the input buffer did not come back\n",
+          wait.atLeast(990), wait.atMost(1000));
+    }
+    {
+      const Disturbed wait(how);
       expectAnswer<CodecStatus>(
           [&] { return encoder.take().status; }, CodecTimeout,
           isMmal ? mmal + "ProcessOutput - timeout\n" : "",
           isMmal ? "" : omx + "ProcessOutput - the output buffer was not filled\n",
-          isMmal ? 100 : 990, 4000);
+          wait.atLeast(isMmal ? 100 : 990), wait.atMost(1000));
     }
     control::clearFaults();
   }

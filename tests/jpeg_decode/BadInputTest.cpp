@@ -90,6 +90,7 @@ TEST_F(BadInput, EachKindGetsItsAnswer) {
        true},
       {"a thousand scans", surgery::withScans(progressive, 1000), false, false},
       {"12 bits", surgery::withHeader(small_, 4, {12}), false, false},
+      {"two components", surgery::withHeader(small_, 9, {2}), false, false},
       {"CMYK", surgery::cmyk(48, 32), false, false},
       {"lossless", surgery::withHeader(small_, 1, {0xC3}), false, false},
       {"hierarchical", surgery::withHeader(small_, 1, {0xC5}), false, false},

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <tessera_platform/control.h>
 
+#include <random>
 #include <thread>
 
 #include "JpegSurgery.h"
@@ -27,6 +28,19 @@ TEST(Decode, PicturesOfAnySamplingAndSizeAreWhatTurboJpegSees) {
       EXPECT_EQ(difference(decode(*pool, jpeg), jpeg), "")
           << width << "x" << height << ", sampling " << static_cast<int>(sampling);
     }
+}
+
+TEST(Decode, AThousandPicturesOfChangingSizesAreEachRight) {
+  std::vector<Bytes> jpegs;
+  for (const auto& [width, height] : {std::pair(64, 48), {65, 48}, {64, 49}, {160, 120}, {7, 9}})
+    for (const Sampling sampling : {Sampling::Yuv420, Sampling::Yuv422})
+      jpegs.push_back(jpegOf(width, height, 0, sampling));
+  QuietPool pool;
+  std::mt19937 random(2024);
+  for (int i = 0; i < 1000; ++i) {
+    const Bytes& jpeg = jpegs[random() % jpegs.size()];
+    ASSERT_EQ(difference(decode(*pool, jpeg), jpeg), "") << "picture " << i;
+  }
 }
 
 TEST(Decode, TakesWhatCamerasWrite) {

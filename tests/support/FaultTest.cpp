@@ -65,34 +65,46 @@ void expectConversation(const std::string& file) {
   EXPECT_EQ(calls(), text);
 }
 
-struct SignalStorm::Impl {
+struct Disturbed::Storm {
   struct sigaction former {};
   std::atomic<bool> going{true};
   std::thread sender;
+
+  explicit Storm(pthread_t target) {
+    signals = 0;
+    struct sigaction action {};
+    action.sa_handler = [](int) { ++signals; };
+    sigaction(SIGUSR1, &action, &former);
+    sender = std::thread([this, target] {
+      while (going) {
+        pthread_kill(target, SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+      }
+    });
+  }
+  ~Storm() {
+    going = false;
+    sender.join();
+    sigaction(SIGUSR1, &former, nullptr);
+    EXPECT_GT(signals, 100) << "hardly a storm";
+  }
 };
 
-SignalStorm::SignalStorm(bool blows) {
-  if (!blows) return;
-  impl_ = new Impl;
-  signals = 0;
-  struct sigaction action {};
-  action.sa_handler = [](int) { ++signals; };
-  sigaction(SIGUSR1, &action, &impl_->former);
-  impl_->sender = std::thread([this, target = pthread_self()] {
-    while (impl_->going) {
-      pthread_kill(target, SIGUSR1);
-      std::this_thread::sleep_for(std::chrono::microseconds(50));
-    }
-  });
+Disturbed::Disturbed(Disturbance how) : how_(how) {
+  using namespace std::chrono_literals;
+  if (how == Disturbance::Signals) storm_ = std::make_unique<Storm>(pthread_self());
+  if (how == Disturbance::ClockAhead) interpose::setClockDuringNextWait(1h);
+  if (how == Disturbance::ClockBack) interpose::setClockDuringNextWait(-300ms);
 }
 
-SignalStorm::~SignalStorm() {
-  if (impl_ == nullptr) return;
-  impl_->going = false;
-  impl_->sender.join();
-  sigaction(SIGUSR1, &impl_->former, nullptr);
-  delete impl_;
-  EXPECT_GT(signals, 100) << "hardly a storm";
+Disturbed::~Disturbed() = default;
+
+int Disturbed::atLeast(int limitMs) const {
+  return how_ == Disturbance::ClockAhead ? 40 : limitMs;
+}
+
+int Disturbed::atMost(int limitMs) const {
+  return how_ == Disturbance::ClockAhead ? std::max(limitMs - 100, 900) : limitMs + 2000;
 }
 
 }  // namespace support

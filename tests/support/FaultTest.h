@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
 #include <tuple>
 #include <variant>
@@ -101,17 +102,28 @@ auto rowsFor(const For& what, const Rows& rows) {
   return testing::Combine(testing::Values(what), testing::ValuesIn(rows));
 }
 
-/// SIGUSR1 without SA_RESTART at the calling thread, as fast as it comes.
-class SignalStorm {
+/// What disturbs a wait: nothing, SIGUSR1 without SA_RESTART as fast as it comes, or CLOCK_REALTIME
+/// that is set an hour ahead, or a little back, while the calling thread sleeps.
+enum class Disturbance { None, Signals, ClockAhead, ClockBack };
+constexpr Disturbance disturbances[] = {Disturbance::None, Disturbance::Signals,
+                                        Disturbance::ClockAhead, Disturbance::ClockBack};
+
+class Disturbed {
  public:
-  explicit SignalStorm(bool blows = true);
-  ~SignalStorm();
-  SignalStorm(const SignalStorm&) = delete;
-  SignalStorm& operator=(const SignalStorm&) = delete;
+  explicit Disturbed(Disturbance how);
+  ~Disturbed();
+  Disturbed(const Disturbed&) = delete;
+  Disturbed& operator=(const Disturbed&) = delete;
+
+  /// How long a wait takes at least, in milliseconds, that has a limit of so many.
+  int atLeast(int limitMs) const;
+  /// How long a call with such a wait takes at most, on a busy machine too.
+  int atMost(int limitMs) const;
 
  private:
-  struct Impl;
-  Impl* impl_ = nullptr;
+  struct Storm;
+  Disturbance how_;
+  std::unique_ptr<Storm> storm_;
 };
 
 }  // namespace support
