@@ -207,6 +207,20 @@ TEST_F(Decoder, DamageDoesNotOutliveTheNextKeyFrame) {
   }
 }
 
+TEST_F(Decoder, AStreamOfAnotherSizeIsNoCatastrophe) {
+  Bytes big = support::encodeH264({160, 96, 4, 0, 1, 6}).stream, frame(1 << 16);
+  const H264Made made = support::encodeH264({96, 64, 3, 0, 1, 6});
+  Player player(96, 64);
+  // The component says that the format has changed, and waits for a Create.
+  EXPECT_EQ(player.decoder().ProcessInput(big.data(), length(big), 96, 64, 0, 0), CodecOk);
+  unsigned int size = 0, width = 0, height = 0;
+  unsigned long long timestamp = 0;
+  player.decoder().ProcessOutput(frame.data(), length(frame), size, width, height, timestamp);
+  ASSERT_TRUE(player.decoder().Create(96, 64, 0, nullptr));
+  expectPictures(player.play(made.stream, made.units, 3),
+                 support::decodeH264(made.stream).pictures);
+}
+
 /// One thread feeds, one drains, one calls Create with another size in between; the feeder follows.
 TEST_F(Decoder, CreateOnAThirdThreadDisturbsNobody) {
   constexpr int widths[] = {96, 160}, heights[] = {64, 96};
