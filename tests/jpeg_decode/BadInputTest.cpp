@@ -97,6 +97,9 @@ TEST_F(BadInput, EachKindGetsItsAnswer) {
       {"no size", surgery::withSize(small_, 0, 0), false, false},
       {"no height", surgery::withSize(small_, 48, 0), false, false},
       {"no width", surgery::withSize(small_, 0, 32), false, false}};
+  const std::string call = "DecoderPool::DecodeJpeg - ";
+  EXPECT_EQ(take({}), call + "no baseline header found, and no size given\n");
+  EXPECT_EQ(take({}, 48, 32), call + "no data\n");
   for (const auto& bad : table) {
     SCOPED_TRACE(bad.name);
     EXPECT_EQ(tryOut(bad.jpeg), bad.alone);

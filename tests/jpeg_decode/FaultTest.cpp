@@ -192,6 +192,8 @@ TEST_F(Faults, InputBuffersThatStayAwayAreGivenUp) {
 TEST_F(Faults, WithoutInputBuffersThereIsNoSetup) {
   const auto make = [] {
     DecoderPool* const made = GetDecoderPool();
+    EXPECT_EQ(decode(*made, jpegOf(64, 48)).lines,
+              "DecoderPool::DecodeJpeg - the pool's setup failed\n");
     const Capture quiet;
     return ReleaseDecoderPool(made);
   };

@@ -31,7 +31,7 @@ TEST_P(JpegFaults, HaveTheirLinesAndTheNextCallIsNotFooled) {
         return out.result;
       },
       its.works, its.out, its.err, 0, 4000);
-  EXPECT_EQ(control::faultsHit(), 1u);
+  EXPECT_GE(control::faultsHit(), 1u);
   control::clearFaults();
   const Capture quiet;
   for (int t = 1; t < 4; ++t) {
@@ -127,6 +127,8 @@ const FaultCase omxFaults[] = {
     refusal("SendCommand", 11, omx + disable + "Output", "", true, false),
     refusal("FreeBuffer", 2, "", noDisable),
     refusal("SendCommand", 12, omx + state + "Idle", "", true),
+    {"NoDisable", lose("EventHandler", 1, true),
+     noDisable + noDisable + omx + " - invalid value for port inp[0] out[0]\n", ""},
     {"NoIdle", lose("EventHandler", 3), noIdle, ""},
     {"NoEnable", lose("EventHandler", 4), noAnswer + "OMX_CommandPortEnable\n", ""},
     {"NoExecuting", lose("EventHandler", 6), noAnswer + "OMX_StateExecuting\n", ""},
