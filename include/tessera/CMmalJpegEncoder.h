@@ -98,7 +98,7 @@ class TESSERA_API CMmalJpegEncoder : public IJPEGEncoder {
 
   void ReleaseSetup();
   void DestroyWrapper();
-  bool FeedOutput();
+  bool FeedOutput(bool& refusalTold);
   Submission SubmitFrame(const unsigned char* frame, unsigned int frameSize);
   int TakeJpeg(unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize);
 

@@ -76,9 +76,16 @@ class TESSERA_API DecoderPool {
   friend struct TesseraLayout;
   friend struct DecoderPoolSignals;
 
+  /// How far setup got on the way to Idle.
+  enum class Idle {
+    NotAsked,
+    Asked,    ///< on its way until every enabled port has its buffers
+    Certain,  ///< every enabled port had them
+  };
+
   /// Where a rebuild of the output buffer stands.
   enum class OutputPort {
-    Ready,      ///< enabled, with its buffer
+    Ready,      ///< enabled, with its buffer; during setup not yet with it
     Outdated,   ///< likewise, but the buffer is of another size
     Disabling,  ///< asked to be disabled; the buffer is to be freed, or is
     Enabling,   ///< asked to be enabled; the buffer is to be allocated, or is
@@ -94,14 +101,18 @@ class TESSERA_API DecoderPool {
 
   // Teardown, likewise.
   bool TakeDownComponent();
+  void ForgetAnswers();
   void FlushOutputPort();
   void ReleaseInputBuffers();
   void ReleaseOutputBuffer();
   bool LeaveState();
   bool ReleaseLeftBuffers();
+  bool KeptFromIdle() const;
+  std::int32_t StuckCommands() const;
+  void AwaitCompletions();
 
   OMX_ERRORTYPE Send(OMX_COMMANDTYPE command, OMX_U32 parameter);
-  void SendAndAwait(OMX_COMMANDTYPE command, OMX_U32 parameter);
+  bool SendAndAwait(OMX_COMMANDTYPE command, OMX_U32 parameter);
   void AwaitCompletion();
   OMX_ERRORTYPE SetImageFormat(OMX_U32 port, OMX_IMAGE_CODINGTYPE coding,
                                OMX_COLOR_FORMATTYPE color);
@@ -109,9 +120,10 @@ class TESSERA_API DecoderPool {
 
   // The decode cycle.
   bool CatchUp();
+  bool Feed(const char* jpeg, OMX_U32 size);
   OMX_BUFFERHEADERTYPE* NextFreeInput();
   bool TakeNewSize(int& width, int& height);
-  bool ReadOutputSize();
+  bool ReadOutputSize(std::int32_t expectedWidth, std::int32_t expectedHeight);
   bool RebuildOutputBuffer();
   bool ReleaseOldBuffer();
   unsigned char* FetchPicture(int& width, int& height);
@@ -137,13 +149,17 @@ class TESSERA_API DecoderPool {
   std::int32_t nCurrentHeight = 0;
   std::int32_t nNextInputBuffer = 0;
 
+  sem_t semLoaded{};                  // posted once Loaded is reached, whatever else was answered
+  std::int64_t nWaitsEnd = -1;        // when the waits of a DecodeJpeg end, by CLOCK_MONOTONIC
   std::int32_t nCompletionsOwed = 0;  // commands accepted and not yet waited for
   OutputPort outputPort = OutputPort::Ready;
+  Idle idle = Idle::NotAsked;
+  bool inputEnabled = true;
   bool started = false;          // OMX_Init and the semaphores are to be undone
-  bool idle = false;             // Idle was reached for certain
   bool ready = false;            // setup ran to its end
   bool fillOutstanding = false;  // the component has the output buffer
   bool behind = false;           // an answer was given up: flush before anything else
+  bool answerLate = false;       // the completions owed were waited for in vain
 };
 
 extern "C" {

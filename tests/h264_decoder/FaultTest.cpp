@@ -270,12 +270,12 @@ TEST_F(DecoderFaults, WaitsEndOnTimeWhateverDisturbsThem) {
   ASSERT_EQ(feed(*decoder), CodecOk);
   for (const Disturbance how : disturbances) {
     {
-      const Disturbed wait(how);
+      const Disturbed wait(how, LimitBy::WallClock);
       expectAnswer<CodecStatus>([&] { return feed(*decoder, 1); }, CodecTimeout,
                                 name + "ProcessInput - timeout\n", "", wait.atLeast(1000),
                                 wait.atMost(1000));
     }
-    const Disturbed wait(how);
+    const Disturbed wait(how, LimitBy::WallClock);
     expectAnswer<CodecStatus>([&] { return take(*decoder); }, CodecTimeout, "", "",
                               wait.atLeast(100), wait.atMost(100));
   }

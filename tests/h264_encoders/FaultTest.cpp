@@ -170,6 +170,7 @@ TEST_F(H264FaultTest, APortThatStaysOpenIsReported) {
 
 TEST_P(BothH264, WaitsEndOnTimeWhateverDisturbsThem) {
   const bool isMmal = GetParam()->mmal;
+  const LimitBy clock = isMmal ? LimitBy::WallClock : LimitBy::SteadyClock;
   H264Encoder encoder(*GetParam());
   for (const Disturbance how : disturbances) {
     interpose::hurry = isMmal ? 1 : 10;  // one second of the ten
@@ -179,7 +180,7 @@ TEST_P(BothH264, WaitsEndOnTimeWhateverDisturbsThem) {
     inject(lose(isMmal ? "output" : "FillBufferDone", 1, true));
     ASSERT_EQ(encoder.feed(), CodecOk);
     {
-      const Disturbed wait(how);
+      const Disturbed wait(how, clock);
       expectAnswer<CodecStatus>(
           [&] { return encoder.feed(1); }, CodecTimeout,
           isMmal ? mmal + "ProcessInput - timeout\n" : "",
@@ -187,7 +188,7 @@ TEST_P(BothH264, WaitsEndOnTimeWhateverDisturbsThem) {
           wait.atLeast(990), wait.atMost(1000));
     }
     {
-      const Disturbed wait(how);
+      const Disturbed wait(how, clock);
       expectAnswer<CodecStatus>(
           [&] { return encoder.take().status; }, CodecTimeout,
           isMmal ? mmal + "ProcessOutput - timeout\n" : "",

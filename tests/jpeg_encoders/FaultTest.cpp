@@ -166,7 +166,7 @@ TEST_P(BothJpeg, ACallWithoutAnAnswerEndsOnTimeWhateverDisturbsIt) {
     JpegEncoder encoder(*GetParam());
     inject(lose(answer, 1, true));
     {
-      const Disturbed wait(how);
+      const Disturbed wait(how, LimitBy::SteadyClock);
       expectAnswer<int>([&] { return encoder.encode(picture).result; }, 0, out, "",
                         wait.atLeast(990), wait.atMost(1000));
     }

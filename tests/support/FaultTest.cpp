@@ -90,21 +90,23 @@ struct Disturbed::Storm {
   }
 };
 
-Disturbed::Disturbed(Disturbance how) : how_(how) {
+Disturbed::Disturbed(Disturbance how, LimitBy clock)
+    : endsEarly_(how == Disturbance::ClockAhead && clock == LimitBy::WallClock) {
   using namespace std::chrono_literals;
   if (how == Disturbance::Signals) storm_ = std::make_unique<Storm>(pthread_self());
   if (how == Disturbance::ClockAhead) interpose::setClockDuringNextWait(1h);
-  if (how == Disturbance::ClockBack) interpose::setClockDuringNextWait(-300ms);
+  if (how == Disturbance::ClockBack)
+    interpose::setClockDuringNextWait(clock == LimitBy::WallClock ? -300ms : -30s);
 }
 
 Disturbed::~Disturbed() = default;
 
 int Disturbed::atLeast(int limitMs) const {
-  return how_ == Disturbance::ClockAhead ? 40 : limitMs;
+  return endsEarly_ ? 40 : limitMs;
 }
 
 int Disturbed::atMost(int limitMs) const {
-  return how_ == Disturbance::ClockAhead ? std::max(limitMs - 100, 900) : limitMs + 2000;
+  return endsEarly_ ? std::max(limitMs - 100, 900) : limitMs + 2000;
 }
 
 }  // namespace support

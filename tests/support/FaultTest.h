@@ -103,14 +103,17 @@ auto rowsFor(const For& what, const Rows& rows) {
 }
 
 /// What disturbs a wait: nothing, SIGUSR1 without SA_RESTART as fast as it comes, or CLOCK_REALTIME
-/// that is set an hour ahead, or a little back, while the calling thread sleeps.
+/// that is set an hour ahead, or back, while the calling thread sleeps.
 enum class Disturbance { None, Signals, ClockAhead, ClockBack };
 constexpr Disturbance disturbances[] = {Disturbance::None, Disturbance::Signals,
                                         Disturbance::ClockAhead, Disturbance::ClockBack};
 
+/// Which clock a wait's limit goes by.
+enum class LimitBy { WallClock, SteadyClock };
+
 class Disturbed {
  public:
-  explicit Disturbed(Disturbance how);
+  Disturbed(Disturbance how, LimitBy clock);
   ~Disturbed();
   Disturbed(const Disturbed&) = delete;
   Disturbed& operator=(const Disturbed&) = delete;
@@ -122,7 +125,7 @@ class Disturbed {
 
  private:
   struct Storm;
-  Disturbance how_;
+  bool endsEarly_;
   std::unique_ptr<Storm> storm_;
 };
 

@@ -17,7 +17,6 @@ namespace support::interpose {
 Failing semInit, semWait, clockGettime, allocation;
 std::atomic<int> hurry{1};
 std::atomic<long long> lateNanoseconds{0};
-std::atomic<int> clockRate{1};
 
 namespace {
 
@@ -60,12 +59,16 @@ Range findLibrary() {
   return range;
 }
 
+bool isLibrary(const void* caller) {
+  static const Range library = findLibrary();
+  const auto at = reinterpret_cast<std::uintptr_t>(caller);
+  return at >= library.first && at < library.last;
+}
+
 /// Counts the library's calls of operator new, and fails the one that is to fail. Other code is
 /// left alone: a worker of the platform's may well allocate at the same moment.
 void admit(const void* caller) {
-  static const Range library = findLibrary();
-  const auto at = reinterpret_cast<std::uintptr_t>(caller);
-  if (at < library.first || at >= library.last) return;
+  if (!isLibrary(caller)) return;
   ++allocations;
   if (allocation.hit()) throw std::bad_alloc();
 }
@@ -171,7 +174,7 @@ std::size_t allocationsOfLibrary() {
 
 void reset() {
   for (Failing* each : {&semInit, &semWait, &clockGettime, &allocation}) each->disarm();
-  hurry = clockRate = 1;
+  hurry = 1;
   clockIsAhead = clockToStep = 0;
 }
 
@@ -213,8 +216,35 @@ int sem_timedwait(sem_t* semaphore, const timespec* deadline) {
                                [&](const timespec& when) { return function(semaphore, &when); });
 }
 
+int sem_trywait(sem_t* semaphore) noexcept {
+  static auto* const function = interpose::real<int(sem_t*)>("sem_trywait");
+  if (interpose::semWait.hit()) {
+    errno = EINVAL;
+    return -1;
+  }
+  return function(semaphore);
+}
+
+int clock_nanosleep(clockid_t clock, int flags, const timespec* asked, timespec* left) {
+  static auto* const function =
+      interpose::real<int(clockid_t, int, const timespec*, timespec*)>("clock_nanosleep");
+  if (!interpose::isLibrary(__builtin_return_address(0)))
+    return function(clock, flags, asked, left);
+  interpose::clockIsAhead += interpose::clockToStep.exchange(0);
+  const long long nanoseconds = interpose::nanoseconds(*asked) / interpose::hurry;
+  const timespec given = interpose::toTimespec(nanoseconds);
+  timespec before{}, after{};
+  interpose::realClock(CLOCK_MONOTONIC, &before);
+  const int result = function(clock, flags, &given, left);
+  interpose::realClock(CLOCK_MONOTONIC, &after);
+  const long long slept = interpose::nanoseconds(after) - interpose::nanoseconds(before);
+  if (result == 0) interpose::lateNanoseconds += slept - nanoseconds;
+  return result;
+}
+
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
-  if (clock == CLOCK_REALTIME) {
+  const bool steady = clock == CLOCK_MONOTONIC && interpose::isLibrary(__builtin_return_address(0));
+  if (clock == CLOCK_REALTIME || steady) {
     if (interpose::clockGettime.hit()) {
       errno = EFAULT;
       return -1;
@@ -224,8 +254,7 @@ int clock_gettime(clockid_t clock, timespec* now) noexcept {
   const long long at = interpose::nanoseconds(*now);
   if (clock == CLOCK_REALTIME && interpose::clockIsAhead != 0)
     *now = interpose::toTimespec(at + interpose::clockIsAhead);
-  if (clock == CLOCK_MONOTONIC && interpose::clockRate != 1)
-    *now = interpose::toTimespec(at * interpose::clockRate);
+  if (steady) *now = interpose::toTimespec(at * interpose::hurry);
   return result;
 }
 }

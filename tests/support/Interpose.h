@@ -22,12 +22,13 @@ struct Failing {
 };
 
 extern Failing semInit;
-extern Failing semWait;       ///< sem_wait and sem_timedwait, with EINVAL
-extern Failing clockGettime;  ///< CLOCK_REALTIME only
+extern Failing semWait;       ///< sem_wait, sem_timedwait and sem_trywait, with EINVAL
+extern Failing clockGettime;  ///< CLOCK_REALTIME, and the library's CLOCK_MONOTONIC
 extern Failing allocation;    ///< operator new, called by libtessera.so, has no memory
 
-/// Divides the time that is left until a sem_timedwait's deadline; 1: as it is. Makes ten seconds a
-/// fraction of one.
+/// Divides the time that is left until a sem_timedwait's deadline, and what the library sleeps by
+/// CLOCK_MONOTONIC, which runs so much faster for it; 1: as it is. Makes ten seconds a fraction of
+/// one.
 extern std::atomic<int> hurry;
 
 /// Sets CLOCK_REALTIME so far ahead, or back, while the next timed wait sleeps: 50 ms after its
@@ -37,9 +38,6 @@ void setClockDuringNextWait(std::chrono::nanoseconds by);
 /// How much later than asked timed waits have ended, together: a busy machine's share of a
 /// duration.
 extern std::atomic<long long> lateNanoseconds;
-
-/// How fast CLOCK_MONOTONIC runs; 1: as it is.
-extern std::atomic<int> clockRate;
 
 /// Calls of operator new by code of libtessera.so, on whatever thread, since the program started.
 std::size_t allocationsOfLibrary();
