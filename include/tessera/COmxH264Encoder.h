@@ -58,8 +58,8 @@ class TESSERA_API COmxH264Encoder : public IH264Encoder {
   COmxH264Encoder& operator=(const COmxH264Encoder&) = delete;
 
   /// Configures and starts; see IH264Encoder. `frameRateNum` counts whole frames a second, the
-  /// denominator and the aspect ratio are not read. After a success or a failure half way a further
-  /// call starts over with a new component; output not yet fetched is lost.
+  /// denominator and the aspect ratio are not read. A further call starts over with a new
+  /// component, whether the last one succeeded or failed; output not yet fetched is lost.
   bool Create(unsigned int pixelFormat, int width, int height, unsigned int frameRateNum,
               unsigned int frameRateDen, unsigned int aspectNum, unsigned int aspectDen,
               unsigned int bitrate) override;
@@ -167,7 +167,8 @@ class TESSERA_API COmxH264Encoder : public IH264Encoder {
   bool outputLate = false;  // a wait for the output was given up
   bool flushOwed = false;   // a flush was sent and not yet answered
   bool started = false;     // OMX_Init and the semaphores are to be undone
-  bool configured = false;  // a Create went so far that the next one needs a new component
+  bool tried = false;       // a Create was begun: the next one needs a new component
+  bool created = false;     // ... and succeeded
 };
 
 /// The component's callbacks; the application data is the encoder. All return OMX_ErrorNone.
