@@ -1,6 +1,8 @@
 #include <IL/OMX_Core.h>
 
+#include <atomic>
 #include <optional>
+#include <thread>
 
 #include "JpegEncoders.h"
 
@@ -174,6 +176,33 @@ TEST_P(BothJpeg, ACallWithoutAnAnswerEndsOnTimeWhateverDisturbsIt) {
     const Capture quiet;
     EXPECT_GT(quality(encoder.encode(picture).jpeg, encoder.expected(picture)), 30);
   }
+}
+
+/// One of the two output buffers is refused for good, the frame and the other one are not.
+TEST_F(JpegFaultTest, ARefusedOutputBufferIsToldOnceAndLeavesTheLimit) {
+  interpose::hurry = 5;
+  JpegEncoder encoder(mmalJpeg());
+  inject(refuse("mmal_port_send_buffer", 1));
+  inject(refuse("mmal_port_send_buffer", 4, true));
+  inject(lose("wrapper", 1, true));
+  expectAnswer<int>([&] { return encoder.encode(picture).result; }, 0, mmal + "Encode - timeout\n",
+                    mmal + "Encode - failed to send buffer\n", 1990);
+}
+
+/// The component never gets the output buffer; somebody else says that it is filled.
+TEST_F(JpegFaultTest, ABufferWithoutTheEndOfFrameFlagIsNoPicture) {
+  JpegEncoder encoder(omxJpeg());
+  auto& signalled = dynamic_cast<COmxJpegEncoder&>(*encoder);
+  inject(nullResult("OMX_FillThisBuffer"));
+  std::atomic<bool> waiting{true};
+  std::thread signaller([&] {
+    while (waiting) signalled.SignalOutputBufferFill(), std::this_thread::yield();
+  });
+  expectAnswer<unsigned>([&] { return encoder.encode(picture).size; }, 0xDEAD, "", "");
+  waiting = false;
+  signaller.join();
+  control::clearFaults();
+  EXPECT_EQ(encoder.encode(picture).result, 1);
 }
 
 TEST_F(JpegFaultTest, AnErrorOfTheMmalComponentEndsTheProcess) {
