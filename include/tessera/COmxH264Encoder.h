@@ -40,7 +40,8 @@ struct TesseraLayout;
 /// an odd width; 'I420' frames bring their own.
 ///
 /// **Time.** No call waits for more than 10 seconds for any answer of the component, or for one
-/// more second once it has reported an error. Destruction waits for nothing.
+/// more second once it has reported an error, whatever the wall clock does. Destruction waits for
+/// nothing.
 ///
 /// **Lines.** Every failure writes one line, or two, to standard error: what failed, with the
 /// OpenMAX IL status where the component refused something.
@@ -78,7 +79,9 @@ class TESSERA_API COmxH264Encoder : public IH264Encoder {
   ///
   /// After CodecTimeout, calling again waits on for the same data. Feeding another frame instead
   /// gives that data up: the next output is the new frame's.
-  /// @return CodecOk; CodecInvalidArgument; CodecInvalidState; CodecTimeout; CodecSendFailed when
+  /// @return CodecOk; CodecInvalidArgument; CodecInvalidState, likewise before a successful
+  /// `Create`
+  ///         and after one that failed at any step; CodecTimeout; CodecSendFailed when
   ///         the component does not take its output buffer
   /// @throws std::bad_alloc when memory is short; the data is kept for the next call
   CodecStatus ProcessOutput(unsigned char** data, unsigned int& size, unsigned int& flags) override;

@@ -13,8 +13,8 @@ constexpr std::int64_t nanosecondsPerMs = 1000000;
 constexpr std::int64_t shortestPause = 50000;
 constexpr std::int64_t longestPause = 10 * nanosecondsPerMs;
 constexpr std::int64_t pausesOfAWait = 32;
-/// Looks before the first pause: some 50 microseconds, in which a component that is asked for
-/// nothing but a new state has answered.
+/// The first looks follow each other without a pause, for as long as the shortest one would be: by
+/// then a component that is asked for nothing but a new state has answered.
 constexpr int quickLooks = 100;
 
 /// CLOCK_MONOTONIC in nanoseconds; negative when it does not work.
@@ -82,14 +82,14 @@ WaitResult TakePosted(sem_t& semaphore) {
 Pauses::Pauses() : start_(SteadyNow()) {}
 
 WaitResult Pauses::next(const SteadyDeadline& end) {
-  if (quickLooks_ < quickLooks) {
+  const std::int64_t now = SteadyNow();
+  if (start_ < 0 || now < 0 || !end.known()) return WaitResult::Failed;
+  if (now >= end.moment()) return WaitResult::TimedOut;
+  if (quickLooks_ < quickLooks && now - start_ < shortestPause) {
     ++quickLooks_;
     sched_yield();
     return WaitResult::Done;
   }
-  const std::int64_t now = SteadyNow();
-  if (start_ < 0 || now < 0 || !end.known()) return WaitResult::Failed;
-  if (now >= end.moment()) return WaitResult::TimedOut;
   const std::int64_t pause =
       std::clamp((now - start_) / pausesOfAWait, shortestPause, longestPause);
   Sleep(std::min(pause, end.moment() - now));
