@@ -1,7 +1,5 @@
 #include "common/TimedWait.h"
 
-#include <sched.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <limits>
@@ -10,12 +8,8 @@ namespace {
 
 constexpr std::int64_t nanosecondsPerSecond = 1000000000;
 constexpr std::int64_t nanosecondsPerMs = 1000000;
-constexpr std::int64_t shortestPause = 50000;
-constexpr std::int64_t longestPause = 10 * nanosecondsPerMs;
-constexpr std::int64_t pausesOfAWait = 32;
-/// The first looks follow each other without a pause, for as long as the shortest one would be: by
-/// then a component that is asked for nothing but a new state has answered.
-constexpr int quickLooks = 100;
+/// How often a wait looks around for what posts no semaphore of its own.
+constexpr std::int64_t slice = 200 * nanosecondsPerMs;
 
 /// CLOCK_MONOTONIC in nanoseconds; negative when it does not work.
 std::int64_t SteadyNow() {
@@ -24,11 +18,11 @@ std::int64_t SteadyNow() {
   return now.tv_sec * nanosecondsPerSecond + now.tv_nsec;
 }
 
-void Sleep(std::int64_t nanoseconds) {
-  timespec pause{};
-  pause.tv_sec = static_cast<std::time_t>(nanoseconds / nanosecondsPerSecond);
-  pause.tv_nsec = static_cast<long>(nanoseconds % nanosecondsPerSecond);
-  clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr);
+timespec ToTimespec(std::int64_t nanoseconds) {
+  timespec time{};
+  time.tv_sec = static_cast<std::time_t>(nanoseconds / nanosecondsPerSecond);
+  time.tv_nsec = static_cast<long>(nanoseconds % nanosecondsPerSecond);
+  return time;
 }
 
 }  // namespace
@@ -79,21 +73,23 @@ WaitResult TakePosted(sem_t& semaphore) {
   return WaitResult::Done;
 }
 
-Pauses::Pauses() : start_(SteadyNow()) {}
-
-WaitResult Pauses::next(const SteadyDeadline& end) {
+// sem_timedwait would go by the wall clock: set back by half a minute while it sleeps, it sleeps
+// half a minute longer, however short it was meant to be.
+WaitResult SteadySlice(sem_t& semaphore, const SteadyDeadline& end) {
   const std::int64_t now = SteadyNow();
-  if (start_ < 0 || now < 0 || !end.known()) return WaitResult::Failed;
-  if (now >= end.moment()) return WaitResult::TimedOut;
-  if (quickLooks_ < quickLooks && now - start_ < shortestPause) {
-    ++quickLooks_;
-    sched_yield();
-    return WaitResult::Done;
+  if (now < 0 || !end.known()) return WaitResult::Failed;
+  const timespec moment = ToTimespec(std::min(end.moment(), now + slice));
+  while (sem_clockwait(&semaphore, CLOCK_MONOTONIC, &moment) != 0) {
+    if (errno == EINTR) continue;
+    return errno == ETIMEDOUT ? WaitResult::TimedOut : WaitResult::Failed;
   }
-  const std::int64_t pause =
-      std::clamp((now - start_) / pausesOfAWait, shortestPause, longestPause);
-  Sleep(std::min(pause, end.moment() - now));
+#ifdef __SANITIZE_THREAD__
+  // That call is unknown to the thread sanitizer, these show it what the answer comes after.
+  sem_post(&semaphore);
+  return TakePosted(semaphore);
+#else
   return WaitResult::Done;
+#endif
 }
 
 WaitResult SteadyWait(sem_t& semaphore, const SteadyDeadline& end) {
@@ -105,5 +101,6 @@ void WaitForGood(sem_t& semaphore) {
 }
 
 void SleepMs(unsigned int milliseconds) {
-  Sleep(milliseconds * nanosecondsPerMs);
+  const timespec pause = ToTimespec(milliseconds * nanosecondsPerMs);
+  clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr);
 }

@@ -42,33 +42,17 @@ class SteadyDeadline {
 /// Takes the semaphore if it is posted. @return TimedOut when it is not
 WaitResult TakePosted(sem_t& semaphore);
 
-/// The time between two looks at a semaphore. Nothing sleeps on the semaphore itself: sem_timedwait
-/// ends by the wall clock, and one that sleeps while that is set back by half a minute sleeps half
-/// a minute longer, however short it was meant to be. An answer that comes at once is seen at once;
-/// the longer it takes the longer are the pauses, a thirty-second part of the wait so far, so that
-/// they cost an answer next to nothing of its time.
-class Pauses {
- public:
-  Pauses();
-  /// @return Done after a pause, TimedOut once the deadline is past
-  WaitResult next(const SteadyDeadline& end);
+/// Takes the semaphore, waiting until the deadline, but for no longer than a slice of time.
+WaitResult SteadySlice(sem_t& semaphore, const SteadyDeadline& end);
 
- private:
-  std::int64_t start_;
-  int quickLooks_ = 0;
-};
-
-/// Takes the semaphore, waiting until the deadline. `lookAround` runs between the looks at the
-/// semaphore; it may bring the deadline nearer, and ends the wait (TimedOut) by answering false.
+/// Takes the semaphore, waiting until the deadline. `lookAround` runs after each slice that brought
+/// nothing; it may bring the deadline nearer, and ends the wait (TimedOut) by answering false.
 template <typename LookAround>
 WaitResult SteadyWait(sem_t& semaphore, const SteadyDeadline& end, LookAround lookAround) {
-  if (!end.known()) return WaitResult::Failed;
-  for (Pauses pauses;;) {
-    const WaitResult taken = TakePosted(semaphore);
-    if (taken != WaitResult::TimedOut) return taken;
-    if (!lookAround()) return WaitResult::TimedOut;
-    const WaitResult paused = pauses.next(end);
-    if (paused != WaitResult::Done) return paused;
+  for (;;) {
+    const WaitResult result = SteadySlice(semaphore, end);
+    if (result != WaitResult::TimedOut) return result;
+    if (!lookAround() || end.passed()) return WaitResult::TimedOut;
   }
 }
 
