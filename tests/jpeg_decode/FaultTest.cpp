@@ -12,13 +12,8 @@ namespace {
 using namespace support;
 using control::CompletionFault;
 
-/// Waits of ten seconds take a tenth of one.
 class Faults : public FaultTest {
- protected:
-  void SetUp() override {
-    FaultTest::SetUp();
-    interpose::hurry = 100;
-  }
+  const VirtualTime time_;
 };
 
 // ------------------------------------------------------------------------------------ setup
@@ -121,8 +116,8 @@ const FaultCase sameSize[] = {
     {"Fill", refuse("OMX_FillThisBuffer"), fillRefused, ""},
     {"Empty", refuse("OMX_EmptyThisBuffer"), emptyRefused, ""},
     {"FillLost", lose("FillBufferDone"), noFill, "", false, false},
-    {"FillLate", delay("FillBufferDone", 1, 20), "", "", true},
-    {"FillTooLate", delay("FillBufferDone", 1, 500), noFill, "", false, false},
+    {"FillLate", delay("FillBufferDone", 1, 9900), "", "", true},
+    {"FillTooLate", delay("FillBufferDone", 1, 10100), noFill, "", false, false},
     {"FillTwice", mangle("FillBufferDone", twice), "", "", true, false},
     {"FillEmpty", mangle("FillBufferDone", empty), noPicture, ""},
 };
@@ -135,12 +130,12 @@ const FaultCase newSize[] = {
     {"Enable", refuse("OMX_SendCommand", 2), pool + "the ports cannot be enabled\n", ""},
     {"Allocate", refuse("OMX_AllocateBuffer"), "", noOutput},
     {"NullBuffer", nullResult("OMX_AllocateBuffer"), "", noOutput},
-    {"SizeLate", delay("EventHandler", 1, 20), "", "", true, false},
+    {"SizeLate", delay("EventHandler", 1, 900), "", "", true, false},
     {"SizeTwice", mangle("EventHandler", twice), "", "", true, false},
     {"DisabledLost", lose("EventHandler", 2), noDisable, "", false, false},
-    {"DisabledTooLate", delay("EventHandler", 2, 500), noDisable, "", false, false},
+    {"DisabledTooLate", delay("EventHandler", 2, 10100), noDisable, "", false, false},
     {"EnabledLost", lose("EventHandler", 3), noEnable, "", false, false},
-    {"EnabledTooLate", delay("EventHandler", 3, 500), noEnable, "", false, false},
+    {"EnabledTooLate", delay("EventHandler", 3, 10100), noEnable, "", false, false},
 };
 INSTANTIATE_TEST_SUITE_P(SameSize, Cycle, rowsFor(64, sameSize), NameOf());
 INSTANTIATE_TEST_SUITE_P(NewSize, Cycle, rowsFor(96, newSize), NameOf());
@@ -180,7 +175,6 @@ TEST_F(Faults, InputBuffersThatStayAwayAreGivenUp) {
   QuietPool tested;
   const Bytes jpeg = jpegOf(64, 48);
   TesseraLayout::occupyInputs(*tested, 1);
-  interpose::clockRate = 100;
   const std::string lines = decode(*tested, jpeg).lines;
   const std::string last = " DecoderPool::DecodeJpeg - the input buffers do not come back\n";
   EXPECT_EQ(lines.find("pBufHeader->nFilledLen != 0"), 0u);
@@ -205,19 +199,18 @@ TEST_F(Faults, WithoutInputBuffersThereIsNoSetup) {
 }
 
 TEST_F(Faults, WaitsEndOnTimeWhateverDisturbsThem) {
-  interpose::hurry = 10;
   for (const Disturbance how : disturbances) {
     QuietPool tested;
     Bytes jpeg = jpegOf(1280, 720);
     inject(lose("FillBufferDone", 1, true));
-    const Disturbed wait(how);
+    disturb(how);
     int width = 0, height = 0;
     expectAnswer<bool>(
         [&] {
           return (*tested).DecodeJpeg(reinterpret_cast<char*>(jpeg.data()),
                                       static_cast<unsigned>(jpeg.size()), width, height) != nullptr;
         },
-        false, noFill, "", wait.atLeast(990), wait.atMost(1000));
+        false, noFill, "", 10000);
     control::clearFaults();
   }
 }

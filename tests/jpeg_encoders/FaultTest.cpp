@@ -15,8 +15,8 @@ const Image picture = scene(100, 50);
 using JpegFault = std::tuple<const JpegClass*, FaultCase>;
 
 class JpegFaults : public FaultTest, public testing::WithParamInterface<JpegFault> {
- protected:
-  void SetUp() override { interpose::hurry = 100; }  // ten seconds take a tenth of one
+ private:
+  const VirtualTime time_;
 };
 
 TEST_P(JpegFaults, HaveTheirLinesAndTheNextCallIsNotFooled) {
@@ -30,7 +30,7 @@ TEST_P(JpegFaults, HaveTheirLinesAndTheNextCallIsNotFooled) {
         EXPECT_EQ(out.size != 0xDEAD, its.works) << "a failure tells no size";
         return out.result;
       },
-      its.works, its.out, its.err, 0, 4000);
+      its.works, its.out, its.err);
   EXPECT_GE(control::faultsHit(), 1u);
   control::clearFaults();
   const Capture quiet;
@@ -137,7 +137,8 @@ const FaultCase omxFaults[] = {
     {"NoPause", lose("EventHandler", 9), noAnswer + "OMX_StatePause\n", ""},
     {"EmptyFill", mangle("FillBufferDone", CompletionFault::ZeroLength),
      omx + " - the component delivered no whole picture\n", ""},
-    {"LateFill", delay("FillBufferDone", 1, 700), noFill, ""},
+    {"LateFill", delay("FillBufferDone", 1, 9900), "", "", true},
+    {"FillTooLate", delay("FillBufferDone", 1, 10100), noFill, ""},
 };
 
 INSTANTIATE_TEST_SUITE_P(Mmal, JpegFaults, rowsFor(&mmalJpeg(), mmalFaults), NameOf());
@@ -147,10 +148,9 @@ INSTANTIATE_TEST_SUITE_P(Omx, JpegFaults, rowsFor(&omxJpeg(), omxFaults), NameOf
 
 using JpegFaultTest = FaultTest;
 
-/// Ten seconds, here one, and after an error event one more second, here a tenth: on time, whatever
-/// signals come, and a late answer answers nothing.
+/// Ten seconds, and after an error event, which is seen within 200 ms, one more.
 TEST_P(BothJpeg, ACallWithoutAnAnswerEndsOnTimeWhateverDisturbsIt) {
-  interpose::hurry = 10;
+  const VirtualTime time;
   const bool isMmal = GetParam()->mmal;
   const std::string out = isMmal ? mmal + "Encode - timeout\n" : noFill;
   const char* const answer = isMmal ? "wrapper" : "FillBufferDone";
@@ -159,17 +159,14 @@ TEST_P(BothJpeg, ACallWithoutAnAnswerEndsOnTimeWhateverDisturbsIt) {
     inject(mangle(answer, CompletionFault::ErrorEvent, 1, static_cast<OMX_U32>(OMX_ErrorHardware)));
     expectAnswer<int>([&] { return encoder.encode(picture).result; }, 0, out,
                       "OmxEventsHandler - 0x80001009:the hardware failed to respond as expected\n",
-                      100, 900);
+                      1200);
     control::clearFaults();
   }
   for (const Disturbance how : disturbances) {
     JpegEncoder encoder(*GetParam());
     inject(lose(answer, 1, true));
-    {
-      const Disturbed wait(how);
-      expectAnswer<int>([&] { return encoder.encode(picture).result; }, 0, out, "",
-                        wait.atLeast(990), wait.atMost(1000));
-    }
+    disturb(how);
+    expectAnswer<int>([&] { return encoder.encode(picture).result; }, 0, out, "", 10000);
     control::clearFaults();
     const Capture quiet;
     EXPECT_GT(quality(encoder.encode(picture).jpeg, encoder.expected(picture)), 30);
@@ -198,11 +195,14 @@ TEST_F(JpegFaultTest, WithoutASemaphoreThereIsNoSetup) {
 
 /// The MMAL class looks again now and then, the OpenMAX IL one gives up.
 TEST_P(BothJpeg, AClockOrASemaphoreThatDoesNotWorkHangsNobody) {
+  const VirtualTime time;
   using interpose::clockGettime;
   // The clock may also work once, for the deadline alone.
   for (const auto& [broken, nth] : {std::pair(&clockGettime, 1), std::pair(&clockGettime, 2),
                                     std::pair(&interpose::semWait, 1)}) {
     JpegEncoder encoder(*GetParam());
+    // The MMAL class waits for a picture that is late alone.
+    for (const unsigned late : {1u, 2u}) inject(delay("wrapper", late, 50));
     {
       const Capture quiet;
       broken->arm(nth, true);
@@ -210,6 +210,7 @@ TEST_P(BothJpeg, AClockOrASemaphoreThatDoesNotWorkHangsNobody) {
         EXPECT_EQ(encoder.encode(picture).result, GetParam()->mmal ? 1 : 0);
       EXPECT_GT(broken->met.load(), 0);
       broken->disarm();
+      control::clearFaults();
       encoder.encode(picture);
     }
     EXPECT_EQ(encoder.encode(picture).result, 1);
@@ -236,6 +237,7 @@ TEST_P(BothJpeg, ShortOfMemoryLeavesNothingBehind) {
 }
 
 TEST_F(JpegFaultTest, WhatCannotBeGivenBackIsTold) {
+  const VirtualTime time;
   JpegEncoder encoder(omxJpeg());
   inject(lose("FillBufferDone"));
   {
@@ -252,6 +254,7 @@ TEST_F(JpegFaultTest, WhatCannotBeGivenBackIsTold) {
 }
 
 TEST_P(BothJpeg, TheConversationReadsLikeThis) {
+  const VirtualTime time;
   control::startJournal();
   {
     JpegEncoder encoder(*GetParam());

@@ -19,6 +19,7 @@
 #include "Streams.h"
 #include "support/Capture.h"
 #include "support/Interpose.h"
+#include "support/VirtualTime.h"
 
 namespace sweep {
 namespace {
@@ -28,13 +29,11 @@ using control::CallFault;
 using control::CompletionFault;
 using Clock = std::chrono::steady_clock;
 
-/// Library waits of ten seconds take half a second, those of one second 50 ms.
-constexpr int hurry = 20;
-constexpr auto slack = std::chrono::milliseconds(250);
 /// The longest that one step may take: ten seconds, one more second after an error event, twice
-/// (a late answer and its successor), hastened.
-constexpr auto stepLimit = std::chrono::milliseconds(22000 / hurry) + slack;
-constexpr int childLimitSeconds = 20;
+/// (a late answer and its successor).
+constexpr std::chrono::seconds stepLimit{22};
+/// For what time that stands still does not see: a child that does not stop working.
+constexpr int childLimitSeconds = 120;
 /// The control's own lists of faults.
 constexpr std::size_t blockSlack = 4;
 /// The encoder's threads draw on arenas of their own, more or fewer from run to run.
@@ -101,14 +100,9 @@ class Run {
  private:
   template <typename Work>
   void step(const char* name, Work work, bool mustBeGood) {
-    // What must be good gets the time that it has in the field.
-    support::interpose::hurry = mustBeGood ? 1 : hurry;
-    support::interpose::lateNanoseconds = 0;
     const Clock::time_point start = Clock::now();
     const Outcome outcome = work();
-    // The hastened waits are many and short, so what a busy machine adds to each counts as often.
-    const auto took =
-        Clock::now() - start - std::chrono::nanoseconds(support::interpose::lateNanoseconds.load());
+    const auto took = Clock::now() - start;
     if (!outcome.problem.empty()) blame(std::string(name) + ": " + outcome.problem);
     if (mustBeGood && !outcome.good) blame(std::string(name) + ": refused without a fault");
     // A scenario is up to three operations long.
@@ -171,7 +165,6 @@ class Run {
 
   /// The next object in the same process works.
   void fresh() {
-    support::interpose::hurry = 1;
     const std::unique_ptr<Subject> subject = subject_.make();
     for (const Outcome& outcome : {subject->make(), subject->frame(0)})
       if (!outcome.good) blame("a fresh object fails: " + outcome.problem);
@@ -191,7 +184,7 @@ struct Child {
 };
 
 template <typename Work>
-Child start(std::size_t index, unsigned limitSeconds, Work work) {
+Child start(std::size_t index, Work work) {
   Child child;
   child.index = index;
   child.streams = std::make_unique<Streams>();
@@ -201,9 +194,13 @@ Child start(std::size_t index, unsigned limitSeconds, Work work) {
   child.pid = fork();
   if (child.pid == 0) {
     close(ends[0]);
-    alarm(limitSeconds);
+    alarm(childLimitSeconds);
     child.streams->take();
-    const std::string report = work();
+    std::string report;
+    {
+      const support::VirtualTime time;
+      report = work();
+    }
     if (write(ends[1], report.data(), report.size()) < 0) _exit(98);
     _exit(0);
   }
@@ -244,8 +241,10 @@ Verdict conclude(const SubjectClass& subject, const Point& point, Child& child) 
   int status = 0;
   waitpid(child.pid, &status, 0);
   if (WIFSIGNALED(status)) {
-    if (WTERMSIG(status) == SIGALRM && hangsAsDocumented(subject, point)) return verdict;
     verdict.problem = std::string("killed by ") + strsignal(WTERMSIG(status));
+  } else if (WEXITSTATUS(status) == support::VirtualTime::hangStatus &&
+             hangsAsDocumented(subject, point)) {
+    verdict.problem.clear();
   } else if (WEXITSTATUS(status) == 1 && endsAsDocumented(subject, *child.streams)) {
     verdict.problem.clear();
   } else if (WEXITSTATUS(status) != 0) {
@@ -302,7 +301,7 @@ void addCalls(const std::vector<std::string>& names, bool thorough, std::vector<
 void addCompletions(const std::vector<std::string>& names, bool thorough,
                     std::vector<Point>& points) {
   std::map<std::string, unsigned> seen;
-  const unsigned lateMs = 30, tooLateMs = 1500;  // the longest hastened limit is 550 ms
+  const unsigned lateMs = 50, tooLateMs = 11000;  // the shortest limit is 100 ms
   for (const std::string& name : names) {
     const unsigned nth = ++seen[name];
     const std::uint32_t code = isIl(name) ? 0x80001009 : 7;
@@ -380,7 +379,6 @@ const std::vector<Scenario>& scenarios() {
 
 std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario, bool thorough) {
   const auto work = [&] {
-    support::interpose::hurry = hurry;
     const std::unique_ptr<Subject> s = subject.make();
     scenario.before(*s);
     control::startJournal();
@@ -394,7 +392,7 @@ std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario,
       names += "e " + name + '\n';
     return names;
   };
-  Child child = start(0, childLimitSeconds, work);
+  Child child = start(0, work);
   std::istringstream lines(readAll(child.report));
   waitpid(child.pid, nullptr, 0);
   std::vector<std::string> calls, completions;
@@ -416,8 +414,7 @@ std::vector<Verdict> sweep(const SubjectClass& subject, const Scenario& scenario
   for (std::size_t next = 0; next < points.size() || !running.empty();) {
     while (next < points.size() && running.size() < atOnce) {
       const Point& point = points[next];
-      const unsigned limit = hangsAsDocumented(subject, point) ? 2 : childLimitSeconds;
-      running.push_back(start(next++, limit, [&] { return oneRun(subject, scenario, point); }));
+      running.push_back(start(next++, [&] { return oneRun(subject, scenario, point); }));
     }
     std::vector<pollfd> ends;
     for (const Child& child : running) ends.push_back({child.report, POLLIN, 0});
