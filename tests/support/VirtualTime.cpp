@@ -187,23 +187,20 @@ void sleepUntil(clockid_t clock, long long deadline) {
     if (!takesPart || !jump()) sleepReally();
 }
 
-/// A condition is waited for with its mutex held, which the platform's quiet() may want.
+/// One slice of the wait for a condition, which ends as if somebody had notified it: a waiter looks
+/// for itself. Its mutex is let go for the jump, since the platform's quiet() may want it.
 int awaitCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                    long long deadline) {
   const Wait wait{clock, deadline, nullptr, nullptr};
   const Listed listing(wait);
-  while (on && wait.left() > 0) {
-    const timespec slice = realSlice();
-    const int result = real().pthread_cond_timedwait(condition, mutex, &slice);
-    if (result != ETIMEDOUT) return result;
-    if (!takesPart) continue;
+  if (wait.left() <= 0) return ETIMEDOUT;
+  const timespec slice = realSlice();
+  if (real().pthread_cond_timedwait(condition, mutex, &slice) == ETIMEDOUT && takesPart) {
     pthread_mutex_unlock(mutex);
     jump();
     pthread_mutex_lock(mutex);
-    // A notification may have been missed meanwhile, so the waiter looks for itself.
-    return wait.left() <= 0 ? ETIMEDOUT : 0;
   }
-  return on ? ETIMEDOUT : 0;
+  return on && wait.left() <= 0 ? ETIMEDOUT : 0;
 }
 
 /// What other threads do is over before a client looks at a semaphore.
