@@ -72,7 +72,9 @@ std::unique_ptr<Decoder> ready(bool created = true) {
   return decoder;
 }
 
-class DecoderFaults : public FaultTest {};
+class DecoderFaults : public FaultTest {
+  const VirtualTime time_;
+};
 
 TEST_F(DecoderFaults, TheFactoryReportsAMissingComponent) {
   IH264Decoder* decoder = nullptr;
@@ -270,15 +272,12 @@ TEST_F(DecoderFaults, WaitsEndOnTimeWhateverDisturbsThem) {
   inject(lose("output", 1, true));
   ASSERT_EQ(feed(*decoder), CodecOk);
   for (const Disturbance how : disturbances) {
-    {
-      const Disturbed wait(how, LimitBy::WallClock);
-      expectAnswer<CodecStatus>([&] { return feed(*decoder, 1); }, CodecTimeout,
-                                name + "ProcessInput - timeout\n", "", wait.atLeast(1000),
-                                wait.atMost(1000));
-    }
-    const Disturbed wait(how, LimitBy::WallClock);
+    disturb(how, LimitBy::WallClock);
+    expectAnswer<CodecStatus>([&] { return feed(*decoder, 1); }, CodecTimeout,
+                              name + "ProcessInput - timeout\n", "", disturbedMs(how, LimitBy::WallClock, 1000));
+    disturb(how, LimitBy::WallClock);
     expectAnswer<CodecStatus>([&] { return take(*decoder); }, CodecTimeout, "", "",
-                              wait.atLeast(100), wait.atMost(100));
+                              disturbedMs(how, LimitBy::WallClock, 100));
   }
 }
 
@@ -301,7 +300,7 @@ TEST_F(DecoderFaults, APieceThatWaitsOutlivesAFailedCreate) {
   ASSERT_EQ(feed(*decoder), CodecOk);
   Capture capture;
   control::startJournal();
-  std::thread feeder([&] { EXPECT_EQ(feed(*decoder, 1), CodecTimeout); });
+  ClientThread feeder([&] { EXPECT_EQ(feed(*decoder, 1), CodecTimeout); });
   while (control::journalNames(control::Lines::Calls).empty()) std::this_thread::yield();
   // Gives the lost buffer back, and leaves no pool for the next one.
   inject(refuse("mmal_port_enable"));

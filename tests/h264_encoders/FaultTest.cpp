@@ -1,8 +1,6 @@
 #include <IL/OMX_Core.h>
 
-#include <algorithm>
 #include <optional>
-#include <thread>
 
 #include "H264Encoders.h"
 
@@ -13,12 +11,13 @@ using namespace support;
 /// A construction, a Create and a frame with one fault in them.
 using H264Fault = std::tuple<const H264Class*, FaultCase>;
 
-class H264Faults : public FaultTest, public testing::WithParamInterface<H264Fault> {};
+class H264Faults : public FaultTest, public testing::WithParamInterface<H264Fault> {
+  const VirtualTime time_;
+};
 
 TEST_P(H264Faults, HaveTheirLinesAndTheObjectWorksAgain) {
   const H264Class& kind = *std::get<0>(GetParam());
   const FaultCase& its = std::get<1>(GetParam());
-  interpose::hurry = kind.mmal ? 1 : 100;
   std::optional<H264Encoder> encoder;
   bool created = false;
   inject(its.fault);
@@ -174,32 +173,28 @@ TEST_F(H264FaultTest, APortThatStaysOpenIsReported) {
 // -------------------------------------------------------------------------- waits and resources
 
 TEST_P(BothH264, WaitsEndOnTimeWhateverDisturbsThem) {
+  const VirtualTime time;
   const bool isMmal = GetParam()->mmal;
   const LimitBy clock = isMmal ? LimitBy::WallClock : LimitBy::SteadyClock;
   H264Encoder encoder(*GetParam());
   for (const Disturbance how : disturbances) {
-    interpose::hurry = isMmal ? 1 : 10;  // one second of the ten
     // One credit, after a second Create too.
     ASSERT_TRUE(encoder.create());
     inject(lose(isMmal ? "input" : "EmptyBufferDone", 1, true));
     inject(lose(isMmal ? "output" : "FillBufferDone", 1, true));
     ASSERT_EQ(encoder.feed(), CodecOk);
-    {
-      const Disturbed wait(how, clock);
-      expectAnswer<CodecStatus>(
-          [&] { return encoder.feed(1); }, CodecTimeout,
-          isMmal ? mmal + "ProcessInput - timeout\n" : "",
-          isMmal ? "" : omx + "ProcessInput - the input buffer did not come back\n",
-          wait.atLeast(990), wait.atMost(1000));
-    }
-    {
-      const Disturbed wait(how, clock);
-      expectAnswer<CodecStatus>(
-          [&] { return encoder.take().status; }, CodecTimeout,
-          isMmal ? mmal + "ProcessOutput - timeout\n" : "",
-          isMmal ? "" : omx + "ProcessOutput - the output buffer was not filled\n",
-          wait.atLeast(isMmal ? 100 : 990), wait.atMost(1000));
-    }
+    const int inputMs = disturbedMs(how, clock, isMmal ? 1000 : 10000),
+              outputMs = disturbedMs(how, clock, isMmal ? 100 : 10000);
+    disturb(how, clock);
+    expectAnswer<CodecStatus>(
+        [&] { return encoder.feed(1); }, CodecTimeout,
+        isMmal ? mmal + "ProcessInput - timeout\n" : "",
+        isMmal ? "" : omx + "ProcessInput - the input buffer did not come back\n", inputMs);
+    disturb(how, clock);
+    expectAnswer<CodecStatus>(
+        [&] { return encoder.take().status; }, CodecTimeout,
+        isMmal ? mmal + "ProcessOutput - timeout\n" : "",
+        isMmal ? "" : omx + "ProcessOutput - the output buffer was not filled\n", outputMs);
     control::clearFaults();
   }
   const Capture quiet;
@@ -261,24 +256,14 @@ TEST_P(BothH264, ShortOfMemoryItGoesOn) {
 
 // -------------------------------------------------------------------------------- conversation
 
-/// Waits until the journal has that many output buffers delivered.
-void awaitOutputs(int count) {
-  for (int i = 0; i < 5000; ++i) {
-    const auto names = control::journalNames(control::Lines::Completions);
-    if (std::count(names.begin(), names.end(), "output") >= count) return;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  FAIL() << "the component delivers nothing";
-}
-
 TEST_P(BothH264, TheConversationReadsLikeThis) {
+  const VirtualTime time;
   const Capture quiet;
   control::startJournal();
   {
     H264Encoder encoder(*GetParam());
     encoder.create({i420, 100, 50, 30, 1, 1, 1, 1000000});
     encoder.feed();
-    if (GetParam()->mmal) awaitOutputs(2);
     for (int buffer = 0; buffer < 2; ++buffer) encoder.take();
     encoder.create({yuyv, 64, 48});
   }

@@ -5,14 +5,15 @@ namespace {
 
 using namespace support;
 
-using LateAnswers = FaultTest;
+class LateAnswers : public FaultTest {
+  const VirtualTime time_;
+};
 const std::string omx = "COmxH264Encoder::";
 
 /// A lost or late fill: time-out, and afterwards the frame fed last is the one that comes out.
 /// Key frames come every second frame, so that a stream with a hole recovers.
 TEST_F(LateAnswers, ALateFillIsNeverTheNextFrames) {
-  constexpr unsigned lateMs = 700;  // the limit is 100 here
-  interpose::hurry = 100;
+  constexpr unsigned lateMs = 10100;
   for (const unsigned delayMs : {0u, lateMs})
     for (const unsigned nth : {1u, 2u, 4u}) {
       SCOPED_TRACE(testing::Message() << "fill " << nth << ", " << delayMs << " ms late");
@@ -45,16 +46,14 @@ TEST_F(LateAnswers, ALateFillIsNeverTheNextFrames) {
 
 TEST_F(LateAnswers, WaitingAgainGivesTheLateAnswer) {
   for (const bool input : {false, true}) {
-    interpose::hurry = 100;
     H264Encoder encoder(omxH264());
     ASSERT_TRUE(encoder.create());
-    inject(delay(input ? "EmptyBufferDone" : "FillBufferDone", 1, 700));
+    inject(delay(input ? "EmptyBufferDone" : "FillBufferDone", 1, 15000));
     ASSERT_EQ(encoder.feed(), CodecOk);
     {
       const Capture quiet;
       EXPECT_EQ(input ? encoder.feed(1) : encoder.take().status, CodecTimeout);
     }
-    interpose::hurry = 5;
     Video video;
     EXPECT_TRUE(encoder.collect(video));
     EXPECT_TRUE(encoder.feed(1) == CodecOk && encoder.collect(video));
@@ -70,7 +69,6 @@ TEST_F(LateAnswers, AFlushForALateFillMayFail) {
       {refuse("OMX_SendCommand"), omxLine(omx + "ProcessInput::OMX_CommandFlush::Output")},
       {lose("EventHandler", 1, true), late},
       {refuse("OMX_FillThisBuffer"), omxLine(omx + "ProcessInput - OMX_FillThisBuffer failed")}};
-  interpose::hurry = 100;
   for (const auto& [fault, line] : table) {
     H264Encoder encoder(omxH264());
     ASSERT_TRUE(encoder.create() && encoder.works());

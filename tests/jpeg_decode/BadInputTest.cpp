@@ -6,7 +6,7 @@
 
 #include "JpegSurgery.h"
 #include "PoolFixture.h"
-#include "support/Interpose.h"
+#include "support/VirtualTime.h"
 
 namespace {
 
@@ -17,9 +17,6 @@ using support::Sampling;
 /// out may not depend on it. After each, a good one decodes.
 class BadInput : public testing::Test {
  protected:
-  void SetUp() override { support::interpose::hurry = 20; }
-  void TearDown() override { support::interpose::reset(); }
-
   /// @return the picture's bytes, or the line that came with null; without a size there is none
   std::string take(const Bytes& jpeg, int width = 0, int height = 0) {
     const Decoded seen = decode(*pool_, jpeg, width, height);
@@ -49,6 +46,7 @@ class BadInput : public testing::Test {
   const Bytes small_ = support::encodeJpeg(scene_, Sampling::Yuv420, 60);
 
  private:
+  const support::VirtualTime time_;
   QuietPool pool_;
   const Bytes white_ =
       support::encodeJpeg(support::flat(48, 32, 255, 255, 255), Sampling::Yuv420, 80);

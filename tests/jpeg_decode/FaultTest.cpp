@@ -13,13 +13,8 @@ namespace {
 using namespace support;
 using control::CompletionFault;
 
-/// Waits of ten seconds take a tenth of one.
 class Faults : public FaultTest {
- protected:
-  void SetUp() override {
-    FaultTest::SetUp();
-    interpose::hurry = 100;
-  }
+  const VirtualTime time_;
 };
 
 // ------------------------------------------------------------------------------------ setup
@@ -122,8 +117,8 @@ const FaultCase sameSize[] = {
     {"Fill", refuse("OMX_FillThisBuffer"), fillRefused, ""},
     {"Empty", refuse("OMX_EmptyThisBuffer"), emptyRefused, ""},
     {"FillLost", lose("FillBufferDone"), noFill, "", false, false},
-    {"FillLate", delay("FillBufferDone", 1, 20), "", "", true},
-    {"FillTooLate", delay("FillBufferDone", 1, 500), noFill, "", false, false},
+    {"FillLate", delay("FillBufferDone", 1, 9900), "", "", true},
+    {"FillTooLate", delay("FillBufferDone", 1, 10100), noFill, "", false, false},
     {"FillTwice", mangle("FillBufferDone", twice), "", "", true, false},
     {"FillEmpty", mangle("FillBufferDone", empty), noPicture, ""},
 };
@@ -136,12 +131,12 @@ const FaultCase newSize[] = {
     {"Enable", refuse("OMX_SendCommand", 2), pool + "the ports cannot be enabled\n", ""},
     {"Allocate", refuse("OMX_AllocateBuffer"), "", noOutput},
     {"NullBuffer", nullResult("OMX_AllocateBuffer"), "", noOutput},
-    {"SizeLate", delay("EventHandler", 1, 20), "", "", true, false},
+    {"SizeLate", delay("EventHandler", 1, 900), "", "", true, false},
     {"SizeTwice", mangle("EventHandler", twice), "", "", true, false},
     {"DisabledLost", lose("EventHandler", 2), noDisable, "", false, false},
-    {"DisabledTooLate", delay("EventHandler", 2, 500), noDisable, "", false, false},
+    {"DisabledTooLate", delay("EventHandler", 2, 10100), noDisable, "", false, false},
     {"EnabledLost", lose("EventHandler", 3), noEnable, "", false, false},
-    {"EnabledTooLate", delay("EventHandler", 3, 500), noEnable, "", false, false},
+    {"EnabledTooLate", delay("EventHandler", 3, 10100), noEnable, "", false, false},
 };
 INSTANTIATE_TEST_SUITE_P(SameSize, Cycle, rowsFor(64, sameSize), NameOf());
 INSTANTIATE_TEST_SUITE_P(NewSize, Cycle, rowsFor(96, newSize), NameOf());
@@ -152,27 +147,25 @@ TEST_F(Faults, TheFirstNewSizeComesThoughItsQueryIsRefused) {
     QuietPool tested;
     const Bytes jpeg = jpegOf(640, 480);
     inject(refuse("OMX_GetParameter"));
-    if (late) inject(delay("EventHandler", 1, 30));  // announced after a second, here 10 ms
+    if (late) inject(delay("EventHandler", 1, 1200));  // announced after the second is over
     for (int i = 0; i < 3; ++i) EXPECT_EQ(difference(decode(*tested, jpeg), jpeg), "") << late;
     EXPECT_GE(control::faultsHit(), 1u);
     control::clearFaults();
   }
 }
 
-/// A size that is never announced, and then no picture: 1 s and the rest of 10 s, here of 1 s.
+/// A size that is never announced, and then no picture: 1 s and the rest of 10 s.
 TEST_F(Faults, AllWaitsOfACallTogetherKeepItsLimit) {
+  const VirtualTime time;
   QuietPool tested;
   Bytes jpeg = jpegOf(96, 80);
-  interpose::hurry = 10;
   inject(lose("EventHandler"));
   inject(lose("FillBufferDone"));
-  interpose::lateNanoseconds = 0;
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(decode(*tested, jpeg).lines, noFill);
   const auto took = std::chrono::steady_clock::now() - start;
-  const std::chrono::nanoseconds late(interpose::lateNanoseconds);
-  EXPECT_GT(took, std::chrono::milliseconds(990));
-  EXPECT_LT(took - late, std::chrono::milliseconds(1050));
+  EXPECT_GT(took, std::chrono::milliseconds(9900));
+  EXPECT_LT(took, std::chrono::milliseconds(10000));
 }
 
 TEST_F(Faults, APieceThatCannotBePassedOnIsTold) {
@@ -261,19 +254,18 @@ TEST_F(Faults, WithoutInputBuffersThereIsNoSetup) {
 }
 
 TEST_F(Faults, WaitsEndOnTimeWhateverDisturbsThem) {
-  interpose::hurry = 10;
   for (const Disturbance how : disturbances) {
     QuietPool tested;
     Bytes jpeg = jpegOf(1280, 720);
     inject(lose("FillBufferDone", 1, true));
-    const Disturbed wait(how, LimitBy::SteadyClock);
+    disturb(how, LimitBy::SteadyClock);
     int width = 0, height = 0;
     expectAnswer<bool>(
         [&] {
           return (*tested).DecodeJpeg(reinterpret_cast<char*>(jpeg.data()),
                                       static_cast<unsigned>(jpeg.size()), width, height) != nullptr;
         },
-        false, noFill, "", wait.atLeast(990), wait.atMost(1000));
+        false, noFill, "", 9950);
     control::clearFaults();
   }
 }

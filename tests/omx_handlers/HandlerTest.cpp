@@ -107,7 +107,7 @@ TEST_F(Handler, WithoutAnObjectTheyPrintTheirName) {
 }
 
 TEST_F(Handler, WaitsEndWithTheirSignalOrTheirLimit) {
-  support::interpose::hurry = 100;
+  const support::VirtualTime time;
   COmxJpegEncoder encoder;
   encoder.SignalStateChanged();
   encoder.SignalPortEnabledDisabled();

@@ -1,17 +1,11 @@
 #include "support/FaultTest.h"
 
 #include <IL/OMX_Core.h>
-#include <pthread.h>
-#include <signal.h>
 
-#include <atomic>
 #include <fstream>
-#include <thread>
 
 namespace support {
 namespace {
-
-std::atomic<int> signals{0};
 
 std::string without(std::string text, const std::string& part) {
   const std::size_t at = text.find(part);
@@ -65,48 +59,25 @@ void expectConversation(const std::string& file) {
   EXPECT_EQ(calls(), text);
 }
 
-struct Disturbed::Storm {
-  struct sigaction former {};
-  std::atomic<bool> going{true};
-  std::thread sender;
+namespace {
+using namespace std::chrono_literals;
+constexpr auto disturbedAfter = 50ms;
+/// Little where the wait takes as much longer.
+std::chrono::milliseconds setBackBy(LimitBy clock) {
+  return clock == LimitBy::WallClock ? 300ms : 30000ms;
+}
+}  // namespace
 
-  explicit Storm(pthread_t target) {
-    signals = 0;
-    struct sigaction action {};
-    action.sa_handler = [](int) { ++signals; };
-    sigaction(SIGUSR1, &action, &former);
-    sender = std::thread([this, target] {
-      while (going) {
-        pthread_kill(target, SIGUSR1);
-        std::this_thread::sleep_for(std::chrono::microseconds(50));
-      }
-    });
-  }
-  ~Storm() {
-    going = false;
-    sender.join();
-    sigaction(SIGUSR1, &former, nullptr);
-    EXPECT_GT(signals, 100) << "hardly a storm";
-  }
-};
-
-Disturbed::Disturbed(Disturbance how, LimitBy clock)
-    : endsEarly_(how == Disturbance::ClockAhead && clock == LimitBy::WallClock) {
-  using namespace std::chrono_literals;
-  if (how == Disturbance::Signals) storm_ = std::make_unique<Storm>(pthread_self());
-  if (how == Disturbance::ClockAhead) interpose::setClockDuringNextWait(1h);
-  if (how == Disturbance::ClockBack)
-    interpose::setClockDuringNextWait(clock == LimitBy::WallClock ? -300ms : -30s);
+void disturb(Disturbance how, LimitBy clock) {
+  if (how == Disturbance::ClockAhead) VirtualTime::setWallClock(1h, disturbedAfter);
+  if (how == Disturbance::ClockBack) VirtualTime::setWallClock(-setBackBy(clock), disturbedAfter);
 }
 
-Disturbed::~Disturbed() = default;
-
-int Disturbed::atLeast(int limitMs) const {
-  return endsEarly_ ? 40 : limitMs;
-}
-
-int Disturbed::atMost(int limitMs) const {
-  return endsEarly_ ? std::max(limitMs - 100, 900) : limitMs + 2000;
+int disturbedMs(Disturbance how, LimitBy clock, int limitMs) {
+  if (clock == LimitBy::SteadyClock) return limitMs;
+  if (how == Disturbance::ClockAhead) return disturbedAfter / 1ms;
+  return how == Disturbance::ClockBack ? limitMs + static_cast<int>(setBackBy(clock) / 1ms)
+                                       : limitMs;
 }
 
 }  // namespace support

@@ -8,33 +8,16 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <initializer_list>
 #include <new>
 
 namespace support::interpose {
 
 Failing semInit, semWait, clockGettime, allocation;
-std::atomic<int> hurry{1};
-std::atomic<long long> lateNanoseconds{0};
-
 namespace {
 
 std::atomic<std::size_t> allocations{0};
 std::atomic<std::size_t> live{0};
-
-constexpr long long nanosecondsPerSecond = 1000000000LL;
-constexpr long long sleptBeforeStep = 50000000LL;
-std::atomic<long long> clockIsAhead{0};  ///< CLOCK_REALTIME, in nanoseconds
-std::atomic<long long> clockToStep{0};   ///< in the next wait
-
-long long nanoseconds(const timespec& time) {
-  return time.tv_sec * nanosecondsPerSecond + time.tv_nsec;
-}
-timespec toTimespec(long long nanoseconds) {
-  return {static_cast<std::time_t>(nanoseconds / nanosecondsPerSecond),
-          static_cast<long>(nanoseconds % nanosecondsPerSecond)};
-}
 
 struct Range {
   std::uintptr_t first = 0;
@@ -59,62 +42,12 @@ Range findLibrary() {
   return range;
 }
 
-bool isLibrary(const void* caller) {
-  static const Range library = findLibrary();
-  const auto at = reinterpret_cast<std::uintptr_t>(caller);
-  return at >= library.first && at < library.last;
-}
-
 /// Counts the library's calls of operator new, and fails the one that is to fail. Other code is
 /// left alone: a worker of the platform's may well allocate at the same moment.
 void admit(const void* caller) {
   if (!isLibrary(caller)) return;
   ++allocations;
   if (allocation.hit()) throw std::bad_alloc();
-}
-
-template <typename Function>
-Function* real(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
-int realClock(clockid_t clock, timespec* now) {
-  static auto* const function = real<int(clockid_t, timespec*)>("clock_gettime");
-  return function(clock, now);
-}
-
-/// The same deadline, nearer by the factor `hurry`. A wait that goes on after a signal, with the
-/// deadline that it had, has the same one again.
-timespec hastened(const timespec& deadline) {
-  thread_local timespec asked{}, given{};
-  const int factor = hurry;
-  timespec now{};
-  if (factor <= 1 || realClock(CLOCK_REALTIME, &now) != 0) return deadline;
-  if (asked.tv_sec == deadline.tv_sec && asked.tv_nsec == deadline.tv_nsec) return given;
-  const long long left = nanoseconds(deadline) - nanoseconds(now);
-  asked = deadline;
-  given = toTimespec(nanoseconds(now) + (left > 0 ? left / factor : left));
-  return given;
-}
-
-/// Sleeps until a moment of the clock as the program sees it, which may be set meanwhile.
-template <typename Sleep>
-int sleepUntil(const timespec& deadline, Sleep sleep) {
-  timespec now{};
-  const auto asSystem = [&] { return toTimespec(nanoseconds(deadline) - clockIsAhead); };
-  if (clockToStep != 0 && realClock(CLOCK_REALTIME, &now) == 0) {
-    const timespec step = toTimespec(nanoseconds(now) + sleptBeforeStep);
-    if (nanoseconds(step) < nanoseconds(asSystem())) {
-      if (sleep(step) == 0) return 0;
-      if (errno != ETIMEDOUT) return -1;
-      clockIsAhead += clockToStep.exchange(0);
-    }
-  }
-  const timespec when = hastened(asSystem());
-  const int result = sleep(when);
-  if (result != 0 && errno == ETIMEDOUT && realClock(CLOCK_REALTIME, &now) == 0)
-    lateNanoseconds += nanoseconds(now) - nanoseconds(when);
-  return result;
 }
 
 void* allocate(std::size_t size) {
@@ -165,6 +98,12 @@ bool Failing::hit() {
   return true;
 }
 
+bool isLibrary(const void* address) {
+  static const Range library = findLibrary();
+  const auto at = reinterpret_cast<std::uintptr_t>(address);
+  return at >= library.first && at < library.last;
+}
+
 std::size_t liveBlocks() {
   return live;
 }
@@ -174,12 +113,6 @@ std::size_t allocationsOfLibrary() {
 
 void reset() {
   for (Failing* each : {&semInit, &semWait, &clockGettime, &allocation}) each->disarm();
-  hurry = 1;
-  clockIsAhead = clockToStep = 0;
-}
-
-void setClockDuringNextWait(std::chrono::nanoseconds by) {
-  clockToStep = by.count();
 }
 
 }  // namespace support::interpose
@@ -189,73 +122,13 @@ namespace interpose = support::interpose;
 extern "C" {
 
 int sem_init(sem_t* semaphore, int shared, unsigned value) noexcept {
-  static auto* const function = interpose::real<int(sem_t*, int, unsigned)>("sem_init");
+  static auto* const system =
+      reinterpret_cast<int (*)(sem_t*, int, unsigned)>(dlsym(RTLD_NEXT, "sem_init"));
   if (interpose::semInit.hit()) {
     errno = ENOSPC;
     return -1;
   }
-  return function(semaphore, shared, value);
-}
-
-int sem_wait(sem_t* semaphore) {
-  static auto* const function = interpose::real<int(sem_t*)>("sem_wait");
-  if (interpose::semWait.hit()) {
-    errno = EINVAL;
-    return -1;
-  }
-  return function(semaphore);
-}
-
-int sem_timedwait(sem_t* semaphore, const timespec* deadline) {
-  static auto* const function = interpose::real<int(sem_t*, const timespec*)>("sem_timedwait");
-  if (interpose::semWait.hit()) {
-    errno = EINVAL;
-    return -1;
-  }
-  return interpose::sleepUntil(*deadline,
-                               [&](const timespec& when) { return function(semaphore, &when); });
-}
-
-int sem_trywait(sem_t* semaphore) noexcept {
-  static auto* const function = interpose::real<int(sem_t*)>("sem_trywait");
-  if (interpose::semWait.hit()) {
-    errno = EINVAL;
-    return -1;
-  }
-  return function(semaphore);
-}
-
-int clock_nanosleep(clockid_t clock, int flags, const timespec* asked, timespec* left) {
-  static auto* const function =
-      interpose::real<int(clockid_t, int, const timespec*, timespec*)>("clock_nanosleep");
-  if (!interpose::isLibrary(__builtin_return_address(0)))
-    return function(clock, flags, asked, left);
-  interpose::clockIsAhead += interpose::clockToStep.exchange(0);
-  const long long nanoseconds = interpose::nanoseconds(*asked) / interpose::hurry;
-  const timespec given = interpose::toTimespec(nanoseconds);
-  timespec before{}, after{};
-  interpose::realClock(CLOCK_MONOTONIC, &before);
-  const int result = function(clock, flags, &given, left);
-  interpose::realClock(CLOCK_MONOTONIC, &after);
-  const long long slept = interpose::nanoseconds(after) - interpose::nanoseconds(before);
-  if (result == 0) interpose::lateNanoseconds += slept - nanoseconds;
-  return result;
-}
-
-int clock_gettime(clockid_t clock, timespec* now) noexcept {
-  const bool steady = clock == CLOCK_MONOTONIC && interpose::isLibrary(__builtin_return_address(0));
-  if (clock == CLOCK_REALTIME || steady) {
-    if (interpose::clockGettime.hit()) {
-      errno = EFAULT;
-      return -1;
-    }
-  }
-  const int result = interpose::realClock(clock, now);
-  const long long at = interpose::nanoseconds(*now);
-  if (clock == CLOCK_REALTIME && interpose::clockIsAhead != 0)
-    *now = interpose::toTimespec(at + interpose::clockIsAhead);
-  if (steady) *now = interpose::toTimespec(at * interpose::hurry);
-  return result;
+  return system(semaphore, shared, value);
 }
 }
 

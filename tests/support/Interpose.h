@@ -2,11 +2,11 @@
 #define TESSERA_TESTS_SUPPORT_INTERPOSE_H
 
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 
-/// The program that links this has semaphores, clock and operator new of its own, which pass on to
-/// the system's until a fault is asked for. They are seen by libtessera.so too.
+/// The program that links this has semaphores, clocks, sleeps and operator new of its own, which
+/// pass on to the system's until a fault, or virtual time, is asked for. They are seen by
+/// libtessera.so and the platform too.
 namespace support::interpose {
 
 /// A count-down per function: at 1 the next call fails, 0 leaves it alone. `from` keeps failing.
@@ -23,21 +23,11 @@ struct Failing {
 
 extern Failing semInit;
 extern Failing semWait;       ///< sem_wait, sem_timedwait and sem_trywait, with EINVAL
-extern Failing clockGettime;  ///< CLOCK_REALTIME, and the library's CLOCK_MONOTONIC
+extern Failing clockGettime;  ///< asked by libtessera.so itself
 extern Failing allocation;    ///< operator new, called by libtessera.so, has no memory
 
-/// Divides the time that is left until a sem_timedwait's deadline, and what the library sleeps by
-/// CLOCK_MONOTONIC, which runs so much faster for it; 1: as it is. Makes ten seconds a fraction of
-/// one.
-extern std::atomic<int> hurry;
-
-/// Sets CLOCK_REALTIME so far ahead, or back, while the next timed wait sleeps: 50 ms after its
-/// start. It stays so until reset().
-void setClockDuringNextWait(std::chrono::nanoseconds by);
-
-/// How much later than asked timed waits have ended, together: a busy machine's share of a
-/// duration.
-extern std::atomic<long long> lateNanoseconds;
+/// Whether an address is in the code of libtessera.so.
+bool isLibrary(const void* address);
 
 /// Calls of operator new by code of libtessera.so, on whatever thread, since the program started.
 std::size_t allocationsOfLibrary();

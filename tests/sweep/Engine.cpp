@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,6 +18,7 @@
 #include "Streams.h"
 #include "support/Capture.h"
 #include "support/Interpose.h"
+#include "support/VirtualTime.h"
 
 namespace sweep {
 namespace {
@@ -26,15 +26,9 @@ namespace {
 namespace control = tessera_platform;
 using control::CallFault;
 using control::CompletionFault;
-using Clock = std::chrono::steady_clock;
 
-/// Library waits of ten seconds take half a second, those of one second 50 ms.
-constexpr int hurry = 20;
-constexpr auto slack = std::chrono::milliseconds(250);
-/// The longest that one step may take: ten seconds, one more second after an error event, twice
-/// (a late answer and its successor), hastened.
-constexpr auto stepLimit = std::chrono::milliseconds(22000 / hurry) + slack;
-constexpr int childLimitSeconds = 20;
+/// For what time that stands still does not see: a child that does not stop working.
+constexpr int childLimitSeconds = 120;
 /// The control's own lists of faults.
 constexpr std::size_t blockSlack = 4;
 /// The encoder's threads draw on arenas of their own, more or fewer from run to run.
@@ -69,6 +63,14 @@ bool givesBack(const std::string& call) {
       call);
 }
 
+/// What the component keeps it gives back only when its port is disabled, and a queue that told a
+/// lie has a buffer too many from then on.
+bool losesABuffer(const Point& point) {
+  if (!point.completion) return point.call.call == "mmal_queue_get";
+  return point.event.action == CompletionFault::Drop ||
+         point.event.action == CompletionFault::ErrorEvent;
+}
+
 bool returnsPointer(const std::string& call) {
   return isOneOf("mmal_queue_get mmal_queue_create mmal_pool_create", call);
 }
@@ -101,21 +103,9 @@ class Run {
  private:
   template <typename Work>
   void step(const char* name, Work work, bool mustBeGood) {
-    // What must be good gets the time that it has in the field.
-    support::interpose::hurry = mustBeGood ? 1 : hurry;
-    support::interpose::lateNanoseconds = 0;
-    const Clock::time_point start = Clock::now();
     const Outcome outcome = work();
-    // The hastened waits are many and short, so what a busy machine adds to each counts as often.
-    const auto took =
-        Clock::now() - start - std::chrono::nanoseconds(support::interpose::lateNanoseconds.load());
     if (!outcome.problem.empty()) blame(std::string(name) + ": " + outcome.problem);
     if (mustBeGood && !outcome.good) blame(std::string(name) + ": refused without a fault");
-    // A scenario is up to three operations long.
-    if (took > 3 * stepLimit)
-      blame(std::string(name) + ": took " +
-            std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(took).count()) +
-            " ms");
   }
 
   void once(const Scenario& scenario, const Point* point) {
@@ -131,15 +121,32 @@ class Run {
       if (point != nullptr) arm(*point);
       step(
           "run", [&] { return scenario.run(*subject); }, false);
+      if (point != nullptr && point->goesOn) goOn(*subject, *point);
       step(
           "destroy", [&] { return subject->destroy(), Outcome{}; }, false);
-      met = control::faultsHit() > 0;
+      met = met || control::faultsHit() > 0;
       control::clearFaults();
       if (scenario.withNeighbour)
         step(
             "neighbour", [&] { return neighbour->frame(0); }, true);
     }
     after(before, point);
+  }
+
+  void goOn(Subject& subject, const Point& point) {
+    control::awaitQuiet();
+    met = control::faultsHit() > 0;
+    control::clearFaults();
+    // A late answer is over when it has come.
+    if (point.completion && point.event.action == CompletionFault::Delay)
+      std::this_thread::sleep_for(std::chrono::milliseconds(point.event.delayMs));
+    std::string last;
+    for (int tries = 1; tries <= 3; ++tries) {
+      const Outcome outcome = subject.goOn(tries == 3 && losesABuffer(point));
+      if (outcome.good) return;
+      last = outcome.problem;
+    }
+    blame("the object is of no more use: " + last);
   }
 
   void arm(const Point& point) {
@@ -171,7 +178,6 @@ class Run {
 
   /// The next object in the same process works.
   void fresh() {
-    support::interpose::hurry = 1;
     const std::unique_ptr<Subject> subject = subject_.make();
     for (const Outcome& outcome : {subject->make(), subject->frame(0)})
       if (!outcome.good) blame("a fresh object fails: " + outcome.problem);
@@ -191,7 +197,7 @@ struct Child {
 };
 
 template <typename Work>
-Child start(std::size_t index, unsigned limitSeconds, Work work) {
+Child start(std::size_t index, Work work) {
   Child child;
   child.index = index;
   child.streams = std::make_unique<Streams>();
@@ -201,9 +207,13 @@ Child start(std::size_t index, unsigned limitSeconds, Work work) {
   child.pid = fork();
   if (child.pid == 0) {
     close(ends[0]);
-    alarm(limitSeconds);
+    alarm(childLimitSeconds);
     child.streams->take();
-    const std::string report = work();
+    std::string report;
+    {
+      const support::VirtualTime time;
+      report = work();
+    }
     if (write(ends[1], report.data(), report.size()) < 0) _exit(98);
     _exit(0);
   }
@@ -244,8 +254,10 @@ Verdict conclude(const SubjectClass& subject, const Point& point, Child& child) 
   int status = 0;
   waitpid(child.pid, &status, 0);
   if (WIFSIGNALED(status)) {
-    if (WTERMSIG(status) == SIGALRM && hangsAsDocumented(subject, point)) return verdict;
     verdict.problem = std::string("killed by ") + strsignal(WTERMSIG(status));
+  } else if (WEXITSTATUS(status) == support::VirtualTime::hangStatus &&
+             hangsAsDocumented(subject, point)) {
+    verdict.problem.clear();
   } else if (WEXITSTATUS(status) == 1 && endsAsDocumented(subject, *child.streams)) {
     verdict.problem.clear();
   } else if (WEXITSTATUS(status) != 0) {
@@ -270,58 +282,68 @@ std::string oneRun(const SubjectClass& subject, const Scenario& scenario, const 
   return (run.met ? "" : "-") + run.problem;
 }
 
-void addCalls(const std::vector<std::string>& names, bool thorough, std::vector<Point>& points) {
+/// Offers a fault at one place, once and from then on, and, where it is met before the object is
+/// destroyed, also with the object going on after it.
+void offer(const Point& point, bool whileUsed, std::vector<Point>& points) {
+  for (const bool sticky : {false, true}) {
+    points.push_back(point);
+    (point.completion ? points.back().event.sticky : points.back().call.sticky) = sticky;
+  }
+  if (!whileUsed) return;
+  points.push_back(point);
+  points.back().goesOn = true;
+}
+
+/// What was recorded of a scenario: names, and how many of them while the object was used.
+struct Record {
+  std::vector<std::string> names;
+  std::size_t whileUsed = 0;
+};
+
+void addCalls(const Record& record, std::vector<Point>& points) {
   std::map<std::string, unsigned> seen;
-  for (const std::string& name : names) {
+  for (std::size_t i = 0; i < record.names.size(); ++i) {
+    const std::string& name = record.names[i];
     const unsigned nth = ++seen[name];
     if (returnsNothing(name)) continue;
     const bool il = isIl(name);
     std::vector<CallFault> faults{{name, nth, false, CallFault::Fail, il ? 0x80001001LL : 7}};
     if (!returnsPointer(name)) {
       faults.push_back({name, nth, false, CallFault::Fail, il ? 0x80001000LL : 1});
-      if (nth == 1) faults.push_back({name, nth, false, CallFault::NullResult, 0});
+      // Of a call without a result pointer it would be a plain success that did nothing.
+      const bool hasResult = name.find("reate") != std::string::npos || name == "OMX_GetHandle" ||
+                             name == "OMX_AllocateBuffer";
+      if (nth == 1 && hasResult) faults.push_back({name, nth, false, CallFault::NullResult, 0});
       if (nth == 1) faults.push_back({name, nth, false, CallFault::FinishFirst, 0});
     }
-    for (CallFault& fault : faults)
-      for (const bool sticky : {false, true}) {
-        fault.sticky = sticky;
-        const bool inShort = fault.action != CallFault::Fail ||
-                             (!sticky && fault.status != 1 && fault.status != 0x80001000LL);
-        // NullResult of a call without a result pointer would be a plain success that did nothing.
-        if (fault.action == CallFault::NullResult && name.find("reate") == std::string::npos &&
-            name != "OMX_GetHandle" && name != "OMX_AllocateBuffer")
-          continue;
-        if (thorough || (inShort && nth <= 12)) {
-          points.emplace_back();
-          points.back().call = fault;
-        }
-      }
+    for (const CallFault& fault : faults) {
+      Point point;
+      point.call = fault;
+      offer(point, i < record.whileUsed, points);
+    }
   }
 }
 
-void addCompletions(const std::vector<std::string>& names, bool thorough,
-                    std::vector<Point>& points) {
+void addCompletions(const Record& record, std::vector<Point>& points) {
   std::map<std::string, unsigned> seen;
-  const unsigned lateMs = 30, tooLateMs = 1500;  // the longest hastened limit is 550 ms
-  for (const std::string& name : names) {
+  constexpr unsigned lateMs = 50, tooLateMs = 11000;  // the limits are 100 ms to 10 s
+  for (std::size_t i = 0; i < record.names.size(); ++i) {
+    const std::string& name = record.names[i];
     const unsigned nth = ++seen[name];
     const std::uint32_t code = isIl(name) ? 0x80001009 : 7;
-    const CompletionFault faults[] = {
-        {name, nth, false, CompletionFault::Drop, 0, 0},
-        {name, nth, false, CompletionFault::Delay, lateMs, 0},
-        {name, nth, false, CompletionFault::Delay, tooLateMs, 0},
-        {name, nth, false, CompletionFault::Double, 0, 0},
-        {name, nth, false, CompletionFault::ErrorEvent, 0, code},
-        {name, nth, false, CompletionFault::ZeroLength, 0, 0},
-    };
-    for (const CompletionFault& fault : faults)
-      for (const bool sticky : {false, true}) {
-        if (!thorough && (nth > 2 || (sticky && fault.action != CompletionFault::Drop))) continue;
-        points.emplace_back();
-        points.back().completion = true;
-        points.back().event = fault;
-        points.back().event.sticky = sticky;
-      }
+    for (const CompletionFault& fault : {
+             CompletionFault{name, nth, false, CompletionFault::Drop, 0, 0},
+             CompletionFault{name, nth, false, CompletionFault::Delay, lateMs, 0},
+             CompletionFault{name, nth, false, CompletionFault::Delay, tooLateMs, 0},
+             CompletionFault{name, nth, false, CompletionFault::Double, 0, 0},
+             CompletionFault{name, nth, false, CompletionFault::ErrorEvent, 0, code},
+             CompletionFault{name, nth, false, CompletionFault::ZeroLength, 0, 0},
+         }) {
+      Point point;
+      point.completion = true;
+      point.event = fault;
+      offer(point, i < record.whileUsed, points);
+    }
   }
 }
 
@@ -337,6 +359,7 @@ std::string Point::text() const {
   else
     out << calls[call.action] << ' ' << call.call << " #" << call.nth << (call.sticky ? " on" : "")
         << " 0x" << std::hex << call.status;
+  if (goesOn) out << ", then on";
   return out.str();
 }
 
@@ -378,31 +401,34 @@ const std::vector<Scenario>& scenarios() {
   return all;
 }
 
-std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario, bool thorough) {
+std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario) {
   const auto work = [&] {
-    support::interpose::hurry = hurry;
     const std::unique_ptr<Subject> s = subject.make();
     scenario.before(*s);
     control::startJournal();
+    std::ostringstream text;
     scenario.run(*s);
+    control::awaitQuiet();
+    for (const auto which : {control::Lines::Calls, control::Lines::Completions})
+      text << control::journalNames(which).size() << ' ';
     s->destroy();
     control::stopJournal();
-    std::string names;
-    for (const std::string& name : control::journalNames(control::Lines::Calls))
-      names += "c " + name + '\n';
-    for (const std::string& name : control::journalNames(control::Lines::Completions))
-      names += "e " + name + '\n';
-    return names;
+    for (const auto which : {control::Lines::Calls, control::Lines::Completions}) {
+      for (const std::string& name : control::journalNames(which)) text << name << ' ';
+      text << ". ";
+    }
+    return text.str();
   };
-  Child child = start(0, childLimitSeconds, work);
-  std::istringstream lines(readAll(child.report));
+  Child child = start(0, work);
+  std::istringstream text(readAll(child.report));
   waitpid(child.pid, nullptr, 0);
-  std::vector<std::string> calls, completions;
-  for (std::string kind, name; lines >> kind >> name;)
-    (kind == "c" ? calls : completions).push_back(name);
+  Record calls, completions;
+  text >> calls.whileUsed >> completions.whileUsed;
+  for (Record* const each : {&calls, &completions})
+    for (std::string name; text >> name && name != ".";) each->names.push_back(name);
   std::vector<Point> points;
-  addCalls(calls, thorough, points);
-  addCompletions(completions, thorough, points);
+  addCalls(calls, points);
+  addCompletions(completions, points);
   return points;
 }
 
@@ -416,8 +442,7 @@ std::vector<Verdict> sweep(const SubjectClass& subject, const Scenario& scenario
   for (std::size_t next = 0; next < points.size() || !running.empty();) {
     while (next < points.size() && running.size() < atOnce) {
       const Point& point = points[next];
-      const unsigned limit = hangsAsDocumented(subject, point) ? 2 : childLimitSeconds;
-      running.push_back(start(next++, limit, [&] { return oneRun(subject, scenario, point); }));
+      running.push_back(start(next++, [&] { return oneRun(subject, scenario, point); }));
     }
     std::vector<pollfd> ends;
     for (const Child& child : running) ends.push_back({child.report, POLLIN, 0});

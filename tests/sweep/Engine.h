@@ -15,10 +15,10 @@ struct Point {
   bool completion = false;
   tessera_platform::CallFault call;
   tessera_platform::CompletionFault event;
+  /// Once met, the fault is over, and the same object goes on; else it is destroyed as it is.
+  bool goesOn = false;
 
   std::string text() const;
-  /// Neither delay nor loss: an answer comes at once, if any.
-  bool prompt() const;
 };
 
 /// A way to use a class.
@@ -41,9 +41,9 @@ struct Verdict {
   bool met = false;     ///< the fault was met
 };
 
-/// Runs the scenario once without a fault and returns the points that it offers.
-/// @param thorough  every fault at every place, or a set that fits into continuous integration
-std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario, bool thorough);
+/// Runs the scenario once without a fault and returns the points that it offers: every fault at
+/// every place.
+std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario);
 
 /// Runs the scenario once for each point, each in a child of its own, several at a time.
 std::vector<Verdict> sweep(const SubjectClass& subject, const Scenario& scenario,

@@ -46,6 +46,12 @@ std::string Streams::err() const {
   return contents(err_);
 }
 
+std::string printedText() {
+  std::fflush(stdout);
+  std::fflush(stderr);
+  return contents(STDOUT_FILENO) + contents(STDERR_FILENO);
+}
+
 std::size_t printed() {
   std::fflush(stdout);
   std::fflush(stderr);

@@ -24,7 +24,9 @@ class Streams {
   int err_;
 };
 
-/// Bytes that this process has printed on both streams, once they are files.
+/// What this process has printed, first on standard output and then on standard error, once they
+/// are files; and how many bytes that is.
+std::string printedText();
 std::size_t printed();
 
 }  // namespace sweep

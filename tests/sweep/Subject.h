@@ -33,6 +33,10 @@ class Subject {
   virtual Outcome frame(int i) = 0;
   /// Leaves the object in the middle of work.
   virtual void launch() = 0;
+  /// After a fault that is over: sets up again what was refused, and does one frame. Good, too,
+  /// where the documents ask for the object's release.
+  /// @param anew  with a Create of an H.264 class in any case, which takes back what was lost
+  virtual Outcome goOn(bool anew) = 0;
   virtual void destroy() = 0;
 };
 

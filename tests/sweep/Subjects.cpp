@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <iterator>
+#include <sstream>
 #include <utility>
 
 #include "Streams.h"
@@ -22,6 +23,7 @@ struct Size {
 constexpr Size sizes[] = {{64, 48}, {98, 34}};
 constexpr std::uint8_t poison = 0xA5;
 constexpr unsigned poisonedNumber = 0xDEADBEEF;
+constexpr int answerLimitMs = 10000;
 
 bool untouched(const Bytes& bytes) {
   return std::all_of(bytes.begin(), bytes.end(), [](std::uint8_t b) { return b == poison; });
@@ -31,44 +33,52 @@ Outcome silent(const char* what) {
   return Outcome::wrong(std::string(what) + " failed in silence");
 }
 
-/// A refused call prints at least one line.
-class Lines {
- public:
-  Lines() : before_(printed()) {}
-  bool any() const { return printed() > before_; }
+bool wasPrinted(const std::string& text) {
+  return printedText().find(text) != std::string::npos;
+}
 
- private:
-  std::size_t before_;
-};
-
-/// Whether a wait was one of the long ones.
-class Watch {
+/// One call of the library: a refused one prints at least one line, and each has its limit.
+class Call {
  public:
-  bool slow() const { return Clock::now() - start_ > std::chrono::milliseconds(300); }
+  bool printedLines() const { return printed() > before_; }
+  int tookMs() const {
+    return static_cast<int>((Clock::now() - start_) / std::chrono::milliseconds(1));
+  }
+  /// The outcome, unless the call took longer than it may.
+  Outcome within(int limitMs, Outcome outcome) const {
+    if (tookMs() <= limitMs) return outcome;
+    return Outcome::wrong("a call took " + std::to_string(tookMs()) + " ms");
+  }
 
  private:
   using Clock = std::chrono::steady_clock;
-  Clock::time_point start_ = Clock::now();
+  const std::size_t before_ = printed();
+  const Clock::time_point start_ = Clock::now();
 };
+
+/// Whether a luma plane shows the scene in its upper left corner.
+bool shows(const Bytes& luma, int stride, const support::Image& scene) {
+  Bytes seen;
+  for (int y = 0; y < scene.height; ++y) {
+    const auto row = luma.begin() + static_cast<std::ptrdiff_t>(y) * stride;
+    seen.insert(seen.end(), row, row + scene.width);
+  }
+  return support::psnr(seen, support::toYuv(scene).y) >= 30;
+}
 
 Outcome judgeJpeg(const Bytes& jpeg, const support::Image& scene, Size expected) {
   const support::JpegPicture picture = support::decodeJpeg(jpeg);
   if (!picture.ok) return Outcome::wrong("not a JPEG: " + picture.error);
   if (picture.width != expected.width || picture.height != expected.height)
     return Outcome::wrong("a JPEG of the wrong size");
-  const support::Yuv truth = support::toYuv(scene);
-  Bytes seen;
-  for (int y = 0; y < scene.height; ++y)
-    seen.insert(seen.end(), &picture.y[static_cast<std::size_t>(y) * picture.width],
-                &picture.y[static_cast<std::size_t>(y) * picture.width] + scene.width);
-  if (support::psnr(seen, truth.y) < 30) return Outcome::wrong("a JPEG of another picture");
-  return {};
+  return shows(picture.y, picture.width, scene) ? Outcome{}
+                                                : Outcome::wrong("a JPEG of another picture");
 }
 
 class JpegEncoderSubject : public Subject {
  public:
   using Make = IJPEGEncoder* (*)();
-  JpegEncoderSubject(Make maker, bool crops) : make_(maker), crops_(crops) {}
+  JpegEncoderSubject(Make maker, bool mmal) : make_(maker), mmal_(mmal) {}
   ~JpegEncoderSubject() override { destroy(); }
 
   Outcome make() override {
@@ -83,20 +93,25 @@ class JpegEncoderSubject : public Subject {
     const support::Image scene = support::scene(size_.width, size_.height, i);
     const Size rounded{support::round32(size_.width), support::round16(size_.height)};
     Bytes raw = support::toYuyv(scene, rounded.width, rounded.height);
-    Bytes jpeg(100000, poison);
+    Bytes jpeg(20000, poison);
     unsigned size = poisonedNumber;
-    const Lines lines;
+    const Call call;
     if (encoder_->EncodeYUYV(raw.data(), static_cast<unsigned>(raw.size()), size_.width,
                              size_.height, jpeg.data(), static_cast<unsigned>(jpeg.size()),
                              size) == 0) {
-      if (!lines.any()) return silent("the encode");
+      if (!call.printedLines()) return silent("the encode");
       if (size != poisonedNumber) return Outcome::wrong("a failed encode told a size");
       // Where the component goes back to Idle after the JPEG, that step may fail alone.
-      return !crops_ || untouched(jpeg) ? Outcome::refused()
-                                        : Outcome::wrong("a failed encode wrote its output");
+      if (mmal_ && !untouched(jpeg)) return Outcome::wrong("a failed encode wrote its output");
+      return call.within(answerLimitMs, Outcome::refused());
     }
     jpeg.resize(size);
-    return judgeJpeg(jpeg, scene, crops_ ? size_ : rounded);
+    return call.within(answerLimitMs, judgeJpeg(jpeg, scene, mmal_ ? size_ : rounded));
+  }
+  Outcome goOn(bool) override {
+    const bool released = !mmal_ && asksForRelease();
+    const Outcome outcome = frame(0);
+    return released && outcome.problem.empty() ? Outcome{} : outcome;
   }
   void launch() override {
     Bytes raw(64 * 48 * 2), jpeg(16);
@@ -107,8 +122,18 @@ class JpegEncoderSubject : public Subject {
   void destroy() override { ReleaseEncoderJPEG(std::exchange(encoder_, nullptr)); }
 
  private:
+  /// Whether a line told of a missing component or, unlike those about events, of a refused call.
+  static bool asksForRelease() {
+    std::istringstream text(printedText());
+    for (std::string line; std::getline(text, line);)
+      if (line.find("encoder handle is empty") != std::string::npos ||
+          (line.find(" - 0x8000") != std::string::npos && line.find("OmxEventsHandler") != 0))
+        return true;
+    return false;
+  }
+
   Make make_;
-  bool crops_;
+  bool mmal_;  ///< crops the component's rounded size back to the picture's
   Size size_ = sizes[0];
   IJPEGEncoder* encoder_ = nullptr;
 };
@@ -129,15 +154,21 @@ class DecoderPoolSubject : public Subject {
     const support::Image scene = support::scene(size_.width, size_.height, i);
     Bytes jpeg = support::encodeJpeg(scene, support::Sampling::Yuv420, 80);
     int width = 0, height = 0;
-    const Lines lines;
+    const Call call;
     const unsigned char* const data = pool_->DecodeJpeg(
         reinterpret_cast<char*>(jpeg.data()), static_cast<unsigned>(jpeg.size()), width, height);
-    if (data == nullptr) return lines.any() ? Outcome::refused() : silent("the decode");
+    if (data == nullptr)
+      return call.printedLines() ? call.within(answerLimitMs, Outcome::refused())
+                                 : silent("the decode");
     if (width != size_.width || height != size_.height)
       return Outcome::wrong("a picture of the wrong size");
     if (support::unpadded(data, width, height).y != support::decodeJpeg(jpeg).y)
       return Outcome::wrong("a wrong picture");
-    return {};
+    return call.within(answerLimitMs, {});
+  }
+  Outcome goOn(bool) override {
+    const Outcome outcome = frame(0);
+    return wasPrinted("the pool's setup failed\n") ? Outcome{} : outcome;
   }
   void launch() override {
     char rubbish[64] = {};
@@ -151,16 +182,29 @@ class DecoderPoolSubject : public Subject {
   DecoderPool* pool_ = nullptr;
 };
 
-/// What a status owes the reader: a line, or nothing where the result says it all.
-Outcome judgeStatus(CodecStatus status, const Lines& lines, bool silentTimeout) {
+/// How long an operation that ends with CodecTimeout waits, how long any other may, and whether the
+/// time-out has no line.
+struct Wait {
+  int leastMs, mostMs;
+  bool silent = false;
+};
+constexpr Wait mmalInput{1000, 1000}, mmalOutput{100, 100}, decoderOutput{100, 100, true},
+    ilAnswer{1000, answerLimitMs};
+
+/// What a status owes the caller: its time, and a line where the result does not say it all.
+Outcome judgeStatus(CodecStatus status, const Call& call, const Wait& wait) {
   static constexpr int known[] = {CodecNoBuffer,       CodecSendFailed,    CodecInvalidArgument,
                                   CodecInvalidState,   CodecWaitFailed,    CodecTimeout,
                                   CodecBufferTooSmall, CodecStreamMismatch};
+  if (status == CodecOk) return call.within(wait.mostMs, {});
   if (std::find(std::begin(known), std::end(known), status) == std::end(known))
     return Outcome::wrong("a status that nobody knows");
+  if (status == CodecTimeout && call.tookMs() < wait.leastMs)
+    return Outcome::wrong("gave up after " + std::to_string(call.tookMs()) + " ms");
   const bool quiet = status == CodecNoBuffer || status == CodecBufferTooSmall ||
-                     (status == CodecTimeout && silentTimeout);
-  return quiet || lines.any() ? Outcome::refused() : silent("the operation");
+                     (status == CodecTimeout && wait.silent);
+  return quiet || call.printedLines() ? call.within(wait.mostMs, Outcome::refused())
+                                      : silent("the operation");
 }
 
 std::vector<int> nalTypes(const Bytes& data) {
@@ -187,7 +231,7 @@ bool withheldParameterSets(const Bytes& stream) {
 class H264EncoderSubject : public Subject {
  public:
   using Make = IH264Encoder* (*)();
-  H264EncoderSubject(Make maker, bool crops) : make_(maker), crops_(crops) {}
+  H264EncoderSubject(Make maker, bool mmal) : make_(maker), mmal_(mmal) {}
   ~H264EncoderSubject() override { destroy(); }
 
   Outcome make() override {
@@ -202,43 +246,65 @@ class H264EncoderSubject : public Subject {
     const Outcome fed = feed(i);
     return fed.good ? collect() : fed;
   }
+  Outcome goOn(bool anew) override {
+    if ((anew || !created_) && !create().good)
+      return !everCreated_ && wasPrinted(mmal_ ? "failed to create mmal encoder component"
+                                               : "invalid state of encoder object.\n")
+                 ? Outcome{}
+                 : Outcome::refused();
+    if (mmal_) drain();
+    stream_.clear();
+    whole_ = true;
+    fed_ = 0;
+    return frame(1);
+  }
   void launch() override { feed(0); }
   void destroy() override { ReleaseEncoderH264(std::exchange(encoder_, nullptr)); }
 
  private:
+  void drain() {
+    Bytes rest(20000);
+    unsigned size = 0, flags = 0;
+    for (int i = 0; i < 10; ++i)
+      encoder_->ProcessOutput(rest.data(), static_cast<unsigned>(rest.size()), size, flags);
+  }
   Outcome create() {
     stream_.clear();
     whole_ = true;
     fed_ = 0;
-    const Lines lines;
-    if (encoder_->Create(0x56595559, size_.width, size_.height, 30, 1, 1, 1, 1000000)) return {};
+    const Call call;
+    // At one frame a second each is a key frame, whose picture tells of nothing that went before.
+    created_ = encoder_->Create(0x56595559, size_.width, size_.height, 1, 1, 1, 1, 1000000);
+    everCreated_ = everCreated_ || created_;
+    const int limitMs = mmal_ ? 0 : answerLimitMs;
+    if (created_) return call.within(limitMs, {});
     whole_ = false;
-    return lines.any() ? Outcome::refused() : silent("Create");
+    return call.printedLines() ? call.within(limitMs, Outcome::refused()) : silent("Create");
   }
   Outcome feed(int i) {
     Bytes raw = support::toYuyv(support::scene(size_.width, size_.height, i));
-    const Lines lines;
+    last_ = i;
+    const Call call;
     const CodecStatus status =
         encoder_->ProcessInput(raw.data(), static_cast<unsigned>(raw.size()), 0, i);
     fed_ += status == CodecOk;
-    return status == CodecOk ? Outcome{} : judgeStatus(status, lines, false);
+    return judgeStatus(status, call, mmal_ ? mmalInput : ilAnswer);
   }
   /// Takes buffers until one holds a slice.
   Outcome collect() {
-    for (int misses = 0; misses < 20;) {
-      Bytes data(200000, poison);
+    for (int misses = 0; misses < 2;) {
+      Bytes data(20000, poison);
       unsigned size = poisonedNumber, flags = poisonedNumber;
-      const Lines lines;
-      const Watch watch;
+      const Call call;
       const CodecStatus status =
           encoder_->ProcessOutput(data.data(), static_cast<unsigned>(data.size()), size, flags);
       if (status != CodecOk) {
         whole_ = false;
         if (flags != 0 || size != poisonedNumber || !untouched(data))
           return Outcome::wrong("a failed ProcessOutput wrote its outputs");
-        const Outcome judged = judgeStatus(status, lines, false);
+        const Outcome judged = judgeStatus(status, call, mmal_ ? mmalOutput : ilAnswer);
         if (!judged.problem.empty()) return judged;
-        misses += watch.slow() ? 10 : 1;
+        ++misses;
         continue;
       }
       data.resize(size);
@@ -255,20 +321,24 @@ class H264EncoderSubject : public Subject {
     if (seen.pictures.size() != static_cast<std::size_t>(fed_))
       return Outcome::wrong("frames in and pictures out differ in number");
     const Size expected =
-        crops_ ? size_ : Size{support::round32(size_.width), support::round16(size_.height)};
-    if (seen.pictures.back().width != expected.width ||
-        seen.pictures.back().height != expected.height)
+        mmal_ ? size_ : Size{support::round32(size_.width), support::round16(size_.height)};
+    const support::Yuv& picture = seen.pictures.back();
+    if (picture.width != expected.width || picture.height != expected.height)
       return Outcome::wrong("a stream of the wrong size");
+    if (!shows(picture.y, picture.width, support::scene(size_.width, size_.height, last_)))
+      return Outcome::wrong("another picture");
     return {};
   }
 
   Make make_;
-  bool crops_;
+  bool mmal_;  ///< crops the component's rounded size back to the picture's
   Size size_ = sizes[0];
   IH264Encoder* encoder_ = nullptr;
   Bytes stream_;
+  bool created_ = false, everCreated_ = false;
   bool whole_ = true;  ///< nothing was refused since Create, so the stream has no holes
   int fed_ = 0;
+  int last_ = 0;  ///< frame fed
 };
 
 /// A stream of each size and what libavcodec makes of it, made once.
@@ -299,11 +369,11 @@ class H264DecoderSubject : public Subject {
   ~H264DecoderSubject() override { destroy(); }
 
   Outcome make() override {
-    const Lines lines;
+    const Call call;
     IH264Decoder* made = nullptr;
     if (CreateH264Decoder(&made) == 0) {
       if (made != nullptr) return Outcome::wrong("a failed creation stored something");
-      return lines.any() ? Outcome::refused() : silent("CreateH264Decoder");
+      return call.printedLines() ? Outcome::refused() : silent("CreateH264Decoder");
     }
     decoder_ = made;
     return create();
@@ -320,16 +390,33 @@ class H264DecoderSubject : public Subject {
   void launch() override {
     if (decoder_ != nullptr) feed(0);
   }
+  /// From the next key frame on.
+  Outcome goOn(bool anew) override {
+    if (decoder_ == nullptr && !make().good) return Outcome::refused();
+    if ((anew || !created_) && !create().good) return Outcome::refused();
+    drain();
+    whole_ = true;
+    return frame(2);
+  }
   void destroy() override { FreeH264Decoder(std::exchange(decoder_, nullptr)); }
 
  private:
   Outcome create() {
     whole_ = true;
-    const Lines lines;
+    const Call call;
     const Size size = sizes[which_];
-    if (decoder_->Create(size.width, size.height, 0, nullptr)) return {};
+    created_ = decoder_->Create(size.width, size.height, 0, nullptr);
+    if (created_) return call.within(0, {});
     whole_ = false;
-    return lines.any() ? Outcome::refused() : silent("Create");
+    return call.printedLines() ? call.within(0, Outcome::refused()) : silent("Create");
+  }
+  void drain() {
+    Bytes rest(20000);
+    unsigned bytes = 0, width = 0, height = 0;
+    unsigned long long timestamp = 0;
+    for (int i = 0; i < 10; ++i)
+      decoder_->ProcessOutput(rest.data(), static_cast<unsigned>(rest.size()), bytes, width, height,
+                              timestamp);
   }
   Outcome feed(int i) {
     const support::H264Made& made = clip(which_).made;
@@ -337,28 +424,28 @@ class H264DecoderSubject : public Subject {
     Bytes unit(made.stream.begin() + static_cast<std::ptrdiff_t>(from),
                made.stream.begin() +
                    static_cast<std::ptrdiff_t>(made.units[static_cast<std::size_t>(i) + 1]));
-    const Lines lines;
+    const Call call;
     const Size size = sizes[which_];
     const CodecStatus status =
         decoder_->ProcessInput(unit.data(), static_cast<unsigned>(unit.size()), size.width,
                                size.height, 0, static_cast<unsigned long long>(i) * 40 + 40);
-    if (status == CodecOk) return {};
-    whole_ = false;
-    return judgeStatus(status, lines, false);
+    whole_ = whole_ && status == CodecOk;
+    return judgeStatus(status, call, mmalInput);
   }
   Outcome collect(int i) {
-    for (int misses = 0; misses < 20; ++misses) {
+    for (int misses = 0; misses < 3; ++misses) {
       Bytes data(20000, poison);
       unsigned bytes = poisonedNumber, width = poisonedNumber, height = poisonedNumber;
       unsigned long long timestamp = poisonedNumber;
-      const Lines lines;
+      const Call call;
       const CodecStatus status = decoder_->ProcessOutput(
           data.data(), static_cast<unsigned>(data.size()), bytes, width, height, timestamp);
       if (status == CodecOk) return judge(i, data, bytes, timestamp);
       if (width != 0 || height != 0 || timestamp != 0 || bytes != poisonedNumber ||
           !untouched(data))
         return Outcome::wrong("a failed ProcessOutput wrote its outputs");
-      const Outcome judged = judgeStatus(status, lines, true);
+      created_ = created_ && status != CodecInvalidState;
+      const Outcome judged = judgeStatus(status, call, decoderOutput);
       if (!judged.problem.empty()) return judged;
     }
     whole_ = false;
@@ -379,6 +466,7 @@ class H264DecoderSubject : public Subject {
   }
 
   int which_ = 0;
+  bool created_ = false;
   bool whole_ = true;  ///< nothing was refused since Create, so every picture has its references
   IH264Decoder* decoder_ = nullptr;
 };

@@ -8,9 +8,9 @@
 #define TESSERA_PLATFORM_API __attribute__((visibility("default")))
 
 /// Control over the software platform: what it was asked (journal), what it should do wrong
-/// (faults), and what it still holds (census). For tests, and for application writers who want to
-/// see how their program takes a fault. Every function may be called from any thread; none blocks
-/// on the codecs.
+/// (faults), what it still holds (census), and when it has nothing to do (pace). For tests, and for
+/// application writers who want to see how their program takes a fault. Every function may be
+/// called from any thread; none blocks on the codecs, but for awaitQuiet().
 namespace tessera_platform {
 
 // ---------------------------------------------------------------------------------- journal
@@ -105,6 +105,24 @@ TESSERA_PLATFORM_API Census census();
 
 /// One line, the counts that are not zero: "handles 1, buffers 4"; "nothing" for an empty census.
 TESSERA_PLATFORM_API std::string describe(const Census& census);
+
+// ------------------------------------------------------------------------------------- pace
+
+/// Whether no component has anything to do at this moment: every worker sleeps and will do so until
+/// it is asked for something, or until a time that is still to come (of a callback that a fault
+/// delays, say). What was called back is over by then.
+TESSERA_PLATFORM_API bool quiet();
+
+/// Waits until the platform is quiet. Inside a callback, where it cannot be, returns at once.
+TESSERA_PLATFORM_API void awaitQuiet();
+
+/// How the application's calls and the components' work go together.
+enum class Pace {
+  Free,     ///< side by side
+  Stepped,  ///< a call begins once the platform is quiet, unless it is made inside a callback:
+            ///< calls and callbacks come in the same order in every run
+};
+TESSERA_PLATFORM_API void setPace(Pace pace);
 
 }  // namespace tessera_platform
 

@@ -1,6 +1,8 @@
 #include "tessera_platform/control.h"
 
+#include <algorithm>
 #include <array>
+#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -40,6 +42,30 @@ State& state() {
 }
 
 std::array<std::atomic<int>, 9> counters{};
+
+/// The workers that there are. A component's lock may be taken while this one is held.
+struct Watch {
+  std::mutex mutex;
+  std::vector<const hooks::Watched*> workers;
+};
+
+Watch& watch() {
+  static Watch* const instance = new Watch;
+  return *instance;
+}
+
+/// Where those wait who await quiet. No other lock is taken while this one is held.
+struct Rest {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::uint64_t times = 0;  ///< that a worker went to sleep, while somebody waited
+  std::atomic<int> awaited{0};
+};
+
+Rest& rest() {
+  static Rest* const instance = new Rest;
+  return *instance;
+}
 
 bool wanted(const Line& line, Lines which) {
   return which == Lines::All || line.completion == (which == Lines::Completions);
@@ -147,10 +173,37 @@ std::string describe(const Census& c) {
   return text.tellp() > 0 ? text.str() : "nothing";
 }
 
+bool quiet() {
+  Watch& w = watch();
+  const std::lock_guard<std::mutex> lock(w.mutex);
+  return std::all_of(w.workers.begin(), w.workers.end(),
+                     [](const hooks::Watched* worker) { return worker->atRest(); });
+}
+
+void awaitQuiet() {
+  if (hooks::onWorker) return;
+  Rest& r = rest();
+  ++r.awaited;
+  std::unique_lock<std::mutex> lock(r.mutex);
+  for (;;) {
+    const std::uint64_t seen = r.times;
+    lock.unlock();
+    if (quiet()) break;
+    lock.lock();
+    r.changed.wait(lock, [&] { return r.times != seen; });
+  }
+  --r.awaited;
+}
+
+void setPace(Pace pace) {
+  hooks::stepped = pace == Pace::Stepped;
+}
+
 namespace hooks {
 
 std::atomic<bool> recording{false};
 std::atomic<bool> faultsArmed{false};
+std::atomic<bool> stepped{false};
 
 void recordCall(const char* entry, const std::string& arguments, const std::string& result) {
   State& s = state();
@@ -195,6 +248,29 @@ void forget(const void* object) {
 
 void count(Kind kind, int change) {
   counters[static_cast<std::size_t>(kind)] += change;
+}
+
+Watched::Watched(std::function<bool()> atRest) : atRest_(std::move(atRest)) {
+  Watch& w = watch();
+  const std::lock_guard<std::mutex> lock(w.mutex);
+  w.workers.push_back(this);
+}
+
+Watched::~Watched() {
+  {
+    Watch& w = watch();
+    const std::lock_guard<std::mutex> lock(w.mutex);
+    w.workers.erase(std::find(w.workers.begin(), w.workers.end(), this));
+  }
+  wentToRest();
+}
+
+void wentToRest() {
+  Rest& r = rest();
+  if (r.awaited == 0) return;
+  const std::lock_guard<std::mutex> lock(r.mutex);
+  ++r.times;
+  r.changed.notify_all();
 }
 
 }  // namespace hooks

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -14,6 +15,7 @@ namespace tessera_platform::hooks {
 
 extern std::atomic<bool> recording;
 extern std::atomic<bool> faultsArmed;
+extern std::atomic<bool> stepped;
 
 /// Out of line halves; use CallScope and completion().
 void recordCall(const char* entry, const std::string& arguments, const std::string& result);
@@ -32,6 +34,7 @@ bool matchCompletion(const char* name, CompletionFault& fault);
 class CallScope {
  public:
   explicit CallScope(const char* entry) : entry_(entry) {
+    if (stepped.load(std::memory_order_relaxed)) awaitQuiet();
     if (faultsArmed.load(std::memory_order_relaxed)) met_ = matchCall(entry, fault_);
   }
 
@@ -102,6 +105,28 @@ class Counted {
  private:
   Kind kind_;
 };
+
+/// Set on the components' own threads.
+inline thread_local bool onWorker = false;
+
+/// A component's worker, as quiet() sees it for as long as this lives. `atRest` tells, on any
+/// thread, whether the worker sleeps and nothing waits for it that is due; it takes the component's
+/// lock, so this is made and destroyed without that.
+class Watched {
+ public:
+  explicit Watched(std::function<bool()> atRest);
+  ~Watched();
+  Watched(const Watched&) = delete;
+  Watched& operator=(const Watched&) = delete;
+
+  bool atRest() const { return atRest_(); }
+
+ private:
+  const std::function<bool()> atRest_;
+};
+
+/// A worker goes to sleep: whoever awaits quiet looks again. Any lock may be held.
+void wentToRest();
 
 }  // namespace tessera_platform::hooks
 

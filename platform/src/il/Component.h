@@ -139,6 +139,7 @@ class Component {
   OMX_ERRORTYPE setPortFormat(OMX_PTR structure);
   bool mayAddTo(const Port& port) const;
   bool free(const Port& port, const Buffer& buffer) const;
+  bool atRest() const;
 
   // The worker's half.
   void run();
@@ -176,6 +177,7 @@ class Component {
   bool stopping_ = false;
   std::thread worker_;
   tessera_platform::hooks::Counted counted_{tessera_platform::hooks::Kind::Handle};
+  tessera_platform::hooks::Watched watched_{[this] { return atRest(); }};
 };
 
 /// Fills in the function table of a component; every function opens its call scope.

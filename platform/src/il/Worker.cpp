@@ -45,6 +45,7 @@ bool allowed(OMX_STATETYPE from, OMX_STATETYPE to) {
 void Component::start() {
   worker_ = std::thread([this] {
     const hooks::Counted thread(hooks::Kind::Thread);
+    hooks::onWorker = true;
     run();
   });
 }
@@ -89,6 +90,7 @@ bool Component::step(Lock& lock) {
 void Component::park(Lock& lock) {
   parked_ = true;
   rest_.notify_all();
+  hooks::wentToRest();
   const auto awake = [this] { return !parked_; };
   const Clock::time_point due = nextDue();
   if (due == never)
@@ -96,6 +98,11 @@ void Component::park(Lock& lock) {
   else
     work_.wait_until(lock, due, awake);
   parked_ = false;
+}
+
+bool Component::atRest() const {
+  const Lock lock(mutex_);
+  return parked_ && nextDue() > Clock::now();
 }
 
 Clock::time_point Component::nextDue() const {

@@ -114,6 +114,7 @@ class Component : public MMAL_COMPONENT_T, public Home {
   void serve(Lock& held, Port& port);
   bool deliverDue(Lock& held);
   bool busy() const;
+  bool atRest();
   Clock::time_point nextDue() const;
   void sleep(Lock& held);
   void conclude(Lock& held, Port& port, Header& header);
@@ -144,6 +145,7 @@ class Component : public MMAL_COMPONENT_T, public Home {
   tessera_platform::hooks::Counted counted_{tessera_platform::hooks::Kind::Component};
   tessera_platform::hooks::Counted thread_{tessera_platform::hooks::Kind::Thread};
   std::thread worker_;
+  tessera_platform::hooks::Watched watched_{[this] { return atRest(); }};
 };
 
 inline Component& componentOf(MMAL_COMPONENT_T* component) {

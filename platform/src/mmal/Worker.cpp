@@ -80,8 +80,18 @@ bool Component::busy() const {
   return is_enabled != 0 && stirred_;
 }
 
+// Unlike for busy(), a callback that a fault delays is nothing to do until it is due.
+bool Component::atRest() {
+  const Lock held(mutex_);
+  for (const Port* each : ports_)
+    if (each->asked != each->answered) return false;
+  const bool stirred = is_enabled != 0 && stirred_;
+  return asleep_ && !quit_ && !stirred && nextDue() > Clock::now();
+}
+
 void Component::run() {
   workerOf = this;
+  hooks::onWorker = true;
   Lock held(mutex_);
   for (;;) {
     if (serveRequests(held) || deliverDue(held)) continue;
@@ -117,6 +127,7 @@ Component::Clock::time_point Component::nextDue() const {
 void Component::sleep(Lock& held) {
   asleep_ = true;
   changed_.notify_all();
+  hooks::wentToRest();
   const Clock::time_point next = nextDue();
   if (next == never)
     wake_.wait(held);
