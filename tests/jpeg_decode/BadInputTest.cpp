@@ -4,9 +4,9 @@
 #include <functional>
 #include <random>
 
-#include "JpegSurgery.h"
 #include "PoolFixture.h"
 #include "support/Interpose.h"
+#include "support/JpegSurgery.h"
 
 namespace {
 

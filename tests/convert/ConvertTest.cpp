@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "GuardedMemory.h"
 #include "convert/Kernels.h"
+#include "support/GuardedMemory.h"
 
 namespace {
 
