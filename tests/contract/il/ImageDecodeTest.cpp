@@ -153,19 +153,4 @@ TEST_F(ImageDecode, DropsAHeldPictureWithAFlush) {
   }
 }
 
-TEST_F(ImageDecode, SupportsItsFormatsAlone) {
-  auto format = rig::make<OMX_IMAGE_PARAM_PORTFORMATTYPE>(in);
-  for (const auto coding : {OMX_IMAGE_CodingJPEG, OMX_IMAGE_CodingPNG}) {
-    format.eCompressionFormat = coding;
-    EXPECT_EQ(OMX_SetParameter(client.handle, OMX_IndexParamImagePortFormat, &format),
-              coding == OMX_IMAGE_CodingJPEG ? OMX_ErrorNone : OMX_ErrorUnsupportedSetting);
-  }
-  format.nPortIndex = out;
-  EXPECT_EQ(OMX_GetParameter(client.handle, OMX_IndexParamImagePortFormat, &format), OMX_ErrorNone);
-  EXPECT_EQ(format.eColorFormat, OMX_COLOR_FormatYUV420PackedPlanar);
-  format.nIndex = 99;
-  EXPECT_EQ(OMX_GetParameter(client.handle, OMX_IndexParamImagePortFormat, &format),
-            OMX_ErrorNoMore);
-}
-
 }  // namespace
