@@ -181,13 +181,6 @@ void Client::rest() {
   EXPECT_EQ(next(), "done StateSet Loaded");
 }
 
-void Client::rebuild(OMX_U32 port) {
-  EXPECT_EQ(send(OMX_CommandPortDisable, port), OMX_ErrorNone);
-  disabled(port);
-  EXPECT_EQ(send(OMX_CommandPortEnable, port), OMX_ErrorNone);
-  enabled(port);
-}
-
 Bytes bytesOf(const OMX_BUFFERHEADERTYPE& buffer) {
   const OMX_U8* const start = buffer.pBuffer + buffer.nOffset;
   return Bytes(start, start + buffer.nFilledLen);

@@ -64,8 +64,6 @@ class Client {
   void run();
   /// Back to Loaded from Executing or Idle, with every buffer of `in` and `out` freed.
   void rest();
-  /// Disables and enables a port, which gets other buffers.
-  void rebuild(OMX_U32 port);
 
   OMX_PARAM_PORTDEFINITIONTYPE definition(OMX_U32 port);
   OMX_ERRORTYPE define(OMX_PARAM_PORTDEFINITIONTYPE definition);

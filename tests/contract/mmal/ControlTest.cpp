@@ -19,8 +19,9 @@ std::unique_ptr<Rig> running() {
 
 TEST_F(Control, LateAndLostBuffersComeBackWhenThePortIsDisabled) {
   const auto rig = running();
+  support::inject(support::delay("output", 1, 150));
   ASSERT_TRUE(rig->feedScene(0));
-  EXPECT_TRUE(rig->take().has(MMAL_BUFFER_HEADER_FLAG_CONFIG));
+  EXPECT_TRUE(rig->take().has(MMAL_BUFFER_HEADER_FLAG_CONFIG)) << "late, and in order";
   EXPECT_TRUE(rig->take().has(MMAL_BUFFER_HEADER_FLAG_KEYFRAME));
   support::inject(support::delay("input", 1, 60000));
   support::inject(support::lose("output"));
