@@ -35,6 +35,7 @@ class Walk {
       std::memcpy(&offset, &field, sizeof offset);
       const auto alignment = static_cast<std::ptrdiff_t>(alignof(Type));
       EXPECT_EQ(offset, (end_ + alignment - 1) / alignment * alignment) << "field " << number_;
+      // NOLINTNEXTLINE(bugprone-sizeof-expression): of a pointer too
       end_ = offset + static_cast<std::ptrdiff_t>(sizeof(Type));
       ++number_;
     }
