@@ -1,6 +1,6 @@
 # The names that libtessera.so promises, one a line, as exported-symbols.txt lists them: what it
-# exports, less the private steps of its classes and instances of the standard library's templates,
-# which come and go.
+# exports, less what comes and goes: the private steps of its classes, instances of the standard
+# library's templates, and the tables of the interfaces, which optimised code has no use for.
 #
 #   names.sh LIBRARY NM HEADERS
 set -eu
@@ -15,4 +15,4 @@ private_steps() {
 }
 
 steps=$(private_steps "$3" | sed 's/.*/^&(/')
-"$2" -DC --defined-only "$1" | cut -d' ' -f3- | grep -v -e '\<std::' -e '^__' -e "$steps" | LC_ALL=C sort -u
+"$2" -DC --defined-only "$1" | cut -d' ' -f3- | grep -v -e '\<std::' -e '^__' -e '^vtable for I' -e "$steps" | LC_ALL=C sort -u
