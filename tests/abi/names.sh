@@ -1,8 +1,8 @@
-# The names that libtessera.so promises, one a line: what it exports, less the private steps of its
-# classes and instances of the standard library's templates, which come and go.
+# The names that libtessera.so promises, one a line, as exported-symbols.txt lists them: what it
+# exports, less what comes and goes: the private steps of its classes, instances of the standard
+# library's templates, and the tables of the interfaces, which optimised code has no use for.
 #
-#   names.sh exported LIBRARY NM HEADERS
-#   names.sh suppressions HEADERS      the private steps, for libabigail to leave out
+#   names.sh LIBRARY NM HEADERS
 set -eu
 
 private_steps() {
@@ -14,12 +14,5 @@ private_steps() {
        }' "$1"/*.h | LC_ALL=C sort -u
 }
 
-case $1 in
-  exported)
-    steps=$(private_steps "$4" | sed 's/.*/^&(/')
-    "$3" -DC --defined-only "$2" | cut -d' ' -f3- | grep -v -e '\<std::' -e '^__' -e "$steps" | LC_ALL=C sort -u
-    ;;
-  suppressions)
-    printf '[suppress_function]\nname_regexp = ^(%s)$\ndrop = yes\n' "$(private_steps "$2" | paste -sd'|')"
-    ;;
-esac
+steps=$(private_steps "$3" | sed 's/.*/^&(/')
+"$2" -DC --defined-only "$1" | cut -d' ' -f3- | grep -v -e '\<std::' -e '^__' -e '^vtable for I' -e "$steps" | LC_ALL=C sort -u

@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "codec/JpegDecoder.h"
-#include "convert/GuardedMemory.h"
-#include "jpeg_decode/JpegSurgery.h"
+#include "support/GuardedMemory.h"
+#include "support/JpegSurgery.h"
 
 using codec::JpegDecoder;
 using support::Bytes;

@@ -4,8 +4,8 @@
 #include <functional>
 #include <random>
 
-#include "JpegSurgery.h"
 #include "PoolFixture.h"
+#include "support/JpegSurgery.h"
 #include "support/VirtualTime.h"
 
 namespace {

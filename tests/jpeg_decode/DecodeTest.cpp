@@ -4,8 +4,8 @@
 #include <random>
 #include <thread>
 
-#include "JpegSurgery.h"
 #include "PoolFixture.h"
+#include "support/JpegSurgery.h"
 
 namespace {
 

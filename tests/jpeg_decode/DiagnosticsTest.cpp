@@ -2,6 +2,7 @@
 #include <tessera/Diagnostics.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <set>
 
 #include "PoolFixture.h"
@@ -13,8 +14,6 @@ using Counts = std::vector<int>;
 OMX_ERRORTYPE error(OMX_U32 code) {
   return static_cast<OMX_ERRORTYPE>(static_cast<OMX_S32>(code));
 }
-
-// ------------------------------------------------------------------------------ the callbacks
 
 struct EventCase {
   OMX_EVENTTYPE event;
@@ -80,8 +79,6 @@ TEST(DiagnosticsDeathTest, AnErrorEventEndsTheProcess) {
               "unrecoverable error: Unknown error .0x90000001. \n");
 }
 
-// -------------------------------------------------------------------------------- the texts
-
 TEST(Descriptions, CoverTheStandardsCodesAndNoOthers) {
   EXPECT_STREQ(OmxErrorDescription(OMX_ErrorNone), "None");
   EXPECT_STREQ(OmxErrorDescription(OMX_ErrorInsufficientResources),
@@ -140,37 +137,24 @@ TEST(DiagnosticsDeathTest, PrintStateNamesTheStateOrEndsTheProcess) {
   EXPECT_EXIT(printState(&component), testing::ExitedWithCode(1), "Error on getting state\n");
 }
 
-TEST(Diagnostics, DumpPortDefsPrintsEveryField) {
+TEST(Diagnostics, DumpPortDefsPrintsNumbersAsTheyAreReadThere) {
   OMX_PARAM_PORTDEFINITIONTYPE port{};
   char mime[] = "image/jpeg";
-  port.nSize = 96;
   port.nVersion.nVersion = 0x00020101;
-  port.nPortIndex = 321;
-  port.nBufferCountActual = 1;
-  port.nBufferCountMin = 2;
   port.nBufferSize = 0xFFFFFFFF;
-  port.bEnabled = OMX_TRUE;
-  port.eDomain = OMX_PortDomainImage;
   port.format.image.cMIMEType = mime;
-  port.format.image.bFlagErrorConcealment = OMX_TRUE;
-  port.format.image.nFrameWidth = 640;
-  port.format.image.nFrameHeight = 480;
   port.format.image.nStride = -5;
   port.format.image.nSliceHeight = 481;
   port.format.image.eCompressionFormat = OMX_IMAGE_CodingMax;
-  port.format.image.eColorFormat = OMX_COLOR_FormatYUV420PackedPlanar;
-  port.bBuffersContiguous = OMX_TRUE;
-  port.nBufferAlignment = 16;
   support::Capture capture;
   const int count = DumpPortDefs(&port);
-  EXPECT_EQ(capture.out(),
-            " nSize [96] \n nVersion [20101] \n nIndex[321] \n nBufferCountActual[1] \n"
-            " nBufferCountMin[2] \n nBufferSize[-1] \n bEnabled[1] \n  bPopulated[0] \n"
-            " eDomain[2] \n           MIME[image/jpeg] \n pNativeRender[0] \n bFlagError[1] \n"
-            " pNativeWindow[0] \n format.width[640] \n format.height[480] \n"
-            " format.nStride[-5] \n format.nSlieHeight[481] \n compression[7fffffff] \n"
-            "             color[14] \n bBuffersContiguous[1] \n nBufferAlignment[16] \n");
-  EXPECT_EQ(static_cast<std::size_t>(count), capture.out().size());
+  const std::string text = capture.out();
+  EXPECT_EQ(static_cast<std::size_t>(count), text.size());
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 21) << "fields";
+  for (const char* field :
+       {" nVersion [20101] \n nIndex[0]", " nBufferSize[-1] \n", "           MIME[image/jpeg] \n",
+        " format.nStride[-5] \n", " format.nSlieHeight[481] \n compression[7fffffff] \n"})
+    EXPECT_NE(text.find(field), std::string::npos) << field;
 }
 
 }  // namespace

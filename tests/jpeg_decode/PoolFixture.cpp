@@ -17,7 +17,7 @@ int averageUnder(const Bytes& plane, const JpegPicture& picture, int stepX, int 
     for (int dx = 0; dx < stepX; ++dx) {
       const int column = std::min(x * stepX + dx, picture.chromaWidth - 1);
       const int row = std::min(y * stepY + dy, picture.chromaHeight - 1);
-      sum += plane[static_cast<std::size_t>(row * picture.chromaWidth + column)];
+      sum += plane[static_cast<std::size_t>(row) * picture.chromaWidth + column];
     }
   return (sum + stepX * stepY / 2) / (stepX * stepY);
 }
@@ -47,7 +47,7 @@ std::string difference(const Decoded& decoded, const Bytes& jpeg) {
   int worst = 0;
   for (int y = 0; y < seen.chromaHeight(); ++y)
     for (int x = 0; x < seen.chromaWidth(); ++x) {
-      const auto at = static_cast<std::size_t>(y * seen.chromaWidth() + x);
+      const auto at = static_cast<std::size_t>(y) * seen.chromaWidth() + x;
       worst = std::max(worst, std::abs(seen.u[at] - expectedChroma(truth.u, truth, x, y)));
       worst = std::max(worst, std::abs(seen.v[at] - expectedChroma(truth.v, truth, x, y)));
     }

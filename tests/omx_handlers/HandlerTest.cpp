@@ -106,21 +106,6 @@ TEST_F(Handler, WithoutAnObjectTheyPrintTheirName) {
   }
 }
 
-TEST_F(Handler, WaitsEndWithTheirSignalOrTheirLimit) {
-  const support::VirtualTime time;
-  COmxJpegEncoder encoder;
-  encoder.SignalStateChanged();
-  encoder.SignalPortEnabledDisabled();
-  encoder.SignalFlushed();
-  encoder.SignalOutputBufferFill();
-  for (const bool answered : {true, false}) {
-    EXPECT_EQ(encoder.WaitForStateChange(), answered);
-    EXPECT_EQ(encoder.WaitForPortEnableDisable(), answered);
-    EXPECT_EQ(encoder.WaitForFlush(), answered);
-    EXPECT_EQ(encoder.WaitForOutputBufferFilled(), answered);
-  }
-}
-
 /// The handle stays, so it happens elsewhere.
 template <typename Encoder>
 void leave() {

@@ -31,5 +31,11 @@ compile_consumer() {
   quietly $CXX $CXX_FLAGS -std=c++17 -o "$output" "$SOURCE/tests/packaging/consumer/main.cpp" "$@"
 }
 
+# runs WHAT PROGRAM: it ends well, and what it says is shown.
+runs() {
+  said=$($EMULATOR "$2") || fail "$1: $2 ended with $?"
+  echo "$1: $said"
+}
+
 rm -rf "$SCRATCH"
 mkdir -p "$SCRATCH"

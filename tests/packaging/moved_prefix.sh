@@ -16,12 +16,12 @@ export PKG_CONFIG_LIBDIR="$lib/pkgconfig"
 unset PKG_CONFIG_PATH PKG_CONFIG_SYSROOT_DIR
 compile_consumer "$SCRATCH/by-pkg-config" $(pkg-config --cflags --libs tessera) \
   -Wl,-rpath-link,"$lib" -Wl,-rpath,"$lib"
-echo "pkg-config: $($EMULATOR "$SCRATCH/by-pkg-config")"
+runs pkg-config "$SCRATCH/by-pkg-config"
 
 quietly configure "$SOURCE/tests/packaging/consumer" "$SCRATCH/consumer" \
   -Dtessera_DIR="$lib/cmake/tessera"
 quietly cmake --build "$SCRATCH/consumer"
-echo "find_package: $($EMULATOR "$SCRATCH/consumer/consumer")"
+runs find_package "$SCRATCH/consumer/consumer"
 
 if [ -e "$prefix/bin/tessera" ]; then
   $EMULATOR "$prefix/bin/tessera" info >"$SCRATCH/info" || fail "the installed tool does not run"

@@ -138,7 +138,8 @@ TEST_P(Soak, FramesCostNoMemory) {
     after = resident();
     allocations = support::interpose::allocationsOfLibrary() - allocations;
   }
-  const double perFrame = static_cast<double>(after - before) / (frames - frames / 10);
+  const int counted = frames - frames / 10;
+  const double perFrame = static_cast<double>(after - before) / counted;
   std::cout << GetParam().name << ": " << frames << " frames, " << allocations
             << " allocations by the library, " << perFrame << " bytes resident a frame\n";
   EXPECT_EQ(missed, 0);

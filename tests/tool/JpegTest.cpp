@@ -37,8 +37,8 @@ TEST_P(JpegEncodeTest, ColoursAreInTheirPlaces) {
   ASSERT_EQ(picture.height, omx ? support::round16(height) : height);
   for (int bar = 0; bar < 8; ++bar)
     for (int c = 0; c < 3; ++c) {
-      const int x = (2 * bar + 1) * width / 16;
-      EXPECT_NEAR(picture.at(x, height / 2)[c], bars.at(x, height / 2)[c], 12) << bar;
+      const int x = (2 * bar + 1) * width / 16, y = height / 2;
+      EXPECT_NEAR(picture.at(x, y)[c], bars.at(x, y)[c], 12) << bar;
     }
   // The last bar is black, so what is repeated of it is too.
   const std::uint8_t* const corner = picture.at(picture.width - 1, picture.height - 1);

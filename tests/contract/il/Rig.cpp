@@ -67,10 +67,7 @@ OMX_ERRORTYPE Client::onEmptied(OMX_HANDLETYPE, OMX_PTR self, OMX_BUFFERHEADERTY
 }
 
 OMX_ERRORTYPE Client::onFilled(OMX_HANDLETYPE, OMX_PTR self, OMX_BUFFERHEADERTYPE* buffer) {
-  auto& client = *static_cast<Client*>(self);
-  const std::string text = "filled " + std::to_string(buffer->nOutputPortIndex);
-  if (client.refills) client.fill(buffer);
-  client.keep(text);
+  static_cast<Client*>(self)->keep("filled " + std::to_string(buffer->nOutputPortIndex));
   return OMX_ErrorNone;
 }
 
@@ -182,13 +179,6 @@ void Client::rest() {
   vacate(part.in);
   vacate(part.out);
   EXPECT_EQ(next(), "done StateSet Loaded");
-}
-
-void Client::rebuild(OMX_U32 port) {
-  EXPECT_EQ(send(OMX_CommandPortDisable, port), OMX_ErrorNone);
-  disabled(port);
-  EXPECT_EQ(send(OMX_CommandPortEnable, port), OMX_ErrorNone);
-  enabled(port);
 }
 
 Bytes bytesOf(const OMX_BUFFERHEADERTYPE& buffer) {

@@ -4,7 +4,6 @@
 #include <IL/OMX_Component.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -65,8 +64,6 @@ class Client {
   void run();
   /// Back to Loaded from Executing or Idle, with every buffer of `in` and `out` freed.
   void rest();
-  /// Disables and enables a port, which gets other buffers.
-  void rebuild(OMX_U32 port);
 
   OMX_PARAM_PORTDEFINITIONTYPE definition(OMX_U32 port);
   OMX_ERRORTYPE define(OMX_PARAM_PORTDEFINITIONTYPE definition);
@@ -87,7 +84,6 @@ class Client {
   OMX_ERRORTYPE error = OMX_ErrorNone;  ///< of the last allocate()
   std::vector<OMX_BUFFERHEADERTYPE*> in;
   std::vector<OMX_BUFFERHEADERTYPE*> out;
-  std::atomic<bool> refills{false};  ///< the callback hands a filled buffer over again
 
  private:
   static OMX_ERRORTYPE onEvent(OMX_HANDLETYPE, OMX_PTR self, OMX_EVENTTYPE event, OMX_U32 data1,
@@ -115,7 +111,6 @@ class EveryPart : public testing::TestWithParam<Part> {
   Client client{GetParam()};
   const OMX_U32 in = GetParam().in;
   const OMX_U32 out = GetParam().out;
-  const std::string emptied = "emptied " + std::to_string(in);
   const std::string filled = "filled " + std::to_string(out);
 };
 

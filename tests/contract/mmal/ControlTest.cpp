@@ -1,7 +1,4 @@
-// What the software platform adds: the journal, the faults and the census of its MMAL half.
-
-#include <algorithm>
-#include <chrono>
+// How the software platform's MMAL half ends while faults hold it up.
 
 #include "Rig.h"
 #include "support/FaultTest.h"
@@ -13,9 +10,9 @@ using namespace tessera_platform;
 
 using Control = support::FaultTest;
 
-std::unique_ptr<Rig> running(int width = 64, int height = 48) {
+std::unique_ptr<Rig> running() {
   auto rig = std::make_unique<Rig>(videoEncode);
-  rig->setUpVideo(width, height);
+  rig->setUpVideo(64, 48);
   rig->start();
   return rig;
 }
@@ -23,10 +20,8 @@ std::unique_ptr<Rig> running(int width = 64, int height = 48) {
 TEST_F(Control, LateAndLostBuffersComeBackWhenThePortIsDisabled) {
   const auto rig = running();
   support::inject(support::delay("output", 1, 150));
-  const auto start = std::chrono::steady_clock::now();
   ASSERT_TRUE(rig->feedScene(0));
   EXPECT_TRUE(rig->take().has(MMAL_BUFFER_HEADER_FLAG_CONFIG)) << "late, and in order";
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(149));
   EXPECT_TRUE(rig->take().has(MMAL_BUFFER_HEADER_FLAG_KEYFRAME));
   support::inject(support::delay("input", 1, 60000));
   support::inject(support::lose("output"));
@@ -34,25 +29,6 @@ TEST_F(Control, LateAndLostBuffersComeBackWhenThePortIsDisabled) {
   EXPECT_FALSE(rig->take(100).came);
   rig->stop();
   EXPECT_EQ(rig->inputsBack, 2);
-  rig->expectOutputsBack();
-}
-
-TEST_F(Control, BuffersAreEmptiedOrReplacedByErrorEvents) {
-  const auto rig = running();
-  support::inject(support::mangle("output", CompletionFault::ZeroLength));
-  ASSERT_TRUE(rig->feedScene(0));
-  Output output = rig->take();
-  EXPECT_TRUE(output.has(MMAL_BUFFER_HEADER_FLAG_CONFIG)) << "the marks stay";
-  EXPECT_TRUE(output.data.empty());
-  EXPECT_TRUE(rig->take().has(MMAL_BUFFER_HEADER_FLAG_KEYFRAME));
-  clearFaults();
-  support::inject(support::mangle("output", CompletionFault::ErrorEvent, 1, MMAL_EIO));
-  ASSERT_TRUE(rig->feedScene(1));
-  output = rig->take();
-  EXPECT_EQ(output.cmd, MMAL_EVENT_ERROR);
-  const auto status = static_cast<std::uint8_t>(MMAL_EIO);
-  EXPECT_EQ(output.data, (Bytes{status, 0, 0, 0}));
-  rig->stop();
   rig->expectOutputsBack();
 }
 
@@ -76,34 +52,6 @@ TEST_F(Control, PoolsAndQueuesMayGoInAnyOrder) {
   mmal_pool_destroy(pool);
   EXPECT_EQ(mmal_queue_get(queue), nullptr);
   mmal_queue_destroy(queue);
-}
-
-TEST_F(Control, JournalTellsFormatsBuffersAndResultsAlikeInEveryRun) {
-  std::vector<std::string> first;
-  for (int run = 0; run < 10; ++run) {
-    startJournal();
-    {
-      const auto rig = running(100, 50);
-      rig->feedScene(0);
-      rig->take();
-      rig->take();
-    }
-    stopJournal();
-    const auto calls = journal(Lines::Calls);
-    if (run == 0) first = calls;
-    EXPECT_EQ(calls, first);
-    EXPECT_EQ(journal(Lines::Completions)[0],
-              "-> input(video_encode#1:in0, 12288 bytes FRAME_START|FRAME_END pts 0)");
-  }
-  for (const char* expected :
-       {"mmal_component_create(vc.ril.video_encode) = SUCCESS",
-        "mmal_port_format_commit(video_encode#1:in0, I420 128x64 crop 0,0 100x50 rate 30/1 "
-        "aspect 1/1) = SUCCESS",
-        "mmal_pool_create(1 x 12288) = pool#1",
-        "mmal_port_send_buffer(video_encode#1:in0, 12288 bytes FRAME_START|FRAME_END pts 0) = "
-        "SUCCESS",
-        "mmal_component_destroy(video_encode#1) = SUCCESS"})
-    EXPECT_EQ(std::count(first.begin(), first.end(), expected), 1) << expected;
 }
 
 }  // namespace

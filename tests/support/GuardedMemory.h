@@ -1,5 +1,5 @@
-#ifndef TESSERA_TESTS_CONVERT_GUARDEDMEMORY_H
-#define TESSERA_TESTS_CONVERT_GUARDEDMEMORY_H
+#ifndef TESSERA_TESTS_SUPPORT_GUARDEDMEMORY_H
+#define TESSERA_TESTS_SUPPORT_GUARDEDMEMORY_H
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -37,4 +37,4 @@ class GuardedMemory {
   std::uint8_t* mapped_ = nullptr;
 };
 
-#endif  // TESSERA_TESTS_CONVERT_GUARDEDMEMORY_H
+#endif  // TESSERA_TESTS_SUPPORT_GUARDEDMEMORY_H

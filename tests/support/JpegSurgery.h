@@ -1,5 +1,5 @@
-#ifndef TESSERA_TESTS_JPEG_DECODE_JPEGSURGERY_H
-#define TESSERA_TESTS_JPEG_DECODE_JPEGSURGERY_H
+#ifndef TESSERA_TESTS_SUPPORT_JPEGSURGERY_H
+#define TESSERA_TESTS_SUPPORT_JPEGSURGERY_H
 
 #include "support/JpegOracle.h"
 
@@ -33,4 +33,4 @@ Bytes encodeWith(const char* variable, const char* value, const support::Image& 
 
 }  // namespace surgery
 
-#endif  // TESSERA_TESTS_JPEG_DECODE_JPEGSURGERY_H
+#endif  // TESSERA_TESTS_SUPPORT_JPEGSURGERY_H

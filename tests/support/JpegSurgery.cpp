@@ -1,4 +1,4 @@
-#include "JpegSurgery.h"
+#include "support/JpegSurgery.h"
 
 #include <turbojpeg.h>
 
