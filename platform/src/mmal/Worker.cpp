@@ -70,8 +70,7 @@ void Component::evict(Port& holder, Header& header) {
 void Component::settle() {
   if (onOwnWorker()) return;
   Lock held(mutex_);
-  changed_.wait_until(held, std::chrono::system_clock::now() + std::chrono::seconds(1),
-                      [this] { return asleep_ && !busy(); });
+  changed_.wait_for(held, std::chrono::seconds(1), [this] { return asleep_ && !busy(); });
 }
 
 bool Component::busy() const {
@@ -121,7 +120,7 @@ void Component::sleep(Lock& held) {
   if (next == never)
     wake_.wait(held);
   else
-    wake_.wait_until(held, std::chrono::system_clock::now() + (next - Clock::now()));
+    wake_.wait_until(held, next);
   asleep_ = false;
   if (alarm_ > Clock::now()) return;
   alarm_ = never;
