@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <link.h>
+#include <pthread.h>
 #include <semaphore.h>
 
 #include <cerrno>
@@ -14,7 +15,7 @@
 
 namespace support::interpose {
 
-Failing semInit, semWait, clockGettime, allocation;
+Failing semInit, semWait, clockGettime, allocation, elsewhere;
 std::atomic<int> hurry{1};
 std::atomic<long long> lateNanoseconds{0};
 std::atomic<int> clockRate{1};
@@ -23,6 +24,7 @@ namespace {
 
 std::atomic<std::size_t> allocations{0};
 std::atomic<std::size_t> live{0};
+std::atomic<pthread_t> armer{};  ///< of what was armed last
 
 constexpr long long nanosecondsPerSecond = 1000000000LL;
 constexpr long long sleptBeforeStep = 50000000LL;
@@ -60,9 +62,15 @@ Range findLibrary() {
   return range;
 }
 
-/// Counts the library's calls of operator new, and fails the one that is to fail. Other code is
-/// left alone: a worker of the platform's may well allocate at the same moment.
+/// Whether what a thread asks for is to be denied to it, as one that did not arm the fault.
+bool deniedElsewhere() {
+  return pthread_equal(armer, pthread_self()) == 0 && elsewhere.hit();
+}
+
+/// Counts the library's calls of operator new, and fails the one that is to fail. Other code on the
+/// same thread is left alone: a worker of the platform's may well allocate at the same moment.
 void admit(const void* caller) {
+  if (deniedElsewhere()) throw std::bad_alloc();
   static const Range library = findLibrary();
   const auto at = reinterpret_cast<std::uintptr_t>(caller);
   if (at < library.first || at >= library.last) return;
@@ -138,6 +146,7 @@ void release(void* memory) {
 }  // namespace
 
 void Failing::arm(int nth, bool keep) {
+  armer = pthread_self();
   met = 0;
   calls = 0;
   forGood = keep;
@@ -170,7 +179,7 @@ std::size_t allocationsOfLibrary() {
 }
 
 void reset() {
-  for (Failing* each : {&semInit, &semWait, &clockGettime, &allocation}) each->disarm();
+  for (Failing* each : {&semInit, &semWait, &clockGettime, &allocation, &elsewhere}) each->disarm();
   hurry = clockRate = 1;
   clockIsAhead = clockToStep = 0;
 }
@@ -211,6 +220,15 @@ int sem_timedwait(sem_t* semaphore, const timespec* deadline) {
   }
   return interpose::sleepUntil(*deadline,
                                [&](const timespec& when) { return function(semaphore, &when); });
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
+                   void* argument) noexcept {
+  using Start = void* (*)(void*);
+  static auto* const function =
+      interpose::real<int(pthread_t*, const pthread_attr_t*, Start, void*)>("pthread_create");
+  if (interpose::deniedElsewhere()) return EAGAIN;
+  return function(thread, attributes, start, argument);
 }
 
 int clock_gettime(clockid_t clock, timespec* now) noexcept {

@@ -25,6 +25,9 @@ extern Failing semInit;
 extern Failing semWait;       ///< sem_wait and sem_timedwait, with EINVAL
 extern Failing clockGettime;  ///< CLOCK_REALTIME only
 extern Failing allocation;    ///< operator new, called by libtessera.so, has no memory
+/// operator new and the start of a thread, on any thread but the one that armed it: a platform's
+/// workers have no memory.
+extern Failing elsewhere;
 
 /// Divides the time that is left until a sem_timedwait's deadline; 1: as it is. Makes ten seconds a
 /// fraction of one.

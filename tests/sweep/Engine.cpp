@@ -24,6 +24,7 @@ namespace sweep {
 namespace {
 
 namespace control = tessera_platform;
+namespace interpose = support::interpose;
 using control::CallFault;
 using control::CompletionFault;
 using Clock = std::chrono::steady_clock;
@@ -51,7 +52,7 @@ int entries(const char* folder) {
 /// What must be the same before and after.
 struct Holdings {
   std::size_t heap = mallinfo2().uordblks;
-  std::size_t blocks = support::interpose::liveBlocks();
+  std::size_t blocks = interpose::liveBlocks();
   int threads = entries("/proc/self/task");
   int descriptors = entries("/proc/self/fd");
 };
@@ -102,13 +103,13 @@ class Run {
   template <typename Work>
   void step(const char* name, Work work, bool mustBeGood) {
     // What must be good gets the time that it has in the field.
-    support::interpose::hurry = mustBeGood ? 1 : hurry;
-    support::interpose::lateNanoseconds = 0;
+    interpose::hurry = mustBeGood ? 1 : hurry;
+    interpose::lateNanoseconds = 0;
     const Clock::time_point start = Clock::now();
     const Outcome outcome = work();
     // The hastened waits are many and short, so what a busy machine adds to each counts as often.
     const auto took =
-        Clock::now() - start - std::chrono::nanoseconds(support::interpose::lateNanoseconds.load());
+        Clock::now() - start - std::chrono::nanoseconds(interpose::lateNanoseconds.load());
     if (!outcome.problem.empty()) blame(std::string(name) + ": " + outcome.problem);
     if (mustBeGood && !outcome.good) blame(std::string(name) + ": refused without a fault");
     // A scenario is up to three operations long.
@@ -133,8 +134,9 @@ class Run {
           "run", [&] { return scenario.run(*subject); }, false);
       step(
           "destroy", [&] { return subject->destroy(), Outcome{}; }, false);
-      met = control::faultsHit() > 0;
+      met = control::faultsHit() > 0 || interpose::elsewhere.met > 0;
       control::clearFaults();
+      interpose::elsewhere.disarm();
       if (scenario.withNeighbour)
         step(
             "neighbour", [&] { return neighbour->frame(0); }, true);
@@ -143,7 +145,9 @@ class Run {
   }
 
   void arm(const Point& point) {
-    if (point.completion)
+    if (point.shortage > 0)
+      interpose::elsewhere.arm(point.shortage, point.forGood);
+    else if (point.completion)
       control::inject(point.event);
     else
       control::inject(point.call);
@@ -171,7 +175,7 @@ class Run {
 
   /// The next object in the same process works.
   void fresh() {
-    support::interpose::hurry = 1;
+    interpose::hurry = 1;
     const std::unique_ptr<Subject> subject = subject_.make();
     for (const Outcome& outcome : {subject->make(), subject->frame(0)})
       if (!outcome.good) blame("a fresh object fails: " + outcome.problem);
@@ -222,7 +226,8 @@ std::string readAll(int descriptor) {
 }
 
 /// The three ways in which the library may end its process.
-bool endsAsDocumented(const SubjectClass& subject, const Streams& streams) {
+bool endsAsDocumented(const SubjectClass& subject, const Point& point, const Streams& streams) {
+  if (point.shortage > 0) return false;  // no failure of the component's
   const std::string name = subject.name;
   if (name == "DecoderPool")
     return streams.out().find("unrecoverable error: ") != std::string::npos;
@@ -246,7 +251,7 @@ Verdict conclude(const SubjectClass& subject, const Point& point, Child& child) 
   if (WIFSIGNALED(status)) {
     if (WTERMSIG(status) == SIGALRM && hangsAsDocumented(subject, point)) return verdict;
     verdict.problem = std::string("killed by ") + strsignal(WTERMSIG(status));
-  } else if (WEXITSTATUS(status) == 1 && endsAsDocumented(subject, *child.streams)) {
+  } else if (WEXITSTATUS(status) == 1 && endsAsDocumented(subject, point, *child.streams)) {
     verdict.problem.clear();
   } else if (WEXITSTATUS(status) != 0) {
     verdict.problem = "ended with status " + std::to_string(WEXITSTATUS(status)) + ": " +
@@ -325,13 +330,24 @@ void addCompletions(const std::vector<std::string>& names, bool thorough,
   }
 }
 
+void addShortages(int allocations, bool thorough, std::vector<Point>& points) {
+  for (int nth = 1; nth <= (thorough ? allocations : std::min(allocations, 40)); ++nth)
+    for (const bool forGood : {false, true}) {
+      points.emplace_back();
+      points.back().shortage = nth;
+      points.back().forGood = forGood;
+    }
+}
+
 }  // namespace
 
 std::string Point::text() const {
   static const char* const calls[] = {"Fail", "NullResult", "FinishFirst"};
   static const char* const events[] = {"Drop", "Delay", "Double", "ErrorEvent", "ZeroLength"};
   std::ostringstream out;
-  if (completion)
+  if (shortage > 0)
+    out << "no memory #" << shortage << (forGood ? " on" : "");
+  else if (completion)
     out << events[event.action] << ' ' << event.completion << " #" << event.nth
         << (event.sticky ? " on" : "") << ' ' << event.delayMs << " ms";
   else
@@ -380,14 +396,21 @@ const std::vector<Scenario>& scenarios() {
 
 std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario, bool thorough) {
   const auto work = [&] {
-    support::interpose::hurry = hurry;
-    const std::unique_ptr<Subject> s = subject.make();
+    interpose::hurry = hurry;
+    std::unique_ptr<Subject> s = subject.make();
+    scenario.before(*s);
+    // How often workers allocate, before the journal's lines add to that.
+    interpose::elsewhere.arm(0);
+    scenario.run(*s);
+    const int allocations = interpose::elsewhere.calls;
+    s->destroy();
+    s = subject.make();
     scenario.before(*s);
     control::startJournal();
     scenario.run(*s);
     s->destroy();
     control::stopJournal();
-    std::string names;
+    std::string names = "m " + std::to_string(allocations) + '\n';
     for (const std::string& name : control::journalNames(control::Lines::Calls))
       names += "c " + name + '\n';
     for (const std::string& name : control::journalNames(control::Lines::Completions))
@@ -398,11 +421,15 @@ std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario,
   std::istringstream lines(readAll(child.report));
   waitpid(child.pid, nullptr, 0);
   std::vector<std::string> calls, completions;
-  for (std::string kind, name; lines >> kind >> name;)
-    (kind == "c" ? calls : completions).push_back(name);
+  int allocations = 0;
+  for (std::string kind, name; lines >> kind >> name;) {
+    if (kind == "m") allocations = std::stoi(name);
+    if (kind != "m") (kind == "c" ? calls : completions).push_back(name);
+  }
   std::vector<Point> points;
   addCalls(calls, thorough, points);
   addCompletions(completions, thorough, points);
+  addShortages(allocations, thorough, points);
   return points;
 }
 

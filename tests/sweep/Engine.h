@@ -15,6 +15,9 @@ struct Point {
   bool completion = false;
   tessera_platform::CallFault call;
   tessera_platform::CompletionFault event;
+  /// Instead of both: which allocation on a worker's thread is refused, and whether all later ones.
+  int shortage = 0;
+  bool forGood = false;
 
   std::string text() const;
   /// Neither delay nor loss: an answer comes at once, if any.

@@ -1,6 +1,7 @@
 #include "codec/H264Decoder.h"
 
 #include <deque>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -107,7 +108,6 @@ struct H264Decoder::Impl {
 
 void H264Decoder::Impl::reset() {
   decoder.close();
-  parameterSets.clear();
   error.clear();
   units.clear();
   history.clear();
@@ -308,10 +308,8 @@ bool H264Decoder::Impl::endsForSure(const AVFrame& picture) {
 /// A fresh decoder that knows what the last one knew.
 void H264Decoder::Impl::renew() {
   tainted = false;
-  if (decoder.open(parameterSets.annexB()))
-    decoder.setDelay(delay);
-  else
-    error = cannotOpen;
+  if (!decoder.open(parameterSets.annexB())) throw std::bad_alloc();
+  decoder.setDelay(delay);
 }
 
 /// Every picture that is held back comes out; what follows is a new stream.
@@ -329,8 +327,14 @@ H264Decoder::~H264Decoder() = default;
 
 bool H264Decoder::open(const std::uint8_t* extraData, std::size_t extraDataSize) {
   Impl& impl = *impl_;
-  impl.reset();
+  impl.parameterSets.clear();
   if (extraData != nullptr) impl.parameterSets.add(extraData, extraDataSize);
+  return reopen();
+}
+
+bool H264Decoder::reopen() {
+  Impl& impl = *impl_;
+  impl.reset();
   if (impl.decoder.open(impl.parameterSets.annexB())) return true;
   impl.error = cannotOpen;
   return false;

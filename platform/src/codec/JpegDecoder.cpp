@@ -80,7 +80,6 @@ void JpegDecoder::Impl::create() {
   defaults.err = cinfo.err;
   jpeg_create_compress(&defaults);
   jpeg_create_decompress(&cinfo);
-  created = true;
   defaults.input_components = 3;
   defaults.in_color_space = JCS_YCbCr;
   jpeg_set_defaults(&defaults);
@@ -88,6 +87,7 @@ void JpegDecoder::Impl::create() {
     cinfo.dc_huff_tbl_ptrs[i] = jpeg_alloc_huff_table(reinterpret_cast<j_common_ptr>(&cinfo));
     cinfo.ac_huff_tbl_ptrs[i] = jpeg_alloc_huff_table(reinterpret_cast<j_common_ptr>(&cinfo));
   }
+  created = true;
 }
 
 /// libjpeg keeps a picture's tables for the next one; what a picture looks like must not depend on
@@ -106,7 +106,12 @@ void JpegDecoder::Impl::forgetTables() {
 
 bool JpegDecoder::Impl::readHeader() {
   if (setjmp(errors.jump) != 0) {
-    if (created) jpeg_abort_decompress(&cinfo);
+    if (created) {
+      jpeg_abort_decompress(&cinfo);
+    } else {
+      jpeg_destroy_decompress(&cinfo);
+      jpeg_destroy_compress(&defaults);
+    }
     return false;
   }
   if (!created) create();
@@ -284,7 +289,7 @@ JpegDecoder::JpegDecoder(const Limits& limits) : impl_(std::make_unique<Impl>())
 }
 JpegDecoder::~JpegDecoder() = default;
 
-bool JpegDecoder::open(const std::uint8_t* data, std::size_t size) {
+bool JpegDecoder::open(const std::uint8_t* data, std::size_t size) try {
   Impl& impl = *impl_;
   impl.error.clear();
   impl.data = data;
@@ -298,6 +303,9 @@ bool JpegDecoder::open(const std::uint8_t* data, std::size_t size) {
   impl.width = impl.cinfo.image_width;
   impl.height = impl.cinfo.image_height;
   return true;
+} catch (const std::bad_alloc&) {  // not even for the reason
+  impl_->opened = false;
+  return false;
 }
 
 unsigned JpegDecoder::width() const {
@@ -307,19 +315,14 @@ unsigned JpegDecoder::height() const {
   return impl_->height;
 }
 
-JpegDecoder::Result JpegDecoder::decode(const Planes& planes) {
+JpegDecoder::Result JpegDecoder::decode(const Planes& planes) try {
   Impl& impl = *impl_;
   if (!impl.opened) {
     impl.error = "no picture was opened";
     return Result::Unusable;
   }
   impl.opened = false;
-  try {
-    impl.prepareStage();
-  } catch (const std::bad_alloc&) {
-    impl.error = "no memory for a row of the picture";
-    return Result::Unusable;
-  }
+  impl.prepareStage();
   impl.place(planes);
   bool whole = impl.run();
   bool damaged = impl.errors.warned;
@@ -333,6 +336,10 @@ JpegDecoder::Result JpegDecoder::decode(const Planes& planes) {
   if (!whole && impl.rowsDone == 0) return Result::Unusable;
   impl.fillRest();
   return damaged ? Result::Damaged : Result::Complete;
+} catch (const std::bad_alloc&) {
+  jpeg_abort_decompress(&impl_->cinfo);
+  impl_->error = "no memory";  // short enough to need none
+  return Result::Unusable;
 }
 
 const std::string& JpegDecoder::error() const {

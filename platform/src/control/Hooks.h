@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -71,14 +72,18 @@ struct Completion {
   bool is(CompletionFault::Action action) const { return met && fault.action == action; }
 };
 
-/// Asked once for each callback, just before it is made; journals it unless it is dropped.
+/// Asked once for each callback, just before it is made; journals it unless it is dropped. Without
+/// memory the journal misses a line: workers ask, and nothing may throw there.
 template <typename Args>
-Completion completion(const char* name, Args&& args) {
+Completion completion(const char* name, Args&& args) noexcept {
   Completion verdict;
-  if (faultsArmed.load(std::memory_order_relaxed))
-    verdict.met = matchCompletion(name, verdict.fault);
-  if (recording.load(std::memory_order_relaxed) && !verdict.is(CompletionFault::Drop))
-    recordCompletion(name, args());
+  try {
+    if (faultsArmed.load(std::memory_order_relaxed))
+      verdict.met = matchCompletion(name, verdict.fault);
+    if (recording.load(std::memory_order_relaxed) && !verdict.is(CompletionFault::Drop))
+      recordCompletion(name, args());
+  } catch (const std::bad_alloc&) {
+  }
   return verdict;
 }
 

@@ -1,6 +1,7 @@
 #include "il/ImageDecode.h"
 
 #include <algorithm>
+#include <new>
 
 namespace il {
 namespace {
@@ -96,7 +97,11 @@ bool ImageDecode::takeInput(Lock& lock) {
 void ImageDecode::gather(Lock& lock, Buffer& buffer) {
   const OMX_U32 size = buffer.header.nFilledLen;
   oversized_ = oversized_ || size > mostBytes - gathered_.size();
-  if (!oversized_) gathered_.insert(gathered_.end(), buffer.data(), buffer.data() + size);
+  try {
+    if (!oversized_) gathered_.insert(gathered_.end(), buffer.data(), buffer.data() + size);
+  } catch (const std::bad_alloc&) {
+    oversized_ = true;
+  }
   giveBack(lock, input(), buffer);
 }
 

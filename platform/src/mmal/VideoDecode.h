@@ -24,6 +24,7 @@ class VideoDecode final : public Component {
   std::vector<MMAL_FOURCC_T> encodings(const Port& target) const override;
   bool step() override;
   void drop(Port& target) override;
+  void lose() override;
 
   bool restart();
   bool takePicture();
@@ -39,7 +40,8 @@ class VideoDecode final : public Component {
   bool announced_ = false;  ///< its size was told; the output port has not been set up since
   std::chrono::steady_clock::time_point patience_;  ///< how long it is kept
   bool ending_ = false;  ///< the end of the stream is yet to be passed on
-  bool restart_ = true;  ///< the stream starts anew
+  enum class Restart { No, Anew, KnowingItsSets };
+  Restart restart_ = Restart::Anew;  ///< before the next input is fed
 };
 
 }  // namespace mmal

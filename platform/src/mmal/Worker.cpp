@@ -92,7 +92,7 @@ void Component::run() {
     stirred_ = false;
     stepping_ = true;
     held.unlock();
-    const bool more = step();
+    const bool more = tryStep();
     held.lock();
     stepping_ = false;
     stirred_ = stirred_ || more;
@@ -102,6 +102,16 @@ void Component::run() {
   if (!orphaned_) return;
   worker_.detach();
   delete this;
+}
+
+bool Component::tryStep() try { return step(); } catch (const std::exception&) {
+  lose();
+  raiseError(MMAL_ENOMEM);
+  return true;
+}
+
+void Component::lose() {
+  if (front(*inputPort_) != nullptr) finish(*inputPort_);
 }
 
 Component::Clock::time_point Component::nextDue() const {
