@@ -1,6 +1,7 @@
 #include "mmal/VideoDecode.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <new>
 
@@ -100,6 +101,7 @@ std::vector<MMAL_FOURCC_T> VideoDecode::encodings(const Port& target) const {
 
 bool VideoDecode::step() {
   if (restart_ == Restart::No && takePicture()) return show();
+  complain();
   if (ending_) {
     Header* const out = front(output0());
     if (out == nullptr) return false;
@@ -137,7 +139,16 @@ bool VideoDecode::restart() {
   }
   if (!(anew ? decoder_.open(extraData.data(), extraData.size()) : decoder_.reopen())) return false;
   restart_ = Restart::No;
+  complained_ = complained_ && !anew;
   return true;
+}
+
+// Pictures that the codec cannot decode never come, which looks like a stream without any.
+void VideoDecode::complain() {
+  if (complained_ || decoder_.error().empty()) return;
+  std::fprintf(stderr, "vc.ril.video_decode cannot decode the stream: %s\n",
+               decoder_.error().c_str());
+  complained_ = true;
 }
 
 // Makes picture_ the next to go out. @return false when the decoder has none
