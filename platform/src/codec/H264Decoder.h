@@ -37,7 +37,7 @@ class H264Decoder {
 
   /// Takes bytes of the stream. pts and decodeOnly belong to the access unit that starts in them.
   /// @param unitEnds  the bytes end an access unit: decode it now, do not wait for the next one's
-  ///                  first byte
+  ///                  first byte; a field waits all the same, as what it lacks would not show
   void feed(const std::uint8_t* data, std::size_t size, std::int64_t pts, bool decodeOnly,
             bool unitEnds);
 
