@@ -75,6 +75,31 @@ TEST(JpegDecoder, RgbCodedBecomesYuv) {
   EXPECT_LE(support::maxDifference(seen.v, expected.v), 2);
 }
 
+/// The limits hold for scans that no marker announces: what stands behind them is not looked at.
+TEST(JpegDecoder, HiddenScansAreBoundedInNumberAndInWork) {
+  const Bytes grey = support::encodeJpeg(support::scene(64, 64), Sampling::Grey, 85);
+  const support::Bytes luma = support::decodeJpeg(grey).y;
+  JpegDecoder::Limits little;
+  little.work = 64 * 64 * 30;
+  const struct {
+    JpegDecoder::Limits limits;
+    int before;
+    bool seen;
+  } rows[] = {
+      {{}, 50, true}, {{}, 150, false}, {{}, 3000, false}, {little, 15, true}, {little, 50, false}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.before);
+    const Bytes jpeg = surgery::withHiddenScans(grey, row.before, 3000);
+    JpegDecoder decoder(row.limits);
+    ASSERT_TRUE(decoder.open(jpeg.data(), jpeg.size()));
+    Bytes block(64 * 64 * 3 / 2);
+    EXPECT_EQ(decoder.decode(codec::planesOf(block.data(), 64, 64)), JpegDecoder::Result::Damaged);
+    // An empty scan makes up its first block.
+    const Bytes seen(block.begin() + 8 * 64, block.begin() + 64 * 64);
+    EXPECT_EQ(seen, row.seen ? Bytes(luma.begin() + 8 * 64, luma.end()) : Bytes(56 * 64, 128));
+  }
+}
+
 TEST(JpegDecoder, AThumbnailsScansAreNotThePictures) {
   const Bytes jpeg = support::encodeJpeg(support::scene(320, 240), Sampling::Yuv420, 75, true);
   Bytes exif = {0xff, exifCode, 8002 >> 8, 8002 & 255};

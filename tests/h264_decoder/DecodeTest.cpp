@@ -7,6 +7,7 @@
 
 #include "support/FaultTest.h"
 #include "support/H264Oracle.h"
+#include "support/MadeStream.h"
 
 namespace {
 
@@ -136,6 +137,92 @@ TEST_F(Decoder, GivesTheSamePicturesHoweverAStreamIsCut) {
       Player player(options.width, options.height);
       expectPictures(player.play(made.stream, places, expected.size()), expected);
     }
+  }
+}
+
+/// Fields are access units of their own, and a picture shows only when both have gone in.
+TEST_F(Decoder, GivesTheSamePicturesHoweverAFieldStreamIsCut) {
+  const support::Capture quiet;  // a piece longer than a buffer has a line
+  const struct {
+    const char* letters;
+    int slices;
+    std::size_t pictures;
+  } rows[] = {{"itbtbtbitbtb", 1, 5},   {"ibtbtbtibtbt", 1, 5}, {"itbttbtbtb", 1, 4},
+              {"itbfftbftbitbf", 1, 8}, {"itbtbftb", 2, 4},     {"iftbtb", 2, 3}};
+  for (const auto& row : rows) {
+    const H264Made made = made::pictures(row.letters, true, row.slices);
+    const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
+    EXPECT_EQ(expected.size(), row.pictures) << row.letters;
+    const std::size_t size = made.stream.size();
+    std::vector<std::vector<std::size_t>> cuts{made.units, support::nalStarts(made.stream)};
+    for (const std::size_t step : {17, 100, 500, 800, 900, 1000, 1100, 1600, 2500, 20000})
+      cuts.push_back(cutEvery(step, size));
+    for (const auto& places : cuts) {
+      SCOPED_TRACE(testing::Message()
+                   << row.letters << " in " << places.size() << " pieces, from " << places[1]);
+      Player player(made::side, made::side);
+      expectPictures(player.play(made.stream, places, expected.size()), expected);
+    }
+  }
+}
+
+void append(Bytes& to, const Bytes& from) {
+  to.insert(to.end(), from.begin(), from.end());
+}
+
+/// The sequence's parameter set came once, at the start.
+TEST_F(Decoder, DamageAfterManyParameterSetsDoesNotEndTheStream) {
+  const support::Capture quiet;
+  const H264Made made = made::pictures("iffff", false);
+  const auto at = [&](std::size_t place) {
+    return made.stream.begin() + static_cast<std::ptrdiff_t>(place);
+  };
+  Bytes stream(at(0), at(made.units[3]));
+  for (unsigned i = 0; i < 400; ++i)
+    append(stream, made::pictureSet(1 + i % 255, static_cast<int>(i / 255) - 3));
+  // The last picture ends too early; then all of them again.
+  stream.insert(stream.end(), at(made.units[3]), made.stream.end() - 700);
+  const std::size_t damaged = stream.size();
+  stream.insert(stream.end(), at(support::nalStarts(made.stream)[2]), made.stream.end());
+  const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
+  ASSERT_EQ(expected.size(), 4u);
+  Player player(made::side, made::side);
+  auto seen = player.play(stream, {0, damaged, stream.size()}, 8);
+  ASSERT_EQ(seen.size(), 8u);
+  seen.erase(seen.begin(), seen.begin() + 4);
+  expectPictures(seen, expected);
+}
+
+/// The component's lines on standard error for a stream of these bytes, fed many times.
+std::string complaints(const Bytes& bytes) {
+  Bytes stream = bytes;
+  support::Capture capture;
+  Player player(made::side, made::side);
+  for (int i = 0, tries = 0; i < 20 && tries < 60; ++tries)
+    i += player.decoder().ProcessInput(stream.data(), length(stream), made::side, made::side, 0,
+                                       0) == CodecOk;
+  return capture.err();
+}
+
+TEST_F(Decoder, SaysOnceThatAStreamIsBeyondItAndNothingElse) {
+  const Bytes pictures = made::pictures("if", false).stream;
+  const Bytes rest(pictures.begin() + static_cast<std::ptrdiff_t>(support::nalStarts(pictures)[1]),
+                   pictures.end());
+  const auto beyond =
+      "vc.ril.video_decode cannot decode the stream: its pictures are not 8-bit "
+      "4:2:0\n";
+  const std::pair<made::Sequence, const char*> rows[] = {
+      {{false, 122, 2}, beyond},
+      {{false, 244, 3}, beyond},
+      {{false, 110, 1, 10}, beyond},
+      // What libavcodec would tell the application itself.
+      {{false, 100, 1, 8, 200}, ""},
+      {{false, 77, 1, 8, 0, 5000}, ""},
+  };
+  for (const auto& [sequence, line] : rows) {
+    Bytes stream = made::sequenceSet(sequence);
+    append(stream, rest);
+    EXPECT_EQ(complaints(stream), line) << sequence.profile;
   }
 }
 

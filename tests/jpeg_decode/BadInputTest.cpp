@@ -61,6 +61,7 @@ TEST_F(BadInput, EachKindGetsItsAnswer) {
   const std::size_t frame = surgery::segments(small_, 0xC0).at(0);
   const std::size_t scan = surgery::segments(small_, 0xDA).at(0);
   const Bytes progressive = support::encodeJpeg(scene_, Sampling::Yuv420, 60, true);
+  const Bytes grey = support::encodeJpeg(scene_, Sampling::Grey, 60);
   Bytes damaged = small_;
   for (std::size_t i = scan + 40; i < scan + 60; ++i) damaged[i] ^= 0x55;
   Bytes noTables = small_;
@@ -89,6 +90,7 @@ TEST_F(BadInput, EachKindGetsItsAnswer) {
       {"arithmetic", surgery::encodeWith("TJ_ARITHMETIC", "1", scene_, Sampling::Yuv420), false,
        true},
       {"a thousand scans", surgery::withScans(progressive, 1000), false, false},
+      {"hidden scans", surgery::withHiddenScans(grey, 150, 50), true, true},
       {"12 bits", surgery::withHeader(small_, 4, {12}), false, false},
       {"two components", surgery::withHeader(small_, 9, {2}), false, false},
       {"CMYK", surgery::cmyk(48, 32), false, false},

@@ -264,6 +264,26 @@ TEST_P(BothJpeg, ShortOfMemoryLeavesNothingBehind) {
   }
 }
 
+/// A large picture is made by several threads of the component's, where they can be had. Without
+/// any memory there it fails like an empty answer, and the next one works.
+TEST_P(BothJpeg, AComponentWithoutMemoryOrThreadsLosesAPictureAtMost) {
+  const Image large = scene(640, 480);
+  for (int nth = 1;; ++nth) {
+    JpegEncoder encoder(*GetParam());
+    const Capture quiet;
+    interpose::elsewhere.arm(nth, true);
+    const Encoded out = encoder.encode(large);
+    const bool met = interpose::elsewhere.met > 0;
+    interpose::elsewhere.disarm();
+    if (out.result == 1) {
+      EXPECT_GT(quality(out.jpeg, encoder.expected(large)), 30) << nth;
+    }
+    EXPECT_EQ(encoder.encode(large).result, 1) << nth;
+    if (!met) break;
+    ASSERT_LT(nth, 100);
+  }
+}
+
 TEST_F(JpegFaultTest, WhatCannotBeGivenBackIsTold) {
   const VirtualTime time;
   JpegEncoder encoder(omxJpeg());

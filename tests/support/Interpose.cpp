@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <link.h>
+#include <pthread.h>
 #include <semaphore.h>
 
 #include <cerrno>
@@ -13,11 +14,12 @@
 
 namespace support::interpose {
 
-Failing semInit, semWait, clockGettime, allocation;
+Failing semInit, semWait, clockGettime, allocation, elsewhere;
 namespace {
 
 std::atomic<std::size_t> allocations{0};
 std::atomic<std::size_t> live{0};
+std::atomic<pthread_t> armer{};  ///< of what was armed last
 
 struct Range {
   std::uintptr_t first = 0;
@@ -42,9 +44,15 @@ Range findLibrary() {
   return range;
 }
 
-/// Counts the library's calls of operator new, and fails the one that is to fail. Other code is
-/// left alone: a worker of the platform's may well allocate at the same moment.
+/// Whether what a thread asks for is to be denied to it, as one that did not arm the fault.
+bool deniedElsewhere() {
+  return pthread_equal(armer, pthread_self()) == 0 && elsewhere.hit();
+}
+
+/// Counts the library's calls of operator new, and fails the one that is to fail. Other code on the
+/// same thread is left alone: a worker of the platform's may well allocate at the same moment.
 void admit(const void* caller) {
+  if (deniedElsewhere()) throw std::bad_alloc();
   if (!isLibrary(caller)) return;
   ++allocations;
   if (allocation.hit()) throw std::bad_alloc();
@@ -74,6 +82,7 @@ void release(void* memory) {
 }  // namespace
 
 void Failing::arm(int nth, bool keep) {
+  armer = pthread_self();
   met = 0;
   calls = 0;
   forGood = keep;
@@ -112,7 +121,7 @@ std::size_t allocationsOfLibrary() {
 }
 
 void reset() {
-  for (Failing* each : {&semInit, &semWait, &clockGettime, &allocation}) each->disarm();
+  for (Failing* each : {&semInit, &semWait, &clockGettime, &allocation, &elsewhere}) each->disarm();
 }
 
 }  // namespace support::interpose
@@ -120,6 +129,14 @@ void reset() {
 namespace interpose = support::interpose;
 
 extern "C" {
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
+                   void* argument) noexcept {
+  static auto* const system =
+      reinterpret_cast<decltype(&::pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+  if (interpose::deniedElsewhere()) return EAGAIN;
+  return system(thread, attributes, start, argument);
+}
 
 int sem_init(sem_t* semaphore, int shared, unsigned value) noexcept {
   static auto* const system =

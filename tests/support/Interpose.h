@@ -25,6 +25,13 @@ extern Failing semInit;
 extern Failing semWait;       ///< sem_wait, sem_timedwait and sem_trywait, with EINVAL
 extern Failing clockGettime;  ///< asked by libtessera.so itself
 extern Failing allocation;    ///< operator new, called by libtessera.so, has no memory
+/// operator new and the start of a thread, on any thread but the one that armed it: a platform's
+/// workers have no memory.
+extern Failing elsewhere;
+
+/// operator new and the start of a thread, on any thread but the one that armed it: a platform's
+/// workers have no memory.
+extern Failing elsewhere;
 
 /// Whether an address is in the code of libtessera.so.
 bool isLibrary(const void* address);

@@ -60,6 +60,30 @@ Bytes withScans(const Bytes& jpeg, int count) {
   return result;
 }
 
+Bytes withHiddenScans(const Bytes& grey, int before, int after) {
+  const Bytes scanOfOne{0xFF, scan, 0, 8, 1, 1, 0, 0, 63, 0};
+  const std::size_t frame = segments(grey, baseline).at(0), data = segments(grey, scan).at(0);
+  Bytes result(grey.begin(), grey.begin() + static_cast<std::ptrdiff_t>(data));
+  const auto append = [&result](const Bytes& bytes) {
+    result.insert(result.end(), bytes.begin(), bytes.end());
+  };
+  // Two more components, and a restart interval of one block.
+  result[frame + 3] = 17;
+  result[frame + 9] = 3;
+  result = insert(result, frame + 13, {2, 0x11, 0, 3, 0x11, 0});
+  append({0xFF, 0xDD, 0, 4, 0, 1});
+  append(scanOfOne);
+  append({0xFF, 0x02, 0xFF});
+  for (int i = 0; i < before; ++i) append(scanOfOne);
+  append({0xFF, 0xDD, 0, 4, 0, 0});
+  append(scanOfOne);
+  append(
+      Bytes(grey.begin() + static_cast<std::ptrdiff_t>(data + scanOfOne.size()), grey.end() - 2));
+  for (int i = 0; i < after; ++i) append(scanOfOne);
+  append({0xFF, 0xD9});
+  return result;
+}
+
 Bytes cmyk(int width, int height) {
   const Bytes pixels(static_cast<std::size_t>(width) * height * 4, 100);
   const tjhandle handle = tjInitCompress();

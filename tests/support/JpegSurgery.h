@@ -25,6 +25,11 @@ Bytes withSize(Bytes jpeg, int width, int height);
 /// The file with its last scan that many times.
 Bytes withScans(const Bytes& jpeg, int count);
 
+/// A grey JPEG's scan as the luma of a baseline picture whose scans stand behind an invalid marker
+/// at a restart boundary, out of sight of who steps over segments by their lengths: some empty ones
+/// before it, and some after it.
+Bytes withHiddenScans(const Bytes& grey, int before, int after);
+
 Bytes cmyk(int width, int height);
 
 /// encodeJpeg with one of TurboJPEG's environment switches on.

@@ -24,6 +24,7 @@ namespace sweep {
 namespace {
 
 namespace control = tessera_platform;
+namespace interpose = support::interpose;
 using control::CallFault;
 using control::CompletionFault;
 
@@ -45,7 +46,7 @@ int entries(const char* folder) {
 /// What must be the same before and after.
 struct Holdings {
   std::size_t heap = mallinfo2().uordblks;
-  std::size_t blocks = support::interpose::liveBlocks();
+  std::size_t blocks = interpose::liveBlocks();
   int threads = entries("/proc/self/task");
   int descriptors = entries("/proc/self/fd");
 };
@@ -124,8 +125,9 @@ class Run {
       if (point != nullptr && point->goesOn) goOn(*subject, *point);
       step(
           "destroy", [&] { return subject->destroy(), Outcome{}; }, false);
-      met = met || control::faultsHit() > 0;
+      met = met || control::faultsHit() > 0 || interpose::elsewhere.met > 0;
       control::clearFaults();
+      interpose::elsewhere.disarm();
       if (scenario.withNeighbour)
         step(
             "neighbour", [&] { return neighbour->frame(0); }, true);
@@ -150,7 +152,9 @@ class Run {
   }
 
   void arm(const Point& point) {
-    if (point.completion)
+    if (point.shortage > 0)
+      interpose::elsewhere.arm(point.shortage, point.forGood);
+    else if (point.completion)
       control::inject(point.event);
     else
       control::inject(point.call);
@@ -232,7 +236,8 @@ std::string readAll(int descriptor) {
 }
 
 /// The three ways in which the library may end its process.
-bool endsAsDocumented(const SubjectClass& subject, const Streams& streams) {
+bool endsAsDocumented(const SubjectClass& subject, const Point& point, const Streams& streams) {
+  if (point.shortage > 0) return false;  // no failure of the component's
   const std::string name = subject.name;
   if (name == "DecoderPool")
     return streams.out().find("unrecoverable error: ") != std::string::npos;
@@ -258,7 +263,7 @@ Verdict conclude(const SubjectClass& subject, const Point& point, Child& child) 
   } else if (WEXITSTATUS(status) == support::VirtualTime::hangStatus &&
              hangsAsDocumented(subject, point)) {
     verdict.problem.clear();
-  } else if (WEXITSTATUS(status) == 1 && endsAsDocumented(subject, *child.streams)) {
+  } else if (WEXITSTATUS(status) == 1 && endsAsDocumented(subject, point, *child.streams)) {
     verdict.problem.clear();
   } else if (WEXITSTATUS(status) != 0) {
     verdict.problem = "ended with status " + std::to_string(WEXITSTATUS(status)) + ": " +
@@ -347,13 +352,24 @@ void addCompletions(const Record& record, std::vector<Point>& points) {
   }
 }
 
+void addShortages(int allocations, std::vector<Point>& points) {
+  for (int nth = 1; nth <= allocations; ++nth)
+    for (const bool forGood : {false, true}) {
+      points.emplace_back();
+      points.back().shortage = nth;
+      points.back().forGood = forGood;
+    }
+}
+
 }  // namespace
 
 std::string Point::text() const {
   static const char* const calls[] = {"Fail", "NullResult", "FinishFirst"};
   static const char* const events[] = {"Drop", "Delay", "Double", "ErrorEvent", "ZeroLength"};
   std::ostringstream out;
-  if (completion)
+  if (shortage > 0)
+    out << "no memory #" << shortage << (forGood ? " on" : "");
+  else if (completion)
     out << events[event.action] << ' ' << event.completion << " #" << event.nth
         << (event.sticky ? " on" : "") << ' ' << event.delayMs << " ms";
   else
@@ -403,10 +419,18 @@ const std::vector<Scenario>& scenarios() {
 
 std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario) {
   const auto work = [&] {
-    const std::unique_ptr<Subject> s = subject.make();
+    std::ostringstream text;
+    std::unique_ptr<Subject> s = subject.make();
+    scenario.before(*s);
+    // How often workers allocate, before the journal's lines add to that.
+    interpose::elsewhere.arm(0);
+    scenario.run(*s);
+    control::awaitQuiet();
+    text << interpose::elsewhere.calls << ' ';
+    s->destroy();
+    s = subject.make();
     scenario.before(*s);
     control::startJournal();
-    std::ostringstream text;
     scenario.run(*s);
     control::awaitQuiet();
     for (const auto which : {control::Lines::Calls, control::Lines::Completions})
@@ -423,12 +447,14 @@ std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario)
   std::istringstream text(readAll(child.report));
   waitpid(child.pid, nullptr, 0);
   Record calls, completions;
-  text >> calls.whileUsed >> completions.whileUsed;
+  int allocations = 0;
+  text >> allocations >> calls.whileUsed >> completions.whileUsed;
   for (Record* const each : {&calls, &completions})
     for (std::string name; text >> name && name != ".";) each->names.push_back(name);
   std::vector<Point> points;
   addCalls(calls, points);
   addCompletions(completions, points);
+  addShortages(allocations, points);
   return points;
 }
 

@@ -15,6 +15,9 @@ struct Point {
   bool completion = false;
   tessera_platform::CallFault call;
   tessera_platform::CompletionFault event;
+  /// Instead of both: which allocation on a worker's thread is refused, and whether all later ones.
+  int shortage = 0;
+  bool forGood = false;
   /// Once met, the fault is over, and the same object goes on; else it is destroyed as it is.
   bool goesOn = false;
 

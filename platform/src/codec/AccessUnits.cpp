@@ -10,6 +10,10 @@ namespace {
 
 /// Beyond this a unit without an end is garbage.
 constexpr std::size_t largestUnit = 16u << 20;
+/// As many slices as 1080p has macroblocks, and what goes with them. Decoders keep something for
+/// each, so that a flood of tiny ones must end somewhere.
+constexpr unsigned mostNals = 8192 + 64;
+
 }  // namespace
 
 void AccessUnits::clear() {
@@ -36,6 +40,7 @@ std::size_t AccessUnits::index(std::uint64_t position) const {
 
 AccessUnits::Verdict AccessUnits::judge(std::size_t header, std::size_t limit, bool final) {
   const unsigned type = bytes_[header] & 31;
+  if (current_.nals >= mostNals) return Verdict::Begins;
   if (type == NalType::EndOfSequence || type == NalType::EndOfStream) return Verdict::EndOfSequence;
   if (type >= NalType::Sei && type <= NalType::Delimiter) {
     if (current_.picture) return Verdict::Begins;
@@ -80,6 +85,7 @@ bool AccessUnits::take(std::uint64_t limit, bool final, Unit& unit) {
       return true;
     }
     if (current_.header == 0) current_.header = base_ + header;
+    ++current_.nals;
     if (verdict == Verdict::EndOfSequence) {
       current_.endOfSequence = true;
       unit = cut(header + 1);
@@ -102,6 +108,11 @@ AccessUnits::Unit AccessUnits::pending(std::uint64_t limit) const {
   unit.size = std::max(index(limit), begin_) - begin_;
   unit.begin = base_ + begin_;
   return unit;
+}
+
+void AccessUnits::hide(std::uint64_t header) {
+  const std::size_t at = index(header);
+  if (at < bytes_.size()) bytes_[at] = static_cast<std::uint8_t>(NalType::Filler);
 }
 
 bool AccessUnits::onlyZeros(std::uint64_t from, std::uint64_t to) const {

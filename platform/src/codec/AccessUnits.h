@@ -11,7 +11,8 @@ namespace codec {
 ///
 /// A unit ends where parameter sets, SEI or a delimiter follow its picture, or a slice that starts
 /// no later in the picture than the one before: so every field is a unit of its own. An end of
-/// sequence is a unit by itself. Positions count from the first byte since clear().
+/// sequence is a unit by itself. One of more NAL units than any picture needs is cut. Positions
+/// count from the first byte since clear().
 class AccessUnits {
  public:
   struct Unit {
@@ -23,6 +24,7 @@ class AccessUnits {
     bool keyFrame = false;     ///< holds a slice of an IDR picture
     bool parameterSets = false;
     bool endOfSequence = false;
+    unsigned nals = 0;  ///< NAL units in it
 
     std::uint64_t end() const { return begin + size; }
   };
@@ -36,6 +38,9 @@ class AccessUnits {
 
   /// The unit that take() found no end of yet, up to `limit`.
   Unit pending(std::uint64_t limit) const;
+
+  /// Turns the NAL unit whose header byte stands at a position into one that decoders skip.
+  void hide(std::uint64_t header);
 
   /// Whether only zeros lie between two positions that were not taken yet: padding around start
   /// codes.

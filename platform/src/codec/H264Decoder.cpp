@@ -1,10 +1,12 @@
 #include "codec/H264Decoder.h"
 
 #include <deque>
+#include <new>
 #include <utility>
 #include <vector>
 
 #include "codec/AccessUnits.h"
+#include "codec/H264Bits.h"
 #include "codec/H264History.h"
 #include "codec/H264Libav.h"
 #include "codec/ParameterSets.h"
@@ -17,6 +19,9 @@ namespace {
 constexpr unsigned alignedEnough = 16;
 /// More units than this are not decoded a second time to make sure of the last one's end.
 constexpr std::int64_t mostDoubled = 64;
+/// A unit of more NAL units leaves a decoder behind that keeps memory for all of them.
+constexpr unsigned usualNals = 1024;
+constexpr const char* notSupported = "its pictures are not 8-bit 4:2:0";
 constexpr const char* cannotOpen = "libavcodec does not open its H.264 decoder";
 
 /// What one feed() or flush() brought.
@@ -91,6 +96,7 @@ struct H264Decoder::Impl {
   void beginPiece();
   void endPiece();
   void onUnit(const AccessUnits::Unit& unit);
+  ParameterSets::Slice learn(const AccessUnits::Unit& unit);
   Origin originOf(std::uint64_t position);
   void decodeEarly(const AccessUnits::Unit& unit);
   void confirm();
@@ -107,7 +113,6 @@ struct H264Decoder::Impl {
 
 void H264Decoder::Impl::reset() {
   decoder.close();
-  parameterSets.clear();
   error.clear();
   units.clear();
   history.clear();
@@ -160,7 +165,9 @@ void H264Decoder::Impl::endPiece() {
   }
   const AccessUnits::Unit unit = units.pending(piece.end);
   if (pending.early && !units.onlyZeros(pending.end, unit.end())) startOver();
-  if (!pending.early && trusting && piece.unitEnds && unit.picture) decodeEarly(unit);
+  // A field's missing rows do not show in its picture: fields wait for their ends.
+  if (!pending.early && trusting && piece.unitEnds && unit.picture && !learn(unit).field)
+    decodeEarly(unit);
   // What starting over takes is kept no longer than somebody may need it.
   if (!trusting && !pending.early) history.record(false);
 }
@@ -176,7 +183,27 @@ void H264Decoder::Impl::onUnit(const AccessUnits::Unit& unit) {
     return;
   }
   if (pending.early) startOver();
+  learn(unit);
   decode(unit);
+}
+
+/// Takes note of a unit's parameter sets, which stand before its picture. What no decoder takes is
+/// hidden from libavcodec, which complains of some of it to the application.
+ParameterSets::Slice H264Decoder::Impl::learn(const AccessUnits::Unit& unit) {
+  for (std::size_t header = nextNal(unit.data, 0, unit.size); header < unit.size;) {
+    const unsigned type = unit.data[header] & 31;
+    if (type >= NalType::Slice && type <= NalType::IdrSlice) {
+      const ParameterSets::Slice slice =
+          parameterSets.lookAt(unit.data + header, unit.size - header);
+      if (!slice.supported) error = notSupported;
+      return slice;
+    }
+    const std::size_t next = nextNal(unit.data, header + 1, unit.size);
+    const std::size_t end = next < unit.size ? next - 3 : unit.size;
+    if (!parameterSets.addUnit(unit.data + header, end - header)) units.hide(unit.begin + header);
+    header = next;
+  }
+  return {};
 }
 
 /// The piece that a position lies in; its time stamp goes to the first unit that asks.
@@ -243,7 +270,6 @@ void H264Decoder::Impl::decode(const AccessUnits::Unit& unit) {
 }
 
 void H264Decoder::Impl::decodeNext(const AccessUnits::Unit& unit, std::int64_t serial) {
-  if (unit.parameterSets) parameterSets.add(unit.data, unit.size);
   // libavcodec carries remains of a damaged picture into the next one, even into a key frame.
   if (unit.keyFrame && tainted) {
     decoder.finish();
@@ -251,7 +277,7 @@ void H264Decoder::Impl::decodeNext(const AccessUnits::Unit& unit, std::int64_t s
     renew();
   }
   send(unit.data, unit.size, serial);
-  tainted = tainted || (unit.picture && unsound);
+  tainted = tainted || (unit.picture && unsound) || unit.nals > usualNals;
   // A stream that does not say how far its pictures are out of order shows it by its first B-frame.
   // Room for one level of referenced B-frames at once spares losing a picture to the second.
   if (delay == 0 && decoder.delay() == 1 && !unit.parameterSets) decoder.setDelay(2);
@@ -269,7 +295,7 @@ void H264Decoder::Impl::take(Frame frame) {
   H264History::Entry* entry = history.find(serial);
   const bool supported =
       frame->format == AV_PIX_FMT_YUV420P || frame->format == AV_PIX_FMT_YUVJ420P;
-  if (!supported) error = "a picture that is not 8-bit 4:2:0";
+  if (!supported) error = notSupported;
   if (!supported || entry == nullptr || entry->delivered) {
     decoder.recycle(std::move(frame));
     return;
@@ -308,10 +334,8 @@ bool H264Decoder::Impl::endsForSure(const AVFrame& picture) {
 /// A fresh decoder that knows what the last one knew.
 void H264Decoder::Impl::renew() {
   tainted = false;
-  if (decoder.open(parameterSets.annexB()))
-    decoder.setDelay(delay);
-  else
-    error = cannotOpen;
+  if (!decoder.open(parameterSets.annexB())) throw std::bad_alloc();
+  decoder.setDelay(delay);
 }
 
 /// Every picture that is held back comes out; what follows is a new stream.
@@ -329,8 +353,14 @@ H264Decoder::~H264Decoder() = default;
 
 bool H264Decoder::open(const std::uint8_t* extraData, std::size_t extraDataSize) {
   Impl& impl = *impl_;
-  impl.reset();
+  impl.parameterSets.clear();
   if (extraData != nullptr) impl.parameterSets.add(extraData, extraDataSize);
+  return reopen();
+}
+
+bool H264Decoder::reopen() {
+  Impl& impl = *impl_;
+  impl.reset();
   if (impl.decoder.open(impl.parameterSets.annexB())) return true;
   impl.error = cannotOpen;
   return false;

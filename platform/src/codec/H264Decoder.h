@@ -31,10 +31,13 @@ class H264Decoder {
 
   /// Starts (or restarts). `extraData` are parameter sets in Annex B or avcC, or null.
   bool open(const std::uint8_t* extraData, std::size_t extraDataSize);
+  /// Starts over with the parameter sets seen so far: after one of the calls below threw
+  /// std::bad_alloc, which loses all pictures up to the next key frame.
+  bool reopen();
 
   /// Takes bytes of the stream. pts and decodeOnly belong to the access unit that starts in them.
   /// @param unitEnds  the bytes end an access unit: decode it now, do not wait for the next one's
-  ///                  first byte
+  ///                  first byte; a field waits all the same, as what it lacks would not show
   void feed(const std::uint8_t* data, std::size_t size, std::int64_t pts, bool decodeOnly,
             bool unitEnds);
 

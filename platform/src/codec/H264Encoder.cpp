@@ -180,7 +180,7 @@ void H264Encoder::Impl::hand(const std::uint8_t* payload, std::size_t bytes) {
 H264Encoder::H264Encoder() : impl_(std::make_unique<Impl>()) {}
 H264Encoder::~H264Encoder() = default;
 
-bool H264Encoder::open(const Config& config) {
+bool H264Encoder::open(const Config& config) try {
   Impl& impl = *impl_;
   impl.close();
   impl.error.clear();
@@ -191,6 +191,9 @@ bool H264Encoder::open(const Config& config) {
   const std::string reason = impl.error;
   impl.close();
   return impl.fail(reason.c_str());
+} catch (const std::bad_alloc&) {
+  impl_->close();
+  return false;
 }
 
 bool H264Encoder::isOpen() const {
@@ -201,7 +204,7 @@ const std::vector<std::uint8_t>& H264Encoder::parameterSets() const {
   return impl_->parameterSets;
 }
 
-bool H264Encoder::encode(const ConstPlanes& frame, std::int64_t pts, bool forceKeyFrame) {
+bool H264Encoder::encode(const ConstPlanes& frame, std::int64_t pts, bool forceKeyFrame) try {
   Impl& impl = *impl_;
   impl.data = nullptr;
   impl.size = 0;
@@ -236,6 +239,10 @@ bool H264Encoder::encode(const ConstPlanes& frame, std::int64_t pts, bool forceK
   if (bytes > 0) impl.hand(nals[0].p_payload, static_cast<std::size_t>(bytes));
   ++impl.frames;
   return true;
+} catch (const std::bad_alloc&) {
+  impl_->data = nullptr;
+  impl_->size = 0;
+  return false;
 }
 
 const std::uint8_t* H264Encoder::data() const {

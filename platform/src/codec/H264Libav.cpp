@@ -1,7 +1,9 @@
 #include "codec/H264Libav.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <new>
 
 extern "C" {
 #include <libavutil/mem.h>
@@ -14,6 +16,12 @@ namespace {
 /// Lifts every message of the context above the levels that are printed, whatever the application
 /// set for itself. Only the low eight bits of a level count.
 constexpr int silent = 128;
+
+/// A result, unless it says that there was no memory.
+int enough(int result) {
+  if (result == AVERROR(ENOMEM)) throw std::bad_alloc();
+  return result;
+}
 
 }  // namespace
 
@@ -47,7 +55,7 @@ bool H264Libav::send(const std::uint8_t* data, std::size_t size, std::int64_t se
   packet_->data = const_cast<std::uint8_t*>(data);
   packet_->size = static_cast<int>(size);
   packet_->pts = serial;
-  return avcodec_send_packet(context_.get(), packet_.get()) >= 0;
+  return enough(avcodec_send_packet(context_.get(), packet_.get())) >= 0;
 }
 
 void H264Libav::finish() {
@@ -63,7 +71,8 @@ Frame H264Libav::receive() {
     frame = std::move(spare_.back());
     spare_.pop_back();
   }
-  if (frame != nullptr && avcodec_receive_frame(context_.get(), frame.get()) >= 0) return frame;
+  if (frame == nullptr) throw std::bad_alloc();
+  if (enough(avcodec_receive_frame(context_.get(), frame.get())) >= 0) return frame;
   recycle(std::move(frame));
   return nullptr;
 }

@@ -19,7 +19,7 @@ using Frame = std::unique_ptr<AVFrame, FreeFrame>;
 
 /// libavcodec's H.264 decoder for whole access units. Silent, without threads: frame threads would
 /// add delay, slice threads would turn off the concealment of errors. Where open() failed, nothing
-/// comes out.
+/// comes out. @throws std::bad_alloc where libavcodec had no memory; open() anew after it
 class H264Libav {
  public:
   /// Starts afresh, knowing these parameter sets (Annex B, may be empty).

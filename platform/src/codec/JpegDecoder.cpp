@@ -16,6 +16,8 @@ namespace {
 constexpr std::uint8_t noColour = 128;
 constexpr unsigned mostComponents = 3;
 constexpr unsigned mostBandRows = MAX_SAMP_FACTOR * DCTSIZE;
+constexpr char tooManyScans[] = "more scans than the limit allows";
+constexpr std::uint64_t usualScans = 20;  ///< more than encoders make
 
 void fill(std::uint8_t* plane, unsigned stride, unsigned width, unsigned from, unsigned to) {
   for (unsigned y = from; y < to; ++y)
@@ -28,6 +30,10 @@ struct JpegDecoder::Impl {
   jpeg_decompress_struct cinfo = {};
   jpeg_compress_struct defaults = {};  // only for its standard Huffman tables
   JpegError errors = {};
+  struct Progress {
+    jpeg_progress_mgr manager;  // first: libjpeg hands back its address
+    int scansAllowed;
+  } progress = {};
   Limits limits;
   bool created = false;
   const std::uint8_t* data = nullptr;
@@ -58,7 +64,9 @@ struct JpegDecoder::Impl {
   void create();
   void forgetTables();
   bool readHeader();
+  unsigned scansAllowed() const;
   const char* objection() const;
+  static void onProgress(j_common_ptr common);
   bool hasItsTables() const;
 
   bool inPlace(unsigned component) const;
@@ -80,7 +88,6 @@ void JpegDecoder::Impl::create() {
   defaults.err = cinfo.err;
   jpeg_create_compress(&defaults);
   jpeg_create_decompress(&cinfo);
-  created = true;
   defaults.input_components = 3;
   defaults.in_color_space = JCS_YCbCr;
   jpeg_set_defaults(&defaults);
@@ -88,6 +95,7 @@ void JpegDecoder::Impl::create() {
     cinfo.dc_huff_tbl_ptrs[i] = jpeg_alloc_huff_table(reinterpret_cast<j_common_ptr>(&cinfo));
     cinfo.ac_huff_tbl_ptrs[i] = jpeg_alloc_huff_table(reinterpret_cast<j_common_ptr>(&cinfo));
   }
+  created = true;
 }
 
 /// libjpeg keeps a picture's tables for the next one; what a picture looks like must not depend on
@@ -106,7 +114,12 @@ void JpegDecoder::Impl::forgetTables() {
 
 bool JpegDecoder::Impl::readHeader() {
   if (setjmp(errors.jump) != 0) {
-    if (created) jpeg_abort_decompress(&cinfo);
+    if (created) {
+      jpeg_abort_decompress(&cinfo);
+    } else {
+      jpeg_destroy_decompress(&cinfo);
+      jpeg_destroy_compress(&defaults);
+    }
     return false;
   }
   if (!created) create();
@@ -128,6 +141,24 @@ bool JpegDecoder::Impl::hasItsTables() const {
   return true;
 }
 
+unsigned JpegDecoder::Impl::scansAllowed() const {
+  const std::uint64_t pixels = std::uint64_t{cinfo.image_width} * cinfo.image_height;
+  const std::uint64_t affordable = std::max(usualScans, limits.work / pixels);
+  return static_cast<unsigned>(std::min<std::uint64_t>(limits.scans, affordable));
+}
+
+/// Scans that no marker announced, such as those behind an invalid one, have taken up what is
+/// allowed: the data ends here.
+void JpegDecoder::Impl::onProgress(j_common_ptr common) {
+  auto* const decompress = reinterpret_cast<j_decompress_ptr>(common);
+  const auto* const progress = reinterpret_cast<const Progress*>(common->progress);
+  if (decompress->input_scan_number <= progress->scansAllowed) return;
+  decompress->unread_marker = JPEG_EOI;
+  auto* const errors = reinterpret_cast<JpegError*>(common->err);
+  if (!errors->warned) std::strcpy(errors->text, tooManyScans);
+  errors->warned = true;
+}
+
 /// What speaks against decoding the picture whose header was read; null: nothing.
 const char* JpegDecoder::Impl::objection() const {
   const std::uint64_t pixels = std::uint64_t{cinfo.image_width} * cinfo.image_height;
@@ -136,10 +167,9 @@ const char* JpegDecoder::Impl::objection() const {
     return "more pixels than the limit allows";
   if (cinfo.num_components != 1 && cinfo.num_components != 3)
     return "neither grey nor three colour components";
-  const bool manyScans = jpeg_has_multiple_scans(const_cast<j_decompress_ptr>(&cinfo)) != 0;
-  if (manyScans && findScans(data, size).count > limits.scans)
-    return "more scans than the limit allows";
-  if (!manyScans && !hasItsTables()) return "a quantisation table is missing";
+  const bool severalScans = jpeg_has_multiple_scans(const_cast<j_decompress_ptr>(&cinfo)) != 0;
+  if (severalScans && findScans(data, size).count > scansAllowed()) return tooManyScans;
+  if (!severalScans && !hasItsTables()) return "a quantisation table is missing";
   return nullptr;
 }
 
@@ -244,6 +274,9 @@ bool JpegDecoder::Impl::run() {
   cinfo.raw_data_out = rgb ? FALSE : TRUE;
   cinfo.out_color_space = cinfo.jpeg_color_space;
   cinfo.dct_method = JDCT_ISLOW;
+  progress.manager.progress_monitor = onProgress;
+  progress.scansAllowed = static_cast<int>(scansAllowed());
+  cinfo.progress = &progress.manager;
   jpeg_start_decompress(&cinfo);
   if (rgb)
     readRgb();
@@ -284,7 +317,7 @@ JpegDecoder::JpegDecoder(const Limits& limits) : impl_(std::make_unique<Impl>())
 }
 JpegDecoder::~JpegDecoder() = default;
 
-bool JpegDecoder::open(const std::uint8_t* data, std::size_t size) {
+bool JpegDecoder::open(const std::uint8_t* data, std::size_t size) try {
   Impl& impl = *impl_;
   impl.error.clear();
   impl.data = data;
@@ -298,6 +331,9 @@ bool JpegDecoder::open(const std::uint8_t* data, std::size_t size) {
   impl.width = impl.cinfo.image_width;
   impl.height = impl.cinfo.image_height;
   return true;
+} catch (const std::bad_alloc&) {  // not even for the reason
+  impl_->opened = false;
+  return false;
 }
 
 unsigned JpegDecoder::width() const {
@@ -307,19 +343,14 @@ unsigned JpegDecoder::height() const {
   return impl_->height;
 }
 
-JpegDecoder::Result JpegDecoder::decode(const Planes& planes) {
+JpegDecoder::Result JpegDecoder::decode(const Planes& planes) try {
   Impl& impl = *impl_;
   if (!impl.opened) {
     impl.error = "no picture was opened";
     return Result::Unusable;
   }
   impl.opened = false;
-  try {
-    impl.prepareStage();
-  } catch (const std::bad_alloc&) {
-    impl.error = "no memory for a row of the picture";
-    return Result::Unusable;
-  }
+  impl.prepareStage();
   impl.place(planes);
   bool whole = impl.run();
   bool damaged = impl.errors.warned;
@@ -333,6 +364,10 @@ JpegDecoder::Result JpegDecoder::decode(const Planes& planes) {
   if (!whole && impl.rowsDone == 0) return Result::Unusable;
   impl.fillRest();
   return damaged ? Result::Damaged : Result::Complete;
+} catch (const std::bad_alloc&) {
+  jpeg_abort_decompress(&impl_->cinfo);
+  impl_->error = "no memory";  // short enough to need none
+  return Result::Unusable;
 }
 
 const std::string& JpegDecoder::error() const {

@@ -19,6 +19,8 @@ class JpegDecoder {
     unsigned height = 16384;
     std::uint64_t pixels = 64u << 20;  ///< about 8K x 8K
     unsigned scans = 100;              ///< progressive files of a few kB can claim thousands
+    /// Pixels times scans: what decoding costs. Twenty scans are always allowed.
+    std::uint64_t work = 256u << 20;
   };
   enum class Result {
     Complete,  ///< the whole picture

@@ -54,6 +54,7 @@ struct JpegEncoder::Impl {
   std::array<JpegStrip, mostStrips> strips;
   WorkCrew crew;
   std::string error;
+  bool lacksMemory = false;
 
   bool fail(const char* why) {
     strips[0].resize(0);
@@ -103,9 +104,10 @@ bool JpegEncoder::Impl::join(unsigned height, unsigned count) {
 JpegEncoder::JpegEncoder() : impl_(std::make_unique<Impl>()) {}
 JpegEncoder::~JpegEncoder() = default;
 
-bool JpegEncoder::encode(const PackedPicture& picture, int quality) {
+bool JpegEncoder::encode(const PackedPicture& picture, int quality) try {
   Impl& impl = *impl_;
   impl.error.clear();
+  impl.lacksMemory = false;
   impl.strips[0].resize(0);
   if (picture.width == 0 || picture.height == 0) return impl.fail("an empty picture");
   if (picture.width > JPEG_MAX_DIMENSION || picture.height > JPEG_MAX_DIMENSION)
@@ -114,8 +116,18 @@ bool JpegEncoder::encode(const PackedPicture& picture, int quality) {
   const PackedRows rows(picture);
   if (rows.covered() == 0) return impl.fail("less data than one row");
   const Plan plan = planFor(picture);
-  return impl.encodeStrips(picture, rows, quality, plan) &&
-         (plan.strips == 1 || impl.join(picture.height, plan.strips));
+  // With arguments as good as these nothing but memory can be missing.
+  impl.lacksMemory = !(impl.encodeStrips(picture, rows, quality, plan) &&
+                       (plan.strips == 1 || impl.join(picture.height, plan.strips)));
+  return !impl.lacksMemory;
+} catch (const std::exception&) {
+  impl_->strips[0].resize(0);
+  impl_->lacksMemory = true;
+  return false;
+}
+
+bool JpegEncoder::lacksMemory() const {
+  return impl_->lacksMemory;
 }
 
 const std::uint8_t* JpegEncoder::data() const {

@@ -24,6 +24,8 @@ class JpegEncoder {
   /// @param quality  1 to 100
   /// @return true, or false with error() telling why (no memory, a size beyond 65,500, no data)
   bool encode(const PackedPicture& picture, int quality);
+  /// Whether the last encode() failed only for want of memory: the same picture may work later.
+  bool lacksMemory() const;
 
   /// The JPEG of the last encode(); valid until the next.
   const std::uint8_t* data() const;

@@ -1,6 +1,8 @@
 #include "codec/ParameterSets.h"
 
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 #include "codec/H264Bits.h"
 
@@ -8,15 +10,27 @@ namespace codec {
 
 namespace {
 
-/// A stream may have 32 sequence and 256 picture parameter sets; only garbage has more.
-constexpr std::size_t mostUnits = 32 + 256;
+/// No parameter set is longer; only garbage is.
+constexpr std::size_t longestUnit = 1 << 16;
+/// Of a slice, what is looked at is in the first of its bytes.
+constexpr std::size_t sliceHeader = 32;
 constexpr std::uint8_t startCode[] = {0, 0, 0, 1};
 
 unsigned typeOf(std::uint8_t header) {
   return header & 31;
 }
 
+void append(std::vector<std::uint8_t>& all, const std::vector<std::uint8_t>& unit) {
+  all.insert(all.end(), std::begin(startCode), std::end(startCode));
+  all.insert(all.end(), unit.begin(), unit.end());
+}
+
 }  // namespace
+
+void ParameterSets::clear() {
+  sequences_.clear();
+  pictures_.clear();
+}
 
 void ParameterSets::add(const std::uint8_t* data, std::size_t size) {
   // Annex B starts with zeros, an avcC record with its version.
@@ -49,32 +63,62 @@ void ParameterSets::addRecord(const std::uint8_t* data, std::size_t size) {
   }
 }
 
-void ParameterSets::addUnit(const std::uint8_t* data, std::size_t size) {
+bool ParameterSets::addUnit(const std::uint8_t* data, std::size_t size) {
   while (size > 0 && data[size - 1] == 0) --size;
-  if (size < 2 || (typeOf(data[0]) != NalType::Sps && typeOf(data[0]) != NalType::Pps)) return;
-  Unit unit(data, data + size);
-  units_.erase(std::remove(units_.begin(), units_.end(), unit), units_.end());
-  if (units_.size() >= mostUnits) units_.erase(units_.begin());
-  units_.push_back(std::move(unit));
+  if (size < 2 || size > longestUnit) return true;
+  if (typeOf(data[0]) == NalType::Sps) return addSequence(Unit(data, data + size));
+  if (typeOf(data[0]) == NalType::Pps) return addPicture(Unit(data, data + size));
+  return true;
+}
+
+/// Another one with the same number takes the picture parameter sets along that refer to it.
+bool ParameterSets::addSequence(Unit unit) {
+  SequenceSet set;
+  if (!set.parse(unit)) return false;
+  Kept<SequenceSet>& kept = sequences_[set.id];
+  if (kept.unit == unit) return true;
+  for (auto each = pictures_.begin(); each != pictures_.end();)
+    each = each->second.set.sequenceId == set.id ? pictures_.erase(each) : std::next(each);
+  kept = {std::move(unit), set};
+  return true;
+}
+
+/// One whose sequence parameter set is not known is no decoder's business yet, and none takes it.
+bool ParameterSets::addPicture(Unit unit) {
+  PictureSet set;
+  if (!set.parse(unit)) return false;
+  const auto sequence = sequences_.find(set.sequenceId);
+  if (sequence == sequences_.end()) return true;
+  if (!PictureSet::fits(unit, sequence->second.set)) return false;
+  pictures_[set.id] = {std::move(unit), set};
+  return true;
 }
 
 std::vector<std::uint8_t> ParameterSets::annexB() const {
   std::vector<std::uint8_t> all;
-  for (const Unit& unit : units_) {
-    all.insert(all.end(), std::begin(startCode), std::end(startCode));
-    all.insert(all.end(), unit.begin(), unit.end());
-  }
+  for (const auto& [id, kept] : sequences_) append(all, kept.unit);
+  for (const auto& [id, kept] : pictures_) append(all, kept.unit);
   return all;
 }
 
 bool ParameterSets::arithmeticCoding() const {
-  return std::any_of(units_.begin(), units_.end(), [](const Unit& unit) {
-    if (typeOf(unit[0]) != NalType::Pps) return false;
-    BitReader bits(unit.data() + 1, unit.size() - 1);
-    bits.ue();  // its own number
-    bits.ue();  // its sequence parameter set's
-    return bits.bit() == 1;
-  });
+  return std::any_of(pictures_.begin(), pictures_.end(),
+                     [](const auto& each) { return each.second.set.arithmeticCoding; });
+}
+
+ParameterSets::Slice ParameterSets::lookAt(const std::uint8_t* data, std::size_t size) const {
+  const Unit header = unescaped(data + 1, std::min(size - 1, sliceHeader));
+  BitReader bits(header.data(), header.size());
+  bits.ue();  // its first macroblock
+  bits.ue();  // its type
+  const auto picture = pictures_.find(bits.ue());
+  if (picture == pictures_.end()) return {};
+  const SequenceSet& sequence = sequences_.at(picture->second.set.sequenceId).set;
+  if (!sequence.fields) return {sequence.supported(), false};
+  const unsigned before = sequence.frameNumberBits + (sequence.separatePlanes ? 2 : 0);
+  for (unsigned i = 0; i < before; ++i) bits.bit();
+  const bool field = bits.bit() != 0;
+  return {sequence.supported(), field || bits.overrun()};
 }
 
 }  // namespace codec

@@ -3,32 +3,55 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <vector>
+
+#include "codec/SequenceSet.h"
 
 namespace codec {
 
-/// The parameter sets that an H.264 stream has shown so far, so that a fresh decoder can go on in
-/// the middle of it.
+/// The parameter sets that an H.264 stream has shown so far, the last of each type and id, so that
+/// a fresh decoder can go on in the middle of it.
 class ParameterSets {
  public:
-  void clear() { units_.clear(); }
+  /// What they tell of a slice.
+  struct Slice {
+    bool supported = true;  ///< or there is no telling
+    bool field = false;     ///< is one's, or may be where its header is not whole
+  };
+
+  void clear();
 
   /// Takes the parameter sets out of Annex B bytes, or out of an avcC record.
   void add(const std::uint8_t* data, std::size_t size);
 
-  /// All of them in Annex B, in the order in which they were last seen.
+  /// Takes one NAL unit, from its header byte on.
+  /// @return false for a parameter set that no decoder takes: better not shown to one
+  bool addUnit(const std::uint8_t* data, std::size_t size);
+
+  /// All of them in Annex B.
   std::vector<std::uint8_t> annexB() const;
 
   /// Whether a picture may be coded arithmetically (CABAC).
   bool arithmeticCoding() const;
 
+  /// @param data  a slice's NAL unit, from its header byte on; the first few bytes will do
+  Slice lookAt(const std::uint8_t* data, std::size_t size) const;
+
  private:
   using Unit = std::vector<std::uint8_t>;  // header byte and payload
+  template <typename Set>
+  struct Kept {
+    Unit unit;
+    Set set;
+  };
 
-  void addUnit(const std::uint8_t* data, std::size_t size);
   void addRecord(const std::uint8_t* data, std::size_t size);
+  bool addSequence(Unit unit);
+  bool addPicture(Unit unit);
 
-  std::vector<Unit> units_;
+  std::map<unsigned, Kept<SequenceSet>> sequences_;
+  std::map<unsigned, Kept<PictureSet>> pictures_;
 };
 
 }  // namespace codec

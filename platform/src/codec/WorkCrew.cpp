@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <csignal>
-#include <system_error>
+#include <exception>
 
 namespace codec {
 
@@ -44,7 +44,7 @@ void WorkCrew::hire(unsigned helpers) {
   const SignalsBlocked blocked;
   try {
     while (helpers_.size() < helpers) helpers_.emplace_back([this] { help(); });
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {
     // The threads that there are will do.
   }
 }

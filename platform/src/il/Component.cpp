@@ -32,8 +32,14 @@ bool domainOf(OMX_INDEXTYPE index, OMX_PORTDOMAINTYPE& domain) {
   }
 }
 
-/// Enough for any run of commands, so that sending one allocates nothing.
+/// Enough for any run of commands, so that sending one allocates nothing; and for what the worker
+/// may raise between two looks at its events.
 constexpr std::size_t usualCommands = 16;
+
+template <typename Item>
+void keepRoom(std::vector<Item>& items, std::size_t room) {
+  if (items.capacity() - items.size() < room) items.reserve(2 * (items.size() + room));
+}
 
 }  // namespace
 
@@ -43,8 +49,13 @@ Component::Component(const Kind& kind, const OMX_CALLBACKTYPE& callbacks, OMX_PT
   fillTable(table_);
   table_.pComponentPrivate = this;
   table_.pApplicationPrivate = appData;
-  commands_.reserve(usualCommands);
-  events_.reserve(usualCommands);
+  makeRoom(usualCommands);
+}
+
+/// Room for so many more commands and for an event of each, before any of them is taken.
+void Component::makeRoom(std::size_t commands) {
+  keepRoom(commands_, commands);
+  keepRoom(events_, commands_.size() + commands + usualCommands);
 }
 
 Component& Component::of(OMX_HANDLETYPE handle) {
@@ -85,6 +96,7 @@ bool Component::commanded(OMX_COMMANDTYPE kind, OMX_U32 parameter) const {
 OMX_ERRORTYPE Component::sendCommand(OMX_COMMANDTYPE command, OMX_U32 parameter) {
   const Lock lock(mutex_);
   if (state_ == OMX_StateInvalid) return OMX_ErrorInvalidState;
+  makeRoom(ports_.size());
   switch (command) {
     case OMX_CommandStateSet:
       commands_.push_back({command, parameter});
@@ -299,6 +311,7 @@ OMX_ERRORTYPE Component::freeBuffer(OMX_U32 portIndex, OMX_BUFFERHEADERTYPE* hea
   } else if (buffer->place == Buffer::Place::Working) {
     return OMX_ErrorIncorrectStateOperation;
   }
+  makeRoom(0);
   const bool expected = !port->enabled() || commanded(OMX_CommandPortDisable, portIndex) ||
                         commanded(OMX_CommandStateSet, OMX_StateLoaded);
   if (buffer->place == Buffer::Place::Working) forget(lock, *port, OMX_CommandFlush);

@@ -144,6 +144,7 @@ class Component {
   // The worker's half.
   void run();
   void wake();
+  void makeRoom(std::size_t commands);
   void park(Lock& lock);
   Clock::time_point nextDue() const;
   bool advance(Lock& lock);
@@ -156,6 +157,7 @@ class Component {
   void deliver(Lock& lock, Port& port, Buffer& buffer, bool twice);
   void announce(Lock& lock, const Event& event);
   bool announceNext(Lock& lock);
+  bool keepLate(const Event& event);
   bool releaseDue(Lock& lock);
   bool step(Lock& lock);
   std::string describe(const Event& event) const;

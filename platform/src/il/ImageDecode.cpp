@@ -1,6 +1,8 @@
 #include "il/ImageDecode.h"
 
 #include <algorithm>
+#include <cstring>
+#include <new>
 
 namespace il {
 namespace {
@@ -36,6 +38,24 @@ void shape(OMX_PARAM_PORTDEFINITIONTYPE& definition, unsigned width, unsigned he
   image.nStride = static_cast<OMX_S32>(codec::roundUp(width, strideMultiple));
   image.nSliceHeight = codec::roundUp(height, sliceMultiple);
   definition.nBufferSize = static_cast<OMX_U32>(image.nStride) * image.nSliceHeight / 2 * 3;
+}
+
+/// Fills what a plane has beyond its picture with the last column and row, as the H.264 decoder
+/// does: nothing of an older picture shows there, and no edge.
+void pad(OMX_U8* plane, unsigned stride, unsigned rows, unsigned width, unsigned height) {
+  for (unsigned row = 0; row < height && width < stride; ++row) {
+    OMX_U8* const line = plane + std::size_t{row} * stride;
+    std::memset(line + width, line[width - 1], stride - width);
+  }
+  OMX_U8* const last = plane + std::size_t{height - 1} * stride;
+  for (unsigned row = height; row < rows; ++row)
+    std::memcpy(plane + std::size_t{row} * stride, last, stride);
+}
+
+void pad(const codec::Planes& planes, unsigned sliceHeight, unsigned width, unsigned height) {
+  pad(planes.y, planes.yStride, sliceHeight, width, height);
+  for (OMX_U8* const plane : {planes.u, planes.v})
+    pad(plane, planes.uvStride, sliceHeight / 2, (width + 1) / 2, (height + 1) / 2);
 }
 
 }  // namespace
@@ -96,7 +116,11 @@ bool ImageDecode::takeInput(Lock& lock) {
 void ImageDecode::gather(Lock& lock, Buffer& buffer) {
   const OMX_U32 size = buffer.header.nFilledLen;
   oversized_ = oversized_ || size > mostBytes - gathered_.size();
-  if (!oversized_) gathered_.insert(gathered_.end(), buffer.data(), buffer.data() + size);
+  try {
+    if (!oversized_) gathered_.insert(gathered_.end(), buffer.data(), buffer.data() + size);
+  } catch (const std::bad_alloc&) {
+    oversized_ = true;
+  }
   giveBack(lock, input(), buffer);
 }
 
@@ -146,11 +170,12 @@ bool ImageDecode::fill(Lock& lock) {
   buffer.prepare();
   const codec::Planes planes = codec::planesOf(
       buffer.header.pBuffer, static_cast<unsigned>(image.nStride), image.nSliceHeight);
-  const OMX_U32 bytes = neededBytes();
+  const OMX_U32 bytes = neededBytes(), sliceHeight = image.nSliceHeight;
   bool decoded = false;
   if (opened) {
     const Unlocked unlocked(lock);
     decoded = decoder_.decode(planes) != codec::JpegDecoder::Result::Unusable;
+    if (decoded) pad(planes, sliceHeight, decoder_.width(), decoder_.height());
   }
   buffer.header.nFilledLen = decoded ? bytes : 0;
   buffer.header.nFlags = OMX_BUFFERFLAG_EOS | OMX_BUFFERFLAG_ENDOFFRAME |

@@ -75,6 +75,18 @@ void Port::erase(Buffer& buffer) {
   definition.bPopulated = OMX_FALSE;
 }
 
+Buffer* Port::nextLeaving() const {
+  const auto at = [this](Buffer::Place place) -> Buffer* {
+    for (const auto& buffer : buffers)
+      if (buffer->leaving && buffer->place == place) return buffer.get();
+    return nullptr;
+  };
+  if (Buffer* const working = at(Buffer::Place::Working)) return working;
+  for (Buffer* const queued : queue)
+    if (queued->leaving) return queued;
+  return at(Buffer::Place::Held);
+}
+
 Format formatOf(const OMX_PARAM_PORTDEFINITIONTYPE& definition) {
   if (definition.eDomain == OMX_PortDomainVideo)
     return {static_cast<OMX_U32>(definition.format.video.eCompressionFormat),

@@ -36,6 +36,7 @@ struct Buffer {
 
   OMX_BUFFERHEADERTYPE header{};
   Place place = Place::Client;
+  bool leaving = false;     ///< on its way back with all others of its port
   Clock::time_point due{};  ///< while Held: when it goes back by itself
 
  private:
@@ -73,6 +74,8 @@ struct Port {
   void enqueue(Buffer& buffer);
   void unqueue(Buffer& buffer);
   void erase(Buffer& buffer);
+  /// The next buffer that leaves: those at work first, then the queue, then those held back.
+  Buffer* nextLeaving() const;
 
   OMX_PARAM_PORTDEFINITIONTYPE definition{};
   std::vector<Format> formats;

@@ -237,6 +237,8 @@ void VideoEncode::encode(Lock& lock, Buffer& buffer) {
     encoded = encoder_.encode(planes, microseconds(buffer.header.nTimeStamp), keyFrame);
   }
   if (!encoded) {
+    // What the encoder has lost no later frame may refer to.
+    started_ = false;
     raiseError(OMX_ErrorUndefined, inputPort);
     return;
   }

@@ -76,11 +76,12 @@ void Component::run() {
   }
 }
 
-/// One step of the component's work. The memory that a codec lacks ends the step, not the process.
+/// One step of the component's work. The memory or thread that a codec lacks ends the step, not the
+/// process.
 bool Component::step(Lock& lock) {
   try {
     return work(lock);
-  } catch (const std::bad_alloc&) {
+  } catch (const std::exception&) {
     raiseError(OMX_ErrorInsufficientResources, 0);
     return true;
   }
@@ -232,6 +233,7 @@ void Component::finish(const Command& command) {
 
 // ----------------------------------------------------------------------------------- events
 
+/// Within the room that sendCommand() keeps: the worker's own events find it without an allocation.
 void Component::raise(OMX_EVENTTYPE event, OMX_U32 data1, OMX_U32 data2) {
   events_.push_back({event, data1, data2});
 }
@@ -249,13 +251,20 @@ bool Component::announceNext(Lock& lock) {
   if (verdict.is(CompletionFault::Drop)) return true;
   if (verdict.is(CompletionFault::Delay)) {
     event.due = dueOf(verdict.fault);
-    lateEvents_.push_back(event);
-    return true;
+    if (keepLate(event)) return true;
   }
   if (verdict.is(CompletionFault::ErrorEvent)) event = {OMX_EventError, verdict.fault.code, 0};
   announce(lock, event);
   if (verdict.is(CompletionFault::Double)) announce(lock, event);
   return true;
+}
+
+/// @return false without memory: then the event is not late
+bool Component::keepLate(const Event& event) try {
+  lateEvents_.push_back(event);
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 void Component::announce(Lock& lock, const Event& event) {
@@ -314,21 +323,13 @@ void Component::deliver(Lock& lock, Port& port, Buffer& buffer, bool twice) {
 }
 
 /// Hands back everything that a port holds: what is being worked on, what waits, and what a fault
-/// holds back. A callback may free or submit buffers, so each is looked up again when its turn
-/// comes.
+/// holds back. A callback may free or submit buffers: what leaves is marked before the first of
+/// them, and looked up again each time.
 void Component::giveBackAll(Lock& lock, Port& port, OMX_COMMANDTYPE reason) {
   forget(lock, port, reason);
-  std::vector<const OMX_BUFFERHEADERTYPE*> headers;
-  const auto collect = [&](Buffer::Place place) {
-    for (const auto& buffer : port.buffers)
-      if (buffer->place == place) headers.push_back(&buffer->header);
-  };
-  collect(Buffer::Place::Working);
-  for (const Buffer* const buffer : port.queue) headers.push_back(&buffer->header);
-  collect(Buffer::Place::Held);
-  for (const OMX_BUFFERHEADERTYPE* const header : headers) {
-    Buffer* const buffer = port.find(header);
-    if (buffer == nullptr || buffer->place == Buffer::Place::Client) continue;
+  for (const auto& buffer : port.buffers) buffer->leaving = buffer->place != Buffer::Place::Client;
+  while (Buffer* const buffer = port.nextLeaving()) {
+    buffer->leaving = false;
     // A buffer that a fault has kept back so far meets no second one.
     if (buffer->place == Buffer::Place::Held) {
       deliver(lock, port, *buffer, false);

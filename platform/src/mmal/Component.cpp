@@ -4,6 +4,7 @@
 #include <cstring>
 #include <system_error>
 
+#include "interface/mmal/mmal_events.h"
 #include "mmal/ImageEncode.h"
 #include "mmal/Parameter.h"
 #include "mmal/VideoDecode.h"
@@ -106,6 +107,10 @@ void Component::awaitDelivery(const Header& header) {
 // The defaults are in place before the worker may look at them.
 void Component::start() {
   setRequirements();
+  // Where there is no memory, an error event must still find its buffer.
+  Header* const event = eventHeader(MMAL_EVENT_ERROR);
+  if (event == nullptr) throw std::bad_alloc();
+  event->release();
   for (Port* each : {inputPort_.get(), outputPort_.get()}) {
     each->format->encoding = each->committed.encoding;
     each->buffer_num = each->buffer_num_recommended;

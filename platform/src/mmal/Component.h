@@ -76,6 +76,9 @@ class Component : public MMAL_COMPONENT_T, public Home {
   /// The port was flushed or disabled: what the codec holds of its stream is void. With the lock
   /// held; the work itself is for the next step().
   virtual void drop(Port& port) = 0;
+  /// There was no memory, or thread, for a step(): what it worked on is lost. Gives the oldest
+  /// input buffer back, without the lock; an error event follows.
+  virtual void lose();
 
   // What a subclass uses on the worker, without the lock.
   /// The oldest buffer of a port, which stays there until finish(); null when there is none.
@@ -110,6 +113,7 @@ class Component : public MMAL_COMPONENT_T, public Home {
 
   // Worker's side.
   void run();
+  bool tryStep();
   bool serveRequests(Lock& held);
   void serve(Lock& held, Port& port);
   bool deliverDue(Lock& held);

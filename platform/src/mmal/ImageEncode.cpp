@@ -95,7 +95,8 @@ bool ImageEncode::step() {
   Header* const in = front(input0());
   if (in == nullptr) return false;
   const bool wanted = in->length > 0;
-  ready_ = wanted && encode(*in);
+  // A shortage costs the picture, whose buffer goes out empty; an error event would be for good.
+  ready_ = wanted && (encode(*in) || encoder_.lacksMemory());
   finish(input0());
   if (wanted && !ready_) raiseError(MMAL_EIO);
   return true;
@@ -129,7 +130,7 @@ bool ImageEncode::encode(const Header& in) {
 void ImageEncode::write(Header& out) {
   const std::size_t rest = encoder_.size() - written_;
   const std::size_t part = std::min<std::size_t>(rest, out.alloc_size);
-  std::memcpy(out.data, encoder_.data() + written_, part);
+  if (part > 0) std::memcpy(out.data, encoder_.data() + written_, part);
   out.length = static_cast<std::uint32_t>(part);
   out.pts = pts_;
   if (written_ == 0) out.flags |= MMAL_BUFFER_HEADER_FLAG_FRAME_START;

@@ -47,8 +47,7 @@ Header* Queue::wait() {
 Header* Queue::wait(std::chrono::milliseconds limit) {
   std::unique_lock<std::mutex> lock(mutex_);
   ++waiters_;
-  filled_.wait_until(lock, std::chrono::system_clock::now() + limit,
-                     [this] { return !headers_.empty(); });
+  filled_.wait_for(lock, limit, [this] { return !headers_.empty(); });
   --waiters_;
   return take();
 }

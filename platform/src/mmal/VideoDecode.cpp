@@ -1,6 +1,7 @@
 #include "mmal/VideoDecode.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <new>
 
@@ -11,6 +12,7 @@ namespace mmal {
 namespace {
 
 constexpr auto patience = std::chrono::milliseconds(500);
+constexpr auto retry = std::chrono::milliseconds(10);
 constexpr std::uint32_t recommendedInput = 80 * 1024;
 constexpr std::uint32_t noPicture = 1;  ///< smallest buffer while the size is unknown
 
@@ -98,8 +100,8 @@ std::vector<MMAL_FOURCC_T> VideoDecode::encodings(const Port& target) const {
 }
 
 bool VideoDecode::step() {
-  if (restart_ && !restart()) return false;
-  if (takePicture()) return show();
+  if (restart_ == Restart::No && takePicture()) return show();
+  complain();
   if (ending_) {
     Header* const out = front(output0());
     if (out == nullptr) return false;
@@ -110,15 +112,24 @@ bool VideoDecode::step() {
   }
   Header* const in = front(input0());
   if (in == nullptr) return false;
+  if (restart_ != Restart::No && !restart()) throw std::bad_alloc();
   feed(*in);
   finish(input0());
   return true;
 }
 
-// Waits for the first input: until then the client may still commit a format with new parameter
-// sets.
+// What the decoder had of the stream went with the memory: it goes on with the next key frame.
+void VideoDecode::lose() {
+  if (restart_ == Restart::No) restart_ = Restart::KnowingItsSets;
+  held_ = false;
+  const Header* const in = front(input0());
+  ending_ = ending_ || (in != nullptr && (in->flags & MMAL_BUFFER_HEADER_FLAG_EOS) != 0);
+  Component::lose();
+}
+
+// At the first input: until then the client may still commit a format with new parameter sets.
 bool VideoDecode::restart() {
-  if (front(input0()) == nullptr) return false;
+  const bool anew = restart_ == Restart::Anew;
   std::vector<std::uint8_t> extraData;
   {
     const auto held = lock();
@@ -126,9 +137,18 @@ bool VideoDecode::restart() {
     if (format.extradata != nullptr)
       extraData.assign(format.extradata, format.extradata + format.extradata_size);
   }
-  restart_ = held_ = ending_ = false;
-  if (!decoder_.open(extraData.data(), extraData.size())) raiseError(MMAL_EIO);
+  if (!(anew ? decoder_.open(extraData.data(), extraData.size()) : decoder_.reopen())) return false;
+  restart_ = Restart::No;
+  complained_ = complained_ && !anew;
   return true;
+}
+
+// Pictures that the codec cannot decode never come, which looks like a stream without any.
+void VideoDecode::complain() {
+  if (complained_ || decoder_.error().empty()) return;
+  std::fprintf(stderr, "vc.ril.video_decode cannot decode the stream: %s\n",
+               decoder_.error().c_str());
+  complained_ = true;
 }
 
 // Makes picture_ the next to go out. @return false when the decoder has none
@@ -174,7 +194,10 @@ bool VideoDecode::keepOrLeaveOut() {
 
 bool VideoDecode::announce() {
   Header* const event = eventHeader(MMAL_EVENT_FORMAT_CHANGED);
-  if (event == nullptr) return false;
+  if (event == nullptr) {
+    tryAgainAt(std::chrono::steady_clock::now() + retry);
+    return false;
+  }
   static_assert(sizeof(FormatChanged) <= 512, "an event header holds every event");
   auto* const change = new (event->data) FormatChanged;
   describe(*change, picture_.width, picture_.height);
@@ -213,7 +236,10 @@ void VideoDecode::feed(const Header& in) {
 // A gap in the input starts the stream anew. Giving the output buffers back loses no picture: that
 // is how a client follows a change of size.
 void VideoDecode::drop(Port& target) {
-  if (target.isInput()) restart_ = true;
+  if (target.isInput()) {
+    restart_ = Restart::Anew;
+    held_ = ending_ = false;
+  }
   if (target.isOutput()) announced_ = false;
 }
 

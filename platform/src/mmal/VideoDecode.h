@@ -24,11 +24,13 @@ class VideoDecode final : public Component {
   std::vector<MMAL_FOURCC_T> encodings(const Port& target) const override;
   bool step() override;
   void drop(Port& target) override;
+  void lose() override;
 
   bool restart();
   bool takePicture();
   bool show();
   void feed(const Header& in);
+  void complain();
   bool keepOrLeaveOut();
   bool announce();
   void write(Header& out, unsigned stride, unsigned sliceHeight) const;
@@ -38,8 +40,10 @@ class VideoDecode final : public Component {
   bool held_ = false;       ///< picture_ waits to go out
   bool announced_ = false;  ///< its size was told; the output port has not been set up since
   std::chrono::steady_clock::time_point patience_;  ///< how long it is kept
-  bool ending_ = false;  ///< the end of the stream is yet to be passed on
-  bool restart_ = true;  ///< the stream starts anew
+  bool ending_ = false;      ///< the end of the stream is yet to be passed on
+  bool complained_ = false;  ///< of this stream
+  enum class Restart { No, Anew, KnowingItsSets };
+  Restart restart_ = Restart::Anew;  ///< before the next input is fed
 };
 
 }  // namespace mmal

@@ -207,7 +207,12 @@ bool VideoEncode::encode(const Header& in) {
     planes.u += y / 2 * planes.uvStride + x / 2;
     planes.v += y / 2 * planes.uvStride + x / 2;
   }
-  if (!encoder_.encode(planes, in.pts, forceKeyFrame)) return false;
+  if (!encoder_.encode(planes, in.pts, forceKeyFrame)) {
+    // What the encoder has lost no later frame may refer to.
+    const auto held = lock();
+    reopen_ = true;
+    return false;
+  }
   if (encoder_.size() == 0) return true;
   frame_ = Outgoing{};
   frame_.data = encoder_.data();

@@ -70,8 +70,7 @@ void Component::evict(Port& holder, Header& header) {
 void Component::settle() {
   if (onOwnWorker()) return;
   Lock held(mutex_);
-  changed_.wait_until(held, std::chrono::system_clock::now() + std::chrono::seconds(1),
-                      [this] { return asleep_ && !busy(); });
+  changed_.wait_for(held, std::chrono::seconds(1), [this] { return asleep_ && !busy(); });
 }
 
 bool Component::busy() const {
@@ -103,7 +102,7 @@ void Component::run() {
     stirred_ = false;
     stepping_ = true;
     held.unlock();
-    const bool more = step();
+    const bool more = tryStep();
     held.lock();
     stepping_ = false;
     stirred_ = stirred_ || more;
@@ -113,6 +112,16 @@ void Component::run() {
   if (!orphaned_) return;
   worker_.detach();
   delete this;
+}
+
+bool Component::tryStep() try { return step(); } catch (const std::exception&) {
+  lose();
+  raiseError(MMAL_ENOMEM);
+  return true;
+}
+
+void Component::lose() {
+  if (front(*inputPort_) != nullptr) finish(*inputPort_);
 }
 
 Component::Clock::time_point Component::nextDue() const {
@@ -132,7 +141,7 @@ void Component::sleep(Lock& held) {
   if (next == never)
     wake_.wait(held);
   else
-    wake_.wait_until(held, std::chrono::system_clock::now() + (next - Clock::now()));
+    wake_.wait_until(held, next);
   asleep_ = false;
   if (alarm_ > Clock::now()) return;
   alarm_ = never;

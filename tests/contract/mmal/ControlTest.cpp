@@ -1,7 +1,10 @@
 // How the software platform's MMAL half ends while faults hold it up.
 
+#include <chrono>
+
 #include "Rig.h"
 #include "support/FaultTest.h"
+#include "support/VirtualTime.h"
 
 namespace {
 
@@ -29,6 +32,20 @@ TEST_F(Control, LateAndLostBuffersComeBackWhenThePortIsDisabled) {
   EXPECT_FALSE(rig->take(100).came);
   rig->stop();
   EXPECT_EQ(rig->inputsBack, 2);
+  rig->expectOutputsBack();
+}
+
+TEST_F(Control, WhatIsLateComesByTheSteadyClock) {
+  using namespace std::chrono_literals;
+  const support::VirtualTime time;
+  const auto rig = running();
+  support::inject(support::delay("output", 1, 150));
+  ASSERT_TRUE(rig->feedScene(0));
+  support::VirtualTime::setWallClock(-30s, 50ms);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(rig->take(1000).came);
+  EXPECT_EQ(std::chrono::steady_clock::now() - start, 150ms);
+  rig->stop();
   rig->expectOutputsBack();
 }
 
