@@ -136,8 +136,9 @@ bool ImageEncode::work(Lock& lock) {
     if (encoded) std::memcpy(to.header.pBuffer, encoder_.data(), encoder_.size());
   }
   to.header.nFilledLen = encoded ? static_cast<OMX_U32>(encoder_.size()) : 0;
-  to.header.nFlags = (from.header.nFlags & OMX_BUFFERFLAG_EOS) |
-                     (encoded ? OMX_BUFFERFLAG_ENDOFFRAME : OMX_BUFFERFLAG_DATACORRUPT);
+  // A picture that could not be encoded is one that ended without data.
+  to.header.nFlags = (from.header.nFlags & OMX_BUFFERFLAG_EOS) | OMX_BUFFERFLAG_ENDOFFRAME |
+                     (encoded ? 0 : OMX_BUFFERFLAG_DATACORRUPT);
   to.header.nTimeStamp = from.header.nTimeStamp;
   giveBack(lock, input(), from);
   giveBack(lock, output(), to);
