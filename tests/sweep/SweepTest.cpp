@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <iostream>
+#include <string>
 
 #include "Engine.h"
 
@@ -26,7 +27,9 @@ TEST_P(Sweep, EveryFaultIsTakenWell) {
     std::vector<Point> chosen;
     for (const Point& point : record(subject, scenario))
       if (number++ % share() == 0) chosen.push_back(point);
-    EXPECT_FALSE(chosen.empty()) << scenario.name;
+    // An MMAL JPEG encoder asks nothing of the platform before its first picture.
+    const bool lazy = subject.name == std::string("CMmalJpegEncoder");
+    EXPECT_EQ(chosen.empty(), lazy && &scenario == &scenarios().front()) << scenario.name;
     for (const Verdict& verdict : sweep(subject, scenario, chosen)) {
       ++points;
       met += verdict.met;
