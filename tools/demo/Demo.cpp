@@ -19,7 +19,6 @@ namespace {
 constexpr int pictures = 20;
 constexpr int frames = 60;
 constexpr unsigned bitrate = 4000000;
-constexpr unsigned fourccI420 = 0x30323449;
 
 class Stopwatch {
  public:
@@ -111,15 +110,6 @@ void poolRow(Table& table, DecoderPool& pool, Bytes jpeg) {
             lumaPsnr(seen, truth.data()), "read in place");
 }
 
-/// One frame's data: every buffer up to the one that holds a coded slice.
-bool holdsSlice(const unsigned char* data, unsigned size) {
-  for (unsigned i = 0; i + 3 < size; ++i)
-    if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1 &&
-        ((data[i + 3] & 31) == 1 || (data[i + 3] & 31) == 5))
-      return true;
-  return false;
-}
-
 /// The stream, and where each frame ends in it.
 struct Clip {
   Bytes stream;
@@ -156,7 +146,7 @@ double decode(IH264Decoder& decoder, const Clip& clip, double& ms, int& lag) {
 }
 
 Clip videoRow(Table& table, IH264Decoder& decoder, const char* name, Owned<IH264Encoder> encoder) {
-  if (!encoder->Create(fourccI420, width, height, 30, 1, 1, 1, bitrate)) fail(name);
+  if (!encoder->Create(tessera::fourccI420, width, height, 30, 1, 1, 1, bitrate)) fail(name);
   Clip clip;
   Bytes data(pictureBytes);
   double ms = 0;
@@ -171,7 +161,7 @@ Clip videoRow(Table& table, IH264Decoder& decoder, const char* name, Owned<IH264
           encoder->ProcessOutput(data.data(), static_cast<unsigned>(data.size()), size, flags);
       if (status == CodecTimeout) continue;  // a busy machine
       if (status != CodecOk) fail(name);
-      whole = holdsSlice(data.data(), size);
+      whole = tessera::HasPicture(data.data(), size);
       clip.stream.insert(clip.stream.end(), data.begin(), data.begin() + size);
     }
     ms += watch.milliseconds();

@@ -1,6 +1,8 @@
 #ifndef TESSERA_TOOLS_FRAMELAYOUT_H
 #define TESSERA_TOOLS_FRAMELAYOUT_H
 
+#include <tessera/Basics.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -27,7 +29,7 @@ struct FrameSize {
   }
   bool operator!=(const FrameSize& other) const { return !(*this == other); }
   /// The size that the codecs work on: width to a multiple of 32, height to one of 16.
-  FrameSize rounded() const { return {(width + 31) & ~31, (height + 15) & ~15}; }
+  FrameSize rounded() const { return {tessera::PaddedWidth(width), tessera::PaddedHeight(height)}; }
   std::string text() const { return std::to_string(width) + "x" + std::to_string(height); }
 };
 

@@ -1,3 +1,4 @@
+#include <tessera/Basics.h>
 #include <tessera/IH264Decoder.h>
 
 #include <algorithm>
@@ -118,8 +119,8 @@ class H264Decoding {
           data, static_cast<unsigned>(size), picture.width, picture.height, flags, milliseconds);
       if (status == CodecOk) return;
       if (status != CodecTimeout)
-        throw Failure("the decoder refused data of " + input_.name() + " (status " +
-                      std::to_string(status) + ")");
+        throw Failure("the decoder refused data of " + input_.name() + " (" +
+                      tessera::StatusText(status) + ")");
       std::lock_guard<std::mutex> lock(mutex_);
       if (stopped_) throw Stopped();
       // Where the writing waits for a slow reader the decoder has to wait too.
@@ -131,8 +132,8 @@ class H264Decoding {
   /// Makes the decoder hand out what it holds for reordering. It has taken that in once it takes
   /// another input; a set-up leaves one input more that it takes without having had the one before.
   void endSequence(FrameSize picture) {
-    std::uint8_t endOfSequence[] = {0, 0, 0, 1, 0x0A};
-    for (int i = 0; i < setUps_ + 1; ++i) feed(endOfSequence, sizeof endOfSequence, picture, 0, 0);
+    auto end = tessera::endOfSequence;
+    for (int i = 0; i < setUps_ + 1; ++i) feed(end.data(), end.size(), picture, 0, 0);
     std::lock_guard<std::mutex> lock(mutex_);
     sequenceEnded_ = true;
     emptyDrains_ = 0;
@@ -199,8 +200,8 @@ class H264Decoding {
         if (nothingCame()) return;
       } else {
         throw Failure("the pictures in " + input_.name() + " are not " + size_.text() +
-                      " as its parameter sets say (" + std::to_string(size) + " bytes, status " +
-                      std::to_string(status) + ")");
+                      " as its parameter sets say (" + std::to_string(size) + " bytes, " +
+                      tessera::StatusText(status) + ")");
       }
     }
   }

@@ -1,3 +1,4 @@
+#include <tessera/Basics.h>
 #include <tessera/CMmalH264Encoder.h>
 #include <tessera/COmxH264Encoder.h>
 
@@ -7,7 +8,6 @@
 #include <limits>
 #include <memory>
 
-#include "AnnexB.h"
 #include "Commands.h"
 #include "Failure.h"
 #include "InputFile.h"
@@ -20,8 +20,6 @@
 namespace tool {
 namespace {
 
-constexpr unsigned fourccI420 = 0x30323449;
-constexpr unsigned fourccYuyv = 0x56595559;
 /// How long the encoder may take no frame before it counts as dead.
 constexpr std::chrono::seconds inputPatience{10};
 /// How long frames that are still missing at the end may take.
@@ -40,12 +38,6 @@ struct Plan {
 unsigned fittingBitrate(FrameSize size, const Ratio& rate) {
   const double bits = 0.14 * size.width * size.height * rate.value();
   return static_cast<unsigned>(std::clamp(bits, 100e3, 25e6));
-}
-
-/// Both classes ask the component for a byte a pixel of the size that they code.
-std::size_t smallestBuffer(Via via, FrameSize size) {
-  if (via == Via::Omx) size = size.rounded();
-  return static_cast<std::size_t>(size.width) * static_cast<std::size_t>(size.height);
 }
 
 Plan makePlan(const Arguments& arguments, InputFile& input) {
@@ -84,7 +76,7 @@ class H264Encoding {
         output_(output),
         source_(*plan.source),
         progress_(arguments),
-        joiner_(smallestBuffer(arguments.via, source_.size())),
+        pieces_(source_.size().width, source_.size().height),
         piece_(frameBytes(PixelFormat::I420, source_.size().rounded()) + (1u << 20)),
         writer_(StreamWriter::make(output, container,
                                    {plan.coded, plan.rate, plan.aspect, plan.bitrate})) {
@@ -131,7 +123,8 @@ class H264Encoding {
     // CMmalH264Encoder lays YUYV out itself.
     if (!omx && source_.format() == PixelFormat::Yuyv) layout_ = FrameSource::Layout::Packed;
     encoder_.reset(omx ? new COmxH264Encoder : CreateEncoderH264());
-    const unsigned fourcc = source_.format() == PixelFormat::Yuyv ? fourccYuyv : fourccI420;
+    const unsigned fourcc =
+        source_.format() == PixelFormat::Yuyv ? tessera::fourccYuyv : tessera::fourccI420;
     if (!encoder_->Create(fourcc, size.width, size.height, rate.num, rate.den, plan.aspect.num,
                           plan.aspect.den, plan.bitrate))
       throw Failure("the encoder does not take " + size.text() + " at " + std::to_string(rate.num) +
@@ -150,48 +143,51 @@ class H264Encoding {
       }
       if (status != CodecTimeout && status != CodecNoBuffer)
         throw Failure("the encoder refused frame " + std::to_string(fed_ + 1) + " of " +
-                      input_.name() + " (status " + std::to_string(status) + ")");
+                      input_.name() + " (" + tessera::StatusText(status) + ")");
       // It may be waiting for room in its output.
-      takeFrame();
+      takePiece();
     } while (Clock::now() - start < inputPatience);
     throw Failure("the encoder has stopped taking frames after " + std::to_string(fed_));
   }
 
-  /// Takes what belongs to the frames fed so far. A frame whose output does not come in time is
-  /// late or was dropped; which of the two shows later.
+  /// Takes what belongs to the frames fed so far, but for what may follow the last one's first
+  /// piece: waiting for that could be in vain. A frame whose output does not come in time is late
+  /// or was dropped; which of the two shows later.
   void collect() {
-    while (progress_.frames() + missing_ < fed_)
-      if (!takeFrame()) missing_ = fed_ - progress_.frames();
+    while (pieces_.Begun() + missing_ < fed_)
+      if (!takePiece()) missing_ = fed_ - pieces_.Begun();
   }
 
   void collectRest() {
     auto last = Clock::now();
-    while (progress_.frames() < fed_ && Clock::now() - last < outputPatience)
-      if (takeFrame()) last = Clock::now();
+    while ((pieces_.Begun() < fed_ || pieces_.MayGoOn()) && Clock::now() - last < outputPatience)
+      if (takePiece()) last = Clock::now();
+    writeFrame();
   }
 
-  /// Takes one whole frame and writes it. @return false when none came within 100 ms
-  bool takeFrame() {
-    while (joiner_.state() != FrameJoiner::State::Complete) {
-      unsigned size = 0, flags = 0;
-      const CodecStatus status =
-          encoder_->ProcessOutput(piece_.data(), static_cast<unsigned>(piece_.size()), size, flags);
-      if (status == CodecOk) {
-        keyFrame_ = keyFrame_ || (flags & 1);
-        joiner_.add(piece_.data(), size);
-      } else if (status != CodecTimeout && status != CodecNoBuffer) {
-        throw Failure("the encoder failed after frame " + std::to_string(progress_.frames()) +
-                      " (status " + std::to_string(status) + ")");
-      } else if (joiner_.state() == FrameJoiner::State::InDoubt) {
-        joiner_.nothingCame();
-      } else {
-        return false;
-      }
-    }
-    writer_->write(joiner_.take(), keyFrame_);
+  /// Takes a buffer of the encoder and writes the frames that it completes.
+  /// @return false when none came within the encoder's limit
+  bool takePiece() {
+    unsigned size = 0, flags = 0;
+    const CodecStatus status =
+        encoder_->ProcessOutput(piece_.data(), static_cast<unsigned>(piece_.size()), size, flags);
+    if (status == CodecTimeout || status == CodecNoBuffer) return false;
+    if (status != CodecOk)
+      throw Failure("the encoder failed after frame " + std::to_string(progress_.frames()) + " (" +
+                    tessera::StatusText(status) + ")");
+    if (pieces_.Add(piece_.data(), size)) writeFrame();
+    frame_.insert(frame_.end(), piece_.begin(), piece_.begin() + size);
+    keyFrame_ = keyFrame_ || (flags & 1);
+    if (!pieces_.MayGoOn()) writeFrame();
+    return true;
+  }
+
+  void writeFrame() {
+    if (frame_.empty()) return;
+    writer_->write(frame_, keyFrame_);
+    frame_.clear();
     keyFrame_ = false;
     progress_.frame(input_.fraction());
-    return true;
   }
 
   struct EncoderRelease {
@@ -202,7 +198,8 @@ class H264Encoding {
   OutputFile& output_;
   FrameSource& source_;
   Progress progress_;
-  FrameJoiner joiner_;
+  tessera::EncodedFrames pieces_;
+  std::vector<std::uint8_t> frame_;  ///< what has come of the one at hand
   std::vector<std::uint8_t> piece_;
   std::unique_ptr<StreamWriter> writer_;
   std::unique_ptr<IH264Encoder, EncoderRelease> encoder_;

@@ -1,5 +1,6 @@
 #include <dlfcn.h>
 #include <sys/wait.h>
+#include <tessera/Basics.h>
 #include <tessera/CMmalJpegEncoder.h>
 #include <tessera/COmxH264Encoder.h>
 #include <tessera/COmxJpegEncoder.h>
@@ -16,7 +17,6 @@
 #include <string>
 #include <vector>
 
-#include "AnnexB.h"
 #include "AvSupport.h"
 #include "Commands.h"
 #include "Failure.h"
@@ -49,16 +49,16 @@ Bytes encodeJpegWith() {
 Bytes encodeH264(IH264Encoder* owned) {
   const std::unique_ptr<IH264Encoder, int (*)(IH264Encoder*)> encoder(owned, ReleaseEncoderH264);
   Bytes frame(width * height * 3 / 2, 128), piece(1 << 20), stream;
-  if (!encoder->Create(0x30323449, width, height, 30, 1, 1, 1, 500000)) return {};
+  if (!encoder->Create(tessera::fourccI420, width, height, 30, 1, 1, 1, 500000)) return {};
   if (encoder->ProcessInput(frame.data(), static_cast<unsigned>(frame.size()), 0, 0) != CodecOk)
     return {};
-  for (int tries = 0; tries < 20 && !hasSlice(stream.data(), stream.size()); ++tries) {
+  for (int tries = 0; tries < 20 && !tessera::HasPicture(stream.data(), stream.size()); ++tries) {
     unsigned size = 0, flags = 0;
     if (encoder->ProcessOutput(piece.data(), static_cast<unsigned>(piece.size()), size, flags) ==
         CodecOk)
       stream.insert(stream.end(), piece.begin(), piece.begin() + size);
   }
-  return hasSlice(stream.data(), stream.size()) ? stream : Bytes();
+  return tessera::HasPicture(stream.data(), stream.size()) ? stream : Bytes();
 }
 
 bool decodesJpeg() {
