@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "codec/ChromaFold.h"
+#include "codec/Environment.h"
 #include "codec/JpegError.h"
 #include "codec/JpegScans.h"
 
@@ -139,6 +140,8 @@ const char* JpegDecoder::Impl::objection() const {
   const bool manyScans = jpeg_has_multiple_scans(const_cast<j_decompress_ptr>(&cinfo)) != 0;
   if (manyScans && findScans(data, size).count > limits.scans)
     return "more scans than the limit allows";
+  if (hasBoardLimits() && (cinfo.progressive_mode || cinfo.arith_code))
+    return "the board takes baseline pictures only";
   if (!manyScans && !hasItsTables()) return "a quantisation table is missing";
   return nullptr;
 }
