@@ -3,6 +3,7 @@
 #include <ostream>
 
 #include "Shell.h"
+#include "support/JpegOracle.h"
 
 namespace {
 
@@ -28,6 +29,9 @@ class UsageTest : public ToolTest, public testing::WithParamInterface<Refusal> {
     save("cut.y4m", cut);
     save("claims.jpg",
          {0xFF, 0xD8, 0xFF, 0xC0, 0, 11, 8, 0xFF, 0, 0xFF, 0, 1, 1, 0x11, 0, 0xFF, 0xD9});
+    save("large", support::Bytes(2048 * 1152 * 3 / 2, 100));
+    save("scans.jpg",
+         support::encodeJpeg(support::scene(64, 48), support::Sampling::Yuv420, 90, true));
     std::filesystem::create_directory(directory_ + "/folder");
   }
 };
@@ -72,6 +76,15 @@ constexpr Refusal refusals[] = {
     {"ClosedOutput", "tessera jpeg-encode --size 64x48 --format yuyv frame.raw -o - >&-", 1,
      "standard output: it is closed"},
     {"BeyondTheLimit", "tessera jpeg-decode claims.jpg -o out.y4m", 1, "67108864 altogether"},
+    {"TooLargeForABoard",
+     "TESSERA_BOARD_LIMITS=1 tessera h264-encode --size 2048x1152 --format i420 large -o out.h264",
+     1, "does not take 2048x1152"},
+    {"TooFastForABoard",
+     "TESSERA_BOARD_LIMITS=1 tessera h264-encode --size 1536x1536 --format i420 --via omx "
+     "--rate 60 large -o out.h264",
+     1, "does not take 1536x1536"},
+    {"ProgressiveOnABoard", "TESSERA_BOARD_LIMITS=1 tessera jpeg-decode scans.jpg -o out.y4m", 1,
+     "cannot be decoded"},
     {"NoJpeg", "tessera jpeg-decode text -o out.y4m", 1, "text holds no JPEG"},
     {"RawWithoutSize", "tessera h264-encode frame.raw -o out.h264", 2, "not Y4M"},
     {"Y4mOf422", "tessera h264-encode y4m422 -o out.h264", 1, "-pix_fmt yuv420p"},
@@ -110,6 +123,10 @@ TEST_F(ToolTest, InfoTellsThatEveryClassWorks) {
   ASSERT_EQ(result.status, 0) << result.err << result.out;
   const auto report = nlohmann::json::parse(result.out);
   EXPECT_EQ(report["classes"].size(), 6u);
+  if (report["platform"] == "software") {
+    EXPECT_NE(report["why_not_board"].get<std::string>(), "");
+    EXPECT_GE(report["board_refuses"].size(), 4u);
+  }
   for (const auto& entry : report["classes"]) EXPECT_TRUE(entry["works"].get<bool>()) << entry;
   EXPECT_NE(run("tessera info").out.find("platform: " + report["platform"].get<std::string>()),
             std::string::npos);

@@ -148,8 +148,9 @@ class H264Encoding {
     if (!encoder_->Create(fourcc, size.width, size.height, rate.num, rate.den, plan.aspect.num,
                           plan.aspect.den, plan.bitrate))
       throw Failure("the encoder does not take " + size.text() + " at " + std::to_string(rate.num) +
-                    "/" + std::to_string(rate.den) +
-                    " frames a second; 'tessera info' tells whether the platform works");
+                    "/" + std::to_string(rate.den) + " frames a second and " +
+                    std::to_string(plan.bitrate) +
+                    " bits a second; 'tessera info' tells what the platform takes");
   }
 
   void feed(std::vector<std::uint8_t>& frame) {
