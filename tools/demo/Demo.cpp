@@ -31,12 +31,40 @@ class Stopwatch {
   Clock::time_point start_ = Clock::now();
 };
 
-/// Data goes to the real standard output; what the library says of its states does not.
+/// What the library prints goes to a file, and is shown where something fails.
+class HeldLines {
+ public:
+  HeldLines() : stdout_(dup(STDOUT_FILENO)), stderr_(dup(STDERR_FILENO)), kept_(std::tmpfile()) {
+    if (kept_ == nullptr) return;
+    dup2(fileno(kept_), STDOUT_FILENO);
+    dup2(fileno(kept_), STDERR_FILENO);
+  }
+
+  int standardOutput() const { return stdout_; }
+
+  void show() {
+    std::fflush(stdout);
+    dup2(stderr_, STDERR_FILENO);
+    if (kept_ == nullptr) return;
+    std::rewind(kept_);
+    for (int c; (c = std::getc(kept_)) != EOF;) std::fputc(c, stderr);
+  }
+
+ private:
+  int stdout_;
+  int stderr_;
+  std::FILE* kept_;
+};
+
+HeldLines& heldLines() {
+  static HeldLines lines;
+  return lines;
+}
+
+/// Data goes to the real standard output.
 class Table {
  public:
-  Table() : out_(fdopen(dup(STDOUT_FILENO), "w")) {
-    if (out_ == nullptr || std::freopen("/dev/null", "w", stdout) == nullptr)
-      std::perror("standard output");
+  Table() : out_(fdopen(heldLines().standardOutput(), "w")) {
     std::fprintf(out_, "%-17s %-16s %-10s %10s %9s %9s  %s\n", "class", "work", "size", "bytes",
                  "ms/frame", "PSNR dB", "remark");
   }
@@ -56,6 +84,7 @@ class Table {
 };
 
 [[noreturn]] void fail(const char* what) {
+  heldLines().show();
   std::fprintf(stderr, "tessera_demo: %s failed\n", what);
   std::exit(1);
 }
