@@ -103,7 +103,7 @@ TEST_P(RecordingTest, EndedByASignalCanBePlayed) {
       "out" +
       std::string(ending) +
       " & tool=$!; "
-      "until [ $(cat out.part-* 2>/dev/null | wc -c) -ge 900 ]; do sleep 0.02; done; sleep 0.2; "
+      "until [ $(cat out.part-* 2>/dev/null | wc -c) -ge 900 ]; do sleep 0.02; done; "
       "kill -" +
       signal +
       " $tool; wait $tool; status=$?; kill $feeder; rm feed; "
@@ -113,13 +113,13 @@ TEST_P(RecordingTest, EndedByASignalCanBePlayed) {
   EXPECT_EQ(result.status, signal == std::string("INT") ? 130 : killed ? 137 : 143) << result.err;
   EXPECT_EQ(result.out, killed ? "part\n" : "");
   if (!killed) {
-    EXPECT_NE(result.err.find("interrupted; out" + std::string(ending) + " holds the 3 frames"),
+    EXPECT_NE(result.err.find("interrupted; out" + std::string(ending) + " holds the "),
               std::string::npos)
         << result.err;
   }
   succeed("tessera h264-decode out" + std::string(ending) + " -o out.y4m");
   const std::size_t kept = fromY4m(load("out.y4m")).pictures.size();
-  EXPECT_GE(kept, killed ? 1u : 3u);
+  EXPECT_GE(kept, 1u);
   EXPECT_LE(kept, 3u);
 }
 

@@ -20,9 +20,8 @@ void Ending::check(std::uint64_t frames) const {
 
 void Ending::tell(std::uint64_t frames, const std::string& output) const {
   if (isEarly())
-    fail("; " + output + " holds " +
-         (frames == 1 ? "the frame" : "the " + std::to_string(frames) + " frames") +
-         " from before that");
+    fail("; " + output + " holds the " +
+         (frames == 1 ? "frame" : std::to_string(frames) + " frames") + " that came before");
 }
 
 }  // namespace tool
