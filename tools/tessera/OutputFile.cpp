@@ -90,11 +90,14 @@ void OutputFile::openPart(const std::string& path) {
   if (pattern.size() >= sizeof pending) fail("create", ENAMETOOLONG);
 
   fd_ = mkostemps(pattern.data(), static_cast<int>(ending.size()), O_CLOEXEC);
-  if (fd_ < 0 && errno != ENOENT && access(path.c_str(), W_OK) == 0)
+  if (fd_ < 0) {
+    const int error = errno;
+    if (access(path.c_str(), W_OK) != 0) fail("create", error);
     throw Failure("cannot write " + name_ +
-                  ": its folder takes no new file, which it is written to until it is complete (" +
-                  std::strerror(errno) + "); write to another folder, or through -o -");
-  if (fd_ < 0) fail("create", errno);
+                  ": its folder takes no new file, and until it is complete "
+                  "it is one (" +
+                  std::strerror(error) + "); write to another folder, or through -o -");
+  }
   std::memcpy(pending, pattern.c_str(), pattern.size() + 1);
   owned_ = true;
   target_ = path;
