@@ -17,7 +17,6 @@
 #include "Ending.h"
 #include "Failure.h"
 #include "InputFile.h"
-#include "Interrupt.h"
 #include "OutputFile.h"
 #include "PictureWriter.h"
 #include "Progress.h"
@@ -96,8 +95,11 @@ class H264Decoding {
     for (const auto& [what, count] : notes)
       if (count > 0) totals.notes[what] = count;
     progress_.finish(totals);
-    if (!reader_.cut().empty() && Interrupt::signal() == 0) throw Failure(reader_.cut());
-    Ending().tell(progress_.frames(), output.name());
+    Ending ending;
+    ending.read([this] {
+      if (!reader_.cut().empty()) throw InputCut(reader_.cut());
+    });
+    ending.tell(progress_.frames(), output.name());
   }
 
  private:
@@ -160,8 +162,17 @@ class H264Decoding {
     return count;
   }
 
+  /// In pieces that the decoder takes as a whole or, when it times out, not at all.
   void feed(std::uint8_t* data, std::size_t size, FrameSize picture, unsigned flags,
             std::uint64_t milliseconds) {
+    const std::size_t most = tessera::DecoderBufferSize(picture.width, picture.height);
+    for (; size > most; data += most, size -= most)
+      feedPiece(data, most, picture, flags, milliseconds);
+    feedPiece(data, size, picture, flags, milliseconds);
+  }
+
+  void feedPiece(std::uint8_t* data, std::size_t size, FrameSize picture, unsigned flags,
+                 std::uint64_t milliseconds) {
     const auto start = Clock::now();
     for (;;) {
       const CodecStatus status = decoder_->ProcessInput(
