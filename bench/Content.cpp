@@ -1,6 +1,7 @@
 #include "Content.h"
 
 #include <libyuv.h>
+#include <tessera/Basics.h>
 
 #include <algorithm>
 #include <cmath>
@@ -92,8 +93,8 @@ void Buffer::Free::operator()(std::uint8_t* bytes) const {
 }
 
 Buffer sceneI420(int width, int height, int t) {
-  Buffer picture(paddedI420Size(width, height));
-  const int stride = padded32(width), rows = padded16(height);
+  Buffer picture(tessera::PaddedSize(width, height));
+  const int stride = tessera::PaddedWidth(width), rows = tessera::PaddedHeight(height);
   std::uint8_t* u = picture.data() + static_cast<std::size_t>(stride) * rows;
   std::uint8_t* v = u + static_cast<std::size_t>(stride) * rows / 4;
   fillPlane(picture.data(), stride, rows, width, height,
@@ -108,9 +109,10 @@ Buffer sceneI420(int width, int height, int t) {
 Buffer sceneYuyv(int width, int height, int rows, int t) {
   const Buffer planar = sceneI420(width, height, t);
   Buffer packed(static_cast<std::size_t>(2) * width * rows);
-  const int stride = padded32(width);
-  const std::uint8_t* u = planar.data() + static_cast<std::size_t>(stride) * padded16(height);
-  const std::uint8_t* v = u + static_cast<std::size_t>(stride) * padded16(height) / 4;
+  const int stride = tessera::PaddedWidth(width);
+  const std::uint8_t* u =
+      planar.data() + static_cast<std::size_t>(stride) * tessera::PaddedHeight(height);
+  const std::uint8_t* v = u + static_cast<std::size_t>(stride) * tessera::PaddedHeight(height) / 4;
   libyuv::I420ToYUY2(planar.data(), stride, u, stride / 2, v, stride / 2, packed.data(), 2 * width,
                      width, height);
   repeatLastRow(packed, static_cast<std::size_t>(2) * width, height, rows);
@@ -120,9 +122,10 @@ Buffer sceneYuyv(int width, int height, int rows, int t) {
 Buffer sceneRgb32(int width, int height, int rows, ByteOrder order) {
   const Buffer planar = sceneI420(width, height, 0);
   Buffer packed(static_cast<std::size_t>(4) * width * rows);
-  const int stride = padded32(width);
-  const std::uint8_t* u = planar.data() + static_cast<std::size_t>(stride) * padded16(height);
-  const std::uint8_t* v = u + static_cast<std::size_t>(stride) * padded16(height) / 4;
+  const int stride = tessera::PaddedWidth(width);
+  const std::uint8_t* u =
+      planar.data() + static_cast<std::size_t>(stride) * tessera::PaddedHeight(height);
+  const std::uint8_t* v = u + static_cast<std::size_t>(stride) * tessera::PaddedHeight(height) / 4;
   // libyuv names 32-bit words, highest byte first; in memory ABGR is R, G, B, A.
   const auto convert = order == ByteOrder::Rgba ? libyuv::I420ToABGR : libyuv::I420ToARGB;
   convert(planar.data(), stride, u, stride / 2, v, stride / 2, packed.data(), 4 * width, width,

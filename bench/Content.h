@@ -25,17 +25,6 @@ class Buffer {
   std::unique_ptr<std::uint8_t, Free> bytes_;
 };
 
-constexpr int padded32(int width) {
-  return (width + 31) / 32 * 32;
-}
-constexpr int padded16(int height) {
-  return (height + 15) / 16 * 16;
-}
-/// Bytes of padded I420: what the H.264 encoders take.
-constexpr std::size_t paddedI420Size(int width, int height) {
-  return static_cast<std::size_t>(padded32(width)) * padded16(height) * 3 / 2;
-}
-
 /// Frame `t` of a scene like a camera's: a gradient, texture and objects that drift, sensor noise.
 /// The same on every run and machine. Even sizes only.
 /// @return padded I420; the padding repeats the edge

@@ -1,4 +1,5 @@
 #include <libyuv.h>
+#include <tessera/Basics.h>
 #include <tessera/FrameConversion.h>
 
 #include <cstring>
@@ -19,7 +20,7 @@ class Conversion : public Work {
       : width_(width),
         height_(height),
         source_(sceneYuyv(width, height, height, 0)),
-        destination_(paddedI420Size(width, height)),
+        destination_(tessera::PaddedSize(width, height)),
         from_(moved() / 2),
         to_(moved() / 2) {}
 
@@ -50,9 +51,10 @@ class YuyvToI420 : public Conversion {
     });
   }
   double peer(int) override {
-    const int stride = padded32(width_);
-    std::uint8_t* u = destination_.data() + static_cast<std::size_t>(stride) * padded16(height_);
-    std::uint8_t* v = u + static_cast<std::size_t>(stride) * padded16(height_) / 4;
+    const int stride = tessera::PaddedWidth(width_);
+    std::uint8_t* u =
+        destination_.data() + static_cast<std::size_t>(stride) * tessera::PaddedHeight(height_);
+    std::uint8_t* v = u + static_cast<std::size_t>(stride) * tessera::PaddedHeight(height_) / 4;
     return timed([&] {
       libyuv::YUY2ToI420(source_.data(), 2 * width_, destination_.data(), stride, u, stride / 2, v,
                          stride / 2, width_, height_);

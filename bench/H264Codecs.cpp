@@ -1,4 +1,5 @@
 #include <libyuv.h>
+#include <tessera/Basics.h>
 #include <tessera/COmxH264Encoder.h>
 #include <tessera/IH264Decoder.h>
 #include <tessera/IH264Encoder.h>
@@ -60,16 +61,6 @@ class Clip {
   std::vector<Buffer> frames_;
 };
 
-/// Whether Annex B data holds a coded picture, and not parameter sets alone.
-bool holdsPicture(const std::uint8_t* data, std::size_t size) {
-  for (std::size_t i = 0; i + 3 < size; ++i) {
-    if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 1) continue;
-    const int type = data[i + 3] & 0x1F;
-    if (type >= 1 && type <= 5) return true;
-  }
-  return false;
-}
-
 /// From the caller's frame to the stream's bytes in the caller's memory, one frame at a time: at
 /// once after one another, or after a pause in which caches, threads and clocks go idle.
 class EncodeH264 : public Work {
@@ -83,7 +74,7 @@ class EncodeH264 : public Work {
         input_(input),
         pause_(pause),
         clip_(width, height, input),
-        planes_(paddedI420Size(width, height)),
+        planes_(tessera::PaddedSize(width, height)),
         stream_(static_cast<std::size_t>(width) * height * 2),
         make_(make),
         settings_({coded.width, coded.height, framesPerSecond, bitrateFor(width, height), level}) {}
@@ -108,7 +99,7 @@ class EncodeH264 : public Work {
 
   void start() {
     encoder_.reset(make_());
-    const unsigned format = input_ == Input::I420 ? 0x30323449 : 0x56595559;
+    const unsigned format = input_ == Input::I420 ? tessera::fourccI420 : tessera::fourccYuyv;
     require(encoder_->Create(format, width_, height_, framesPerSecond, 1, 1, 1,
                              static_cast<unsigned>(settings_.bitrate)),
             "the encoder does not start");
@@ -123,12 +114,12 @@ class EncodeH264 : public Work {
                 return encoder_->ProcessOutput(stream_.data(), stream_.size32(), size, flags);
               }),
               "the encoder gives no data");
-    } while (!holdsPicture(stream_.data(), std::min(size, 512u)));
+    } while (!tessera::HasPicture(stream_.data(), size));
   }
 
   void encodeDirectly(Buffer& frame) {
-    const int stride = padded32(width_);
-    const std::size_t area = static_cast<std::size_t>(stride) * padded16(height_);
+    const int stride = tessera::PaddedWidth(width_);
+    const std::size_t area = static_cast<std::size_t>(stride) * tessera::PaddedHeight(height_);
     std::uint8_t* y = input_ == Input::I420 ? frame.data() : planes_.data();
     std::uint8_t* u = y + area;
     std::uint8_t* v = u + area / 4;
@@ -162,7 +153,10 @@ class DecodeH264 : public Work {
   /// @param length  units that are fed one ahead before everything is collected; a divisor of
   ///                framesPerSecond, 1 for one at a time
   DecodeH264(int width, int height, int length)
-      : width_(width), height_(height), length_(length), picture_(paddedI420Size(width, height)) {
+      : width_(width),
+        height_(height),
+        length_(length),
+        picture_(tessera::PaddedSize(width, height)) {
     encodeUnits();
   }
 
@@ -195,12 +189,13 @@ class DecodeH264 : public Work {
   void encodeUnits() {
     X264 x264({width_, height_, framesPerSecond, bitrateFor(width_, height_), 40});
     Clip clip(width_, height_, Input::I420);
-    const std::size_t area = static_cast<std::size_t>(padded32(width_)) * padded16(height_);
+    const std::size_t area =
+        static_cast<std::size_t>(tessera::PaddedWidth(width_)) * tessera::PaddedHeight(height_);
     for (int i = 0; i < framesPerSecond; ++i) {
       const std::uint8_t* y = clip.frame(i).data();
       const std::uint8_t* data = nullptr;
       const std::size_t size =
-          x264.encode(y, y + area, y + area + area / 4, padded32(width_), &data);
+          x264.encode(y, y + area, y + area + area / 4, tessera::PaddedWidth(width_), &data);
       Buffer unit(size + readAhead);
       std::memcpy(unit.data(), data, size);
       units_.push_back(std::move(unit));
@@ -254,7 +249,8 @@ void addEncoder(std::vector<Entry>& entries, const std::string& work, Input inpu
   for (const auto [width, height] : sizes) {
     entries.push_back(
         {work, width, height, "x264", [=, width = width, height = height] {
-           const Size coded = omx ? Size{padded32(width), padded16(height)} : Size{width, height};
+           const Size coded = omx ? Size{tessera::PaddedWidth(width), tessera::PaddedHeight(height)}
+                                  : Size{width, height};
            return std::make_unique<EncodeH264>(width, height, coded, omx ? 40 : 51, input,
                                                omx ? makeOmx : CreateEncoderH264, pause);
          }});

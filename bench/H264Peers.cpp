@@ -1,6 +1,7 @@
 #include "H264Peers.h"
 
 #include <libyuv.h>
+#include <tessera/Basics.h>
 
 #include <algorithm>
 #include <thread>
@@ -103,9 +104,10 @@ bool Avcodec::decode(const std::uint8_t* unit, std::size_t size, std::uint8_t* p
   require(avcodec_send_packet(impl.context, impl.packet) == 0, "libavcodec takes no data");
   if (avcodec_receive_frame(impl.context, impl.frame) != 0) return false;
   const AVFrame& frame = *impl.frame;
-  const int stride = padded32(frame.width);
-  std::uint8_t* u = picture + static_cast<std::size_t>(stride) * padded16(frame.height);
-  std::uint8_t* v = u + static_cast<std::size_t>(stride) * padded16(frame.height) / 4;
+  const int stride = tessera::PaddedWidth(frame.width);
+  std::uint8_t* u =
+      picture + static_cast<std::size_t>(stride) * tessera::PaddedHeight(frame.height);
+  std::uint8_t* v = u + static_cast<std::size_t>(stride) * tessera::PaddedHeight(frame.height) / 4;
   libyuv::I420Copy(frame.data[0], frame.linesize[0], frame.data[1], frame.linesize[1],
                    frame.data[2], frame.linesize[2], picture, stride, u, stride / 2, v, stride / 2,
                    frame.width, frame.height);

@@ -1,4 +1,5 @@
 #include <libyuv.h>
+#include <tessera/Basics.h>
 #include <tessera/COmxJpegEncoder.h>
 #include <tessera/DecoderPool.h>
 #include <tessera/IJPEGEncoder.h>
@@ -62,7 +63,7 @@ class Encode : public Work {
 class EncodeYuyv : public Encode {
  public:
   EncodeYuyv(int width, int height, MakeEncoder make)
-      : Encode(width, height, sceneYuyv(width, height, padded16(height), 0), make),
+      : Encode(width, height, sceneYuyv(width, height, tessera::PaddedHeight(height), 0), make),
         planes_(static_cast<std::size_t>(2) * width * height) {}
 
   double ours(int) override {
@@ -98,7 +99,8 @@ template <ByteOrder order>
 class EncodeRgb32 : public Encode {
  public:
   EncodeRgb32(int width, int height, MakeEncoder make)
-      : Encode(width, height, sceneRgb32(width, height, padded16(height), order), make) {}
+      : Encode(width, height, sceneRgb32(width, height, tessera::PaddedHeight(height), order),
+               make) {}
 
   double ours(int) override {
     return timed([&] {
@@ -123,7 +125,7 @@ class EncodeRgb32 : public Encode {
 class Decode : public Work {
  public:
   Decode(int width, int height, bool alternating)
-      : planes_(paddedI420Size(width, height)), turbo_(tjInitDecompress()) {
+      : planes_(tessera::PaddedSize(width, height)), turbo_(tjInitDecompress()) {
     jpegs_.push_back(makeJpeg(width, height));
     if (alternating) jpegs_.push_back(makeJpeg(width - 32, height - 16));
   }
@@ -176,9 +178,10 @@ class Decode : public Work {
     require(tjDecompressHeader3(turbo_.get(), jpeg.bytes.data(), jpeg.bytes.size(), &width, &height,
                                 &sampling, &colours) == 0,
             "TurboJPEG does not read the header");
-    const int stride = padded32(width);
-    std::uint8_t* u = planes_.data() + static_cast<std::size_t>(stride) * padded16(height);
-    std::uint8_t* v = u + static_cast<std::size_t>(stride) * padded16(height) / 4;
+    const int stride = tessera::PaddedWidth(width);
+    std::uint8_t* u =
+        planes_.data() + static_cast<std::size_t>(stride) * tessera::PaddedHeight(height);
+    std::uint8_t* v = u + static_cast<std::size_t>(stride) * tessera::PaddedHeight(height) / 4;
     std::array<unsigned char*, 3> planes{planes_.data(), u, v};
     std::array<int, 3> strides{stride, stride / 2, stride / 2};
     require(tjDecompressToYUVPlanes(turbo_.get(), jpeg.bytes.data(), jpeg.bytes.size(),

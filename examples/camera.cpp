@@ -10,25 +10,30 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <tessera/tessera.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <memory>
-#include <string>
-#include <vector>
+
+#include "Recorder.h"
 
 namespace {
-
-constexpr unsigned fourccI420 = 0x30323449, fourccYuyv = 0x56595559;
 
 [[noreturn]] void fail(const std::string& what) {
   std::perror(what.c_str());
   std::exit(1);
 }
+
+/// A buffer that the device fills, mapped into memory.
+struct Mapping {
+  void* data = MAP_FAILED;
+  std::size_t size = 0;
+  ~Mapping() {
+    if (data != MAP_FAILED) munmap(data, size);
+  }
+};
 
 /// Frames from a device, mapped into memory, or from a file.
 class Camera {
@@ -42,24 +47,25 @@ class Camera {
     frame_.resize(std::size_t{width} * height * 2);
     if (device_) start(width, height, mjpeg);
   }
-  ~Camera() {
-    if (data_ != nullptr) munmap(data_, size_);
-    close(descriptor_);
-  }
+  ~Camera() { close(descriptor_); }
   Camera(const Camera&) = delete;
   Camera& operator=(const Camera&) = delete;
 
-  /// The next frame, or false at the end. Valid until the next call.
+  /// The next frame, or false at the end of a file. Valid until the next call, which gives its
+  /// buffer back; meanwhile the device fills the others.
   bool next(unsigned char*& data, unsigned& size) {
     if (!device_) {
       data = frame_.data();
       size = static_cast<unsigned>(frame_.size());
-      return read(descriptor_, data, size) == static_cast<ssize_t>(size);
+      return readFrame();
     }
-    if (ioctl(descriptor_, VIDIOC_QBUF, &buffer_) != 0 ||
-        ioctl(descriptor_, VIDIOC_DQBUF, &buffer_) != 0)
-      return false;
-    data = static_cast<unsigned char*>(data_);
+    if (taken_ && ioctl(descriptor_, VIDIOC_QBUF, &buffer_) != 0) fail("giving a buffer back");
+    int result = 0;
+    do result = ioctl(descriptor_, VIDIOC_DQBUF, &buffer_);
+    while (result != 0 && errno == EINTR);
+    if (result != 0) fail("taking a frame");
+    taken_ = true;
+    data = static_cast<unsigned char*>(mappings_[buffer_.index].data);
     size = buffer_.bytesused;
     return true;
   }
@@ -74,73 +80,91 @@ class Camera {
     if (ioctl(descriptor_, VIDIOC_S_FMT, &format) != 0) fail("setting the format");
     if (format.fmt.pix.width != width || format.fmt.pix.height != height)
       fail("the camera does not offer this size");
+    if (!mjpeg && format.fmt.pix.bytesperline != width * 2) {
+      std::fprintf(stderr, "the camera pads its rows; copy them together first\n");
+      std::exit(1);
+    }
     v4l2_requestbuffers request{};
-    request.count = 1;
+    request.count = static_cast<unsigned>(mappings_.size());
     request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     request.memory = V4L2_MEMORY_MMAP;
-    if (ioctl(descriptor_, VIDIOC_REQBUFS, &request) != 0) fail("asking for a buffer");
+    if (ioctl(descriptor_, VIDIOC_REQBUFS, &request) != 0) fail("asking for buffers");
+    for (unsigned i = 0; i < request.count && i < mappings_.size(); ++i) map(i);
+    int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    if (ioctl(descriptor_, VIDIOC_STREAMON, &type) != 0) fail("starting");
+  }
+
+  void map(unsigned index) {
+    buffer_ = {};
+    buffer_.index = index;
     buffer_.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     buffer_.memory = V4L2_MEMORY_MMAP;
-    if (ioctl(descriptor_, VIDIOC_QUERYBUF, &buffer_) != 0) fail("the buffer");
-    size_ = buffer_.length;
-    data_ = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor_,
-                 static_cast<off_t>(buffer_.m.offset));
-    int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    if (data_ == MAP_FAILED || ioctl(descriptor_, VIDIOC_STREAMON, &type) != 0) fail("starting");
+    if (ioctl(descriptor_, VIDIOC_QUERYBUF, &buffer_) != 0) fail("a buffer");
+    Mapping& mapping = mappings_[index];
+    mapping.size = buffer_.length;
+    mapping.data = mmap(nullptr, mapping.size, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor_,
+                        static_cast<off_t>(buffer_.m.offset));
+    if (mapping.data == MAP_FAILED || ioctl(descriptor_, VIDIOC_QBUF, &buffer_) != 0)
+      fail("a buffer");
+  }
+
+  bool readFrame() {
+    std::size_t done = 0;
+    while (done < frame_.size()) {
+      const ssize_t got = read(descriptor_, &frame_[done], frame_.size() - done);
+      if (got < 0 && errno != EINTR) fail("reading");
+      if (got == 0) break;
+      if (got > 0) done += static_cast<std::size_t>(got);
+    }
+    if (done > 0 && done < frame_.size()) std::fprintf(stderr, "the last frame is cut short\n");
+    return done == frame_.size();
   }
 
   int descriptor_;
   bool device_ = false;
   std::vector<unsigned char> frame_;
-  v4l2_buffer buffer_{};
-  void* data_ = nullptr;
-  std::size_t size_ = 0;
+  v4l2_buffer buffer_{};  // the one that was taken last
+  bool taken_ = false;
+  std::array<Mapping, 4> mappings_;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 7) {
+  const bool mjpeg = argc == 7 && std::strcmp(argv[4], "mjpeg") == 0;
+  const int width = argc == 7 ? std::atoi(argv[2]) : 0, height = argc == 7 ? std::atoi(argv[3]) : 0;
+  const int wanted = argc == 7 ? std::atoi(argv[5]) : 0;
+  if (width <= 0 || height <= 0 || wanted <= 0 || (!mjpeg && std::strcmp(argv[4], "yuyv") != 0)) {
     std::fprintf(stderr, "usage: %s DEVICE WIDTH HEIGHT yuyv|mjpeg FRAMES OUT.h264\n", argv[0]);
     return 2;
   }
-  const int width = std::atoi(argv[2]), height = std::atoi(argv[3]);
-  const bool mjpeg = std::strcmp(argv[4], "mjpeg") == 0;
-  if (width <= 0 || height <= 0) return 2;
   Camera camera(argv[1], static_cast<unsigned>(width), static_cast<unsigned>(height), mjpeg);
-  std::ofstream out(argv[6], std::ios::binary);
-
   const std::unique_ptr<DecoderPool, int (*)(DecoderPool*)> pool(mjpeg ? GetDecoderPool() : nullptr,
                                                                  ReleaseDecoderPool);
-  const std::unique_ptr<IH264Encoder, int (*)(IH264Encoder*)> encoder(CreateEncoderH264(),
-                                                                      ReleaseEncoderH264);
-  if (!encoder->Create(mjpeg ? fourccI420 : fourccYuyv, width, height, 30, 1, 1, 1, 4000000))
+  Recorder recorder(argv[6]);
+  if (!recorder.start(mjpeg ? tessera::fourccI420 : tessera::fourccYuyv, width, height, 30,
+                      4000000))
     return 1;
 
-  // Frames may come in pieces of at most one output buffer; this is room for the largest.
-  std::vector<unsigned char> coded(static_cast<std::size_t>(width) * height * 3 + 65536);
   unsigned char* data = nullptr;
   unsigned size = 0;
-  int frames = 0;
-  while (frames < std::atoi(argv[5]) && camera.next(data, size)) {
+  int frames = 0, bad = 0;
+  while (frames < wanted && bad < 100 && camera.next(data, size)) {
+    std::size_t bytes = size;
     if (mjpeg) {
       int w = 0, h = 0;
       data = pool->DecodeJpeg(reinterpret_cast<char*>(data), size, w, h);
-      if (data == nullptr || w != width || h != height) continue;  // a bad frame: take the next
-      size = static_cast<unsigned>((w + 31) / 32 * 32 * ((h + 15) / 16 * 16) * 3 / 2);
+      if (data == nullptr || w != width || h != height) {  // take the next one
+        ++bad;
+        continue;
+      }
+      toLimitedRange(data, w, h);
+      bytes = tessera::PaddedSize(w, h);
     }
-    if (encoder->ProcessInput(data, size, 0, 0) != CodecOk) return 1;
+    if (!recorder.add(data, bytes)) return 1;
     ++frames;
-    // CodecTimeout after 100 ms says that everything is out; at 30 frames a second the next frame
-    // is due before that, so take what the first calls give and leave the rest for the next round.
-    unsigned bytes = 0, flags = 0;
-    while (encoder->ProcessOutput(coded.data(), static_cast<unsigned>(coded.size()), bytes,
-                                  flags) == CodecOk) {
-      out.write(reinterpret_cast<const char*>(coded.data()), bytes);
-      const bool parameterSets = bytes > 4 && (coded[4] & 31) == 7 && bytes < 256;
-      if (!parameterSets) break;
-    }
   }
-  std::fprintf(stderr, "%d frames\n", frames);
-  return out.good() && frames > 0 ? 0 : 1;
+  if (!recorder.finish()) return 1;
+  std::fprintf(stderr, "%d frames, %d that could not be decoded\n", frames, bad);
+  return 0;
 }

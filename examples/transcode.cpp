@@ -1,111 +1,117 @@
-// Makes an H.264 stream (Annex B) smaller: one thread feeds the decoder, the main thread drains it
-// and encodes again.
+// Makes an H.264 stream (Annex B, progressive) smaller: one thread feeds the decoder, the main
+// thread takes its pictures and encodes them again.
 //
 //   example_transcode in.h264 1280 720 1000000 out.h264
 
-#include <tessera/tessera.h>
-
+#include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <thread>
-#include <vector>
+
+#include "Recorder.h"
 
 namespace {
 
 using Bytes = std::vector<unsigned char>;
-constexpr unsigned fourccI420 = 0x30323449;
 
 struct Release {
-  void operator()(IH264Encoder* e) const { ReleaseEncoderH264(e); }
-  void operator()(IH264Decoder* d) const { FreeH264Decoder(d); }
+  void operator()(IH264Decoder* decoder) const { FreeH264Decoder(decoder); }
 };
 
-/// Where the next NAL unit starts, from `from` on.
-std::size_t nextUnit(const Bytes& stream, std::size_t from) {
-  for (std::size_t i = from; i + 3 < stream.size(); ++i)
-    if (stream[i] == 0 && stream[i + 1] == 0 && stream[i + 2] == 1)
-      return i > from && stream[i - 1] == 0 ? i - 1 : i;
-  return stream.size();
+/// What the feeding thread tells the other one.
+struct Feed {
+  std::atomic<int> pictures{0};
+  std::atomic<bool> ended{false};
+  std::atomic<bool> stop{false};
+};
+
+/// Waits out time-outs, which mean that the pictures are not taken fast enough.
+CodecStatus feedPiece(IH264Decoder& decoder, unsigned char* data, std::size_t size, int width,
+                      int height, const Feed& feed) {
+  CodecStatus status = CodecTimeout;
+  while (status == CodecTimeout && !feed.stop)
+    status = decoder.ProcessInput(data, static_cast<unsigned>(size), width, height, 0, 0);
+  return status;
 }
 
-/// Feeds the whole stream and an end-of-sequence unit, after which the decoder hands out all that
-/// it holds. Any cut will do; NAL units are handy.
-void feed(IH264Decoder& decoder, Bytes stream, int width, int height, std::atomic<bool>& done) {
-  stream.insert(stream.end(), {0, 0, 0, 1, 10});
-  for (std::size_t at = 0; at < stream.size();) {
-    const std::size_t end = nextUnit(stream, at + 4);
-    CodecStatus status;
-    do {  // a time-out means that the drain is slow, nothing more
-      status =
-          decoder.ProcessInput(&stream[at], static_cast<unsigned>(end - at), width, height, 0, 0);
-    } while (status == CodecTimeout);
-    if (status != CodecOk) std::fprintf(stderr, "feeding answered 0x%x\n", status);
-    at = end;
+/// One access unit after another, in pieces that the decoder takes as a whole or not at all.
+void feedAll(IH264Decoder& decoder, Bytes stream, int width, int height, Feed& feed) {
+  stream.insert(stream.end(), tessera::endOfSequence.begin(), tessera::endOfSequence.end());
+  const std::size_t most = tessera::DecoderBufferSize(width, height);
+  CodecStatus status = CodecOk;
+  for (std::size_t at = 0, end = 0; at < stream.size() && status == CodecOk;) {
+    if (at == end) {
+      end = tessera::AccessUnitEnd(stream.data(), stream.size(), at);
+      if (tessera::HasPicture(&stream[at], end - at)) ++feed.pictures;
+    }
+    const std::size_t size = std::min(end - at, most);
+    status = feedPiece(decoder, &stream[at], size, width, height, feed);
+    at += size;
   }
-  done = true;
+  if (status != CodecOk && !feed.stop)
+    std::fprintf(stderr, "the decoder: %s\n", tessera::StatusText(status));
+  feed.ended = true;
 }
 
-/// Takes buffers until the frame that went in is out: a buffer that starts a slice ends the wait.
-void collect(IH264Encoder& encoder, Bytes& buffer, std::ofstream& out) {
-  for (;;) {
-    unsigned size = 0, flags = 0;
-    if (encoder.ProcessOutput(buffer.data(), static_cast<unsigned>(buffer.size()), size, flags) !=
-        CodecOk)
-      return;
-    out.write(reinterpret_cast<const char*>(buffer.data()), size);
-    const int type = size > 4 ? buffer[4] & 31 : 0;
-    if (type != 7) return;  // parameter sets come alone, before their key frame
+/// @return the pictures taken; negative when one could not be used
+int recordAll(IH264Decoder& decoder, int width, int height, const Feed& feed, Recorder& recorder) {
+  Bytes picture(tessera::PaddedSize(width, height));
+  int pictures = 0;
+  for (int waits = 0; waits < 20 && (!feed.ended || pictures < feed.pictures);) {
+    unsigned size = 0, w = 0, h = 0;
+    unsigned long long timestamp = 0;
+    const CodecStatus status = decoder.ProcessOutput(
+        picture.data(), static_cast<unsigned>(picture.size()), size, w, h, timestamp);
+    if (status == CodecOk && size != picture.size()) {
+      std::fprintf(stderr, "the pictures are not of %d x %d\n", width, height);
+      return -1;
+    }
+    if (status == CodecOk) {
+      // The decoder's padded layout is the encoder's.
+      if (!recorder.add(picture.data(), size)) return -1;
+      ++pictures;
+    } else if (status != CodecTimeout && status != CodecNoBuffer) {
+      std::fprintf(stderr, "the decoder: %s\n", tessera::StatusText(status));
+      return -1;
+    }
+    // Once all is fed, two seconds without a picture: there are no more.
+    waits = status == CodecOk || !feed.ended ? 0 : waits + 1;
   }
+  return pictures;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 6) {
+  const int width = argc == 6 ? std::atoi(argv[2]) : 0, height = argc == 6 ? std::atoi(argv[3]) : 0;
+  const long bitrate = argc == 6 ? std::atol(argv[4]) : 0;
+  if (width <= 0 || height <= 0 || bitrate <= 0) {
     std::fprintf(stderr, "usage: %s IN.h264 WIDTH HEIGHT BITRATE OUT.h264\n", argv[0]);
     return 2;
   }
-  const int width = std::atoi(argv[2]), height = std::atoi(argv[3]);
   std::ifstream in(argv[1], std::ios::binary);
   if (!in) {
     std::perror(argv[1]);
     return 1;
   }
   const Bytes stream{std::istreambuf_iterator<char>(in), {}};
-  std::ofstream out(argv[5], std::ios::binary);
 
   IH264Decoder* made = nullptr;
   if (CreateH264Decoder(&made) == 0) return 1;
   const std::unique_ptr<IH264Decoder, Release> decoder(made);
-  const std::unique_ptr<IH264Encoder, Release> encoder(CreateEncoderH264());
+  Recorder recorder(argv[5]);
   if (!decoder->Create(width, height, 0, nullptr) ||
-      !encoder->Create(fourccI420, width, height, 30, 1, 1, 1,
-                       static_cast<unsigned>(std::atol(argv[4]))))
+      !recorder.start(tessera::fourccI420, width, height, 30, static_cast<unsigned>(bitrate)))
     return 1;
 
-  std::atomic<bool> done{false};
-  std::thread feeder([&] { feed(*decoder, stream, width, height, done); });
-  const unsigned padded = static_cast<unsigned>((width + 31) / 32 * 32 * ((height + 15) / 16 * 16));
-  Bytes picture(padded * 3 / 2), coded(padded * 3 + 65536);
-  int pictures = 0;
-  for (int idle = 0; idle < 3;) {  // three time-outs after the last byte went in: nothing is left
-    unsigned size = 0, w = 0, h = 0;
-    unsigned long long timestamp = 0;
-    const CodecStatus status = decoder->ProcessOutput(
-        picture.data(), static_cast<unsigned>(picture.size()), size, w, h, timestamp);
-    if (status == CodecTimeout) idle += done;
-    if (status != CodecOk) continue;
-    // The decoder's padded layout is the encoder's.
-    if (encoder->ProcessInput(picture.data(), size, 0, 0) != CodecOk) break;
-    ++pictures;
-    collect(*encoder, coded, out);
-  }
+  Feed feed;
+  std::thread feeder([&] { feedAll(*decoder, stream, width, height, feed); });
+  const int pictures = recordAll(*decoder, width, height, feed, recorder);
+  feed.stop = true;
   feeder.join();
-  std::fprintf(stderr, "%d pictures, %zu bytes became %lld\n", pictures, stream.size(),
-               static_cast<long long>(out.tellp()));
-  return pictures > 0 && out.good() ? 0 : 1;
+  if (pictures < 0 || !recorder.finish()) return 1;
+  std::fprintf(stderr, "%d of %d pictures\n", pictures, feed.pictures.load());
+  return pictures == feed.pictures ? 0 : 1;
 }

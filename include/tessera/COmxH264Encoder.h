@@ -18,22 +18,28 @@ struct TesseraLayout;
 /// the parameter sets, every later one a frame (or a piece of a frame longer than the output
 /// buffer, width * height bytes rounded up like the picture). Unlike CMmalH264Encoder there is no
 /// "nothing more for now" after 100 ms: a `ProcessOutput` for which nothing was fed waits for ten
-/// seconds. So ask once for each frame:
+/// seconds. So ask only while a frame is owed; `tessera::EncodedFrames` of Basics.h counts them:
 ///
 /// @code
 ///   COmxH264Encoder encoder;
-///   if (!encoder.Create(0x56595559, 1280, 720, 30, 1, 1, 1, 4000000)) { ... }
-///   bool first = true;
+///   if (!encoder.Create(tessera::fourccYuyv, 1280, 720, 30, 1, 1, 1, 4000000)) { ... }
+///   tessera::EncodedFrames out(1280, 720);
+///   unsigned fed = 0;
 ///   while (camera.grab(frame)) {
 ///     if (encoder.ProcessInput(frame.data(), frame.size(), 0, frame.microseconds) != CodecOk)
-///     break; for (int buffers = first ? 2 : 1; buffers > 0; --buffers) {
+///       break;
+///     ++fed;
+///     while (out.Begun() < fed) {
 ///       unsigned int size = 0, flags = 0;
 ///       if (encoder.ProcessOutput(data.data(), data.size(), size, flags) != CodecOk) break;
 ///       sink.write(data.data(), size);
+///       out.Add(data.data(), size);
 ///     }
-///     first = false;
 ///   }
 /// @endcode
+///
+/// What a frame longer than the output buffer has left comes before the next frame does. For the
+/// last one, feed one frame more and leave out what comes once `out.Add()` says that it begins one.
 ///
 /// **The picture has the padded size**, width rounded up to a multiple of 32 and height to one of
 /// 16: this component does not crop. 'YUYV' frames leave the padding black, but for one column at

@@ -12,18 +12,37 @@
 /// @code
 ///   IH264Decoder* decoder = nullptr;
 ///   if (!CreateH264Decoder(&decoder) || !decoder->Create(1280, 720, 0, nullptr)) { ... }
-///   std::vector<unsigned char> picture(1280 * 720 * 3 / 2);
-///   while (stream.next(unit)) {
-///     const CodecStatus fed = decoder->ProcessInput(unit.data, unit.size, 1280, 720, 0, unit.ms);
-///     if (fed != CodecOk && fed != CodecTimeout) break;
+///   std::atomic<unsigned> fed{0};
+///   std::atomic<bool> ended{false};
+///   std::thread feeder([&] {
+///     CodecStatus status = CodecOk;
+///     while (status == CodecOk && stream.next(unit)) {  // cut by tessera::AccessUnitEnd()
+///       ++fed;
+///       do status = decoder->ProcessInput(unit.data, unit.size, 1280, 720, 0, unit.ms);
+///       while (status == CodecTimeout);  // the drain is slow; nothing was taken
+///     }
+///     auto end = tessera::endOfSequence;
+///     decoder->ProcessInput(end.data(), end.size(), 1280, 720, 0, 0);
+///     ended = true;
+///   });
+///   std::vector<unsigned char> picture(tessera::PaddedSize(1280, 720));
+///   for (unsigned shown = 0, waits = 0; waits < 20 && (!ended || shown < fed); ++waits) {
 ///     unsigned int size = 0, width = 0, height = 0;
 ///     unsigned long long ms = 0;
-///     while (decoder->ProcessOutput(picture.data(), picture.size(), size, width, height, ms) ==
-///            CodecOk)
-///       show(picture, width, height, ms);  // CodecTimeout after 100 ms: nothing more for now
+///     const CodecStatus status =
+///         decoder->ProcessOutput(picture.data(), picture.size(), size, width, height, ms);
+///     if (status == CodecOk) {
+///       show(picture, width, height, ms);
+///       ++shown;
+///     }
+///     if (status == CodecOk || !ended) waits = 0;  // CodecTimeout after 100 ms: none yet
 ///   }
+///   feeder.join();
 ///   FreeH264Decoder(decoder);
 /// @endcode
+///
+/// A time-out has taken nothing of data up to `tessera::DecoderBufferSize()`, of longer data perhaps
+/// a part: such access units are fed in pieces of that size.
 ///
 /// There is no end-of-stream call. An end-of-sequence NAL unit (bytes 00 00 00 01 0A) makes the
 /// decoder hand out every picture that it still holds for reordering.

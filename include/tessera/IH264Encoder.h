@@ -12,19 +12,30 @@
 /// @code
 ///   IH264Encoder* encoder = CreateEncoderH264();
 ///   // 1280 x 720 YUYV, 30 frames a second, square pixels, 4 Mb/s
-///   if (!encoder->Create(0x56595559, 1280, 720, 30, 1, 1, 1, 4000000)) { ... }
+///   if (!encoder->Create(tessera::fourccYuyv, 1280, 720, 30, 1, 1, 1, 4000000)) { ... }
 ///   std::vector<unsigned char> data(1 << 20);
+///   tessera::EncodedFrames out(1280, 720);  // from Basics.h: tells where frames begin and end
+///   unsigned fed = 0;
+///   const auto take = [&] {  // one buffer; CodecTimeout: none within 100 ms, call again
+///     unsigned int size = 0, flags = 0;
+///     const CodecStatus status = encoder->ProcessOutput(data.data(), data.size(), size, flags);
+///     if (status != CodecOk) return status;
+///     sink.write(data.data(), size);  // flags bit 0: a key frame
+///     out.Add(data.data(), size);
+///     return status;
+///   };
 ///   while (camera.grab(frame)) {
-///     if (encoder->ProcessInput(frame.data(), frame.size(), 0, 0) != CodecOk) break;
-///     for (;;) {  // the parameter sets come first, in a buffer of their own
-///       unsigned int size = 0, flags = 0;
-///       const CodecStatus status =
-///           encoder->ProcessOutput(data.data(), data.size(), size, flags);
-///       if (status != CodecOk) break;              // CodecTimeout: nothing more for this frame
-///       sink.write(data.data(), size);             // flags bit 0: a key frame
-///       if (isLastPieceOfFrame(data.data(), size)) break;
+///     CodecStatus status = CodecTimeout;
+///     for (int tries = 0; status == CodecTimeout && tries < 10; ++tries) {
+///       status = encoder->ProcessInput(frame.data(), frame.size(), 0, 0);
+///       if (status == CodecTimeout) take();  // it may be waiting for room in its output
 ///     }
+///     if (status != CodecOk) break;
+///     ++fed;
+///     for (int tries = 0; out.Begun() < fed && tries < 20; ++tries) take();
 ///   }
+///   while (out.MayGoOn() && take() == CodecOk) {
+///   }  // the last frame may have pieces more
 ///   ReleaseEncoderH264(encoder);
 /// @endcode
 ///

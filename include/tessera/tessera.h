@@ -8,6 +8,7 @@
 /// - Raw video to H.264: IH264Encoder, from CreateEncoderH264 (CMmalH264Encoder, MMAL) or the
 ///   constructor of COmxH264Encoder (OpenMAX IL).
 /// - H.264 to planar 4:2:0: IH264Decoder, from CreateH264Decoder (CMmalH264Decoder, MMAL).
+/// - What programs around them need beside: Basics.h, in namespace tessera.
 ///
 /// Objects are independent of one another. The library starts no threads, reads no files and has no
 /// configuration; its diagnostics are lines of text on standard output and standard error.
@@ -21,6 +22,7 @@
 /// functions of its own by these names includes the headers that it needs instead of this one: the
 /// library calls its own in any case.
 
+#include <tessera/Basics.h>
 #include <tessera/CMmalH264Decoder.h>
 #include <tessera/CMmalH264Encoder.h>
 #include <tessera/CMmalJpegEncoder.h>

@@ -1,3 +1,5 @@
+#include <tessera/Basics.h>
+
 #include <nlohmann/json.hpp>
 
 #include "Shell.h"
@@ -65,20 +67,89 @@ TEST_F(ConductTest, ABrokenPipeEndsItQuietly) {
   }
 }
 
-TEST_F(ConductTest, AFailureOrASignalHalfWayLeavesWhatWasThere) {
+TEST_F(ConductTest, AFailedWriteLeavesWhatWasThere) {
   save("out.jpg", {1, 2, 3});
   const auto before = files();
-  const std::string half = "head -c 15000 in.yuyv | " + std::string(encode) + "- -o out.jpg";
-  const std::string killed =
-      "mkfifo feed; sleep 30 >feed & sleeper=$!; "
-      "./.tool jpeg-encode --size 64x48 --format yuyv feed -o out.jpg & tool=$!; "
-      "until ls .out.jpg.* 2>/dev/null; do :; done; "
-      "kill -TERM $tool; wait $tool; status=$?; kill $sleeper; rm feed; exit $status";
-  for (const auto& [script, status] : {std::pair(half, 1), std::pair(killed, 128 + 15)}) {
-    EXPECT_EQ(run(script).status, status);
-    EXPECT_EQ(files(), before);
-    EXPECT_EQ(load("out.jpg"), (Bytes{1, 2, 3}));
+  EXPECT_EQ(run("ulimit -f 1; trap '' XFSZ; cat in.yuyv in.yuyv in.yuyv | " + std::string(encode) +
+                "- -o out.jpg")
+                .status,
+            1);
+  EXPECT_EQ(files(), before);
+  EXPECT_EQ(load("out.jpg"), (Bytes{1, 2, 3}));
+}
+
+TEST_F(ConductTest, AnInputThatEndsInTheMiddleKeepsWhatCameBefore) {
+  const Result result = run("head -c 15000 in.yuyv | " + std::string(encode) + "- -o out.jpg");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.err.find("ends in the middle of frame 3: 2712 bytes of the 6144"),
+            std::string::npos)
+      << result.err;
+  EXPECT_NE(result.err.find("out.jpg holds the 2 frames"), std::string::npos) << result.err;
+  succeed("tessera jpeg-decode out.jpg -o out.y4m");
+  EXPECT_EQ(fromY4m(load("out.y4m")).pictures.size(), 2u);
+}
+
+/// The signal, and the ending of the recording that it ends.
+using Recording = std::tuple<const char*, const char*>;
+class RecordingTest : public ConductTest, public testing::WithParamInterface<Recording> {};
+
+TEST_P(RecordingTest, EndedByASignalCanBePlayed) {
+  const auto [signal, ending] = GetParam();
+  const bool killed = signal == std::string("KILL");
+  // Three frames, then a pause that only the signal ends.
+  const std::string script =
+      "mkfifo feed; (cat in.yuyv; exec sleep 30) >feed & feeder=$!; "
+      "env --default-signal=INT ./.tool h264-encode --size 64x48 --format yuyv --rate 1 feed -o "
+      "out" +
+      std::string(ending) +
+      " & tool=$!; "
+      "until [ $(cat out.part-* 2>/dev/null | wc -c) -ge 900 ]; do sleep 0.02; done; "
+      "kill -" +
+      signal +
+      " $tool; wait $tool; status=$?; kill $feeder; rm feed; "
+      "mv out.part-*" +
+      ending + " out" + ending + " 2>/dev/null && echo part; exit $status";
+  const Result result = run(script);
+  EXPECT_EQ(result.status, signal == std::string("INT") ? 130 : killed ? 137 : 143) << result.err;
+  EXPECT_EQ(result.out, killed ? "part\n" : "");
+  if (!killed) {
+    EXPECT_NE(result.err.find("interrupted; out" + std::string(ending) + " holds the "),
+              std::string::npos)
+        << result.err;
   }
+  succeed("tessera h264-decode out" + std::string(ending) + " -o out.y4m");
+  const std::size_t kept = fromY4m(load("out.y4m")).pictures.size();
+  EXPECT_GE(kept, 1u);
+  EXPECT_LE(kept, 3u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Endings, RecordingTest,
+                         testing::Values(Recording{"INT", ".mp4"}, Recording{"TERM", ".mkv"},
+                                         Recording{"TERM", ".h264"}, Recording{"KILL", ".h264"},
+                                         Recording{"KILL", ".mkv"}, Recording{"KILL", ".ts"}));
+
+TEST_F(ConductTest, TheLibrarysLinesShowWhereSomethingFails) {
+  save("bad.jpg", {0xFF, 0xD8, 0xFF, 0xC0, 0, 11, 8, 0, 8, 0, 8, 1, 1, 0x11, 0, 0xFF, 0xD9});
+  const std::string line = "DecoderPool::DecodeJpeg - ";
+  EXPECT_NE(run("tessera jpeg-decode -q bad.jpg -o out.y4m").err.find(line), std::string::npos);
+  const std::string good = std::string(encode) + "-q in.yuyv -o out.jpg && tessera jpeg-decode -q ";
+  EXPECT_EQ(succeed(good + "out.jpg -o out.y4m"), "");
+  EXPECT_NE(succeed(good + "-v out.jpg -o out.y4m"), "");
+}
+
+TEST_F(ConductTest, NoFrameWaitsForTheNextOne) {
+  // A frame is fed once the one before has come out.
+  succeed(
+      "(head -c 6144 in.yuyv; until [ -s out.h264 ]; do sleep 0.01; done; tail -c 12288 in.yuyv) |"
+      " tessera h264-encode --size 64x48 --format yuyv - -o - >out.h264");
+  const std::size_t end =
+      tessera::AccessUnitEnd(load("out.h264").data(), load("out.h264").size(), 0);
+  succeed("(head -c " + std::to_string(end) +
+          " out.h264; "
+          "until [ $(wc -c <out.y4m) -gt 4608 ]; do sleep 0.01; done; "
+          "tail -c +" +
+          std::to_string(end + 1) + " out.h264) | tessera h264-decode - -o - >out.y4m");
+  EXPECT_EQ(fromY4m(load("out.y4m")).pictures.size(), 3u);
 }
 
 TEST_F(ConductTest, LinksAreFollowedAndModesKept) {

@@ -30,7 +30,7 @@ TEST_P(JpegEncodeTest, ColoursAreInTheirPlaces) {
   const Image bars = support::bars(width, height);
   save("in", rawFrame(bars, format));
   succeed("tessera jpeg-encode --size " + std::to_string(width) + "x" + std::to_string(height) +
-          " --format " + format + " --via " + via + " in -o out.jpg");
+          " --format " + format + " --range full --via " + via + " in -o out.jpg");
 
   const Image picture = support::decodeJpegToRgb(load("out.jpg"));
   ASSERT_EQ(picture.width, omx ? support::round32(width) : width);
@@ -58,7 +58,8 @@ TEST_F(ToolTest, ManyFramesThroughPipesComeBackEachItself) {
   const auto picture = [](int t) { return support::scene(width, height, 9 * t); };
   save("in", frames(count, [&](int t) { return rawFrame(picture(t), "yuyv"); }));
   succeed(
-      "tessera jpeg-encode --size 150x75 --format yuyv - -o - <in | tessera jpeg-decode - -o - "
+      "tessera jpeg-encode --range full --size 150x75 --format yuyv - -o - <in | tessera "
+      "jpeg-decode - -o - "
       ">out.y4m");
   const Y4m decoded = fromY4m(load("out.y4m"));
   ASSERT_EQ(decoded.pictures.size(), std::size_t{count});
@@ -67,6 +68,45 @@ TEST_F(ToolTest, ManyFramesThroughPipesComeBackEachItself) {
       EXPECT_EQ(lumaPsnr(decoded.pictures[t], toYuv(picture(other))) > 33, t == other)
           << t << " against " << other;
 }
+
+/// Header beside the size, what the command line says, and whether the pictures have the full
+/// range.
+using RangeSaid = std::tuple<const char*, const char*, bool>;
+class RangeTest : public ToolTest, public testing::WithParamInterface<RangeSaid> {};
+
+TEST_P(RangeTest, GoesIntoTheJpegAndWithTheStream) {
+  const auto [header, option, full] = GetParam();
+  std::vector<Yuv> pictures = support::scenes(2, 96, 64);
+  save("in.y4m", toY4m(pictures, header));
+  succeed(std::string("tessera jpeg-encode in.y4m -o out.jpg ") + option +
+          " && tessera jpeg-decode out.jpg -o out.y4m");
+  if (!full) {
+    for (Yuv& picture : pictures) {
+      const auto widen = [](std::vector<std::uint8_t>& plane, double zero, double steps) {
+        for (std::uint8_t& value : plane)
+          value = static_cast<std::uint8_t>(
+              std::clamp((value - zero) * 255 / steps + (zero == 128 ? 128.5 : 0.5), 0.0, 255.0));
+      };
+      widen(picture.y, 16, 219);
+      widen(picture.u, 128, 224);
+      widen(picture.v, 128, 224);
+    }
+  }
+  EXPECT_GT(support::worstPsnr(fromY4m(load("out.y4m")).pictures, pictures), 33);
+
+  for (const std::string name : {"out.h264", "out.mp4", "out.mkv", "out.ts"}) {
+    succeed("tessera h264-encode in.y4m -o " + name + " " + option + " && tessera h264-decode " +
+            name + " -o out.y4m");
+    const std::string expected = full ? "XCOLORRANGE=FULL" : "XCOLORRANGE=LIMITED";
+    EXPECT_NE(fromY4m(load("out.y4m")).header.find(expected), std::string::npos) << name;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, RangeTest,
+                         testing::Values(RangeSaid{" F25:1 XCOLORRANGE=FULL", "", true},
+                                         RangeSaid{" F25:1 XCOLORRANGE=LIMITED", "", false},
+                                         RangeSaid{" F25:1", "", false},
+                                         RangeSaid{" F25:1", "--range full", true}));
 
 TEST_F(ToolTest, APhotoOfAnySamplingAndSizeIsDecodedBitForBit) {
   for (const auto& [width, height] : {std::pair(1, 1), {2, 2}, {33, 17}, {321, 241}})

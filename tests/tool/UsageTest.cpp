@@ -3,6 +3,7 @@
 #include <ostream>
 
 #include "Shell.h"
+#include "support/JpegOracle.h"
 
 namespace {
 
@@ -23,9 +24,14 @@ class UsageTest : public ToolTest, public testing::WithParamInterface<Refusal> {
     save("empty", {});
     save("text", support::Bytes(3000, 'x'));
     save("y4m422", toY4m(support::scenes(1, 32, 16), " F25:1 C422"));
-    support::Bytes cut = toY4m(support::scenes(2, 32, 16), " F25:1");
+    support::Bytes cut = toY4m(support::scenes(1, 32, 16), " F25:1");
     cut.resize(cut.size() - 5);
     save("cut.y4m", cut);
+    save("claims.jpg",
+         {0xFF, 0xD8, 0xFF, 0xC0, 0, 11, 8, 0xFF, 0, 0xFF, 0, 1, 1, 0x11, 0, 0xFF, 0xD9});
+    save("large", support::Bytes(2048 * 1152 * 3 / 2, 100));
+    save("scans.jpg",
+         support::encodeJpeg(support::scene(64, 48), support::Sampling::Yuv420, 90, true));
     std::filesystem::create_directory(directory_ + "/folder");
   }
 };
@@ -60,12 +66,29 @@ constexpr Refusal refusals[] = {
      "6144 bytes, which is no whole number of 60x48 yuyv frames of 5760 bytes"},
     {"OtherFormat", "tessera jpeg-encode --size 128x32 --format rgb24 frame.raw -o out.jpg", 1,
      "it would hold 1 frame of 128x32 i420"},
-    {"CutPipe", "head -c 9000 /dev/zero | tessera jpeg-encode --size 64x48 --format yuyv - -o o", 1,
-     "ends in the middle of frame 2: 2856 bytes of the 6144"},
+    {"CutPipe", "head -c 900 /dev/zero | tessera jpeg-encode --size 64x48 --format yuyv - -o o", 1,
+     "ends in the middle of frame 1: 900 bytes of the 6144"},
+    {"EmptyJpegPipe", "tessera jpeg-decode - -o out.y4m </dev/null", 1, "standard input is empty"},
+    {"EmptyStreamPipe", "tessera h264-decode - -o out.y4m </dev/null", 1, "input is empty"},
+    {"UnknownOption", "tessera jpeg-decode --colour frame.raw -o out.y4m", 2,
+     "unknown option --colour"},
+    {"SmallBitrate", "tessera h264-encode --bitrate 5 frame.raw -o out.h264", 2, "from 1000 to"},
+    {"ClosedOutput", "tessera jpeg-encode --size 64x48 --format yuyv frame.raw -o - >&-", 1,
+     "standard output: it is closed"},
+    {"BeyondTheLimit", "tessera jpeg-decode claims.jpg -o out.y4m", 1, "67108864 altogether"},
+    {"TooLargeForABoard",
+     "TESSERA_BOARD_LIMITS=1 tessera h264-encode --size 2048x1152 --format i420 large -o out.h264",
+     1, "does not take 2048x1152"},
+    {"TooFastForABoard",
+     "TESSERA_BOARD_LIMITS=1 tessera h264-encode --size 1536x1536 --format i420 --via omx "
+     "--rate 60 large -o out.h264",
+     1, "does not take 1536x1536"},
+    {"ProgressiveOnABoard", "TESSERA_BOARD_LIMITS=1 tessera jpeg-decode scans.jpg -o out.y4m", 1,
+     "cannot be decoded"},
     {"NoJpeg", "tessera jpeg-decode text -o out.y4m", 1, "text holds no JPEG"},
     {"RawWithoutSize", "tessera h264-encode frame.raw -o out.h264", 2, "not Y4M"},
     {"Y4mOf422", "tessera h264-encode y4m422 -o out.h264", 1, "-pix_fmt yuv420p"},
-    {"CutY4m", "tessera h264-encode cut.y4m -o out.h264", 1, "ends in the middle of frame 2"},
+    {"CutY4m", "tessera h264-encode cut.y4m -o out.h264", 1, "ends in the middle of frame 1"},
     {"OutputEnding", "tessera jpeg-decode frame.raw -o out.png", 2, ".i420 or .yuv"},
     {"OutputNowhere", "tessera jpeg-decode text -o nowhere/out.y4m", 1,
      "cannot create nowhere/out.y4m: No such"},
@@ -100,6 +123,10 @@ TEST_F(ToolTest, InfoTellsThatEveryClassWorks) {
   ASSERT_EQ(result.status, 0) << result.err << result.out;
   const auto report = nlohmann::json::parse(result.out);
   EXPECT_EQ(report["classes"].size(), 6u);
+  if (report["platform"] == "software") {
+    EXPECT_NE(report["why_not_board"].get<std::string>(), "");
+    EXPECT_GE(report["board_refuses"].size(), 4u);
+  }
   for (const auto& entry : report["classes"]) EXPECT_TRUE(entry["works"].get<bool>()) << entry;
   EXPECT_NE(run("tessera info").out.find("platform: " + report["platform"].get<std::string>()),
             std::string::npos);

@@ -1,4 +1,5 @@
 #include <nlohmann/json.hpp>
+#include <random>
 
 #include "Shell.h"
 #include "support/H264Oracle.h"
@@ -56,7 +57,7 @@ INSTANTIATE_TEST_SUITE_P(Ways, H264EncodeTest, testing::ValuesIn(ways),
 
 TEST_F(ToolTest, RateAspectAndCountSurviveContainers) {
   save("in.y4m", toY4m(scenes(30, 160, 96), " F15:1 Ip A4:3 C420jpeg"));
-  for (const std::string name : {"out.mp4", "out.mkv", "out.h264"}) {
+  for (const std::string name : {"out.mp4", "out.mkv", "out.ts", "out.h264"}) {
     const std::string told = succeed("tessera h264-encode in.y4m --json -o " + name +
                                      " && tessera h264-decode " + name + " -q -o out.y4m");
     // A slow machine may let the library say that an output is late.
@@ -94,6 +95,64 @@ INSTANTIATE_TEST_SUITE_P(Streams, H264DecodeTest,
                                          Stream{"Interlaced", {320, 256, 25, 0, 1, 30, 24, true}},
                                          Stream{"Cropped", {302, 170, 25, 3}}),
                          [](const auto& tested) { return std::string(tested.param.first); });
+
+TEST_F(ToolTest, FramesInPiecesAreWholeAndWaitForNothing) {
+  std::minstd_rand random;
+  constexpr int count = 20;
+  for (const char* how :
+       {"--size 30x14", "--size 30x14 --via omx", "--size 320x240 --via omx", "--size 320x240"}) {
+    const std::size_t bytes = how[9] == 'x' ? 30 * 14 * 2 : 320 * 240 * 2;
+    Bytes noise(bytes * count);
+    for (std::uint8_t& byte : noise) byte = static_cast<std::uint8_t>(random());
+    save("in", noise);
+    const std::string told = succeed(
+        std::string("tessera h264-encode -v --format yuyv --bitrate 60M in -o out.mkv ") + how);
+    // A busy machine may miss some limits, but not one for each frame, nor the ten seconds.
+    std::size_t timeOuts = 0;
+    for (std::size_t at = 0; (at = told.find("timeout", at)) != std::string::npos; ++at) ++timeOuts;
+    EXPECT_LT(timeOuts, 10u) << how << told;
+    EXPECT_EQ(told.find("not filled"), std::string::npos) << how << told;
+    EXPECT_NE(told.find("20 frames of"), std::string::npos) << how << told;
+    const std::string decoded = succeed("tessera h264-decode out.mkv -o out.y4m");
+    EXPECT_EQ(decoded.find("20 frames of"), 0u) << how << decoded;
+  }
+}
+
+TEST_F(ToolTest, OneThreadGivesTheSameBytesWhateverTheMachine) {
+  save("in.y4m", toY4m(scenes(6, 960, 544), " F25:1"));
+  succeed(
+      "export TESSERA_THREADS=1; tessera h264-encode in.y4m -o one.h264 && "
+      "taskset -c 0 ./.tool h264-encode in.y4m -o two.h264");
+  EXPECT_EQ(load("one.h264"), load("two.h264"));
+  // More threads code a picture in more slices: the switch is not there for nothing.
+  succeed("TESSERA_THREADS=3 tessera h264-encode in.y4m -o two.h264");
+  EXPECT_NE(load("one.h264"), load("two.h264"));
+}
+
+/// What the last line tells of a stream that is not as it should be.
+TEST_F(ToolTest, WhatIsWrongWithAStreamIsCountedAndTold) {
+  support::H264Options options;
+  options.keyInterval = 10;
+  options.frames = 20;
+  const support::H264Made made = support::encodeH264(options);
+  const auto without = [&](std::size_t first, std::size_t last) {
+    Bytes stream = made.stream;
+    stream.erase(stream.begin() + static_cast<std::ptrdiff_t>(made.units[first]),
+                 stream.begin() + static_cast<std::ptrdiff_t>(made.units[last]));
+    return stream;
+  };
+  const auto told = [&](const Bytes& stream) {
+    save("in.264", stream);
+    return succeed("tessera h264-decode in.264 -o out.y4m");
+  };
+  EXPECT_NE(told(without(14, 16)).find("2 missing"), std::string::npos);
+  EXPECT_NE(told(without(0, 3)).find("7 before the first key frame"), std::string::npos);
+  options.interlaced = true;
+  options.height = 256;
+  EXPECT_NE(told(support::encodeH264(options).stream).find("20 interlaced"), std::string::npos);
+  EXPECT_NE(fromY4m(load("out.y4m")).header.find(" It "), std::string::npos);
+  EXPECT_EQ(told(made.stream).find("("), std::string::npos);
+}
 
 TEST_F(ToolTest, AStreamThatChangesItsSizeFitsIntoPlanesOnly) {
   support::H264Options options;

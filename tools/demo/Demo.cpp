@@ -19,7 +19,6 @@ namespace {
 constexpr int pictures = 20;
 constexpr int frames = 60;
 constexpr unsigned bitrate = 4000000;
-constexpr unsigned fourccI420 = 0x30323449;
 
 class Stopwatch {
  public:
@@ -32,12 +31,40 @@ class Stopwatch {
   Clock::time_point start_ = Clock::now();
 };
 
-/// Data goes to the real standard output; what the library says of its states does not.
+/// What the library prints goes to a file, and is shown where something fails.
+class HeldLines {
+ public:
+  HeldLines() : stdout_(dup(STDOUT_FILENO)), stderr_(dup(STDERR_FILENO)), kept_(std::tmpfile()) {
+    if (kept_ == nullptr) return;
+    dup2(fileno(kept_), STDOUT_FILENO);
+    dup2(fileno(kept_), STDERR_FILENO);
+  }
+
+  int standardOutput() const { return stdout_; }
+
+  void show() {
+    std::fflush(stdout);
+    dup2(stderr_, STDERR_FILENO);
+    if (kept_ == nullptr) return;
+    std::rewind(kept_);
+    for (int c; (c = std::getc(kept_)) != EOF;) std::fputc(c, stderr);
+  }
+
+ private:
+  int stdout_;
+  int stderr_;
+  std::FILE* kept_;
+};
+
+HeldLines& heldLines() {
+  static HeldLines lines;
+  return lines;
+}
+
+/// Data goes to the real standard output.
 class Table {
  public:
-  Table() : out_(fdopen(dup(STDOUT_FILENO), "w")) {
-    if (out_ == nullptr || std::freopen("/dev/null", "w", stdout) == nullptr)
-      std::perror("standard output");
+  Table() : out_(fdopen(heldLines().standardOutput(), "w")) {
     std::fprintf(out_, "%-17s %-16s %-10s %10s %9s %9s  %s\n", "class", "work", "size", "bytes",
                  "ms/frame", "PSNR dB", "remark");
   }
@@ -57,6 +84,7 @@ class Table {
 };
 
 [[noreturn]] void fail(const char* what) {
+  heldLines().show();
   std::fprintf(stderr, "tessera_demo: %s failed\n", what);
   std::exit(1);
 }
@@ -111,15 +139,6 @@ void poolRow(Table& table, DecoderPool& pool, Bytes jpeg) {
             lumaPsnr(seen, truth.data()), "read in place");
 }
 
-/// One frame's data: every buffer up to the one that holds a coded slice.
-bool holdsSlice(const unsigned char* data, unsigned size) {
-  for (unsigned i = 0; i + 3 < size; ++i)
-    if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1 &&
-        ((data[i + 3] & 31) == 1 || (data[i + 3] & 31) == 5))
-      return true;
-  return false;
-}
-
 /// The stream, and where each frame ends in it.
 struct Clip {
   Bytes stream;
@@ -156,7 +175,7 @@ double decode(IH264Decoder& decoder, const Clip& clip, double& ms, int& lag) {
 }
 
 Clip videoRow(Table& table, IH264Decoder& decoder, const char* name, Owned<IH264Encoder> encoder) {
-  if (!encoder->Create(fourccI420, width, height, 30, 1, 1, 1, bitrate)) fail(name);
+  if (!encoder->Create(tessera::fourccI420, width, height, 30, 1, 1, 1, bitrate)) fail(name);
   Clip clip;
   Bytes data(pictureBytes);
   double ms = 0;
@@ -171,7 +190,7 @@ Clip videoRow(Table& table, IH264Decoder& decoder, const char* name, Owned<IH264
           encoder->ProcessOutput(data.data(), static_cast<unsigned>(data.size()), size, flags);
       if (status == CodecTimeout) continue;  // a busy machine
       if (status != CodecOk) fail(name);
-      whole = holdsSlice(data.data(), size);
+      whole = tessera::HasPicture(data.data(), size);
       clip.stream.insert(clip.stream.end(), data.begin(), data.begin() + size);
     }
     ms += watch.milliseconds();

@@ -1,6 +1,8 @@
 #ifndef TESSERA_TOOLS_DEMO_SCENE_H
 #define TESSERA_TOOLS_DEMO_SCENE_H
 
+#include <tessera/Basics.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -13,10 +15,10 @@ constexpr int width = 1280;
 constexpr int height = 720;
 
 /// The padded size of the codecs' ports.
-constexpr int stride = (width + 31) / 32 * 32;
-constexpr int rows = (height + 15) / 16 * 16;
+constexpr int stride = tessera::PaddedWidth(width);
+constexpr int rows = tessera::PaddedHeight(height);
 constexpr std::size_t lumaBytes = std::size_t{stride} * rows;
-constexpr std::size_t pictureBytes = lumaBytes * 3 / 2;
+constexpr std::size_t pictureBytes = tessera::PaddedSize(width, height);
 
 /// Frame t of a moving scene: planar I420 in the padded layout.
 Bytes i420(int t);

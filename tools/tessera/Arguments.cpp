@@ -17,11 +17,13 @@ const std::map<std::string, PixelFormat> rgbFormats = {{"yuyv", PixelFormat::Yuy
                                                        {"rgb32", PixelFormat::Rgb32}};
 const std::map<std::string, PixelFormat> videoFormats = {{"i420", PixelFormat::I420},
                                                          {"yuyv", PixelFormat::Yuyv}};
+const std::map<std::string, Range> ranges = {{"full", Range::Full}, {"limited", Range::Limited}};
 const std::map<std::string, Via> vias = {{"mmal", Via::Mmal}, {"omx", Via::Omx}};
 
 constexpr char filesText[] =
     "INPUT and OUTPUT are files, or '-' for standard input and output. Exit status: 0 done,\n"
-    "1 failed (OUTPUT is then absent or as it was), 2 wrong usage.";
+    "1 failed (OUTPUT is then absent or as it was), 2 wrong usage, 128 and the signal's number\n"
+    "when interrupted (OUTPUT then holds what came before).";
 
 /// An option whose text goes through one of the parsers below.
 template <typename Value>
@@ -34,7 +36,7 @@ CLI::Option* parsed(CLI::App& app, const std::string& name, std::optional<Value>
       throw CLI::ValidationError(name, "\"" + text + "\" is wrong; " + shape + " is needed");
   };
   return app.add_option_function<std::string>(name, take, help)
-      ->type_name(shape.substr(0, shape.find(',')));
+      ->type_name(shape.substr(0, shape.find_first_of(", ")));
 }
 
 /// An option that is one of a few names.
@@ -60,6 +62,8 @@ void addFiles(CLI::App& app, Arguments& arguments) {
       ->required()
       ->type_name("OUTPUT");
   app.add_flag("-q,--quiet", arguments.quiet, "No progress and no last line");
+  app.add_flag("-v,--verbose", arguments.verbose,
+               "Show what the library prints; else that is shown where the command fails");
   app.add_flag("--json", arguments.json,
                "The last line (on standard error) as a JSON object, for scripts");
 }
@@ -73,6 +77,10 @@ void addVia(CLI::App& app, Arguments& arguments) {
   chosen(app, "--via", arguments.via, vias, "The platform interface to go through (default: mmal)");
 }
 
+void addRange(CLI::App& app, Arguments& arguments, const std::string& help) {
+  chosen(app, "--range", arguments.range, ranges, help);
+}
+
 void addSize(CLI::App& app, Arguments& arguments, const std::string& help) {
   parsed(app, "--size", arguments.size, parseSize, "WxH, for example 1280x720", help);
 }
@@ -80,16 +88,21 @@ void addSize(CLI::App& app, Arguments& arguments, const std::string& help) {
 void addJpegEncode(CLI::App& app, Arguments& arguments) {
   addSize(app, arguments, "Size of the frames in pixels");
   addFormat(app, arguments, rgbFormats);
+  addRange(app, arguments,
+           "Whether YUYV goes from 16 to 235 or from 0 to 255 (default: the Y4M header's, else "
+           "limited)");
   addVia(app, arguments);
   addFiles(app, arguments);
   app.footer(
-      "Raw frames lie one after another without padding; every frame becomes a JPEG of quality\n"
-      "75, and the JPEGs are written one after another. --via omx does not crop: its JPEGs have\n"
+      "INPUT is Y4M (4:2:0), which tells its own size, or raw frames one after another without\n"
+      "padding, which need --size and --format. Every frame becomes a JPEG of quality 75, and the\n"
+      "JPEGs are written one after another. --via omx does not crop: its JPEGs have\n"
       "the size rounded up to multiples of 32 x 16, the edge pixels repeated.\n\n"
       "  ffmpeg -i photo.png -pix_fmt rgb24 -f rawvideo - |\n"
       "    tessera jpeg-encode --size 640x480 --format rgb24 - -o photo.jpg\n\n"
-      "ffmpeg's names of the formats: yuyv422, rgb565le (rgb16), rgb24, rgba (rgb32). YUYV goes\n"
-      "into the JPEG as it is, and JPEG means the full range (ffmpeg: -vf scale=out_range=full).");
+      "ffmpeg's names of the formats: yuyv422, rgb565le (rgb16), rgb24, rgba (rgb32). JPEG means\n"
+      "the full range of YUV: frames of the limited one, which is what ffmpeg and most cameras\n"
+      "give, are brought to it; --range full leaves them as they are.");
 }
 
 void addJpegDecode(CLI::App& app, Arguments& arguments) {
@@ -108,24 +121,30 @@ void addJpegDecode(CLI::App& app, Arguments& arguments) {
 void addH264Encode(CLI::App& app, Arguments& arguments) {
   addSize(app, arguments, "Size of raw frames in pixels");
   addFormat(app, arguments, videoFormats);
+  addRange(app, arguments,
+           "Whether the frames go from 16 to 235 or from 0 to 255, which the stream then tells\n"
+           "(default: the Y4M header's, else limited)");
   parsed(app, "--rate", arguments.rate, parseRatio, "N/D, for example 30 or 30000/1001",
-         "Frames a second (default: the Y4M header's, else 30)");
+         "Frames a second (default: the Y4M header's, else 25 for Y4M, 30 for raw frames)");
   parsed(app, "--aspect", arguments.aspect, parseRatio, "N/D, for example 4/3",
          "Pixel aspect ratio (default: the Y4M header's, else 1/1)");
-  parsed(app, "--bitrate", arguments.bitrate, parseBitrate, "BPS, for example 4M or 500k",
+  parsed(app, "--bitrate", arguments.bitrate, parseBitrate,
+         "BPS from 1000 to 1000M, for example 4M or 500k",
          "Bits a second to aim at (default: fits size and rate)");
   addVia(app, arguments);
   addFiles(app, arguments);
   app.footer(
       "INPUT is Y4M (4:2:0), which tells its own size and rate, or raw frames one after another\n"
-      "without padding, which need --size and --format. OUTPUT.mp4, .mkv and whatever else\n"
-      "libavformat can put H.264 into become such files; OUTPUT.h264, .264 and '-' the bare\n"
-      "stream.\n\n"
+      "without padding, which need --size and --format. OUTPUT.mp4, .mkv, .ts and whatever\n"
+      "else libavformat can put H.264 into become such files; OUTPUT.h264, .264 and '-' the bare\n"
+      "stream. Killed half-way, .h264, .mkv and .ts leave a part that can be played.\n\n"
       "  ffmpeg -i any.mp4 -f yuv4mpegpipe -pix_fmt yuv420p - | tessera h264-encode - -o out.mp4\n"
       "  tessera h264-encode --size 640x480 --format yuyv --rate 15 camera.yuyv -o camera.h264");
 }
 
 void addH264Decode(CLI::App& app, Arguments& arguments) {
+  app.add_flag("--low-delay", arguments.lowDelay,
+               "Begin at once, also with a container, instead of looking into it first");
   addFiles(app, arguments);
   app.footer(
       "INPUT is a bare H.264 stream or any container that libavformat opens; its first H.264\n"
@@ -136,14 +155,27 @@ void addH264Decode(CLI::App& app, Arguments& arguments) {
 }
 
 void checkTogether(const Arguments& arguments) {
-  if (arguments.command == Command::JpegEncode && (!arguments.size || !arguments.format))
-    throw CLI::ValidationError("jpeg-encode",
-                               "raw frames do not tell what they are: both "
-                               "--size WxH and --format NAME are needed");
-  if (arguments.command == Command::H264Encode && arguments.size && !arguments.format)
-    throw CLI::ValidationError("--size", "goes with --format i420|yuyv");
-  if (arguments.command == Command::H264Encode && arguments.format && !arguments.size)
+  const bool encodes =
+      arguments.command == Command::JpegEncode || arguments.command == Command::H264Encode;
+  if (encodes && arguments.size && !arguments.format)
+    throw CLI::ValidationError("--size WxH", "goes with --format NAME");
+  if (encodes && arguments.format && !arguments.size)
     throw CLI::ValidationError("--format", "goes with --size WxH");
+}
+
+/// The first option that a command does not have. The parser would rather miss the INPUT that it
+/// took for the option's value.
+std::string unknownOption(const CLI::App& app, int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (word == "--") break;
+    if (word.size() < 2 || word[0] != '-') continue;
+    const std::string name = word[1] == '-' ? word.substr(0, word.find('=')) : word.substr(0, 2);
+    if (!app.get_option_no_throw(name)) return name;
+    const CLI::Option* option = app.get_option_no_throw(name);
+    if (option->get_items_expected_max() > 0) ++i;  // its value may begin with a dash
+  }
+  return "";
 }
 
 }  // namespace
@@ -198,7 +230,7 @@ std::optional<unsigned> parseBitrate(const std::string& text) {
     value *= 1e6;
   else if (!unit.empty())
     return std::nullopt;
-  if (!(value >= 1000) || value > 1e9) return std::nullopt;
+  if (!(value >= 1e3) || value > 1e9) return std::nullopt;
   return static_cast<unsigned>(value);
 }
 
@@ -233,11 +265,13 @@ std::optional<Arguments> parseArguments(int argc, char** argv, int& status) {
     return std::nullopt;
   } catch (const CLI::ParseError& error) {
     const auto known = app.get_subcommands();
-    const bool unknown = known.empty() && argc > 1 && argv[1][0] != '-';
     const std::string command = known.empty() ? "" : known.front()->get_name() + " ";
-    std::fprintf(stderr, "tessera: %s\nSee: tessera %s--help\n",
-                 unknown ? (std::string("unknown command ") + argv[1]).c_str() : error.what(),
-                 command.c_str());
+    std::string what = error.what();
+    const std::string option = unknownOption(known.empty() ? app : *known.front(), argc, argv);
+    if (!option.empty()) what = "unknown option " + option;
+    if (known.empty() && argc > 1 && argv[1][0] != '-')
+      what = std::string("unknown command ") + argv[1];
+    std::fprintf(stderr, "tessera: %s\nSee: tessera %s--help\n", what.c_str(), command.c_str());
     status = ExitUsage;
     return std::nullopt;
   }

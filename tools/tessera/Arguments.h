@@ -26,6 +26,9 @@ struct Arguments {
   Via via = Via::Mmal;
   bool keepGoing = false;
   bool quiet = false;
+  bool verbose = false;  ///< the library's own lines are shown
+  bool lowDelay = false;
+  std::optional<Range> range;
   bool json = false;
 };
 

@@ -73,6 +73,17 @@ const char* nameOf(PixelFormat format) {
   return names[static_cast<int>(format)];
 }
 
+bool isBeyondDecoders(FrameSize size) {
+  return size.width > longestSide || size.height > longestSide ||
+         static_cast<std::uint64_t>(size.width) * static_cast<std::uint64_t>(size.height) >
+             mostPixels;
+}
+
+std::string decoderLimits() {
+  return "a decoder takes at most " + std::to_string(longestSide) + " pixels either way and " +
+         std::to_string(mostPixels) + " altogether";
+}
+
 std::uint64_t frameBytes(PixelFormat format, FrameSize size) {
   const auto area = [](const Plane& plane) {
     return std::uint64_t{plane.unit} * static_cast<std::uint64_t>(plane.columns) *
@@ -106,6 +117,39 @@ void crop(FrameSize size, const std::uint8_t* padded, std::uint8_t* frame) {
   padded += large.bytes();
   takePlane(smallChroma, largeChroma, padded, frame);
   takePlane(smallChroma, largeChroma, padded + largeChroma.bytes(), frame + smallChroma.bytes());
+}
+
+void toYuyv(FrameSize size, const std::uint8_t* i420, std::uint8_t* yuyv) {
+  const Plane luma = packedPlane(PixelFormat::I420, size), chroma = chromaPlane(size);
+  const std::uint8_t* y = i420;
+  for (int row = 0; row < size.height; ++row, y += luma.rowBytes()) {
+    const std::uint8_t* u =
+        i420 + luma.bytes() + static_cast<std::size_t>(row / 2) * chroma.rowBytes();
+    const std::uint8_t* v = u + chroma.bytes();
+    for (int pair = 0; pair < chroma.columns; ++pair, yuyv += 4) {
+      yuyv[0] = y[2 * pair];
+      yuyv[1] = u[pair];
+      yuyv[2] = y[std::min(2 * pair + 1, size.width - 1)];
+      yuyv[3] = v[pair];
+    }
+  }
+}
+
+void toFullRange(std::uint8_t* yuyv, std::size_t bytes) {
+  struct Table {
+    std::uint8_t luma[256], chroma[256];
+    Table() {
+      for (int i = 0; i < 256; ++i) {
+        luma[i] = static_cast<std::uint8_t>(std::clamp(((i - 16) * 255 + 109) / 219, 0, 255));
+        chroma[i] = static_cast<std::uint8_t>(std::clamp((i * 255 - 128 * 31 + 112) / 224, 0, 255));
+      }
+    }
+  };
+  static const Table table;
+  for (std::size_t i = 0; i + 1 < bytes; i += 2) {
+    yuyv[i] = table.luma[yuyv[i]];
+    yuyv[i + 1] = table.chroma[yuyv[i + 1]];
+  }
 }
 
 void toArgb1887(std::uint8_t* pixels, std::size_t bytes) {

@@ -16,6 +16,10 @@ struct Ratio {
   double value() const { return static_cast<double>(num) / den; }
 };
 
+/// Which values stand for black and white: 16 and 235 (limited, video's) or 0 and 255 (full,
+/// JPEG's).
+enum class Range { Limited, Full };
+
 /// Raw frames, one after another.
 class FrameSource {
  public:

@@ -1,3 +1,4 @@
+#include <tessera/Basics.h>
 #include <tessera/CMmalH264Encoder.h>
 #include <tessera/COmxH264Encoder.h>
 
@@ -6,13 +7,16 @@
 #include <cmath>
 #include <limits>
 #include <memory>
+#include <optional>
 
-#include "AnnexB.h"
 #include "Commands.h"
+#include "Ending.h"
 #include "Failure.h"
+#include "FrameAhead.h"
 #include "InputFile.h"
 #include "OutputFile.h"
 #include "Progress.h"
+#include "RangeMark.h"
 #include "RawReader.h"
 #include "StreamWriter.h"
 #include "Y4mReader.h"
@@ -20,8 +24,6 @@
 namespace tool {
 namespace {
 
-constexpr unsigned fourccI420 = 0x30323449;
-constexpr unsigned fourccYuyv = 0x56595559;
 /// How long the encoder may take no frame before it counts as dead.
 constexpr std::chrono::seconds inputPatience{10};
 /// How long frames that are still missing at the end may take.
@@ -33,6 +35,8 @@ struct Plan {
   Ratio rate{30, 1};
   Ratio aspect{1, 1};
   unsigned bitrate = 0;
+  Range range = Range::Limited;
+  bool interlaced = false;
   FrameSize coded;  ///< the stream's size
 };
 
@@ -42,28 +46,23 @@ unsigned fittingBitrate(FrameSize size, const Ratio& rate) {
   return static_cast<unsigned>(std::clamp(bits, 100e3, 25e6));
 }
 
-/// Both classes ask the component for a byte a pixel of the size that they code.
-std::size_t smallestBuffer(Via via, FrameSize size) {
-  if (via == Via::Omx) size = size.rounded();
-  return static_cast<std::size_t>(size.width) * static_cast<std::size_t>(size.height);
-}
-
 Plan makePlan(const Arguments& arguments, InputFile& input) {
   Plan plan;
-  if (Y4mReader::recognises(input)) {
+  const bool y4m = Y4mReader::recognises(input);
+  Ending().check(0);
+  if (y4m) {
     auto reader = std::make_unique<Y4mReader>(input);
     plan.rate = reader->rate().value_or(Ratio{25, 1});
     plan.aspect = reader->aspect().value_or(Ratio{1, 1});
-    if (arguments.size && *arguments.size != reader->size())
-      throw UsageFailure(input.name() + " is Y4M of " + reader->size().text() + ", not " +
-                         arguments.size->text() + "; leave --size and --format out");
+    plan.range = reader->range().value_or(plan.range);
+    plan.interlaced = reader->interlaced();
+    checkY4m(arguments, *reader, input.name());
     plan.source = std::move(reader);
   } else {
-    if (!arguments.size)
-      throw UsageFailure(input.name() +
-                         " is not Y4M; for raw frames say --size WxH and --format i420|yuyv");
+    if (!arguments.size || !arguments.format) throw rawNeedsSize(input.name(), "i420|yuyv");
     plan.source = std::make_unique<RawReader>(input, *arguments.format, *arguments.size);
   }
+  plan.range = arguments.range.value_or(plan.range);
   plan.rate = arguments.rate.value_or(plan.rate);
   plan.aspect = arguments.aspect.value_or(plan.aspect);
   const FrameSize size = plan.source->size();
@@ -84,59 +83,74 @@ class H264Encoding {
         output_(output),
         source_(*plan.source),
         progress_(arguments),
-        joiner_(smallestBuffer(arguments.via, source_.size())),
+        pieces_(source_.size().width, source_.size().height),
         piece_(frameBytes(PixelFormat::I420, source_.size().rounded()) + (1u << 20)),
-        writer_(StreamWriter::make(output, container,
-                                   {plan.coded, plan.rate, plan.aspect, plan.bitrate})) {
+        writer_(StreamWriter::make(
+            output, container, {plan.coded, plan.rate, plan.aspect, plan.bitrate, plan.range})) {
+    if (plan.range == Range::Full) rangeMark_.emplace();
     start(arguments, plan);
   }
 
   void run() {
-    // The next frame is read while the encoder works on the one before.
-    std::vector<std::uint8_t> frame, ahead;
-    bool more = source_.next(frame, layout_);
-    while (more) {
-      feed(frame);
-      more = source_.next(ahead, layout_);
-      frame.swap(ahead);
-      collect();
+    Ending ending;
+    std::vector<std::uint8_t> frame;
+    {
+      FrameAhead frames(source_, layout_, input_);
+      ending.read([&] {
+        while (frames.next(frame)) {
+          feed(frame);
+          collect();
+        }
+      });
     }
-    collectRest();
-    encoder_.reset();  // the library's words come before the last line
+    ending.check(fed_);
+    collectRest(frame);
+    encoder_.reset();
     writer_->finish();
     output_.commit();
     if (fed_ > progress_.frames())
       progress_.warn("the encoder's rate control dropped " +
                      std::to_string(fed_ - progress_.frames()) + " of " + std::to_string(fed_) +
                      " frames; a higher --bitrate keeps them");
-    progress_.finish({coded_, input_.position(), output_.bytes(), fed_ - progress_.frames()});
+    Progress::Totals totals{
+        coded_, input_.position(), output_.bytes(), fed_ - progress_.frames(), {}};
+    if (interlaced_) totals.notes["interlaced"] = progress_.frames();
+    progress_.finish(totals);
+    ending.tell(progress_.frames(), output_.name());
   }
 
  private:
   using Clock = std::chrono::steady_clock;
 
   void start(const Arguments& arguments, const Plan& plan) {
-    const bool omx = arguments.via == Via::Omx;
+    omx_ = arguments.via == Via::Omx;
     // COmxH264Encoder codes the rounded size and takes whole rates and square pixels only.
-    const FrameSize size = omx ? source_.size().rounded() : source_.size();
+    const FrameSize size = omx_ ? source_.size().rounded() : source_.size();
     const Ratio rate =
-        omx ? Ratio{std::max(1u, static_cast<unsigned>(std::lround(plan.rate.value()))), 1}
-            : plan.rate;
-    if (omx && plan.aspect.num != plan.aspect.den)
+        omx_ ? Ratio{std::max(1u, static_cast<unsigned>(std::lround(plan.rate.value()))), 1}
+             : plan.rate;
+    if (omx_ && plan.aspect.num != plan.aspect.den)
       progress_.warn("--via omx leaves the aspect ratio out of the stream");
     if (plan.coded != source_.size())
       progress_.warn("the stream is " + plan.coded.text() + ": " +
-                     (omx ? "--via omx does not crop" : "4:2:0 video has even sizes"));
+                     (omx_ ? "--via omx does not crop" : "4:2:0 video has even sizes"));
+    if (plan.interlaced)
+      progress_.warn(input_.name() +
+                     " is interlaced, and is coded as whole frames; to separate the " +
+                     "fields first: ffmpeg -vf bwdif");
+    interlaced_ = plan.interlaced;
     coded_ = plan.coded;
     // CMmalH264Encoder lays YUYV out itself.
-    if (!omx && source_.format() == PixelFormat::Yuyv) layout_ = FrameSource::Layout::Packed;
-    encoder_.reset(omx ? new COmxH264Encoder : CreateEncoderH264());
-    const unsigned fourcc = source_.format() == PixelFormat::Yuyv ? fourccYuyv : fourccI420;
+    if (!omx_ && source_.format() == PixelFormat::Yuyv) layout_ = FrameSource::Layout::Packed;
+    encoder_.reset(omx_ ? new COmxH264Encoder : CreateEncoderH264());
+    const unsigned fourcc =
+        source_.format() == PixelFormat::Yuyv ? tessera::fourccYuyv : tessera::fourccI420;
     if (!encoder_->Create(fourcc, size.width, size.height, rate.num, rate.den, plan.aspect.num,
                           plan.aspect.den, plan.bitrate))
       throw Failure("the encoder does not take " + size.text() + " at " + std::to_string(rate.num) +
-                    "/" + std::to_string(rate.den) +
-                    " frames a second; 'tessera info' tells whether the platform works");
+                    "/" + std::to_string(rate.den) + " frames a second and " +
+                    std::to_string(plan.bitrate) +
+                    " bits a second; 'tessera info' tells what the platform takes");
   }
 
   void feed(std::vector<std::uint8_t>& frame) {
@@ -150,9 +164,9 @@ class H264Encoding {
       }
       if (status != CodecTimeout && status != CodecNoBuffer)
         throw Failure("the encoder refused frame " + std::to_string(fed_ + 1) + " of " +
-                      input_.name() + " (status " + std::to_string(status) + ")");
+                      input_.name() + " (" + tessera::StatusText(status) + ")");
       // It may be waiting for room in its output.
-      takeFrame();
+      takePiece();
     } while (Clock::now() - start < inputPatience);
     throw Failure("the encoder has stopped taking frames after " + std::to_string(fed_));
   }
@@ -160,38 +174,61 @@ class H264Encoding {
   /// Takes what belongs to the frames fed so far. A frame whose output does not come in time is
   /// late or was dropped; which of the two shows later.
   void collect() {
-    while (progress_.frames() + missing_ < fed_)
-      if (!takeFrame()) missing_ = fed_ - progress_.frames();
+    while (pieces_.Begun() + missing_ < fed_)
+      if (!takePiece()) missing_ = fed_ - pieces_.Begun();
+    // A piece that may be the last is not waited for, since that could be in vain: the next frame
+    // brings it. One that fills the buffer is next to never the last, and the wait is short in
+    // MMAL.
+    while (pieces_.MayGoOn() && pieces_.BufferSize() > 0 && !omx_)
+      if (!takePiece()) break;
   }
 
-  void collectRest() {
-    auto last = Clock::now();
-    while (progress_.frames() < fed_ && Clock::now() - last < outputPatience)
-      if (takeFrame()) last = Clock::now();
-  }
-
-  /// Takes one whole frame and writes it. @return false when none came within 100 ms
-  bool takeFrame() {
-    while (joiner_.state() != FrameJoiner::State::Complete) {
-      unsigned size = 0, flags = 0;
-      const CodecStatus status =
-          encoder_->ProcessOutput(piece_.data(), static_cast<unsigned>(piece_.size()), size, flags);
-      if (status == CodecOk) {
-        keyFrame_ = keyFrame_ || (flags & 1);
-        joiner_.add(piece_.data(), size);
-      } else if (status != CodecTimeout && status != CodecNoBuffer) {
-        throw Failure("the encoder failed after frame " + std::to_string(progress_.frames()) +
-                      " (status " + std::to_string(status) + ")");
-      } else if (joiner_.state() == FrameJoiner::State::InDoubt) {
-        joiner_.nothingCame();
-      } else {
-        return false;
-      }
+  void collectRest(std::vector<std::uint8_t>& lastFrame) {
+    takeUntil([this] { return pieces_.Begun() >= fed_; });
+    if (pieces_.MayGoOn()) {
+      // One frame more shows where the last one ends.
+      const std::uint64_t begun = pieces_.Begun();
+      feed(lastFrame);
+      --fed_;
+      surplus_ = true;
+      takeUntil([&] { return pieces_.Begun() > begun; });
     }
-    writer_->write(joiner_.take(), keyFrame_);
+    if (!frame_.empty()) writeFrame();
+  }
+
+  template <typename Done>
+  void takeUntil(Done&& done) {
+    auto last = Clock::now();
+    while (!done() && Clock::now() - last < outputPatience)
+      if (takePiece()) last = Clock::now();
+  }
+
+  /// Takes a buffer of the encoder and writes the frames that it completes.
+  /// @return false when none came within the encoder's limit
+  bool takePiece() {
+    unsigned size = 0, flags = 0;
+    const CodecStatus status =
+        encoder_->ProcessOutput(piece_.data(), static_cast<unsigned>(piece_.size()), size, flags);
+    if (status == CodecTimeout || status == CodecNoBuffer) return false;
+    if (status != CodecOk)
+      throw Failure("the encoder failed after frame " + std::to_string(progress_.frames()) + " (" +
+                    tessera::StatusText(status) + ")");
+    const bool first = pieces_.Add(piece_.data(), size);
+    if (first && !frame_.empty()) writeFrame();
+    surplusBegun_ = surplusBegun_ || (first && surplus_);
+    if (surplusBegun_) return true;
+    frame_.insert(frame_.end(), piece_.begin(), piece_.begin() + size);
+    keyFrame_ = keyFrame_ || (flags & 1);
+    if (!pieces_.MayGoOn()) writeFrame();
+    return true;
+  }
+
+  void writeFrame() {
+    if (rangeMark_) rangeMark_->apply(frame_);
+    writer_->write(frame_, keyFrame_);
+    frame_.clear();
     keyFrame_ = false;
     progress_.frame(input_.fraction());
-    return true;
   }
 
   struct EncoderRelease {
@@ -202,15 +239,21 @@ class H264Encoding {
   OutputFile& output_;
   FrameSource& source_;
   Progress progress_;
-  FrameJoiner joiner_;
+  tessera::EncodedFrames pieces_;
+  std::vector<std::uint8_t> frame_;  ///< what has come of the one at hand
   std::vector<std::uint8_t> piece_;
   std::unique_ptr<StreamWriter> writer_;
+  std::optional<RangeMark> rangeMark_;
   std::unique_ptr<IH264Encoder, EncoderRelease> encoder_;
   FrameSize coded_;
   FrameSource::Layout layout_ = FrameSource::Layout::Padded;
   std::uint64_t fed_ = 0;
   std::uint64_t missing_ = 0;
   bool keyFrame_ = false;
+  bool omx_ = false;
+  bool interlaced_ = false;
+  bool surplus_ = false;       ///< what was fed last is not for the output
+  bool surplusBegun_ = false;  ///< nor is what comes from here on
 };
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <dlfcn.h>
 #include <sys/wait.h>
+#include <tessera/Basics.h>
 #include <tessera/CMmalJpegEncoder.h>
 #include <tessera/COmxH264Encoder.h>
 #include <tessera/COmxJpegEncoder.h>
@@ -11,12 +12,12 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include "AnnexB.h"
 #include "AvSupport.h"
 #include "Commands.h"
 #include "Failure.h"
@@ -49,16 +50,16 @@ Bytes encodeJpegWith() {
 Bytes encodeH264(IH264Encoder* owned) {
   const std::unique_ptr<IH264Encoder, int (*)(IH264Encoder*)> encoder(owned, ReleaseEncoderH264);
   Bytes frame(width * height * 3 / 2, 128), piece(1 << 20), stream;
-  if (!encoder->Create(0x30323449, width, height, 30, 1, 1, 1, 500000)) return {};
+  if (!encoder->Create(tessera::fourccI420, width, height, 30, 1, 1, 1, 500000)) return {};
   if (encoder->ProcessInput(frame.data(), static_cast<unsigned>(frame.size()), 0, 0) != CodecOk)
     return {};
-  for (int tries = 0; tries < 20 && !hasSlice(stream.data(), stream.size()); ++tries) {
+  for (int tries = 0; tries < 20 && !tessera::HasPicture(stream.data(), stream.size()); ++tries) {
     unsigned size = 0, flags = 0;
     if (encoder->ProcessOutput(piece.data(), static_cast<unsigned>(piece.size()), size, flags) ==
         CodecOk)
       stream.insert(stream.end(), piece.begin(), piece.begin() + size);
   }
-  return hasSlice(stream.data(), stream.size()) ? stream : Bytes();
+  return tessera::HasPicture(stream.data(), stream.size()) ? stream : Bytes();
 }
 
 bool decodesJpeg() {
@@ -175,15 +176,40 @@ std::string versionText(unsigned version) {
          std::to_string(AV_VERSION_MICRO(version));
 }
 
+/// Why it is the software platform and not the board's libraries.
+std::string whyNotBoard() {
+  const std::string folder = "/opt/vc/lib";
+  if (access(folder.c_str(), F_OK) != 0)
+    return "there is no " + folder + ", where a board's system has its libraries";
+  std::string missing;
+  for (const char* name : {"bcm_host", "openmaxil", "mmal", "mmal_core", "mmal_util", "vcos"}) {
+    const std::string file = std::string("lib") + name + ".so";
+    if (access((folder + "/" + file).c_str(), R_OK) != 0)
+      missing += (missing.empty() ? "" : ", ") + file;
+  }
+  if (!missing.empty()) return folder + " lacks " + missing;
+  return "this library was built for the software platform; build it with -DTESSERA_PLATFORM=board";
+}
+
+/// Published figures of the board's codecs; the software platform keeps to them where asked.
+constexpr const char* boardRefuses[] = {
+    "H.264 of more than 8192 macroblocks a frame (1920x1088), either way",
+    "H.264 encoding of more than 245760 macroblocks a second (1920x1080 at 30)",
+    "H.264 encoding at more than 25 Mb/s", "progressive and arithmetic-coded JPEGs"};
+
 nlohmann::ordered_json gather() {
   const std::string platform = objectOf("bcm_host_init");
   const bool software = platform.find("libtessera_platform") != std::string::npos;
+  const char* const limited = std::getenv("TESSERA_BOARD_LIMITS");
   nlohmann::ordered_json report = {{"version", TESSERA_VERSION},
                                    {"library", objectOf("CreateEncoderJPEG")},
                                    {"platform", platform.empty() ? "none"
                                                 : software       ? "software"
                                                                  : "board"},
                                    {"platform_library", platform},
+                                   {"why_not_board", software ? whyNotBoard() : ""},
+                                   {"board_refuses", boardRefuses},
+                                   {"board_limits", limited && std::strcmp(limited, "1") == 0},
                                    {"libavformat", versionText(avformat_version())},
                                    {"classes", nlohmann::ordered_json::array()}};
   for (const Check& check : checks) {
@@ -202,7 +228,16 @@ std::string asText(const nlohmann::ordered_json& report) {
   const auto text = [&](const char* key) { return report[key].get<std::string>(); };
   std::string out = "tessera " + text("version") + " (" + text("library") + ")\n" +
                     "platform: " + text("platform") + " (" + text("platform_library") + ")\n" +
-                    "containers: libavformat " + text("libavformat") + "\n\n";
+                    "containers: libavformat " + text("libavformat") + "\n";
+  if (!text("why_not_board").empty()) out += "why not the board: " + text("why_not_board") + "\n";
+  if (text("platform") == "software") {
+    out +=
+        "the board would refuse (published figures; this platform does too with "
+        "TESSERA_BOARD_LIMITS=1" +
+        std::string(report["board_limits"].get<bool>() ? ", as now" : "") + "):\n";
+    for (const char* refused : boardRefuses) out += std::string("    ") + refused + "\n";
+  }
+  out += "\n";
   char line[160];
   std::snprintf(line, sizeof line, "%-17s %-15s %-26s %s\n", "class", "work", "component",
                 "one picture, start to end");

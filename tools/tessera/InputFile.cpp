@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "Failure.h"
+#include "Interrupt.h"
 
 namespace tool {
 namespace {
@@ -62,12 +63,19 @@ void InputFile::cancel() {
   (void)!::write(cancelled_, &one, sizeof one);
 }
 
-/// @return false once cancelled
-bool InputFile::waitForData() {
-  struct pollfd both[] = {{fd_, POLLIN, 0}, {cancelled_, POLLIN, 0}};
-  while (poll(both, 2, -1) < 0 && errno == EINTR) {
+/// @return false once cancelled or interrupted
+bool InputFile::mayRead() {
+  struct pollfd all[] = {
+      {fd_, POLLIN, 0}, {cancelled_, POLLIN, 0}, {Interrupt::descriptor(), POLLIN, 0}};
+  while (poll(all, 3, -1) < 0 && errno == EINTR) {
   }
-  return !(both[1].revents & POLLIN);
+  return !((all[1].revents | all[2].revents) & POLLIN);
+}
+
+bool InputFile::waitForData(std::chrono::milliseconds limit) {
+  if (!peeked_.empty()) return true;
+  struct pollfd input = {fd_, POLLIN, 0};
+  return poll(&input, 1, static_cast<int>(limit.count())) != 0;
 }
 
 std::size_t InputFile::readSome(void* data, std::size_t size) {
@@ -79,7 +87,7 @@ std::size_t InputFile::readSome(void* data, std::size_t size) {
     return taken;
   }
   ssize_t got = 0;
-  if (!waitForData()) return 0;
+  if (!mayRead()) return 0;
   do {
     got = ::read(fd_, data, size);
   } while (got < 0 && errno == EINTR);

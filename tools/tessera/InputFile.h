@@ -2,6 +2,7 @@
 #define TESSERA_TOOLS_INPUTFILE_H
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -25,6 +26,10 @@ class InputFile {
   /// Reads what is there, at least one byte. @return 0 at the end
   std::size_t readSome(void* data, std::size_t size);
 
+  /// Waits until there is something to read, or the end. @return false when there was neither in
+  /// time
+  bool waitForData(std::chrono::milliseconds limit);
+
   /// The next bytes without taking them, fewer than `size` only where the input ends.
   const std::vector<std::uint8_t>& peek(std::size_t size);
 
@@ -35,8 +40,8 @@ class InputFile {
   std::optional<std::uint64_t> length() const { return length_; }
   std::uint64_t position() const { return position_; }
 
-  /// Ends every read, also one that waits for data, as if the input ended there. The one operation
-  /// that may be called while another thread reads.
+  /// Ends every read, also one that waits for data, as if the input ended there; an Interrupt does
+  /// the same. The one operation that may be called while another thread reads.
   void cancel();
 
   /// How far the reading has come, 0 to 1; empty when the length is not known.
@@ -49,7 +54,7 @@ class InputFile {
   bool isSameAs(const std::string& path) const;
 
  private:
-  bool waitForData();
+  bool mayRead();
 
   std::string name_;
   int fd_;

@@ -3,8 +3,10 @@
 #include <memory>
 
 #include "Commands.h"
+#include "Ending.h"
 #include "Failure.h"
 #include "InputFile.h"
+#include "Interrupt.h"
 #include "JpegSplitter.h"
 #include "OutputFile.h"
 #include "PictureWriter.h"
@@ -41,9 +43,13 @@ class JpegDecoding {
     JpegSplitter splitter(input_);
     JpegPiece piece;
     while (splitter.next(piece)) {
+      if (!piece.complete && Interrupt::signal() != 0) break;
       ++number_;
       decode(piece);
     }
+    const Ending ending;
+    ending.check(progress_.frames());
+    if (splitter.isEmpty()) throw Failure(input_.name() + " is empty");
     if (number_ == 0)
       throw Failure(input_.name() + " holds no JPEG: no start marker (FF D8) in it");
     if (progress_.frames() == 0)
@@ -51,9 +57,10 @@ class JpegDecoding {
     if (splitter.strayBytes() > 0)
       progress_.warn(std::to_string(splitter.strayBytes()) + " bytes of " + input_.name() +
                      " belong to no picture; they were passed over");
-    pool_.reset();  // the library's words come before the last line
+    pool_.reset();
     output_.commit();
-    progress_.finish({size_, input_.position(), output_.bytes(), leftOut_});
+    progress_.finish({size_, input_.position(), output_.bytes(), leftOut_, {}});
+    ending.tell(progress_.frames(), output_.name());
   }
 
  private:
@@ -78,6 +85,8 @@ class JpegDecoding {
   void refuse(const JpegPiece& piece) {
     const std::string why = piece.picture.width == 0 && !arguments_.size
                                 ? ": no frame header tells its size (--size WxH can)"
+                            : isBeyondDecoders(piece.picture)
+                                ? " (" + piece.picture.text() + "): " + decoderLimits()
                                 : " (" + piece.picture.text() + ")";
     const std::string text = which() + " cannot be decoded" + why;
     if (!arguments_.keepGoing)

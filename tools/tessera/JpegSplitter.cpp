@@ -35,6 +35,7 @@ bool JpegSplitter::have(std::size_t end) {
     const std::size_t got = input_.readSome(buffer_.data() + old, chunk);
     buffer_.resize(old + got);
     if (got == 0) return false;
+    empty_ = false;
   }
   return true;
 }

@@ -26,6 +26,9 @@ class JpegSplitter {
 
   bool next(JpegPiece& piece);
 
+  /// Whether the input has ended without a byte.
+  bool isEmpty() const { return empty_; }
+
   /// Bytes left out so far that belonged to no picture; zeroes, which writers pad with, do not
   /// count.
   std::uint64_t strayBytes() const { return stray_; }
@@ -40,6 +43,7 @@ class JpegSplitter {
   std::vector<std::uint8_t> buffer_;
   std::size_t begin_ = 0;  ///< of what has not been handed out
   std::uint64_t stray_ = 0;
+  bool empty_ = true;
 };
 
 }  // namespace tool

@@ -1,10 +1,10 @@
 #include "OutputFile.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -17,18 +17,14 @@
 namespace tool {
 namespace {
 
-// One output a process: its temporary name, where a signal handler can read it.
+constexpr std::size_t longestStem = 200;
+
+// One output a process: the name of its part file.
 char pending[PATH_MAX] = "";
 
 void removePending() {
   if (pending[0]) unlink(pending);
   pending[0] = '\0';
-}
-
-void onSignal(int signal) {
-  removePending();
-  // SA_RESETHAND put the default action back: the caller sees which signal it was.
-  raise(signal);
 }
 
 bool isStdout(const std::string& name) {
@@ -54,24 +50,15 @@ mode_t modeFor(const std::string& target) {
 
 }  // namespace
 
-void OutputFile::removeOnSignals() {
+void OutputFile::removeOnExit() {
   std::atexit(removePending);
-  struct sigaction action = {};
-  action.sa_handler = onSignal;
-  action.sa_flags = static_cast<int>(SA_RESETHAND);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
-    struct sigaction old = {};
-    // A signal that the caller ignores (nohup) stays ignored.
-    if (sigaction(signal, nullptr, &old) == 0 && old.sa_handler != SIG_IGN)
-      sigaction(signal, &action, nullptr);
-  }
-  signal(SIGPIPE, SIG_IGN);
 }
 
 OutputFile::OutputFile(const std::string& name, Content content) : name_(name) {
   if (isStdout(name)) {
     name_ = "standard output";
     fd_ = StdoutGuard::descriptor();
+    if (fd_ < 0) throw Failure("cannot write standard output: it is closed");
     if (content == Content::Data && isatty(fd_))
       throw UsageFailure(
           "OUTPUT is '-', but standard output is a terminal; redirect it or name a file with -o");
@@ -87,28 +74,40 @@ OutputFile::OutputFile(const std::string& name, Content content) : name_(name) {
     return;
   }
   if (access(name.c_str(), F_OK) == 0 && access(name.c_str(), W_OK) != 0) fail("write", errno);
-  openTemporary(followLinks(name));
+  openPart(followLinks(name));
 }
 
-void OutputFile::openTemporary(const std::string& path) {
+void OutputFile::openPart(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   const std::string directory = slash == std::string::npos ? "" : path.substr(0, slash + 1);
   const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-  std::string pattern = directory + "." + base.substr(0, 200) + ".XXXXXX";
+  // The ending stays the last: what a killed process leaves can be played.
+  const std::size_t dot = base.rfind('.');
+  const std::string ending = dot == std::string::npos || dot == 0 ? "" : base.substr(dot);
+  std::string pattern = directory +
+                        base.substr(0, std::min(base.size() - ending.size(), longestStem)) +
+                        ".part-XXXXXX" + ending;
   if (pattern.size() >= sizeof pending) fail("create", ENAMETOOLONG);
 
-  fd_ = mkostemp(pattern.data(), O_CLOEXEC);
-  if (fd_ < 0) fail("create", errno);
+  fd_ = mkostemps(pattern.data(), static_cast<int>(ending.size()), O_CLOEXEC);
+  if (fd_ < 0) {
+    const int error = errno;
+    if (access(path.c_str(), W_OK) != 0) fail("create", error);
+    throw Failure("cannot write " + name_ +
+                  ": its folder takes no new file, and until it is complete "
+                  "it is one (" +
+                  std::strerror(error) + "); write to another folder, or through -o -");
+  }
   std::memcpy(pending, pattern.c_str(), pattern.size() + 1);
   owned_ = true;
   target_ = path;
-  temporary_ = pattern;
+  part_ = pattern;
   fchmod(fd_, modeFor(path));
 }
 
 OutputFile::~OutputFile() {
   if (owned_ && fd_ >= 0) close(fd_);
-  if (!temporary_.empty()) removePending();
+  if (!part_.empty()) removePending();
 }
 
 void OutputFile::write(const void* data, std::size_t size) {
@@ -136,10 +135,10 @@ void OutputFile::commit() {
   fd_ = -1;
   // Some file systems tell of a full disk only here.
   if (result != 0 && errno != EINTR) fail("write", errno);
-  if (temporary_.empty()) return;
-  if (rename(temporary_.c_str(), target_.c_str()) != 0) fail("create", errno);
+  if (part_.empty()) return;
+  if (rename(part_.c_str(), target_.c_str()) != 0) fail("create", errno);
   pending[0] = '\0';
-  temporary_.clear();
+  part_.clear();
 }
 
 void OutputFile::fail(const std::string& what, int error) {

@@ -41,8 +41,8 @@ void PictureWriter::writeHeader(FrameSize size) {
     return std::to_string(r.num) + ":" + std::to_string(r.den);
   };
   const std::string line = "YUV4MPEG2 W" + std::to_string(size.width) + " H" +
-                           std::to_string(size.height) + " F" + ratio(header_.rate) + " Ip A" +
-                           ratio(header_.aspect) +
+                           std::to_string(size.height) + " F" + ratio(header_.rate) + " I" +
+                           header_.order + " A" + ratio(header_.aspect) +
                            (header_.chromaCentred ? " C420jpeg" : " C420mpeg2") +
                            (header_.fullRange ? " XCOLORRANGE=FULL\n" : " XCOLORRANGE=LIMITED\n");
   output_.write(line.data(), line.size());

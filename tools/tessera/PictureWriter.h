@@ -21,6 +21,7 @@ class PictureWriter {
     Ratio rate{25, 1};
     Ratio aspect{1, 1};
     bool fullRange = false;
+    char order = 'p';            ///< p: progressive; t or b: the field that comes first
     bool chromaCentred = false;  ///< as in JPEG; otherwise left, as in H.264
   };
 
@@ -35,6 +36,9 @@ class PictureWriter {
   void write(FrameSize size, const std::uint8_t* padded);
 
   Kind kind() const { return kind_; }
+
+  /// As long as nothing has been written.
+  void setOrder(char order) { header_.order = order; }
 
  private:
   void writeHeader(FrameSize size);

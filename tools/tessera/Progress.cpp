@@ -9,6 +9,8 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
+#include "StdoutGuard.h"
+
 namespace tool {
 namespace {
 
@@ -16,13 +18,14 @@ constexpr std::chrono::milliseconds between{100};
 
 std::size_t terminalColumns() {
   struct winsize window = {};
-  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 0) return window.ws_col;
+  if (ioctl(fileno(StdoutGuard::messages()), TIOCGWINSZ, &window) == 0 && window.ws_col > 0)
+    return window.ws_col;
   return 80;
 }
 
 bool isTerminal() {
   const char* kind = std::getenv("TERM");
-  return isatty(STDERR_FILENO) && !(kind && std::strcmp(kind, "dumb") == 0);
+  return isatty(fileno(StdoutGuard::messages())) && !(kind && std::strcmp(kind, "dumb") == 0);
 }
 
 std::string decimal(double value, int digits) {
@@ -52,6 +55,13 @@ std::string framesText(std::uint64_t frames) {
   return std::to_string(frames) + (frames == 1 ? " frame" : " frames");
 }
 
+std::string notesText(const Progress::Totals& totals) {
+  std::string text;
+  for (const auto& [what, frames] : totals.notes)
+    text += (text.empty() ? "" : ", ") + std::to_string(frames) + " " + what;
+  return text;
+}
+
 }  // namespace
 
 Progress::Progress(const Arguments& arguments)
@@ -67,6 +77,7 @@ double Progress::seconds() const {
 
 void Progress::frame(std::optional<double> fraction) {
   ++frames_;
+  StdoutGuard::collect();
   if (!live_ || Clock::now() < nextShow_) return;
   nextShow_ = Clock::now() + between;
   show(fraction);
@@ -87,19 +98,19 @@ void Progress::show(std::optional<double> fraction) {
     if (line.size() + part.size() > room) break;
     line += part;
   }
-  std::fprintf(stderr, "\r%s\033[K", line.substr(0, room).c_str());
-  std::fflush(stderr);
+  std::fprintf(StdoutGuard::messages(), "\r%s\033[K", line.substr(0, room).c_str());
+  std::fflush(StdoutGuard::messages());
   shown_ = true;
 }
 
 void Progress::clear() {
-  if (shown_) std::fputs("\r\033[K", stderr);
+  if (shown_) std::fputs("\r\033[K", StdoutGuard::messages());
   shown_ = false;
 }
 
 void Progress::warn(const std::string& text) {
   clear();
-  std::fprintf(stderr, "tessera: %s\n", text.c_str());
+  std::fprintf(StdoutGuard::messages(), "tessera: %s\n", text.c_str());
 }
 
 void Progress::finish(const Totals& totals) {
@@ -112,6 +123,7 @@ void Progress::finish(const Totals& totals) {
                                             {"output", arguments_.output},
                                             {"frames", frames_},
                                             {"left_out", totals.leftOut},
+                                            {"notes", totals.notes},
                                             {"width", totals.size.width},
                                             {"height", totals.size.height},
                                             {"bytes_in", totals.bytesIn},
@@ -119,12 +131,16 @@ void Progress::finish(const Totals& totals) {
                                             {"seconds", elapsed},
                                             {"frames_per_second", speed}};
     // A file name need not be UTF-8.
-    std::fprintf(stderr, "%s\n",
+    std::fprintf(StdoutGuard::messages(), "%s\n",
                  summary.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
-  } else if (!arguments_.quiet) {
-    const std::string left =
-        totals.leftOut ? " (" + std::to_string(totals.leftOut) + " left out)" : "";
-    std::fprintf(stderr, "%s%s of %s, %s in, %s out, %s s, %s frames/s\n",
+  } else if (arguments_.quiet) {
+    if (!totals.notes.empty()) warn(arguments_.input + ": " + notesText(totals));
+  } else {
+    std::string left = notesText(totals);
+    if (totals.leftOut > 0)
+      left = std::to_string(totals.leftOut) + " left out" + (left.empty() ? "" : ", ") + left;
+    if (!left.empty()) left = " (" + left + ")";
+    std::fprintf(StdoutGuard::messages(), "%s%s of %s, %s in, %s out, %s s, %s frames/s\n",
                  framesText(frames_).c_str(), left.c_str(), totals.size.text().c_str(),
                  bytesText(totals.bytesIn).c_str(), bytesText(totals.bytesOut).c_str(),
                  decimal(elapsed, 2).c_str(), decimal(speed, 1).c_str());

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -29,9 +30,10 @@ class Progress {
     FrameSize size;
     std::uint64_t bytesIn = 0;
     std::uint64_t bytesOut = 0;
-    std::uint64_t leftOut = 0;  ///< frames that went in and did not come out
+    std::uint64_t leftOut = 0;                   ///< frames that went in and did not come out
+    std::map<std::string, std::uint64_t> notes;  ///< what else there is to tell of how many frames
   };
-  /// The last line, as text or JSON; nothing with --quiet unless JSON was asked for.
+  /// The last line, as text or JSON. With --quiet the notes alone, unless JSON was asked for.
   void finish(const Totals& totals);
 
   std::uint64_t frames() const { return frames_; }

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "Failure.h"
+#include "Interrupt.h"
 
 namespace tool {
 namespace {
@@ -55,14 +56,15 @@ void RawReader::checkLength() const {
 bool RawReader::read(std::vector<std::uint8_t>& packed) {
   packed.resize(frameBytes(format_, size_));
   const std::size_t got = input_.read(packed.data(), packed.size());
+  if (got < packed.size() && Interrupt::signal() != 0) return false;
   if (got == 0) {
     if (frames_ == 0) throw Failure(input_.name() + " is empty");
     return false;
   }
   if (got < packed.size())
-    throw Failure(input_.name() + " ends in the middle of frame " + std::to_string(frames_ + 1) +
-                  ": " + bytesText(got) + " of the " + std::to_string(packed.size()) + " that a " +
-                  size_.text() + " " + nameOf(format_) + " frame has; check --size and --format");
+    throw InputCut(input_.name() + " ends in the middle of frame " + std::to_string(frames_ + 1) +
+                   ": " + bytesText(got) + " of the " + std::to_string(packed.size()) + " that a " +
+                   size_.text() + " " + nameOf(format_) + " frame has; check --size and --format");
   ++frames_;
   return true;
 }

@@ -78,7 +78,7 @@ class ContainerWriter : public StreamWriter {
       throw std::bad_alloc();
     muxer_.reset(context);
     muxer_->pb = bridge_.io();
-    muxer_->flags |= AVFMT_FLAG_CUSTOM_IO;
+    muxer_->flags |= AVFMT_FLAG_CUSTOM_IO | AVFMT_FLAG_FLUSH_PACKETS;
     track_ = avformat_new_stream(context, nullptr);
     if (!track_) throw std::bad_alloc();
     track_->time_base = frameTime_;
@@ -93,6 +93,7 @@ class ContainerWriter : public StreamWriter {
     codec.height = stream.size.height;
     codec.bit_rate = stream.bitrate;
     codec.format = AV_PIX_FMT_YUV420P;
+    codec.color_range = stream.range == Range::Full ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
   }
 
   void write(const std::vector<std::uint8_t>& frame, bool keyFrame) override {
@@ -125,6 +126,8 @@ class ContainerWriter : public StreamWriter {
     codec.extradata_size = static_cast<int>(length);
 
     AVDictionary* options = nullptr;
+    // What a killed process leaves lacks no more than the last second.
+    av_dict_set(&options, "cluster_time_limit", "1000", 0);
     // Without seeking an MP4 can only be written in fragments.
     if (!bridge_.io()->seekable && (muxer_->oformat->flags & AVFMT_GLOBALHEADER))
       av_dict_set(&options, "movflags", "frag_keyframe+empty_moov+default_base_moof", 0);
@@ -160,10 +163,12 @@ const AVOutputFormat* StreamWriter::containerFor(const std::string& output) {
   const std::string ending = output.substr(dot);
   const AVOutputFormat* format = av_guess_format(nullptr, ("x" + ending).c_str(), nullptr);
   if (ending == ".h264" || ending == ".264" || ending == ".avc") return nullptr;
+  // MPEG-TS takes any codec and so names none.
+  const bool transport = format && std::strcmp(format->name, "mpegts") == 0;
   if (!format || (format->flags & AVFMT_NOFILE) ||
-      avformat_query_codec(format, AV_CODEC_ID_H264, FF_COMPLIANCE_NORMAL) != 1)
+      (!transport && avformat_query_codec(format, AV_CODEC_ID_H264, FF_COMPLIANCE_NORMAL) != 1))
     throw UsageFailure("OUTPUT " + output + ": " + ending +
-                       " cannot hold H.264; use .mp4 or .mkv, or .h264 for the bare stream");
+                       " cannot hold H.264; use .mp4, .mkv or .ts, or .h264 for the bare stream");
   return format;
 }
 

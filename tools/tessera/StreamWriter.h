@@ -22,6 +22,7 @@ class StreamWriter {
     Ratio rate;
     Ratio aspect;
     unsigned bitrate = 0;
+    Range range = Range::Limited;
   };
 
   virtual ~StreamWriter() = default;

@@ -6,6 +6,7 @@
 
 #include "Arguments.h"
 #include "Failure.h"
+#include "Interrupt.h"
 
 namespace tool {
 namespace {
@@ -62,6 +63,10 @@ void Y4mReader::readHeader(const std::string& line) {
       case 'C':
         checkColours(value);
         break;
+      case 'X':
+        if (value == "COLORRANGE=FULL") range_ = Range::Full;
+        if (value == "COLORRANGE=LIMITED") range_ = Range::Limited;
+        break;
       default:
         break;
     }
@@ -78,19 +83,37 @@ void Y4mReader::checkColours(const std::string& tag) const {
                 "yuv420p -f yuv4mpegpipe -");
 }
 
+void checkY4m(const Arguments& arguments, const Y4mReader& reader, const std::string& input) {
+  if (arguments.size && *arguments.size != reader.size())
+    throw UsageFailure(input + " is Y4M of " + reader.size().text() + ", not " +
+                       arguments.size->text() + "; leave --size and --format out");
+}
+
+UsageFailure rawNeedsSize(const std::string& input, const std::string& formats) {
+  return UsageFailure(
+      input +
+      " is not Y4M, and raw frames do not tell what they are: both --size WxH and --format " +
+      formats + " are needed");
+}
+
 bool Y4mReader::read(std::vector<std::uint8_t>& packed) {
   std::string line;
   if (input_.peek(1).empty()) {
+    if (Interrupt::signal() != 0) return false;
     if (frames_ == 0) throw Failure(input_.name() + " has a Y4M header but no frame");
     return false;
   }
   const std::string number = std::to_string(frames_ + 1);
-  if (!readLine(line) || line.compare(0, 5, "FRAME") != 0)
-    throw Failure(input_.name() + ": frame " + number +
-                  " does not start with FRAME; the file is damaged");
+  if (!readLine(line) || line.compare(0, 5, "FRAME") != 0) {
+    if (Interrupt::signal() != 0) return false;
+    throw InputCut(input_.name() + ": frame " + number +
+                   " does not start with FRAME; the file is damaged");
+  }
   packed.resize(frameBytes(PixelFormat::I420, size_));
-  if (input_.read(packed.data(), packed.size()) < packed.size())
-    throw Failure(input_.name() + " ends in the middle of frame " + number);
+  if (input_.read(packed.data(), packed.size()) < packed.size()) {
+    if (Interrupt::signal() != 0) return false;
+    throw InputCut(input_.name() + " ends in the middle of frame " + number);
+  }
   ++frames_;
   return true;
 }

@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#include "Arguments.h"
+#include "Failure.h"
 #include "FrameSource.h"
 #include "InputFile.h"
 
@@ -24,6 +26,7 @@ class Y4mReader : public FrameSource {
   std::optional<Ratio> rate() const { return rate_; }
   std::optional<Ratio> aspect() const { return aspect_; }
   bool interlaced() const { return interlaced_; }
+  std::optional<Range> range() const { return range_; }
 
  protected:
   bool read(std::vector<std::uint8_t>& packed) override;
@@ -38,8 +41,15 @@ class Y4mReader : public FrameSource {
   std::optional<Ratio> rate_;
   std::optional<Ratio> aspect_;
   bool interlaced_ = false;
+  std::optional<Range> range_;
   std::uint64_t frames_ = 0;
 };
+
+/// The input tells its size; another one on the command line is a UsageFailure.
+void checkY4m(const Arguments& arguments, const Y4mReader& reader, const std::string& input);
+
+/// For raw frames of which the command line does not tell enough.
+UsageFailure rawNeedsSize(const std::string& input, const std::string& formats);
 
 }  // namespace tool
 

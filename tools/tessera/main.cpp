@@ -1,10 +1,12 @@
 #include <cstdio>
 #include <exception>
 #include <new>
+#include <string>
 
 #include "Arguments.h"
 #include "Commands.h"
 #include "Failure.h"
+#include "Interrupt.h"
 #include "OutputFile.h"
 #include "StdoutGuard.h"
 
@@ -16,30 +18,41 @@ void run(const tool::Arguments& arguments) {
   commands[static_cast<int>(arguments.command)](arguments);
 }
 
-int complain(const char* text, int status) {
-  std::fprintf(stderr, "tessera: %s\n", text);
+int fail(const std::string& text, int status) {
+  // The library's own words tell more, but not about wrong usage or an interrupt.
+  if (status == tool::ExitFailed) tool::StdoutGuard::showKept();
+  std::fprintf(tool::StdoutGuard::messages(), "tessera: %s\n", text.c_str());
   return status;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  int status = tool::ExitDone;
+/// @return the exit status
+int runFrom(int argc, char** argv) {
   try {
+    int status = tool::ExitDone;
     const auto arguments = tool::parseArguments(argc, argv, status);
     if (!arguments) return status;
     tool::StdoutGuard::install();
-    tool::OutputFile::removeOnSignals();
+    tool::StdoutGuard::setVerbose(arguments->verbose);
+    tool::OutputFile::removeOnExit();
+    tool::Interrupt::install();
     run(*arguments);
     return tool::ExitDone;
   } catch (const tool::BrokenPipe&) {
     // Whoever read has had enough: nothing is wrong, and nobody is left to be told.
     return tool::ExitDone;
   } catch (const tool::Failure& failure) {
-    return complain(failure.what(), failure.status());
+    return fail(failure.what(), failure.status());
   } catch (const std::bad_alloc&) {
-    return complain("out of memory", tool::ExitFailed);
+    return fail("out of memory", tool::ExitFailed);
   } catch (const std::exception& error) {
-    return complain(error.what(), tool::ExitFailed);
+    return fail(error.what(), tool::ExitFailed);
   }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int status = runFrom(argc, argv);
+  tool::StdoutGuard::dropKept();
+  return status;
 }

@@ -15,6 +15,7 @@ _tessera() {
     --format)
       [[ $command == h264-encode ]] && words="i420 yuyv" || words="yuyv rgb16 rgb24 rgb32" ;;
     --via) words="mmal omx" ;;
+    --range) words="full limited" ;;
     --size) words="640x480 1280x720 1920x1080" ;;
     --rate) words="15 25 30 30000/1001 60" ;;
     --aspect) words="1/1 4/3" ;;
@@ -24,12 +25,13 @@ _tessera() {
         words="jpeg-encode jpeg-decode h264-encode h264-decode info --help --version"
       elif [[ $cur == -* && $prev != -o ]]; then
         words="--help"
-        [[ $command != info ]] && words+=" --output --quiet"
+        [[ $command != info ]] && words+=" --output --quiet --verbose"
         words+=" --json"
         case $command in
-          jpeg-encode) words+=" --size --format --via" ;;
+          jpeg-encode) words+=" --size --format --range --via" ;;
           jpeg-decode) words+=" --size --keep-going" ;;
-          h264-encode) words+=" --size --format --rate --aspect --bitrate --via" ;;
+          h264-encode) words+=" --size --format --range --rate --aspect --bitrate --via" ;;
+          h264-decode) words+=" --low-delay" ;;
         esac
       fi
       ;;

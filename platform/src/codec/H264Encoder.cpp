@@ -5,6 +5,8 @@
 #include <new>
 #include <thread>
 
+#include "codec/Environment.h"
+
 extern "C" {
 #include <x264.h>
 }
@@ -131,6 +133,11 @@ bool H264Encoder::Impl::start() {
   param.i_threads = config.width * config.height < smallPicture
                         ? 1
                         : static_cast<int>(std::min(cores, mostThreads));
+  if (const unsigned asked = threadsAsked(); asked > 0) {
+    param.i_threads = static_cast<int>(asked);
+    // With one thread it is about the same bytes on every machine.
+    param.b_cpu_independent = 1;
+  }
   setTiming(param, config);
   setRate(param, config);
   if (x264_param_apply_profile(&param, profileName(config.profile)) != 0)

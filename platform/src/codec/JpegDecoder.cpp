@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "codec/ChromaFold.h"
+#include "codec/Environment.h"
 #include "codec/JpegError.h"
 #include "codec/JpegScans.h"
 
@@ -169,6 +170,8 @@ const char* JpegDecoder::Impl::objection() const {
     return "neither grey nor three colour components";
   const bool severalScans = jpeg_has_multiple_scans(const_cast<j_decompress_ptr>(&cinfo)) != 0;
   if (severalScans && findScans(data, size).count > scansAllowed()) return tooManyScans;
+  if (hasBoardLimits() && (cinfo.progressive_mode || cinfo.arith_code))
+    return "the board takes baseline pictures only";
   if (!severalScans && !hasItsTables()) return "a quantisation table is missing";
   return nullptr;
 }

@@ -41,7 +41,8 @@ struct BasicPlanes {
 using Planes = BasicPlanes<std::uint8_t>;
 using ConstPlanes = BasicPlanes<const std::uint8_t>;
 
-/// Rounds up to a multiple of a power of two.
+/// Rounds up to a multiple of a power of two. The platform has its own on purpose: what it asks of
+/// its clients must not change with what the library believes.
 constexpr unsigned roundUp(unsigned value, unsigned multiple) {
   return (value + multiple - 1) & ~(multiple - 1);
 }

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <numeric>
 
+#include "codec/Environment.h"
+
 namespace il {
 namespace {
 
@@ -98,6 +100,10 @@ OMX_ERRORTYPE VideoEncode::adapt(const Port& port, OMX_PARAM_PORTDEFINITIONTYPE&
       video.nSliceHeight > mostPixelsPerSide ||
       video.nStride > static_cast<OMX_S32>(mostPixelsPerSide))
     return OMX_ErrorUnsupportedSetting;
+  if (!codec::board::takesVideo(video.nFrameWidth, video.nFrameHeight) ||
+      !codec::board::takesRate(video.nFrameWidth, video.nFrameHeight,
+                               double(video.xFramerate) / oneFrameASecond))
+    return OMX_ErrorUnsupportedSetting;
   const auto asked = static_cast<OMX_U32>(std::max(video.nStride, OMX_S32{0}));
   const OMX_U32 stride = codec::roundUp(std::max(asked, video.nFrameWidth), 2);
   const OMX_U32 slice = codec::roundUp(std::max(video.nSliceHeight, video.nFrameHeight), 2);
@@ -148,7 +154,8 @@ OMX_ERRORTYPE VideoEncode::setSetting(OMX_INDEXTYPE index, OMX_PTR structure) {
 
 OMX_ERRORTYPE VideoEncode::setRate(const OMX_VIDEO_PARAM_BITRATETYPE& rate) {
   if (rate.eControlRate < OMX_Video_ControlRateDisable ||
-      rate.eControlRate > OMX_Video_ControlRateConstantSkipFrames)
+      rate.eControlRate > OMX_Video_ControlRateConstantSkipFrames ||
+      !codec::board::takesBitrate(rate.nTargetBitrate))
     return OMX_ErrorUnsupportedSetting;
   controlRate_ = rate.eControlRate;
   output().video().nBitrate = rate.nTargetBitrate;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "codec/Environment.h"
 #include "interface/mmal/mmal_events.h"
 
 namespace mmal {
@@ -80,6 +81,7 @@ VideoDecode::VideoDecode() : Component("vc.ril.video_decode") {
 // The size of the input is a hint: the stream says what it is.
 MMAL_STATUS_T VideoDecode::checkFormat(const Port& target, const MMAL_ES_FORMAT_T& format) const {
   const MMAL_VIDEO_FORMAT_T& video = format.es->video;
+  if (!codec::board::takesVideo(video.width, video.height)) return MMAL_EINVAL;
   if (target.isInput()) {
     const bool fits = video.width <= largestSide && video.height <= largestSide;
     return format.encoding == MMAL_ENCODING_H264 && fits ? MMAL_SUCCESS : MMAL_EINVAL;

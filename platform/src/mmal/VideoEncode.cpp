@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "codec/Environment.h"
 #include "mmal/Parameter.h"
 
 namespace mmal {
@@ -51,8 +52,14 @@ VideoEncode::VideoEncode() : Component("vc.ril.video_encode") {
 MMAL_STATUS_T VideoEncode::checkFormat(const Port& target, const MMAL_ES_FORMAT_T& format) const {
   const MMAL_FOURCC_T encoding = target.isInput() ? MMAL_ENCODING_I420 : MMAL_ENCODING_H264;
   if (format.encoding != encoding) return MMAL_EINVAL;
-  if (target.isOutput()) return MMAL_SUCCESS;
+  if (target.isOutput())
+    return codec::board::takesBitrate(format.bitrate) ? MMAL_SUCCESS : MMAL_EINVAL;
   const MMAL_VIDEO_FORMAT_T& video = format.es->video;
+  const double rate =
+      video.frame_rate.den > 0 ? double(video.frame_rate.num) / video.frame_rate.den : 0;
+  if (!codec::board::takesVideo(video.width, video.height) ||
+      !codec::board::takesRate(video.width, video.height, rate))
+    return MMAL_EINVAL;
   if (video.frame_rate.num < 0 || video.frame_rate.den < 0) return MMAL_EINVAL;
   if (video.par.num < 0 || video.par.den < 0) return MMAL_EINVAL;
   return rawGeometryFits(video) ? MMAL_SUCCESS : MMAL_EINVAL;

@@ -6,7 +6,7 @@
 
 int main() {
   constexpr int width = 64, height = 32;
-  std::vector<unsigned char> frame(width * height * 2, 0x80);
+  std::vector<unsigned char> frame(tessera::PaddedWidth(width) * height * 2, 0x80);
   std::vector<unsigned char> jpeg(frame.size());
   unsigned int size = 0;
 
