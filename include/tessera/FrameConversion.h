@@ -1,6 +1,9 @@
 #ifndef TESSERA_FRAMECONVERSION_H
 #define TESSERA_FRAMECONVERSION_H
 
+/// @file
+/// Copies between packed and planar frames.
+
 #include <tessera/Export.h>
 
 /// @file
