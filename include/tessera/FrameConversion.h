@@ -1,9 +1,6 @@
 #ifndef TESSERA_FRAMECONVERSION_H
 #define TESSERA_FRAMECONVERSION_H
 
-/// @file
-/// Copies between packed and planar frames.
-
 #include <tessera/Export.h>
 
 /// @file
