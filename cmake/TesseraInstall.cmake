@@ -1,6 +1,16 @@
-# What `cmake --install` lays down, in four components: library, development, platform, tool. The whole tree works from wherever it is moved to: nothing in it names the prefix.
+# What `cmake --install` lays down, in four components: library, development, platform, tool. The whole
+# tree works from wherever it is moved to: nothing in it names the prefix.
 
 include(CMakePackageConfigHelpers)
+
+# tessera_gzip(FILE) leaves FILE.gz in the build directory, the same bytes every time.
+function(tessera_gzip file)
+  get_filename_component(name "${file}" NAME)
+  execute_process(
+    COMMAND gzip -9n -c "${file}"
+    OUTPUT_FILE "${PROJECT_BINARY_DIR}/${name}.gz" COMMAND_ERROR_IS_FATAL ANY)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${file}")
+endfunction()
 
 set(config_dir "${CMAKE_INSTALL_LIBDIR}/cmake/tessera")
 
@@ -69,11 +79,11 @@ install(
 # The tool with its man page and completion.
 if(TARGET tessera_tool)
   install(TARGETS tessera_tool RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tool)
+  tessera_gzip("${PROJECT_SOURCE_DIR}/tools/tessera/tessera.1")
   install(
-    FILES "${PROJECT_SOURCE_DIR}/tools/tessera/tessera.1"
+    FILES "${PROJECT_BINARY_DIR}/tessera.1.gz"
     DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
-    COMPONENT tool
-    OPTIONAL)
+    COMPONENT tool)
   install(
     FILES "${PROJECT_SOURCE_DIR}/tools/tessera/tessera.bash"
     DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions"
@@ -82,29 +92,40 @@ if(TARGET tessera_tool)
     OPTIONAL)
 endif()
 
-# Every binary comes with its terms: those of the software platform differ (it links GPL coders).
+# The pages and the examples lie to each other as in the source tree, so that their links hold; sources that
+# a page links come along.
 install(
   FILES "${PROJECT_SOURCE_DIR}/LICENSE"
   DESTINATION "${CMAKE_INSTALL_DOCDIR}"
   COMPONENT library)
-if(TESSERA_PLATFORM_KIND STREQUAL "software")
-  install(
-    FILES "${PROJECT_SOURCE_DIR}/LICENSE"
-    DESTINATION "${CMAKE_INSTALL_DOCDIR}-platform"
-    COMPONENT platform)
-endif()
 install(
   FILES "${PROJECT_SOURCE_DIR}/README.md" "${PROJECT_SOURCE_DIR}/CHANGELOG.md"
+        "${PROJECT_SOURCE_DIR}/CONTRIBUTING.md"
   DESTINATION "${CMAKE_INSTALL_DOCDIR}"
   COMPONENT development
   OPTIONAL)
 install(
-  DIRECTORY "${PROJECT_SOURCE_DIR}/docs/"
+  DIRECTORY "${PROJECT_SOURCE_DIR}/docs" "${PROJECT_SOURCE_DIR}/examples"
   DESTINATION "${CMAKE_INSTALL_DOCDIR}"
   COMPONENT development
+  OPTIONAL
   FILES_MATCHING
   PATTERN "*.md"
   PATTERN "*.png"
-  PATTERN "*.svg")
+  PATTERN "*.svg"
+  PATTERN "*.tsv"
+  PATTERN "*.cpp"
+  PATTERN "*.h")
+file(GLOB pages "${PROJECT_SOURCE_DIR}/README.md" "${PROJECT_SOURCE_DIR}/docs/*.md")
+foreach(page IN LISTS pages)
+  file(READ "${page}" text)
+  string(REGEX MATCHALL "\\((\\.\\./)?(include|src|tools)/[A-Za-z0-9_./-]+\\)" links "${text}")
+  foreach(link IN LISTS links)
+    string(REGEX REPLACE "^\\((\\.\\./)?|\\)$" "" file "${link}")
+    get_filename_component(folder "${file}" DIRECTORY)
+    install(FILES "${PROJECT_SOURCE_DIR}/${file}" DESTINATION "${CMAKE_INSTALL_DOCDIR}/${folder}"
+            COMPONENT development)
+  endforeach()
+endforeach()
 
 include(TesseraPackages)

@@ -4,8 +4,10 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tessera)
 set(CPACK_PACKAGE_VENDOR tessera)
-set(CPACK_PACKAGE_CONTACT "the tessera authors <tessera@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(TESSERA_PACKAGE_CONTACT "the tessera authors <tessera@tessera.invalid>"
+    CACHE STRING "Maintainer of the Debian packages: whoever hands them out")
+set(CPACK_PACKAGE_CONTACT "${TESSERA_PACKAGE_CONTACT}")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "media codecs of the GPU behind a few interfaces")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGE_DIRECTORY "${PROJECT_BINARY_DIR}/packages")
 set(CPACK_STRIP_FILES ON)
@@ -21,14 +23,38 @@ set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(runtime "libc6 (>= 2.36), libgcc-s1 (>= 4.5), libstdc++6 (>= 12)")
 set(this_version "(= ${PROJECT_VERSION})")
 
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libtessera)
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_DEPENDS "${runtime}")
-set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "${PROJECT_DESCRIPTION}: shared library")
+# debian_package(COMPONENT PACKAGE DESCRIPTION): its name, and what Debian wants in every package beside
+# the payload. `cmake --install` without a component leaves these files out.
+set(debian_dir "${PROJECT_BINARY_DIR}/debian")
+string(TIMESTAMP changelog_date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+configure_file("${PROJECT_SOURCE_DIR}/cmake/debian/changelog.in" "${debian_dir}/changelog" @ONLY)
+tessera_gzip("${debian_dir}/changelog")
+function(debian_package component package description)
+  string(TOUPPER "${component}" upper)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${package} PARENT_SCOPE)
+  set(CPACK_COMPONENT_${upper}_DESCRIPTION "${description}" PARENT_SCOPE)
+  set(doc "${CMAKE_INSTALL_DATAROOTDIR}/doc/${package}")
+  install(FILES "${PROJECT_BINARY_DIR}/changelog.gz" DESTINATION "${doc}" COMPONENT ${component} EXCLUDE_FROM_ALL)
+  install(FILES "${PROJECT_SOURCE_DIR}/LICENSE" DESTINATION "${doc}" COMPONENT ${component}
+          RENAME copyright EXCLUDE_FROM_ALL)
+endfunction()
 
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtessera-dev)
+debian_package(library libtessera
+  "JPEG and H.264 codecs of a 32-bit ARM board's GPU, memory buffers in and out.
+ This package holds the shared library.")
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA "${PROJECT_SOURCE_DIR}/cmake/debian/triggers")
+install(
+  FILES "${PROJECT_SOURCE_DIR}/cmake/debian/libtessera.overrides"
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/lintian/overrides"
+  COMPONENT library
+  RENAME libtessera EXCLUDE_FROM_ALL)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_DEPENDS "${runtime}")
+
+debian_package(development libtessera-dev
+  "JPEG and H.264 codecs of a 32-bit ARM board's GPU, memory buffers in and out.
+ This package holds headers, pkg-config and CMake files, pages and examples.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libtessera ${this_version}")
-set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "${PROJECT_DESCRIPTION}: headers and documentation")
 
 if(TESSERA_PLATFORM_KIND STREQUAL "software" OR TARGET tessera_tool)
   find_package(PkgConfig REQUIRED)
@@ -49,19 +75,22 @@ endif()
 if(TESSERA_PLATFORM_KIND STREQUAL "software")
   list(APPEND CPACK_COMPONENTS_ALL platform)
   string(APPEND CPACK_DEBIAN_LIBRARY_PACKAGE_DEPENDS ", tessera-platform ${this_version}")
-  set(CPACK_DEBIAN_PLATFORM_PACKAGE_NAME tessera-platform)
+  debian_package(platform tessera-platform
+    "The interfaces of the board's media libraries, with codecs on the CPU behind
+ them, for machines without such a board.")
+  file(WRITE "${debian_dir}/shlibs" "libtessera_platform 1 tessera-platform (>= ${PROJECT_VERSION})\n")
+  set(CPACK_DEBIAN_PLATFORM_PACKAGE_CONTROL_EXTRA "${debian_dir}/shlibs" "${PROJECT_SOURCE_DIR}/cmake/debian/triggers")
   set(CPACK_DEBIAN_PLATFORM_PACKAGE_DEPENDS
       "${runtime}, libjpeg62-turbo, libx264-${TESSERA_DEB_x264_NUMBER}, ${av_packages}")
-  set(CPACK_COMPONENT_PLATFORM_DESCRIPTION "software codecs behind the board's media interfaces")
 endif()
 
 if(TARGET tessera_tool)
   list(APPEND CPACK_COMPONENTS_ALL tool)
-  set(CPACK_DEBIAN_TOOL_PACKAGE_NAME tessera-tool)
+  debian_package(tool tessera-tool
+    "The command-line tool tessera: JPEG and H.264 in and out of files and pipes.")
   set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION video)
   set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS
       "${runtime}, libtessera ${this_version}, libavformat${TESSERA_DEB_libavformat_NUMBER}, ${av_packages}")
-  set(CPACK_COMPONENT_TOOL_DESCRIPTION "${PROJECT_DESCRIPTION}: command-line tool")
 endif()
 
 include(CPack)

@@ -3,20 +3,27 @@
 //   /              a page that shows the live picture
 //   /snapshot.jpg  the latest JPEG
 //   /live          all of them, as multipart/x-mixed-replace
-//   /quit          ends the program
+//   /quit          ends the program, when asked from this machine
 //
-//   example_snapshot_server PORT        port 0 picks a free one; it is printed
+//   example_snapshot_server PORT [ADDRESS]
+//
+// Port 0 picks a free one; it is printed. ADDRESS is where to listen: 127.0.0.1, this machine
+// alone, unless told otherwise; 0.0.0.0 is every network of this machine.
 //
 // The camera here is a drawing; put your own frames into draw().
 
+#include <arpa/inet.h>
 #include <httplib.h>
+#include <sys/socket.h>
 #include <tessera/tessera.h>
 
 #include <atomic>
+#include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -26,6 +33,8 @@
 namespace {
 
 constexpr int width = 640, height = 480;
+// Every viewer keeps one thread of the server; the rest of them serve everybody else.
+constexpr int mostViewers = 64, threads = mostViewers + 8;
 
 /// The latest JPEG, and a way to wait for the one after it.
 class Latest {
@@ -86,46 +95,105 @@ const char page[] =
     "text-align:center}img{border:4px solid #eee}</style><h1>Live picture</h1>"
     "<img src=/live width=640 height=480 alt=camera>";
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: %s PORT\n", argv[0]);
-    return 2;
+/// Streams every JPEG to one viewer, as long as there is room for one more.
+void live(Latest& latest, const std::atomic<bool>& running, std::atomic<int>& viewers,
+          httplib::Response& response) {
+  if (++viewers > mostViewers) {
+    --viewers;
+    response.status = 503;
+    return;
   }
-  Latest latest;
-  std::atomic<bool> running{true};
-  std::thread camera([&] { film(latest, running); });
+  response.set_content_provider(
+      "multipart/x-mixed-replace; boundary=frame",
+      [&latest, &running, number = 0u](std::size_t, httplib::DataSink& sink) mutable {
+        const std::string jpeg = latest.after(number);
+        const std::string head = "--frame\r\nContent-Type: image/jpeg\r\nContent-Length: " +
+                                 std::to_string(jpeg.size()) + "\r\n\r\n";
+        return running && !jpeg.empty() && sink.write(head.data(), head.size()) &&
+               sink.write(jpeg.data(), jpeg.size()) && sink.write("\r\n", 2);
+      },
+      [&viewers](bool) { --viewers; });
+}
 
-  httplib::Server server;
+void route(httplib::Server& server, Latest& latest, std::atomic<bool>& running,
+           std::atomic<int>& viewers) {
   server.Get("/", [](const auto&, auto& response) { response.set_content(page, "text/html"); });
   server.Get("/snapshot.jpg", [&](const auto&, auto& response) {
     unsigned number = 0;
-    response.set_content(latest.after(number), "image/jpeg");
+    const std::string jpeg = latest.after(number);
+    if (jpeg.empty()) response.status = 503;
+    response.set_content(jpeg, "image/jpeg");
   });
-  server.Get("/live", [&](const auto&, auto& response) {
-    response.set_content_provider(
-        "multipart/x-mixed-replace; boundary=frame",
-        [&, number = 0u](std::size_t, httplib::DataSink& sink) mutable {
-          const std::string jpeg = latest.after(number);
-          const std::string head = "--frame\r\nContent-Type: image/jpeg\r\nContent-Length: " +
-                                   std::to_string(jpeg.size()) + "\r\n\r\n";
-          return running && !jpeg.empty() && sink.write(head.data(), head.size()) &&
-                 sink.write(jpeg.data(), jpeg.size()) && sink.write("\r\n", 2);
-        });
+  server.Get("/live",
+             [&](const auto&, auto& response) { live(latest, running, viewers, response); });
+  server.Get("/quit", [&](const auto& request, auto& response) {
+    if (request.remote_addr != "127.0.0.1" && request.remote_addr != "::1") {
+      response.status = 403;
+      return;
+    }
+    running = false;
+    server.stop();
   });
-  server.Get("/quit", [&](const auto&, auto&) { running = false, server.stop(); });
+}
 
-  const int asked = std::atoi(argv[1]);
-  const int port = asked == 0 ? server.bind_to_any_port("127.0.0.1")
-                              : (server.bind_to_port("127.0.0.1", asked) ? asked : -1);
-  if (port > 0) {
-    std::fprintf(stderr, "http://127.0.0.1:%d/\n", port);
-    server.listen_after_bind();
-  } else {
-    std::perror("listening");
+/// The port that the server listens on from now on, or -1 after a line on standard error.
+int listenOn(httplib::Server& server, const std::string& address, int port) {
+  server.new_task_queue = [] { return new httplib::ThreadPool(threads); };
+  server.set_keep_alive_max_count(1);  // an idle connection would keep its thread
+  // The library's own choice lets a second server take a port that is in use.
+  server.set_socket_options([](int socket) {
+    const int yes = 1;
+    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  });
+  errno = 0;
+  const int bound = port == 0 ? server.bind_to_any_port(address)
+                              : (server.bind_to_port(address, port) ? port : -1);
+  if (bound < 0)
+    std::fprintf(stderr, "cannot listen on %s, port %d: %s\n", address.c_str(), port,
+                 std::strerror(errno));
+  return bound;
+}
+
+/// The port that `text` names, or -1.
+int portOf(const std::string& text) {
+  int port = -1;
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, port);
+  return error == std::errc() && rest == end && port >= 0 && port <= 65535 ? port : -1;
+}
+
+bool isAddress(const char* text) {
+  unsigned char binary[sizeof(in6_addr)];
+  return inet_pton(AF_INET, text, binary) == 1 || inet_pton(AF_INET6, text, binary) == 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string address = argc > 2 ? argv[2] : "127.0.0.1";
+  const int asked = argc > 1 ? portOf(argv[1]) : -1;
+  if (argc < 2 || argc > 3 || asked < 0 || !isAddress(address.c_str())) {
+    if (argc > 1 && asked < 0)
+      std::fprintf(stderr, "'%s' is no port: 0 to 65535\n", argv[1]);
+    else if (argc > 2)
+      std::fprintf(stderr, "'%s' is no address, such as 127.0.0.1\n", argv[2]);
+    std::fprintf(stderr, "usage: %s PORT [ADDRESS]\n", argv[0]);
+    return 2;
   }
+  httplib::Server server;
+  const int port = listenOn(server, address, asked);
+  if (port < 0) return 1;
+
+  Latest latest;
+  std::atomic<bool> running{true};
+  std::atomic<int> viewers{0};
+  route(server, latest, running, viewers);
+  std::thread camera([&] { film(latest, running); });
+  const bool six = address.find(':') != std::string::npos;
+  std::fprintf(stderr, "http://%s%s%s:%d/\n", six ? "[" : "", address.c_str(), six ? "]" : "",
+               port);
+  server.listen_after_bind();
   running = false;
   camera.join();
-  return port > 0 ? 0 : 1;
+  return 0;
 }

@@ -1,6 +1,9 @@
 #ifndef TESSERA_CMMALH264DECODER_H
 #define TESSERA_CMMALH264DECODER_H
 
+/// @file
+/// The H.264 decoder on MMAL, and its callbacks.
+
 #include <interface/mmal/mmal.h>
 #include <semaphore.h>
 #include <tessera/IH264Decoder.h>

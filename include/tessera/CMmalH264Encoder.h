@@ -1,6 +1,9 @@
 #ifndef TESSERA_CMMALH264ENCODER_H
 #define TESSERA_CMMALH264ENCODER_H
 
+/// @file
+/// The H.264 encoder on MMAL, and its callbacks.
+
 #include <interface/mmal/mmal.h>
 #include <semaphore.h>
 #include <tessera/IH264Encoder.h>

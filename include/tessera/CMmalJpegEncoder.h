@@ -1,6 +1,9 @@
 #ifndef TESSERA_CMMALJPEGENCODER_H
 #define TESSERA_CMMALJPEGENCODER_H
 
+/// @file
+/// The JPEG encoder on MMAL, and its callback.
+
 #include <interface/mmal/mmal.h>
 #include <interface/mmal/util/mmal_component_wrapper.h>
 #include <semaphore.h>
@@ -77,12 +80,16 @@ class TESSERA_API CMmalJpegEncoder : public IJPEGEncoder {
   /// RGB to JPEG in the caller's memory, like `EncodeYUYV`. Sizes below 1 fail.
   /// @param bitsPerPixel  16: little-endian words, red in bits 15..11, green 10..5, blue 4..0;
   ///                      24: bytes R, G, B; 32: bytes R, G, B, A (A ignored). Others fail
+  /// @param frame,frameSize,width,height,jpeg,jpegCapacity,jpegSize  as for `EncodeYUYV`
+  /// @return 1 when a complete JPEG was produced, else 0
   int EncodeRGB(unsigned char* frame, unsigned int frameSize, unsigned int bitsPerPixel, int width,
                 int height, unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize);
 
   /// What all of the above come to.
   /// @param encoding  four-character code of the frame's format: 'YUYV', 'RGB2', 'RGB3' or 'RGBA';
   ///                  used when this call sets the component up
+  /// @param frame,frameSize,width,height,jpeg,jpegCapacity,jpegSize  as for `EncodeYUYV`
+  /// @return 1 when a complete JPEG was produced, else 0
   int Encode(unsigned char* frame, unsigned int frameSize, unsigned int encoding, int width,
              int height, unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize);
 

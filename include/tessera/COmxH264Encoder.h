@@ -1,6 +1,9 @@
 #ifndef TESSERA_COMXH264ENCODER_H
 #define TESSERA_COMXH264ENCODER_H
 
+/// @file
+/// The H.264 encoder on OpenMAX IL, and its handlers.
+
 #include <IL/OMX_Component.h>
 #include <semaphore.h>
 #include <tessera/IH264Encoder.h>
@@ -73,6 +76,8 @@ class TESSERA_API COmxH264Encoder : public IH264Encoder {
 
   /// Takes one frame; see IH264Encoder for its layout. Blocks until the component has given the
   /// last frame's buffer back.
+  /// @param frame,frameSize  the picture, as for IH264Encoder
+  /// @param duration   not read
   /// @param timestamp  stamps the frame, in microseconds
   /// @return CodecOk; CodecInvalidArgument without a frame; CodecInvalidState before a successful
   ///         `Create`; CodecSendFailed when the component refused it (this frame is lost, the next

@@ -1,6 +1,9 @@
 #ifndef TESSERA_COMXJPEGENCODER_H
 #define TESSERA_COMXJPEGENCODER_H
 
+/// @file
+/// The JPEG encoder on OpenMAX IL, and its handlers.
+
 #include <IL/OMX_Component.h>
 #include <semaphore.h>
 #include <tessera/IJPEGEncoder.h>
@@ -75,6 +78,8 @@ class TESSERA_API COmxJpegEncoder : public IJPEGEncoder {
   /// @param bitsPerPixel  all words little endian. 16: red in bits 15..11, green 10..5, blue 4..0;
   ///                      24: red in bits 22..15, green 14..7, blue 6..0 (format 24bitARGB1887);
   ///                      32: bytes B, G, R, A (A ignored). Others fail
+  /// @param frame,frameSize,width,height,jpeg,jpegCapacity,jpegSize  as for `EncodeYUYV`
+  /// @return 1 when a complete JPEG was produced, else 0
   int EncodeRGB(unsigned char* frame, unsigned int frameSize, unsigned int bitsPerPixel, int width,
                 int height, unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize);
 

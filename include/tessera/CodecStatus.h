@@ -1,6 +1,9 @@
 #ifndef TESSERA_CODECSTATUS_H
 #define TESSERA_CODECSTATUS_H
 
+/// @file
+/// The results of the H.264 operations.
+
 /// Result of the H.264 `ProcessInput` and `ProcessOutput` operations. The values are part of the
 /// binary interface and are the same in all three H.264 classes.
 ///

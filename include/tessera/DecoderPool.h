@@ -1,6 +1,9 @@
 #ifndef TESSERA_DECODERPOOL_H
 #define TESSERA_DECODERPOOL_H
 
+/// @file
+/// JPEG to planar 4:2:0, and the functions that make and release a pool.
+
 #include <IL/OMX_Component.h>
 #include <semaphore.h>
 #include <tessera/Export.h>
@@ -182,12 +185,12 @@ extern "C" {
 
 /// Makes a decoder pool.
 /// @return the pool, never null, also when its setup failed (a line tells); it belongs to the
-/// caller
-///         until `ReleaseDecoderPool`
+///         caller until `ReleaseDecoderPool`
 /// @throws std::bad_alloc when memory is short
 TESSERA_API DecoderPool* GetDecoderPool();
 
 /// Destroys a pool and gives back all it holds.
+/// @param pool  the object, or null
 /// @return 0 for null (nothing happens), else 1
 TESSERA_API int ReleaseDecoderPool(DecoderPool* pool);
 }

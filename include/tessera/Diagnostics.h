@@ -1,6 +1,9 @@
 #ifndef TESSERA_DIAGNOSTICS_H
 #define TESSERA_DIAGNOSTICS_H
 
+/// @file
+/// The lines about OpenMAX IL, for applications that use it themselves.
+
 #include <IL/OMX_Component.h>
 #include <tessera/Export.h>
 
@@ -15,16 +18,18 @@ extern TESSERA_API OMX_CALLBACKTYPE videodeccallbacks;
 
 /// Takes an event of the decoder pool's component; the platform calls it from its own thread.
 ///
-/// | event                 | what happens                                                         |
-/// |-----------------------|----------------------------------------------------------------------|
-/// | command complete      | one line for a change of state; ends one wait of the pool | | port
-/// settings changed | tells `DecodeJpeg` that the picture has another size                  | |
-/// buffer flag           | nothing                                                              |
-/// | error                 | one line, and **the process ends with exit status 1** | | any other |
-/// "unhandled event" with both data values, without a line end           |
+/// - Command complete: one line for a change of state; ends one wait of the pool.
+/// - Port settings changed: tells `DecodeJpeg` that the picture has another size.
+/// - Buffer flag: nothing.
+/// - Error: one line, and **the process ends with exit status 1**.
+/// - Any other: "unhandled event" with both data values, without a line end.
 ///
 /// All of it goes to standard output.
-/// @param pAppData  the DecoderPool; null: nothing happens
+/// @param hComponent    not read
+/// @param pAppData      the DecoderPool; null: nothing happens
+/// @param eEvent        what happened
+/// @param nData1,nData2 of the event: command and state, or the error's code
+/// @param pEventData    not read
 /// @return OMX_ErrorNone, always
 TESSERA_API OMX_ERRORTYPE EventHandler(OMX_HANDLETYPE hComponent, OMX_PTR pAppData,
                                        OMX_EVENTTYPE eEvent, OMX_U32 nData1, OMX_U32 nData2,
@@ -32,6 +37,7 @@ TESSERA_API OMX_ERRORTYPE EventHandler(OMX_HANDLETYPE hComponent, OMX_PTR pAppDa
 
 /// A sentence for an OpenMAX IL status: "The component is in invalid state". These are the texts of
 /// the decoder pool's messages.
+/// @param code  the status
 /// @return a string that lives for good; "Unknown error" for codes outside OpenMAX IL 1.1.2
 TESSERA_API const char* OmxErrorDescription(OMX_ERRORTYPE code);
 
@@ -52,6 +58,7 @@ TESSERA_API int DumpPortDefs(OMX_PARAM_PORTDEFINITIONTYPE* portDef);
 /// "COmxJpegEncoder::Encode - signal new input buffer - 0x80001005:one or more parameters were not
 /// valid". Codes without a text of their own read "(no description).".
 /// @param label  where it happened, not null
+/// @param error  the call's status
 TESSERA_API void PrintOmxError(const char* label, OMX_ERRORTYPE error);
 
 #endif  // TESSERA_DIAGNOSTICS_H

@@ -1,6 +1,9 @@
 #ifndef TESSERA_IH264DECODER_H
 #define TESSERA_IH264DECODER_H
 
+/// @file
+/// H.264 to planar 4:2:0, and the functions that make and release a decoder.
+
 #include <tessera/CodecStatus.h>
 #include <tessera/Export.h>
 
@@ -88,9 +91,11 @@ class TESSERA_API IH264Decoder {
                                     unsigned int& height, unsigned long long& timestamp) = 0;
 
   /// The same into the caller's memory.
+  /// @param frame     receives the picture; never written beyond `capacity`
   /// @param capacity  bytes at `frame`, above 0
   /// @param size      bytes of the picture; with CodecBufferTooSmall the size that was needed, and
   ///                  that picture is lost
+  /// @param width,height,timestamp  as above
   virtual CodecStatus ProcessOutput(unsigned char* frame, unsigned int capacity, unsigned int& size,
                                     unsigned int& width, unsigned int& height,
                                     unsigned long long& timestamp) = 0;
@@ -113,6 +118,7 @@ extern "C" {
 TESSERA_API int CreateH264Decoder(IH264Decoder** decoder);
 
 /// Destroys a decoder and gives back all it holds.
+/// @param decoder  from `CreateH264Decoder` or made with `new`, or null
 /// @return 0 for null (nothing happens), else 1
 TESSERA_API int FreeH264Decoder(IH264Decoder* decoder);
 }

@@ -1,6 +1,9 @@
 #ifndef TESSERA_IH264ENCODER_H
 #define TESSERA_IH264ENCODER_H
 
+/// @file
+/// Raw video to H.264, and the functions that make and release an encoder.
+
 #include <tessera/CodecStatus.h>
 #include <tessera/Export.h>
 
@@ -83,10 +86,11 @@ class TESSERA_API IH264Encoder {
                                     unsigned int& flags) = 0;
 
   /// The same into the caller's memory.
+  /// @param data      receives the data; never written beyond `capacity`
   /// @param capacity  bytes at `data`, above 0
   /// @param size      bytes of the data; with CodecBufferTooSmall the size that was needed, and
-  /// that
-  ///                  data is lost
+  ///                  that data is lost
+  /// @param flags     as above
   virtual CodecStatus ProcessOutput(unsigned char* data, unsigned int capacity, unsigned int& size,
                                     unsigned int& flags) = 0;
 };
@@ -100,6 +104,7 @@ extern "C" {
 TESSERA_API IH264Encoder* CreateEncoderH264();
 
 /// Destroys any IH264Encoder made with `new`, whichever class it is, and gives back all it holds.
+/// @param encoder  the object, or null
 /// @return 0 for null (nothing happens), else 1
 TESSERA_API int ReleaseEncoderH264(IH264Encoder* encoder);
 }

@@ -1,6 +1,9 @@
 #ifndef TESSERA_IJPEGENCODER_H
 #define TESSERA_IJPEGENCODER_H
 
+/// @file
+/// Raw frames to JPEG, and the functions that make and release an encoder.
+
 #include <tessera/Export.h>
 
 /// Encodes raw frames to JPEG at quality 75, one picture a call.
@@ -44,6 +47,7 @@ class TESSERA_API IJPEGEncoder {
                          unsigned char** jpeg, unsigned int& jpegSize) = 0;
 
   /// The same into the caller's memory.
+  /// @param frame,frameSize,width,height  as above
   /// @param jpeg          receives the JPEG; never written beyond `jpegCapacity`
   /// @param jpegCapacity  bytes at `jpeg`, above 0
   /// @param jpegSize      bytes of the JPEG. When the JPEG is longer than `jpegCapacity` nothing is
@@ -73,6 +77,7 @@ extern "C" {
 TESSERA_API IJPEGEncoder* CreateEncoderJPEG();
 
 /// Destroys any IJPEGEncoder made with `new`, whichever class it is, and gives back all it holds.
+/// @param encoder  the object, or null
 /// @return 0 for null (nothing happens), else 1
 TESSERA_API int ReleaseEncoderJPEG(IJPEGEncoder* encoder);
 }

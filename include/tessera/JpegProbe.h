@@ -1,6 +1,9 @@
 #ifndef TESSERA_JPEGPROBE_H
 #define TESSERA_JPEGPROBE_H
 
+/// @file
+/// A JPEG picture's size from its header.
+
 #include <tessera/Export.h>
 
 /// Reads the size of a JPEG picture from its header, without decoding anything.

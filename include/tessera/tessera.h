@@ -1,6 +1,7 @@
 #ifndef TESSERA_TESSERA_H
 #define TESSERA_TESSERA_H
 
+/// @file
 /// Everything that libtessera.so offers:
 /// - JPEG to planar 4:2:0: DecoderPool, from GetDecoderPool (OpenMAX IL).
 /// - Raw frames to JPEG: IJPEGEncoder, from CreateEncoderJPEG (CMmalJpegEncoder, MMAL) or the

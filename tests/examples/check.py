@@ -82,12 +82,20 @@ def server(program):
         must(b"/live" in page, "the page shows the live picture")
         shots = [urllib.request.urlopen(base + "/snapshot.jpg", timeout=20).read() for _ in range(2)]
         must(all(s[:2] == b"\xff\xd8" and s[-2:] == b"\xff\xd9" for s in shots), "snapshots are JPEGs")
-        live = urllib.request.urlopen(base + "/live", timeout=20)
+        taken = base.rsplit(":", 1)[1]
+        for arguments, code, said in ((["port"], 2, "is no port"), (["65536"], 2, "is no port"),
+                                      (["0", "here"], 2, "is no address"), ([taken], 1, "in use")):
+            refused = subprocess.run([program, *arguments], stderr=subprocess.PIPE, timeout=60, text=True)
+            must(refused.returncode == code and said in refused.stderr, refused.stderr)
+        viewers = [urllib.request.urlopen(base + "/live", timeout=20) for _ in range(9)]
+        must(urllib.request.urlopen(base + "/snapshot.jpg", timeout=20).read(), "a picture beside nine viewers")
+        live = viewers[0]
         must("multipart/x-mixed-replace" in live.headers["Content-Type"], "the live type")
         parts = live.read(60000).split(b"--frame\r\n")
         must(len(parts) > 2 and b"Content-Type: image/jpeg" in parts[1], "parts of JPEGs")
         must(parts[1] != parts[2], "the picture moves")
-        live.close()
+        for viewer in viewers:
+            viewer.close()
         screenshot(base)
         urllib.request.urlopen(base + "/quit", timeout=20).read()
         must(process.wait(timeout=30) == 0, "it ends when asked to")

@@ -25,7 +25,7 @@ runs find_package "$SCRATCH/consumer/consumer"
 
 if [ -e "$prefix/bin/tessera" ]; then
   $EMULATOR "$prefix/bin/tessera" info >"$SCRATCH/info" || fail "the installed tool does not run"
-  for file in share/man/man1/tessera.1 share/bash-completion/completions/tessera; do
+  for file in share/man/man1/tessera.1.gz share/bash-completion/completions/tessera; do
     [ -s "$prefix/$file" ] || fail "$file is not installed"
   done
 fi

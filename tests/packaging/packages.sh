@@ -2,7 +2,7 @@
 # the tool there on the root's own loader and libraries.
 . "$(dirname "$0")/common.sh"
 
-for program in mmdebstrap dpkg-scanpackages apt-get; do
+for program in dpkg-scanpackages apt-get; do
   command -v $program >/dev/null || {
     echo "SKIPPED: $program is not installed"
     exit 77
@@ -17,13 +17,15 @@ for package in libtessera libtessera-dev tessera-platform tessera-tool; do
     fail "no $package for $arch"
 done
 
+if command -v lintian >/dev/null; then
+  quietly lintian --allow-root --fail-on error ./*_"$arch".deb
+fi
+
 # apt looks the packages up in a repository of their own, beside Debian's.
 dpkg-scanpackages -m . >Packages 2>"$SCRATCH/log" || fail "dpkg-scanpackages"
-debian=$(apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' |
-  awk '$3 == "main" && $1 !~ /security/ && $2 !~ /-/ { print $1, $2; exit }')
 root=$SCRATCH/root
-quietly mmdebstrap --variant=extract --architectures="$arch" --include=tessera-tool,libtessera-dev \
-  "${debian#* }" "$root" "deb $debian main" "deb [trusted=yes] copy://$PWD ./"
+TESSERA_APT_SOURCE="deb [trusted=yes] copy:$PWD ./" quietly "$SOURCE/scripts/unpack" "$arch" "$root" \
+  tessera-tool libtessera-dev
 
 if [ -n "$EMULATOR" ]; then
   start="${EMULATOR%% *} -L $root"
