@@ -23,6 +23,9 @@ struct TesseraLayout;
 /// frame longer than an output buffer (the larger of width x height bytes and the component's own
 /// wish) comes in pieces, in order, by as many calls.
 ///
+/// Output buffers that the component refuses during `Create` are not told. When every frame is
+/// taken and nothing ever comes out, `Create` again; when that does not help, release the object.
+///
 /// **Results.** Arguments and states that are wrong are told on standard error, failures of a frame
 /// on standard output, one line each; CodecNoBuffer has none.
 ///
@@ -45,8 +48,9 @@ class TESSERA_API CMmalH264Encoder : public IH264Encoder {
   ///
   /// A further call, after a success or a failure, starts afresh with the new arguments: what went
   /// in before and has not been collected is lost.
-  /// @return true; or false after a line on standard error for the failed step, in the order pixel
-  ///         format, dimensions, frame rate, aspect ratio, platform. Nothing runs then
+  /// @return true; or false after a line on standard error for the failed step, in the order output
+  ///         queue (made here when the constructor could not make it), pixel format, dimensions,
+  ///         frame rate, aspect ratio, platform. Nothing runs then
   bool Create(unsigned int pixelFormat, int width, int height, unsigned int frameRateNum,
               unsigned int frameRateDen, unsigned int aspectNum, unsigned int aspectDen,
               unsigned int bitrate) override;

@@ -30,7 +30,10 @@ struct TesseraLayout;
 /// | Encode - frame of N bytes does not fit ...            | out    | mend frameSize, or take an |
 /// |                                                       |        | object of its own for each |
 /// |                                                       |        | pixel format               |
-/// | Encode - failed to send buffer                        | err    | encode again               |
+/// | Encode - failed to send buffer                        | err    | encode again (an output    |
+/// |                                                       |        | buffer that is refused is  |
+/// |                                                       |        | told once, and tried again)|
+/// | Encode - the component delivered no picture           | out    | encode again               |
 /// | Encode - timeout                                      | out    | encode again: the component|
 /// |                                                       |        | is made anew               |
 /// | EncodeRGB - invalid input image pixel depth N         | out    | pass 16, 24 or 32          |
@@ -40,7 +43,8 @@ struct TesseraLayout;
 /// needed. When the platform reports an error instead of the finished JPEG, the process ends with
 /// exit status 1 after "CMmalJpegEncoder::Encode - failed to get full buffer".
 ///
-/// **Time.** A call blocks until the JPEG is there, for at most 10 seconds.
+/// **Time.** A call blocks until the JPEG is there, for at most 10 seconds, whatever the
+/// wall clock does.
 ///
 /// **Threads.** One thread at a time; objects do not share anything.
 class TESSERA_API CMmalJpegEncoder : public IJPEGEncoder {
@@ -98,7 +102,7 @@ class TESSERA_API CMmalJpegEncoder : public IJPEGEncoder {
 
   void ReleaseSetup();
   void DestroyWrapper();
-  bool FeedOutput();
+  bool FeedOutput(bool& refusalTold);
   Submission SubmitFrame(const unsigned char* frame, unsigned int frameSize);
   int TakeJpeg(unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize);
 

@@ -40,7 +40,8 @@ struct TesseraLayout;
 /// an odd width; 'I420' frames bring their own.
 ///
 /// **Time.** No call waits for more than 10 seconds for any answer of the component, or for one
-/// more second once it has reported an error. Destruction waits for nothing.
+/// more second once it has reported an error, whatever the wall clock does. Destruction waits for
+/// nothing.
 ///
 /// **Lines.** Every failure writes one line, or two, to standard error: what failed, with the
 /// OpenMAX IL status where the component refused something.
@@ -58,8 +59,8 @@ class TESSERA_API COmxH264Encoder : public IH264Encoder {
   COmxH264Encoder& operator=(const COmxH264Encoder&) = delete;
 
   /// Configures and starts; see IH264Encoder. `frameRateNum` counts whole frames a second, the
-  /// denominator and the aspect ratio are not read. After a success or a failure half way a further
-  /// call starts over with a new component; output not yet fetched is lost.
+  /// denominator and the aspect ratio are not read. A further call starts over with a new
+  /// component, whether the last one succeeded or failed; output not yet fetched is lost.
   bool Create(unsigned int pixelFormat, int width, int height, unsigned int frameRateNum,
               unsigned int frameRateDen, unsigned int aspectNum, unsigned int aspectDen,
               unsigned int bitrate) override;
@@ -78,7 +79,9 @@ class TESSERA_API COmxH264Encoder : public IH264Encoder {
   ///
   /// After CodecTimeout, calling again waits on for the same data. Feeding another frame instead
   /// gives that data up: the next output is the new frame's.
-  /// @return CodecOk; CodecInvalidArgument; CodecInvalidState; CodecTimeout; CodecSendFailed when
+  /// @return CodecOk; CodecInvalidArgument; CodecInvalidState, likewise before a successful
+  /// `Create`
+  ///         and after one that failed at any step; CodecTimeout; CodecSendFailed when
   ///         the component does not take its output buffer
   /// @throws std::bad_alloc when memory is short; the data is kept for the next call
   CodecStatus ProcessOutput(unsigned char** data, unsigned int& size, unsigned int& flags) override;
@@ -167,7 +170,8 @@ class TESSERA_API COmxH264Encoder : public IH264Encoder {
   bool outputLate = false;  // a wait for the output was given up
   bool flushOwed = false;   // a flush was sent and not yet answered
   bool started = false;     // OMX_Init and the semaphores are to be undone
-  bool configured = false;  // a Create went so far that the next one needs a new component
+  bool tried = false;       // a Create was begun: the next one needs a new component
+  bool created = false;     // ... and succeeded
 };
 
 /// The component's callbacks; the application data is the encoder. All return OMX_ErrorNone.

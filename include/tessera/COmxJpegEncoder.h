@@ -31,13 +31,17 @@ struct TesseraLayout;
 /// | COmxJpegEncoder::Encode - frame of N bytes ...        | pass the padded picture              |
 /// | COmxJpegEncoder::Encode - no answer to ...            | encode again: that call takes a new  |
 /// |                                                       | component                            |
+/// | COmxJpegEncoder::Encode - the component delivered no  | encode again                         |
+/// |   whole picture                                       |                                      |
 /// | COmxJpegEncoder::Encode - ... failed, and lines with  | release, and make a new object: the  |
 /// |   an OpenMAX IL status (standard error)               | component stays where it got to      |
 ///
 /// A JPEG longer than the capacity gives 0 without a line, and `jpegSize` is the size needed.
+/// Output without the end-of-frame flag gives 0 without a line, too, and leaves `jpegSize` alone.
 ///
 /// **Time.** No call waits for more than 10 seconds for any answer of the component, and for one
-/// more second once it has reported an error; then the call fails. Destruction waits for nothing.
+/// more second once it has reported an error, whatever the wall clock does; then the call fails.
+/// Destruction waits for nothing.
 ///
 /// **Threads.** One thread at a time; objects share nothing.
 class TESSERA_API COmxJpegEncoder : public IJPEGEncoder {

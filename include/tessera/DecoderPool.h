@@ -31,6 +31,20 @@ struct DecoderPoolSignals;
 /// **An error event of the component ends the process** with exit status 1 after a line on standard
 /// output. Damaged pictures raise none: they come out as far as they go, or as null.
 ///
+/// **Lines** are on standard output. Besides those that tell a refused call with its OpenMAX IL
+/// text:
+///
+/// | line                                                   | meaning |
+/// |--------------------------------------------------------|---------------------------------------|
+/// | no memory for the input buffers, unusable number of    | setup ended; release the pool | |
+/// input buffers: N                                     |                                       |
+/// | DecoderPool::DecodeJpeg - no data / the pool's setup   | null, nothing was sent | |   failed
+/// |                                       | | DecoderPool::DecodeJpeg - the picture cannot be
+/// decoded| null; go on with the next picture     | | DecoderPool::DecodeJpeg - no answer to ... /
+/// the ports | null; the next call puts the component| |   cannot be ... / the input buffers do not
+/// come back   | in order first                        | | DecoderPool::PassJpegToDecoder - no data
+/// / no input    | false, nothing was sent               | |   buffers | |
+///
 /// **Threads.** One thread at a time per pool; pools share nothing.
 class TESSERA_API DecoderPool {
  public:
@@ -46,21 +60,23 @@ class TESSERA_API DecoderPool {
   /// The picture stays valid until the next `DecodeJpeg` on this pool or its release. Pictures of
   /// one size share one buffer, so the pointer stays the same; another size takes another buffer.
   ///
-  /// Blocks until the picture is there, normally for a few milliseconds, and for at most 10 seconds
-  /// without an answer of the component; then it prints a line and gives null. The next call puts
-  /// the component in order first and goes on.
+  /// Blocks until the picture is there, normally for a few milliseconds. All its waits together end
+  /// within 10 seconds, whatever the wall clock does; then it prints a line and gives null. The
+  /// next call puts the component in order first and goes on.
   ///
   /// @param jpeg    one complete picture, from its start-of-image marker on; read during the call
   /// @param size    its length in bytes; 0 gives null
   /// @param width,height  receive the picture's size. **Pass zeros**: what is passed in stands for
   ///                the size when no baseline header is found, which is how a progressive picture
   ///                is decoded (a size other than its own costs time, but does no harm)
-  /// @return the luma plane, or null after a line that told why. After null the pool stays usable,
-  ///         and width and height may have changed
+  /// @return the luma plane, or null after a line that told why (no line where neither a baseline
+  ///         header nor a size is there). After null the pool stays usable, and width and height
+  ///         may have changed
   virtual unsigned char* DecodeJpeg(char* jpeg, unsigned int size, int& width, int& height);
 
-  /// Takes the component down and prints what it does on standard output. Waits for the component
-  /// without a limit. No `DecodeJpeg` may be running.
+  /// Takes the component down, to Loaded from wherever it got to, and prints what it does on
+  /// standard output. Waits for the component without a limit, but not for answers that
+  /// `DecodeJpeg` has given up. No `DecodeJpeg` may be running.
   virtual ~DecoderPool();
 
   DecoderPool(const DecoderPool&) = delete;
@@ -68,17 +84,24 @@ class TESSERA_API DecoderPool {
 
   /// Hands one picture's bytes to the component, in as many of its input buffers as it takes; a
   /// step of `DecodeJpeg`. Prints while it waits for a buffer, for at most 10 seconds.
-  /// @return true, also when the component refused a piece (a line tells); false when no buffer
-  ///         came free
+  /// @return true, also when the component refused a piece or a buffer did not come free (a line
+  ///         tells); false for null with a size, or when the pool has no input buffers
   bool PassJpegToDecoder(char* jpeg, int size);
 
  private:
   friend struct TesseraLayout;
   friend struct DecoderPoolSignals;
 
+  /// How far setup got on the way to Idle.
+  enum class Idle {
+    NotAsked,
+    Asked,    ///< on its way until every enabled port has its buffers
+    Certain,  ///< every enabled port had them
+  };
+
   /// Where a rebuild of the output buffer stands.
   enum class OutputPort {
-    Ready,      ///< enabled, with its buffer
+    Ready,      ///< enabled, with its buffer; during setup not yet with it
     Outdated,   ///< likewise, but the buffer is of another size
     Disabling,  ///< asked to be disabled; the buffer is to be freed, or is
     Enabling,   ///< asked to be enabled; the buffer is to be allocated, or is
@@ -94,14 +117,18 @@ class TESSERA_API DecoderPool {
 
   // Teardown, likewise.
   bool TakeDownComponent();
+  void ForgetAnswers();
   void FlushOutputPort();
   void ReleaseInputBuffers();
   void ReleaseOutputBuffer();
   bool LeaveState();
   bool ReleaseLeftBuffers();
+  bool KeptFromIdle() const;
+  std::int32_t StuckCommands() const;
+  void AwaitCompletions();
 
   OMX_ERRORTYPE Send(OMX_COMMANDTYPE command, OMX_U32 parameter);
-  void SendAndAwait(OMX_COMMANDTYPE command, OMX_U32 parameter);
+  bool SendAndAwait(OMX_COMMANDTYPE command, OMX_U32 parameter);
   void AwaitCompletion();
   OMX_ERRORTYPE SetImageFormat(OMX_U32 port, OMX_IMAGE_CODINGTYPE coding,
                                OMX_COLOR_FORMATTYPE color);
@@ -109,9 +136,10 @@ class TESSERA_API DecoderPool {
 
   // The decode cycle.
   bool CatchUp();
+  bool Feed(const char* jpeg, OMX_U32 size);
   OMX_BUFFERHEADERTYPE* NextFreeInput();
   bool TakeNewSize(int& width, int& height);
-  bool ReadOutputSize();
+  bool ReadOutputSize(std::int32_t expectedWidth, std::int32_t expectedHeight);
   bool RebuildOutputBuffer();
   bool ReleaseOldBuffer();
   unsigned char* FetchPicture(int& width, int& height);
@@ -137,13 +165,17 @@ class TESSERA_API DecoderPool {
   std::int32_t nCurrentHeight = 0;
   std::int32_t nNextInputBuffer = 0;
 
+  sem_t semLoaded{};                  // posted once Loaded is reached, whatever else was answered
+  std::int64_t nWaitsEnd = -1;        // when the waits of a DecodeJpeg end, by CLOCK_MONOTONIC
   std::int32_t nCompletionsOwed = 0;  // commands accepted and not yet waited for
   OutputPort outputPort = OutputPort::Ready;
+  Idle idle = Idle::NotAsked;
+  bool inputEnabled = true;
   bool started = false;          // OMX_Init and the semaphores are to be undone
-  bool idle = false;             // Idle was reached for certain
   bool ready = false;            // setup ran to its end
   bool fillOutstanding = false;  // the component has the output buffer
   bool behind = false;           // an answer was given up: flush before anything else
+  bool answerLate = false;       // the completions owed were waited for in vain
 };
 
 extern "C" {

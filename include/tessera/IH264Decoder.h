@@ -78,7 +78,8 @@ class TESSERA_API IH264Decoder {
 
   /// Makes the platform's decoder component. `CreateH264Decoder` has called it; an application that
   /// constructs the class itself calls it once, before `Create`.
-  /// @return true on success; false after one line on standard error
+  /// @return true on success; false after one line on standard error, or without one where the
+  ///         platform reports success and gives no component
   virtual bool Initialize() = 0;
 };
 

@@ -11,6 +11,15 @@
 ///
 /// Objects are independent of one another. The library starts no threads, reads no files and has no
 /// configuration; its diagnostics are lines of text on standard output and standard error.
+///
+/// All names are global. Beside the classes and the eight functions that make and release objects:
+/// CopyYVYU, CopyI420, YUYVToNV12, GetJpegWidthAndHeight, EventHandler, videodeccallbacks,
+/// OmxErrorDescription, PrintOmxError, printState, DumpPortDefs, MMALEncoderCallback,
+/// InputCallback, OutputCallback, InputDecH264Callback, OutputDecH264Callback, OmxEventsHandler,
+/// OmxEmptyInputBufferHandler, OmxFillOutputBufferHandler, OmxH264EventsHandler,
+/// OmxH264EmptyInputBufferHandler and OmxH264FillOutputBufferHandler. An application that has
+/// functions of its own by these names includes the headers that it needs instead of this one: the
+/// library calls its own in any case.
 
 #include <tessera/CMmalH264Decoder.h>
 #include <tessera/CMmalH264Encoder.h>

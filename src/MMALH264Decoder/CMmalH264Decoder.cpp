@@ -86,7 +86,7 @@ bool CMmalH264Decoder::Initialize() {
   if (pComponent != nullptr) return true;
   MMAL_COMPONENT_T* component = nullptr;
   const MMAL_STATUS_T status = mmal_component_create("vc.ril.video_decode", &component);
-  if (status != MMAL_SUCCESS || component == nullptr) {
+  if (status != MMAL_SUCCESS) {
     std::fprintf(stderr,
                  "CMmalH264Decoder::Initialize - failed to create mmal decoder component. Error "
                  "code [0x%x]\n",
@@ -94,7 +94,7 @@ bool CMmalH264Decoder::Initialize() {
     return false;
   }
   pComponent = component;
-  return true;
+  return component != nullptr;
 }
 
 bool CMmalH264Decoder::Create(int width, int height, unsigned int extraDataSize,

@@ -187,6 +187,12 @@ bool CMmalH264Encoder::Create(unsigned int pixelFormat, int width, int height,
                  static_cast<void*>(pComponent));
     return false;
   }
+  // Without it the component's output would go back unread.
+  if (pOutputQueue == nullptr) pOutputQueue = mmal_queue_create();
+  if (pOutputQueue == nullptr) {
+    std::fputs("CMmalH264Encoder::Create - failed to create output queue\n", stderr);
+    return false;
+  }
   const ComponentReference reference(pComponent);
   MMAL_STATUS_T status = SetInputFormat(pComponent, pixelFormat, width, height, frameRateNum,
                                         frameRateDen, aspectNum, aspectDen);
@@ -216,7 +222,7 @@ void CMmalH264Encoder::ReleaseSetup() {
   if (pInputPool == nullptr) return;
   ClosePort(pComponent->input[0]);
   ClosePort(pComponent->output[0]);
-  if (pOutputQueue != nullptr) ReleaseQueued(pOutputQueue);
+  ReleaseQueued(pOutputQueue);
   mmal_pool_destroy(pInputPool);
   mmal_pool_destroy(pOutputPool);
   pInputPool = pOutputPool = nullptr;

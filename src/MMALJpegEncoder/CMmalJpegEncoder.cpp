@@ -3,14 +3,12 @@
 #include <tessera/CMmalJpegEncoder.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
-#include <thread>
 
 #include "common/Geometry.h"
 #include "common/TimedWait.h"
@@ -20,7 +18,7 @@ namespace {
 constexpr int encodeQuality = 75;
 constexpr unsigned int answerLimitMs = 10000;
 constexpr unsigned int retryMs = 10;
-constexpr unsigned int retries = 100;
+constexpr unsigned int retries = answerLimitMs / retryMs;
 
 /// The waits of one request, all of which end together.
 class AnswerWait {
@@ -28,22 +26,22 @@ class AnswerWait {
   explicit AnswerWait(sem_t& semaphore) : semaphore_(semaphore), deadline_(answerLimitMs) {}
 
   /// Until the component has done something. @return false when the time is up
-  bool forEvent() {
-    if (deadline_.passed()) return false;
-    const WaitResult result = deadline_.wait(semaphore_);
-    return result == WaitResult::Failed ? aLittle() : result == WaitResult::Done;
-  }
+  bool forEvent() { return until(deadline_); }
 
-  /// A moment, where no event is to be expected or the semaphore does not work. A second of them is
-  /// as much as one request gets, whatever the clock says. @return false when the time is up
-  bool aLittle() {
-    std::this_thread::sleep_for(std::chrono::milliseconds(retryMs));
+  /// Likewise, but no longer than a moment: what was refused announces no event of its own.
+  bool aLittle() { return until(deadline_.within(retryMs)); }
+
+ private:
+  bool until(const SteadyDeadline& end) {
+    if (deadline_.passed()) return false;
+    if (SteadyWait(semaphore_, end) != WaitResult::Failed) return true;
+    // Without a clock or a semaphore that works the moments are counted.
+    SleepMs(retryMs);
     return ++moments_ < retries;
   }
 
- private:
   sem_t& semaphore_;
-  Deadline deadline_;
+  SteadyDeadline deadline_;
   unsigned int moments_ = 0;
 };
 
@@ -199,15 +197,15 @@ int CMmalJpegEncoder::Encode(unsigned char* frame, unsigned int frameSize, unsig
 
   AnswerWait answer(semaphore);
   auto submission = Submission::NoBuffer;
+  bool refusalTold = false;
   for (bool waiting = true; waiting;) {
-    const bool fed = FeedOutput();
+    const bool fed = FeedOutput(refusalTold);
     if (submission != Submission::Sent) submission = SubmitFrame(frame, frameSize);
     if (submission == Submission::Failed) return 0;
 
     MMAL_BUFFER_HEADER_T* filled = nullptr;
     nLastStatus = mmal_wrapper_buffer_get_full(pOutputPort, &filled, 0);
     if (nLastStatus == MMAL_EAGAIN) {
-      // What was refused announces no event of its own: try it again soon.
       const bool refused = !fed || submission == Submission::Refused;
       waiting = refused ? answer.aLittle() : answer.forEvent();
     } else if (nLastStatus != MMAL_SUCCESS) {
@@ -275,15 +273,17 @@ void CMmalJpegEncoder::DestroyWrapper() {
   sem_destroy(&semaphore);
 }
 
-/// Hands every empty output buffer to the component. @return whether nothing was refused
-bool CMmalJpegEncoder::FeedOutput() {
+/// Hands every empty output buffer to the component. A request tells of its first refusal only.
+/// @return whether nothing was refused
+bool CMmalJpegEncoder::FeedOutput(bool& refusalTold) {
   for (;;) {
     MMAL_BUFFER_HEADER_T* empty = nullptr;
     const MMAL_STATUS_T status = mmal_wrapper_buffer_get_empty(pOutputPort, &empty, 0);
     if (status != MMAL_SUCCESS || empty == nullptr) return status == MMAL_EAGAIN;
     pOutputBuffer = empty;
     if (mmal_port_send_buffer(pOutputPort, empty) != MMAL_SUCCESS) {
-      std::fputs("CMmalJpegEncoder::Encode - failed to send buffer\n", stderr);
+      if (!refusalTold) std::fputs("CMmalJpegEncoder::Encode - failed to send buffer\n", stderr);
+      refusalTold = true;
       mmal_buffer_header_release(empty);
       return false;
     }

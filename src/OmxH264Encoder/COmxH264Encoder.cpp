@@ -28,7 +28,7 @@ bool COmxH264Encoder::Create(unsigned int pixelFormat, int width, int height,
                              unsigned int frameRateNum, unsigned int frameRateDen,
                              unsigned int aspectNum, unsigned int aspectDen, unsigned int bitrate) {
   // The steps below start from Loaded and from a component that owes no answer.
-  if (hEncoder != nullptr && configured) {
+  if (hEncoder != nullptr && tried) {
     ReleaseHardware();
     InitializeHardware();
   }
@@ -36,6 +36,7 @@ bool COmxH264Encoder::Create(unsigned int pixelFormat, int width, int height,
     std::fprintf(stderr, "COmxH264Encoder::Create - invalid state of encoder object.\n");
     return false;
   }
+  tried = true;
   OMX_ERRORTYPE error = SetInputFormat(hEncoder, pixelFormat, PaddedWidth(Magnitude(width)),
                                        PaddedHeight(Magnitude(height)), frameRateNum, frameRateDen,
                                        aspectNum, aspectDen);
@@ -50,7 +51,6 @@ bool COmxH264Encoder::Create(unsigned int pixelFormat, int width, int height,
                  static_cast<unsigned int>(error));
     return false;
   }
-  configured = true;
   if (!SetState(OMX_StateIdle, "OMX_StateIdle",
                 "COmxH264Encoder::Create::OMX_SendCommand::OMX_StateIdle") ||
       !EnablePort(nInputPort, &COmxH264Encoder::AllocateOmxInputBuffer,
@@ -68,7 +68,7 @@ bool COmxH264Encoder::Create(unsigned int pixelFormat, int width, int height,
   RequestFill("COmxH264Encoder::Create - OMX_FillThisBuffer failed to request filling");
   nWidth = static_cast<OMX_U32>(width);
   nHeight = static_cast<OMX_U32>(height);
-  return true;
+  return created = true;
 }
 
 /// The padding is part of the encoded picture and is never written by the frame copies: without
@@ -87,7 +87,7 @@ CodecStatus COmxH264Encoder::ProcessInput(unsigned char* frame, unsigned int fra
                  static_cast<void*>(frame), static_cast<int>(frameSize));
     return CodecInvalidArgument;
   }
-  if (hEncoder == nullptr || pInputBuffer == nullptr) {
+  if (!created) {
     std::fprintf(stderr, "COmxH264Encoder::ProcessInput - invalid state [%p] [%p]\n", hEncoder,
                  static_cast<void*>(pInputBuffer));
     return CodecInvalidState;
@@ -164,7 +164,7 @@ CodecStatus COmxH264Encoder::ProcessOutput(unsigned char* data, unsigned int cap
 }
 
 CodecStatus COmxH264Encoder::AwaitOutput() {
-  if (hEncoder == nullptr || pOutputBuffer == nullptr) {
+  if (!created) {
     std::fprintf(stderr, "COmxH264Encoder::ProcessOutput - invalid state [%p] [%p]\n", hEncoder,
                  static_cast<void*>(pOutputBuffer));
     return CodecInvalidState;

@@ -265,7 +265,7 @@ bool COmxH264Encoder::ReleaseHardware() {
   }
   nInputPort = nOutputPort = nWidth = nHeight = 0;
   output = Output::Here;
-  inputAway = outputLate = flushOwed = configured = false;
+  inputAway = outputLate = flushOwed = tried = created = false;
   return true;
 }
 

@@ -233,7 +233,8 @@ int COmxJpegEncoder::EncodePicture(const unsigned char* frame, unsigned int fram
     return 0;
   }
   const OMX_BUFFERHEADERTYPE& output = *pOutputBuffer;
-  if ((output.nFlags & OMX_BUFFERFLAG_ENDOFFRAME) == 0 || output.nFilledLen == 0) {
+  if ((output.nFlags & OMX_BUFFERFLAG_ENDOFFRAME) == 0) return 0;
+  if (output.nFilledLen == 0) {
     std::puts("COmxJpegEncoder::Encode - the component delivered no whole picture");
     return 0;
   }

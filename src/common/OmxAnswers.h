@@ -5,6 +5,8 @@
 
 #include <atomic>
 
+#include "common/TimedWait.h"
+
 /// How long an OpenMAX IL component may take to answer, and how long it still may once it has
 /// raised an error event, in milliseconds.
 constexpr unsigned int omxAnswerLimitMs = 10000;
@@ -32,16 +34,13 @@ void DestroyOmxSemaphores(Semaphores&... semaphores) {
 /// @return false when the answer did not come in time
 bool WaitForOmxAnswer(sem_t& answer, const std::atomic<bool>& errorSeen);
 
-/// Likewise, with a limit of its own.
-bool WaitForOmxAnswer(sem_t& answer, unsigned int limitMs);
+/// Likewise, with an end of its own.
+bool WaitForOmxAnswer(sem_t& answer, const SteadyDeadline& end);
 
 /// Waits for `answer`, and looks now and then whether `other` was posted instead.
-OmxAnswer WaitForOmxAnswer(sem_t& answer, sem_t& other, unsigned int limitMs);
+OmxAnswer WaitForOmxAnswer(sem_t& answer, sem_t& other, const SteadyDeadline& end);
 
 /// Takes whatever posts there are, so that none of them answers the request that follows.
 void ForgetOmxAnswers(sem_t& answer);
-
-/// Takes the semaphore without a time limit, through any number of signals.
-void WaitForOmxAnswerForGood(sem_t& answer);
 
 #endif  // TESSERA_SRC_COMMON_OMXANSWERS_H

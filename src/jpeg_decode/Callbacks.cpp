@@ -49,6 +49,8 @@ OMX_ERRORTYPE EventHandler(OMX_HANDLETYPE, OMX_PTR pAppData, OMX_EVENTTYPE eEven
     case OMX_EventCmdComplete:
       if (nData1 == OMX_CommandStateSet) PrintNewState(nData2);
       DecoderPoolSignals::commandDone(pool);
+      if (nData1 == OMX_CommandStateSet && nData2 == OMX_StateLoaded)
+        DecoderPoolSignals::loaded(pool);
       break;
     case OMX_EventPortSettingsChanged:
       DecoderPoolSignals::portSettingsChanged(pool);

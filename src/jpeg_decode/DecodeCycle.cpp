@@ -4,11 +4,9 @@
 #include <tessera/DecoderPool.h>
 #include <tessera/Diagnostics.h>
 #include <tessera/JpegProbe.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
@@ -18,8 +16,10 @@
 
 namespace {
 
-constexpr unsigned int busyInputPollUs = 10000;
+constexpr unsigned int busyInputPollMs = 10;
 constexpr unsigned int newSizeLimitMs = 1000;
+/// All waits of a call together: with the call's own work it stays under ten seconds.
+constexpr unsigned int callLimitMs = omxAnswerLimitMs - 50;
 /// Announcements of a size while a fill is waited for: one late, one of the picture itself.
 constexpr int mostAnnouncements = 2;
 
@@ -38,10 +38,7 @@ OMX_U32 FilledBytes(const OMX_BUFFERHEADERTYPE& buffer) {
 
 unsigned char* DecoderPool::DecodeJpeg(char* jpeg, unsigned int size, int& width, int& height) {
   GetJpegWidthAndHeight(width, height, jpeg, size);
-  if (width == 0 && height == 0) {
-    std::puts("DecoderPool::DecodeJpeg - no baseline header found, and no size given");
-    return nullptr;
-  }
+  if (width == 0 && height == 0) return nullptr;
   if (jpeg == nullptr || size == 0) {
     std::puts("DecoderPool::DecodeJpeg - no data");
     return nullptr;
@@ -50,22 +47,41 @@ unsigned char* DecoderPool::DecodeJpeg(char* jpeg, unsigned int size, int& width
     std::puts("DecoderPool::DecodeJpeg - the pool's setup failed");
     return nullptr;
   }
+  nWaitsEnd = SteadyDeadline(callLimitMs).moment();
   if (!CatchUp()) return nullptr;
 
   const bool sameSize = width == nCurrentWidth && height == nCurrentHeight;
   ForgetOmxAnswers(semPortSettingsChanged);
-  if (!PassJpegToDecoder(jpeg, static_cast<int>(size))) return nullptr;
+  if (!Feed(jpeg, size)) return nullptr;
   // A picture that is no picture, or whose size was told wrong, announces no size: then the
   // component answers to the buffer that it has been given so far.
-  if (!sameSize && WaitForOmxAnswer(semPortSettingsChanged, newSizeLimitMs) &&
+  const SteadyDeadline announced = SteadyDeadline::at(nWaitsEnd).within(newSizeLimitMs);
+  if (!sameSize && WaitForOmxAnswer(semPortSettingsChanged, announced) &&
       !TakeNewSize(width, height))
     return nullptr;
   return FetchPicture(width, height);
 }
 
 bool DecoderPool::PassJpegToDecoder(char* jpeg, int size) {
+  if (size == 0) return true;
+  if (jpeg == nullptr) {
+    std::puts("DecoderPool::PassJpegToDecoder - no data");
+    return false;
+  }
+  // They are allocated in turn, so that the last one tells whether all are there.
+  if (nInputBuffers == 0 || ppInputBuffers[nInputBuffers - 1] == nullptr) {
+    std::puts("DecoderPool::PassJpegToDecoder - no input buffers");
+    return false;
+  }
+  nWaitsEnd = SteadyDeadline(callLimitMs).moment();
+  Feed(jpeg, static_cast<OMX_U32>(size));
+  return true;
+}
+
+/// @return false when an input buffer did not come back in time
+bool DecoderPool::Feed(const char* jpeg, OMX_U32 size) {
   const char* piece = jpeg;
-  for (auto left = static_cast<OMX_U32>(size); left != 0;) {
+  for (OMX_U32 left = size; left != 0;) {
     OMX_BUFFERHEADERTYPE* const buffer = NextFreeInput();
     if (buffer == nullptr) return false;
     const OMX_U32 length = std::min(left, buffer->nAllocLen);
@@ -87,18 +103,16 @@ bool DecoderPool::PassJpegToDecoder(char* jpeg, int size) {
 /// The buffers are used in turn. @return null when the one whose turn it is stays with the
 /// component
 OMX_BUFFERHEADERTYPE* DecoderPool::NextFreeInput() {
-  if (nInputBuffers == 0) return nullptr;
-  using Clock = std::chrono::steady_clock;
   OMX_BUFFERHEADERTYPE* const buffer = ppInputBuffers[nNextInputBuffer];
-  const auto limit = Clock::now() + std::chrono::milliseconds(omxAnswerLimitMs);
+  const auto end = SteadyDeadline::at(nWaitsEnd);
   while (FilledBytes(*buffer) != 0) {
-    if (Clock::now() >= limit) {
+    if (!end.known() || end.passed()) {
       std::puts(" DecoderPool::DecodeJpeg - the input buffers do not come back");
       behind = true;
       return nullptr;
     }
     std::printf("pBufHeader->nFilledLen != 0");
-    usleep(busyInputPollUs);
+    SleepMs(busyInputPollMs);
   }
   nNextInputBuffer = (nNextInputBuffer + 1) % nInputBuffers;
   return buffer;
@@ -106,21 +120,22 @@ OMX_BUFFERHEADERTYPE* DecoderPool::NextFreeInput() {
 
 /// Takes over the size that the component announced, and a buffer for it.
 bool DecoderPool::TakeNewSize(int& width, int& height) {
-  OMX_IMAGE_PORTDEFINITIONTYPE& image = portDef.format.image;
-  // What was expected stands in should the component not tell.
-  image.nFrameWidth = static_cast<OMX_U32>(width);
-  image.nFrameHeight = static_cast<OMX_U32>(height);
-  ReadOutputSize();
+  ReadOutputSize(width, height);
   width = nCurrentWidth;
   height = nCurrentHeight;
   return portDef.bEnabled == OMX_FALSE || RebuildOutputBuffer();
 }
 
+/// Should the component not tell, what was expected stands in, on a port that is enabled.
 /// @return whether the component's picture has another size than the pool's buffer
-bool DecoderPool::ReadOutputSize() {
+bool DecoderPool::ReadOutputSize(std::int32_t expectedWidth, std::int32_t expectedHeight) {
+  OMX_IMAGE_PORTDEFINITIONTYPE& image = portDef.format.image;
+  image.nFrameWidth = static_cast<OMX_U32>(expectedWidth);
+  image.nFrameHeight = static_cast<OMX_U32>(expectedHeight);
+  portDef.bEnabled = OMX_TRUE;
   lastError = ReadPort(nOutputPort);
-  const auto width = static_cast<std::int32_t>(portDef.format.image.nFrameWidth);
-  const auto height = static_cast<std::int32_t>(portDef.format.image.nFrameHeight);
+  const auto width = static_cast<std::int32_t>(image.nFrameWidth);
+  const auto height = static_cast<std::int32_t>(image.nFrameHeight);
   const bool changed = width != nCurrentWidth || height != nCurrentHeight;
   nCurrentWidth = width;
   nCurrentHeight = height;
@@ -179,13 +194,13 @@ unsigned char* DecoderPool::FetchPicture(int& width, int& height) {
   if (!RequestFill()) return nullptr;
   for (int announced = 0;;) {
     const OmxAnswer answer =
-        WaitForOmxAnswer(semFillDone, semPortSettingsChanged, omxAnswerLimitMs);
+        WaitForOmxAnswer(semFillDone, semPortSettingsChanged, SteadyDeadline::at(nWaitsEnd));
     if (answer == OmxAnswer::Came) break;
     if (answer == OmxAnswer::None || ++announced > mostAnnouncements) {
       Unanswered("OMX_FillThisBuffer");
       return nullptr;
     }
-    if (ReadOutputSize() && (!RebuildOutputBuffer() || !RequestFill())) return nullptr;
+    if (ReadOutputSize(width, height) && (!RebuildOutputBuffer() || !RequestFill())) return nullptr;
   }
   fillOutstanding = false;
   if (pOutputBuffer->nFilledLen == 0 || (pOutputBuffer->nFlags & OMX_BUFFERFLAG_DATACORRUPT) != 0) {
@@ -214,13 +229,15 @@ bool DecoderPool::RequestFill() {
 bool DecoderPool::CatchUp() {
   if (!behind) return true;
   if (outputPort != OutputPort::Ready && !RebuildOutputBuffer()) return false;
-  if (nCompletionsOwed == 0)
+  if (nCompletionsOwed == 0) {
+    ForgetOmxAnswers(semCommandDone);
     for (const OMX_U32 port : {nInputPort, nOutputPort})
       if (Send(OMX_CommandFlush, port) != OMX_ErrorNone) return Failed("flushed");
+  }
   if (!Completed("OMX_CommandFlush")) return false;
   if (fillOutstanding && !Answered(semFillDone, "OMX_FillThisBuffer")) return false;
   fillOutstanding = false;
-  if (ReadOutputSize() && !RebuildOutputBuffer()) return false;
+  if (ReadOutputSize(nCurrentWidth, nCurrentHeight) && !RebuildOutputBuffer()) return false;
   behind = false;
   return true;
 }
@@ -232,13 +249,15 @@ bool DecoderPool::Completed(const char* command) {
   for (; nCompletionsOwed > 0; --nCompletionsOwed) {
     if (Answered(semCommandDone, command)) continue;
     if (secondChance) nCompletionsOwed = 0;
+    answerLate = !secondChance;
     return false;
   }
+  answerLate = false;
   return true;
 }
 
 bool DecoderPool::Answered(sem_t& answer, const char* request) {
-  return WaitForOmxAnswer(answer, omxAnswerLimitMs) || Unanswered(request);
+  return WaitForOmxAnswer(answer, SteadyDeadline::at(nWaitsEnd)) || Unanswered(request);
 }
 
 bool DecoderPool::Unanswered(const char* request) {

@@ -2,6 +2,7 @@
 #include <tessera/DecoderPool.h>
 #include <tessera/Diagnostics.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <new>
@@ -32,7 +33,7 @@ bool DecoderPool::OpenComponent() {
     std::printf("error [%x] \n", static_cast<unsigned int>(lastError));
     return false;
   }
-  CreateOmxSemaphores(semCommandDone, semFillDone, semPortSettingsChanged);
+  CreateOmxSemaphores(semCommandDone, semFillDone, semPortSettingsChanged, semLoaded);
   started = true;
   lastError = OMX_GetHandle(&hDecoder, componentName, this, &videodeccallbacks);
   if (lastError != OMX_ErrorNone || hDecoder == nullptr) {
@@ -55,13 +56,16 @@ bool DecoderPool::OpenComponent() {
 // waits below is the one for it.
 bool DecoderPool::RequestIdle() {
   lastError = Send(OMX_CommandStateSet, OMX_StateIdle);
-  if (lastError == OMX_ErrorNone) return true;
-  std::puts("OMX_SendCommand failed");
-  return false;
+  if (lastError != OMX_ErrorNone) {
+    std::puts("OMX_SendCommand failed");
+    return false;
+  }
+  idle = Idle::Asked;
+  return true;
 }
 
 bool DecoderPool::SetUpInputPort() {
-  SendAndAwait(OMX_CommandPortDisable, nInputPort);
+  if (SendAndAwait(OMX_CommandPortDisable, nInputPort)) inputEnabled = false;
   lastError = SetImageFormat(nInputPort, OMX_IMAGE_CodingJPEG, OMX_COLOR_FormatUnused);
   if (lastError != OMX_ErrorNone) {
     std::printf("OMX_SetParameter [%s] \n", OmxErrorDescription(lastError));
@@ -78,7 +82,7 @@ bool DecoderPool::SetUpInputPort() {
     std::printf("OMX_SetParameter [%s] \n", OmxErrorDescription(lastError));
     return false;
   }
-  SendAndAwait(OMX_CommandPortEnable, nInputPort);
+  if (SendAndAwait(OMX_CommandPortEnable, nInputPort)) inputEnabled = true;
   return true;
 }
 
@@ -116,7 +120,11 @@ bool DecoderPool::SetUpOutputPort() {
     std::printf("OMX_SetParameter error = [%s] \n", OmxErrorDescription(lastError));
     return false;
   }
-  SendAndAwait(OMX_CommandPortDisable, nOutputPort);
+  if (SendAndAwait(OMX_CommandPortDisable, nOutputPort)) {
+    // The input port has its buffers: nothing keeps the component from Idle.
+    outputPort = OutputPort::Disabling;
+    idle = Idle::Certain;
+  }
   lastError = ReadPort(nOutputPort);
   if (lastError != OMX_ErrorNone) {
     std::printf("Error OMX_GetParameter %s \n", OmxErrorDescription(lastError));
@@ -137,7 +145,7 @@ bool DecoderPool::SetUpOutputPort() {
     std::printf("Error OMX_SetParameter %s \n", OmxErrorDescription(lastError));
     return false;
   }
-  SendAndAwait(OMX_CommandPortEnable, nOutputPort);
+  if (SendAndAwait(OMX_CommandPortEnable, nOutputPort)) outputPort = OutputPort::Enabling;
   OMX_BUFFERHEADERTYPE* allocated = nullptr;
   lastError = OMX_AllocateBuffer(hDecoder, &allocated, nOutputPort, nullptr, firstOutputBufferSize);
   if (lastError != OMX_ErrorNone || allocated == nullptr) {
@@ -146,12 +154,13 @@ bool DecoderPool::SetUpOutputPort() {
     return false;
   }
   pOutputBuffer = allocated;
+  outputPort = OutputPort::Ready;
   return true;
 }
 
 bool DecoderPool::StartExecuting() {
   while (nCompletionsOwed > 0) AwaitCompletion();
-  idle = true;
+  idle = Idle::Certain;
   lastError = Send(OMX_CommandStateSet, OMX_StateExecuting);
   if (lastError != OMX_ErrorNone) {
     std::printf("Error switching to State Executing %s \n", OmxErrorDescription(lastError));
@@ -173,79 +182,93 @@ DecoderPool::~DecoderPool() {
   const bool takenDown = hDecoder == nullptr || TakeDownComponent();
   if (takenDown && started) {
     OMX_Deinit();
-    DestroyOmxSemaphores(semCommandDone, semFillDone, semPortSettingsChanged);
+    DestroyOmxSemaphores(semCommandDone, semFillDone, semPortSettingsChanged, semLoaded);
   }
   delete[] ppInputBuffers;
 }
 
 /// @return false when the component stays as it is: it refused to leave its state
 bool DecoderPool::TakeDownComponent() {
-  // Answers that never came are not waited for again.
-  nCompletionsOwed = 0;
-  if (ready) FlushOutputPort();
-  ReleaseInputBuffers();
-  ReleaseOutputBuffer();
-  if (!LeaveState()) {
-    std::puts("OMX_SendCommand failed");
-    return false;
+  if (idle != Idle::NotAsked) {
+    ForgetAnswers();
+    if (ready) FlushOutputPort();
+    ReleaseInputBuffers();
+    ReleaseOutputBuffer();
+    if (!LeaveState()) {
+      std::puts("OMX_SendCommand failed");
+      return false;
+    }
   }
   OMX_FreeHandle(hDecoder);
   return true;
 }
 
+/// What has been answered so far answers nothing that is asked from here on. What was waited for in
+/// vain is not waited for again.
+void DecoderPool::ForgetAnswers() {
+  while (TakePosted(semCommandDone) == WaitResult::Done)
+    if (nCompletionsOwed > 0) --nCompletionsOwed;
+  if (answerLate) nCompletionsOwed = StuckCommands();
+}
+
 void DecoderPool::FlushOutputPort() {
   const bool sent = Send(OMX_CommandFlush, nOutputPort) == OMX_ErrorNone;
   std::puts("Sending command!");
-  if (sent) AwaitCompletion();
+  if (sent) AwaitCompletions();
   std::puts("Finished waiting!");
 }
 
 void DecoderPool::ReleaseInputBuffers() {
   // On an enabled port the release would be an error event. Without the disable the buffers wait
   // for the way to Loaded.
-  if (nInputBuffers == 0 || Send(OMX_CommandPortDisable, nInputPort) != OMX_ErrorNone) return;
-  bool released = true;
+  if (!inputEnabled || Send(OMX_CommandPortDisable, nInputPort) != OMX_ErrorNone) return;
+  inputEnabled = false;
   for (std::int32_t i = 0; i < nInputBuffers; ++i) {
     if (ppInputBuffers[i] == nullptr) continue;
     lastError = OMX_FreeBuffer(hDecoder, nInputPort, ppInputBuffers[i]);
-    if (lastError == OMX_ErrorNone) {
+    if (lastError == OMX_ErrorNone)
       ppInputBuffers[i] = nullptr;
-    } else {
+    else
       std::printf("OMX_FreeBuffer input port error: %s !\n", OmxErrorDescription(lastError));
-      released = false;
-    }
   }
-  // With a buffer left the disable never completes.
-  if (released) AwaitCompletion();
+  AwaitCompletions();
 }
 
 void DecoderPool::ReleaseOutputBuffer() {
-  if (pOutputBuffer == nullptr) return;
+  // While the port waits for a buffer that could not be had, a disable would have to wait as well.
+  const bool lacking = outputPort == OutputPort::Enabling && pOutputBuffer == nullptr;
+  if (lacking && idle == Idle::Certain) return;
   if (outputPort != OutputPort::Disabling &&
       Send(OMX_CommandPortDisable, nOutputPort) != OMX_ErrorNone)
     return;
-  lastError = OMX_FreeBuffer(hDecoder, nOutputPort, pOutputBuffer);
-  if (lastError != OMX_ErrorNone) {
-    std::printf("OMX_FreeBuffer output port error: %s !\n", OmxErrorDescription(lastError));
-    return;
+  outputPort = OutputPort::Disabling;
+  if (pOutputBuffer != nullptr) {
+    lastError = OMX_FreeBuffer(hDecoder, nOutputPort, pOutputBuffer);
+    if (lastError == OMX_ErrorNone)
+      pOutputBuffer = nullptr;
+    else
+      std::printf("OMX_FreeBuffer output port error: %s !\n", OmxErrorDescription(lastError));
   }
-  pOutputBuffer = nullptr;
-  AwaitCompletion();
+  AwaitCompletions();
 }
 
-/// Back to Loaded, from where setup got to. A change to Idle that may still be under way is left
-/// alone: the component can be freed in any state.
+/// Back to Loaded, from where setup got to.
 bool DecoderPool::LeaveState() {
   if (ready) {
     lastError = Send(OMX_CommandStateSet, OMX_StateIdle);
     if (lastError != OMX_ErrorNone) return false;
-    AwaitCompletion();
+  } else if (KeptFromIdle()) {
+    // A disable was refused. The component is in Loaded still.
+    return true;
   }
-  if (!idle) return true;
+  AwaitCompletions();
   lastError = Send(OMX_CommandStateSet, OMX_StateLoaded);
   if (lastError != OMX_ErrorNone) return false;
-  if (ReleaseLeftBuffers())
-    while (nCompletionsOwed > 0) AwaitCompletion();
+  if (ReleaseLeftBuffers()) {
+    AwaitCompletions();
+    // An answer that was given up may have come after all, in place of the one for Loaded.
+    WaitForGood(semLoaded);
+  }
   return true;
 }
 
@@ -253,14 +276,37 @@ bool DecoderPool::LeaveState() {
 /// @return whether nothing is left
 bool DecoderPool::ReleaseLeftBuffers() {
   bool released = true;
-  for (std::int32_t i = 0; i < nInputBuffers; ++i)
-    if (ppInputBuffers[i] != nullptr &&
-        OMX_FreeBuffer(hDecoder, nInputPort, ppInputBuffers[i]) != OMX_ErrorNone)
+  const auto release = [&](OMX_U32 port, OMX_BUFFERHEADERTYPE*& buffer) {
+    if (buffer == nullptr) return;
+    if (OMX_FreeBuffer(hDecoder, port, buffer) == OMX_ErrorNone)
+      buffer = nullptr;
+    else
       released = false;
-  if (pOutputBuffer != nullptr &&
-      OMX_FreeBuffer(hDecoder, nOutputPort, pOutputBuffer) != OMX_ErrorNone)
-    released = false;
+  };
+  for (std::int32_t i = 0; i < nInputBuffers; ++i) release(nInputPort, ppInputBuffers[i]);
+  release(nOutputPort, pOutputBuffer);
   return released;
+}
+
+/// Whether a port that is enabled and lacks its buffers holds the change to Idle up.
+bool DecoderPool::KeptFromIdle() const {
+  return idle == Idle::Asked && (inputEnabled || outputPort != OutputPort::Disabling);
+}
+
+/// How many of the commands under way cannot complete: the change to Idle, a disable while the port
+/// has a buffer left, an enable while it lacks one (in Loaded a port needs none).
+std::int32_t DecoderPool::StuckCommands() const {
+  std::int32_t stuck = KeptFromIdle() ? 1 : 0;
+  const auto left = [](const OMX_BUFFERHEADERTYPE* buffer) { return buffer != nullptr; };
+  if (!inputEnabled && std::any_of(ppInputBuffers, ppInputBuffers + nInputBuffers, left)) ++stuck;
+  if (outputPort == OutputPort::Disabling && left(pOutputBuffer)) ++stuck;
+  if (outputPort == OutputPort::Enabling && !left(pOutputBuffer) && idle == Idle::Certain) ++stuck;
+  return stuck;
+}
+
+/// Takes as many completions as are owed and can come.
+void DecoderPool::AwaitCompletions() {
+  while (nCompletionsOwed > StuckCommands()) AwaitCompletion();
 }
 
 OMX_ERRORTYPE DecoderPool::Send(OMX_COMMANDTYPE command, OMX_U32 parameter) {
@@ -269,14 +315,16 @@ OMX_ERRORTYPE DecoderPool::Send(OMX_COMMANDTYPE command, OMX_U32 parameter) {
   return error;
 }
 
-/// A refused command is passed over: nobody would answer it.
-void DecoderPool::SendAndAwait(OMX_COMMANDTYPE command, OMX_U32 parameter) {
-  if (Send(command, parameter) == OMX_ErrorNone) AwaitCompletion();
+/// A refused command is passed over: nobody would answer it. @return whether it was accepted
+bool DecoderPool::SendAndAwait(OMX_COMMANDTYPE command, OMX_U32 parameter) {
+  if (Send(command, parameter) != OMX_ErrorNone) return false;
+  AwaitCompletion();
+  return true;
 }
 
 /// Takes whichever completion comes next.
 void DecoderPool::AwaitCompletion() {
-  WaitForOmxAnswerForGood(semCommandDone);
+  WaitForGood(semCommandDone);
   --nCompletionsOwed;
 }
 

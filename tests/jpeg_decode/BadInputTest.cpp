@@ -21,7 +21,9 @@ class BadInput : public testing::Test {
   std::string take(const Bytes& jpeg, int width = 0, int height = 0) {
     const Decoded seen = decode(*pool_, jpeg, width, height);
     if (seen.data == nullptr) {
-      EXPECT_EQ(std::count(seen.lines.begin(), seen.lines.end(), '\n'), 1) << seen.lines;
+      const bool silent = seen.width == 0 && seen.height == 0;
+      EXPECT_EQ(std::count(seen.lines.begin(), seen.lines.end(), '\n'), silent ? 0 : 1)
+          << seen.lines;
       return seen.lines;
     }
     EXPECT_EQ(seen.lines, "");
@@ -37,7 +39,7 @@ class BadInput : public testing::Test {
     const std::string first = take(jpeg, width, height);
     EXPECT_EQ(difference(decode(*pool_, black_), black_), "");
     EXPECT_TRUE(take(jpeg, width, height) == first) << "it depends on the picture before";
-    return first.find("DecoderPool::DecodeJpeg") != 0;
+    return !first.empty() && first.find("DecoderPool::DecodeJpeg") != 0;
   }
 
   const support::Image scene_ = support::scene(48, 32);
@@ -96,7 +98,7 @@ TEST_F(BadInput, EachKindGetsItsAnswer) {
       {"no height", surgery::withSize(small_, 48, 0), false, false},
       {"no width", surgery::withSize(small_, 0, 32), false, false}};
   const std::string call = "DecoderPool::DecodeJpeg - ";
-  EXPECT_EQ(take({}), call + "no baseline header found, and no size given\n");
+  EXPECT_EQ(take({}), "");
   EXPECT_EQ(take({}, 48, 32), call + "no data\n");
   for (const auto& bad : table) {
     SCOPED_TRACE(bad.name);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <optional>
 
 #include "PoolFixture.h"
 
@@ -15,6 +16,9 @@ using control::CompletionFault;
 class Faults : public FaultTest {
   const VirtualTime time_;
 };
+
+/// All waits of a DecodeJpeg together end a little before its ten seconds.
+constexpr int limitMs = 9950;
 
 // ------------------------------------------------------------------------------------ setup
 
@@ -140,6 +144,57 @@ const FaultCase newSize[] = {
 INSTANTIATE_TEST_SUITE_P(SameSize, Cycle, rowsFor(64, sameSize), NameOf());
 INSTANTIATE_TEST_SUITE_P(NewSize, Cycle, rowsFor(96, newSize), NameOf());
 
+/// What setup read of the output port was that it is disabled.
+TEST_F(Faults, TheFirstNewSizeComesThoughItsQueryIsRefused) {
+  for (const bool late : {false, true}) {
+    QuietPool tested;
+    const Bytes jpeg = jpegOf(640, 480);
+    inject(refuse("OMX_GetParameter"));
+    if (late) inject(delay("EventHandler", 1, 3000));  // announced after a second
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(difference(decode(*tested, jpeg), jpeg), "") << late;
+    EXPECT_GE(control::faultsHit(), 1u);
+    control::clearFaults();
+  }
+}
+
+/// A size that is never announced, and then no picture: 1 s, and what is left of the limit.
+TEST_F(Faults, AllWaitsOfACallTogetherKeepItsLimit) {
+  QuietPool tested;
+  Bytes jpeg = jpegOf(96, 80);
+  inject(lose("EventHandler"));
+  inject(lose("FillBufferDone"));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(decode(*tested, jpeg).lines, noFill);
+  EXPECT_EQ((std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(1), limitMs);
+}
+
+TEST_F(Faults, APieceThatCannotBePassedOnIsTold) {
+  char data[8] = {};
+  const auto pass = [&](DecoderPool& to, char* jpeg, int size, bool expected, const char* line) {
+    expectAnswer<bool>([&] { return to.PassJpegToDecoder(jpeg, size); }, expected, line, "");
+  };
+  const char* const noData = "DecoderPool::PassJpegToDecoder - no data\n";
+  const char* const noBuffers = "DecoderPool::PassJpegToDecoder - no input buffers\n";
+  {
+    QuietPool tested;
+    pass(*tested, nullptr, 8, false, noData);
+    pass(*tested, nullptr, 0, true, "");
+    inject(refuse("OMX_EmptyThisBuffer"));
+    pass(*tested, data, 8, true, ("error during empty - " + noResources + " \n").c_str());
+    control::clearFaults();
+    TesseraLayout::occupyInputs(*tested, 1);
+    const Capture quiet;
+    EXPECT_TRUE((*tested).PassJpegToDecoder(data, 8));
+    TesseraLayout::occupyInputs(*tested, 0);
+  }
+  for (const AnyFault& fault : {refuse("OMX_AllocateBuffer", 2), refuse("OMX_GetHandle")}) {
+    inject(fault);
+    QuietPool tested;
+    control::clearFaults();
+    for (int i = 0; i < 4; ++i) pass(*tested, data, 8, false, noBuffers);
+  }
+}
+
 TEST_F(Faults, ARebuildThatFailsAgainGivesNullAgain) {
   QuietPool tested;
   const Bytes jpeg = jpegOf(96, 80);
@@ -210,7 +265,7 @@ TEST_F(Faults, WaitsEndOnTimeWhateverDisturbsThem) {
           return (*tested).DecodeJpeg(reinterpret_cast<char*>(jpeg.data()),
                                       static_cast<unsigned>(jpeg.size()), width, height) != nullptr;
         },
-        false, noFill, "", 10000);
+        false, noFill, "", limitMs);
     control::clearFaults();
   }
 }
@@ -262,6 +317,54 @@ TEST_F(Teardown, GoesOnAfterARefusedCall) {
   contains(release(refuse("OMX_FreeBuffer", 4)),
            "OMX_FreeBuffer output port error: " + noResources + " !\n");
   for (const unsigned nth : {1u, 2u, 3u}) contains(release(refuse("OMX_SendCommand", nth)), end);
+}
+
+/// Whatever was refused, came late or is owed from before: in every round.
+TEST_F(Teardown, FreesTheHandleOnlyOnceLoadedWasReported) {
+  struct {
+    const char* name;
+    std::optional<AnyFault> inSetup, inDecode, inNextDecode;
+  } const table[] = {
+      {"free refused", {}, refuse("OMX_FreeBuffer"), {}},
+      {"allocation refused", {}, refuse("OMX_AllocateBuffer"), {}},
+      {"enable refused", {}, refuse("OMX_SendCommand", 2), {}},
+      {"second flush refused", {}, refuse("OMX_FillThisBuffer"), refuse("OMX_SendCommand", 2)},
+      {"disabled too late", {}, delay("EventHandler", 2, 105), {}},
+      {"written off, and late", {}, delay("EventHandler", 2, 205), delay("FillBufferDone", 9, 1)},
+      {"input format", refuse("OMX_SetParameter"), {}, {}},
+      {"input buffer", refuse("OMX_AllocateBuffer", 2), {}, {}},
+      {"output format", refuse("OMX_SetParameter", 3), {}, {}},
+      {"write output", refuse("OMX_SetParameter", 4), {}, {}},
+      {"output buffer", refuse("OMX_AllocateBuffer", 4), {}, {}},
+      {"executing", refuse("OMX_SendCommand", 6), {}, {}},
+  };
+  const Bytes jpeg = jpegOf(96, 80);
+  for (const auto& row : table)
+    for (int round = 0; round < 15 && !HasFailure(); ++round) {
+      SCOPED_TRACE(row.name);
+      control::startJournal();
+      {
+        const AnyFault none;
+        inject(row.inSetup.value_or(none));
+        QuietPool tested;
+        for (const auto& fault : {row.inDecode, row.inNextDecode}) {
+          control::clearFaults();
+          inject(fault.value_or(none));
+          if (fault) decode(*tested, jpeg);
+        }
+      }
+      control::stopJournal();
+      control::clearFaults();
+      const std::vector<std::string> lines = control::journal();
+      const auto at = [&](const char* text) {
+        return std::find_if(lines.begin(), lines.end(), [&](const std::string& line) {
+          return line.find(text) != std::string::npos;
+        });
+      };
+      const auto freed = at("OMX_FreeHandle");
+      EXPECT_NE(freed, lines.end());
+      EXPECT_LT(at("CmdComplete StateSet Loaded"), freed);
+    }
 }
 
 TEST_F(Teardown, EndsEarlyWhenTheStateIsRefused) {
