@@ -28,9 +28,10 @@ bool COmxH264Encoder::Create(unsigned int pixelFormat, int width, int height,
                              unsigned int frameRateNum, unsigned int frameRateDen,
                              unsigned int aspectNum, unsigned int aspectDen, unsigned int bitrate) {
   // The steps below start from Loaded and from a component that owes no answer.
-  if (hEncoder != nullptr && tried) {
+  if (tried) {
     ReleaseHardware();
     InitializeHardware();
+    tried = true;  // also when it could not be had: the next call asks for it again
   }
   if (hEncoder == nullptr) {
     std::fprintf(stderr, "COmxH264Encoder::Create - invalid state of encoder object.\n");

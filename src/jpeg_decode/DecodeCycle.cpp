@@ -228,7 +228,11 @@ bool DecoderPool::RequestFill() {
 /// flush after everything that was asked of it before.
 bool DecoderPool::CatchUp() {
   if (!behind) return true;
-  if (outputPort != OutputPort::Ready && !RebuildOutputBuffer()) return false;
+  if (outputPort != OutputPort::Ready) {
+    // The size may have been a guess, and the buffer for it too small.
+    if (pOutputBuffer == nullptr) ReadOutputSize(nCurrentWidth, nCurrentHeight);
+    if (!RebuildOutputBuffer()) return false;
+  }
   if (nCompletionsOwed == 0) {
     ForgetOmxAnswers(semCommandDone);
     for (const OMX_U32 port : {nInputPort, nOutputPort})
