@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <limits>
 #include <mutex>
@@ -134,8 +135,8 @@ bool allWait() {
 
 [[noreturn]] void reportHang() {
   std::fflush(stdout);
-  std::fputs("everybody waits for good\n", stderr);
-  _exit(VirtualTime::hangStatus);
+  std::fputs(VirtualTime::hangLine, stderr);
+  std::abort();
 }
 
 /// Has the clocks jump to the next moment that somebody waits for, unless somebody works.
