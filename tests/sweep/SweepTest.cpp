@@ -26,7 +26,6 @@ TEST_P(Sweep, EveryFaultIsTakenWell) {
     std::vector<Point> chosen;
     for (const Point& point : record(subject, scenario))
       if (number++ % share() == 0) chosen.push_back(point);
-    EXPECT_FALSE(chosen.empty()) << scenario.name;
     for (const Verdict& verdict : sweep(subject, scenario, chosen)) {
       ++points;
       met += verdict.met;
@@ -35,6 +34,7 @@ TEST_P(Sweep, EveryFaultIsTakenWell) {
       EXPECT_TRUE(verdict.met) << scenario.name << ", " << verdict.point.text() << ": not met";
     }
   }
+  EXPECT_GT(number, 500) << "hardly a sweep";
   std::cout << subject.name << ": " << number << " points offered, " << points << " tried, " << met
             << " met\n";
 }
