@@ -7,7 +7,7 @@
 #include <functional>
 
 #include "Fuzz.h"
-#include "Haste.h"
+#include "support/VirtualTime.h"
 
 namespace {
 
@@ -57,6 +57,7 @@ void workH264(IH264Encoder& encoder) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   fuzz::silence();
   FuzzedDataProvider script(bytes, size);
+  const support::VirtualTime time;
   {
     COmxJpegEncoder jpeg;
     COmxH264Encoder h264;
@@ -80,9 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   }
   tessera_platform::clearFaults();
   MUST(tessera_platform::census().empty());
-  fuzz::haste = 1;
   COmxJpegEncoder fresh;
   MUST(encodeJpeg(fresh) == 1);
-  fuzz::haste = 100;
   return 0;
 }

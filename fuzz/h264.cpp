@@ -5,7 +5,7 @@
 #include <random>
 
 #include "Fuzz.h"
-#include "Haste.h"
+#include "support/VirtualTime.h"
 
 namespace {
 
@@ -41,6 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::vector<std::uint8_t> stream = input.ConsumeRemainingBytes<std::uint8_t>();
   std::minstd_rand cuts(cut);
 
+  const support::VirtualTime time;
   IH264Decoder* decoder = nullptr;
   MUST(CreateH264Decoder(&decoder) == 1);
   MUST(decoder->Create(32, 32, 0, nullptr));
@@ -58,9 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // Now and then, since each ends with a wait for nothing.
     if (i % 4 == 3) pictures += drain(*decoder, picture);
   }
-  fuzz::haste = 10;  // time to decode them
   pictures += drain(*decoder, picture);
-  fuzz::haste = 100;
   // Every picture takes a slice, a change of format one buffer more.
   MUST(pictures <= 2 * slicesIn(stream) + 2);
   MUST(FreeH264Decoder(decoder) == 1);

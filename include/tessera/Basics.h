@@ -106,7 +106,8 @@ inline std::size_t NextUnit(const unsigned char* data, std::size_t size, std::si
   return size;
 }
 
-/// @param unit  offset of a NAL unit's first byte
+/// @param data  Annex B bytes
+/// @param unit  offset of a NAL unit's first byte in them
 inline int TypeOf(const unsigned char* data, std::size_t unit) {
   return data[unit] & 31;
 }

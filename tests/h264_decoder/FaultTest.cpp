@@ -274,7 +274,8 @@ TEST_F(DecoderFaults, WaitsEndOnTimeWhateverDisturbsThem) {
   for (const Disturbance how : disturbances) {
     disturb(how, LimitBy::WallClock);
     expectAnswer<CodecStatus>([&] { return feed(*decoder, 1); }, CodecTimeout,
-                              name + "ProcessInput - timeout\n", "", disturbedMs(how, LimitBy::WallClock, 1000));
+                              name + "ProcessInput - timeout\n", "",
+                              disturbedMs(how, LimitBy::WallClock, 1000));
     disturb(how, LimitBy::WallClock);
     expectAnswer<CodecStatus>([&] { return take(*decoder); }, CodecTimeout, "", "",
                               disturbedMs(how, LimitBy::WallClock, 100));

@@ -24,8 +24,8 @@ AnyFault nullResult(const std::string& call, unsigned nth) {
 AnyFault lose(const std::string& completion, unsigned nth, bool sticky) {
   return control::CompletionFault{completion, nth, sticky, control::CompletionFault::Drop, 0, 0};
 }
-AnyFault delay(const std::string& completion, unsigned nth, unsigned delayMs) {
-  return control::CompletionFault{completion, nth, false, control::CompletionFault::Delay,
+AnyFault delay(const std::string& completion, unsigned nth, unsigned delayMs, bool sticky) {
+  return control::CompletionFault{completion, nth, sticky, control::CompletionFault::Delay,
                                   delayMs,    0};
 }
 AnyFault mangle(const std::string& completion, control::CompletionFault::Action action,

@@ -25,7 +25,7 @@ using AnyFault = std::variant<control::CallFault, control::CompletionFault>;
 AnyFault refuse(const std::string& call, unsigned nth = 1, bool sticky = false);
 AnyFault nullResult(const std::string& call, unsigned nth = 1);
 AnyFault lose(const std::string& completion, unsigned nth = 1, bool sticky = false);
-AnyFault delay(const std::string& completion, unsigned nth, unsigned delayMs);
+AnyFault delay(const std::string& completion, unsigned nth, unsigned delayMs, bool sticky = false);
 AnyFault mangle(const std::string& completion, control::CompletionFault::Action action,
                 unsigned nth = 1, std::uint32_t code = 7);
 void inject(const AnyFault& fault);

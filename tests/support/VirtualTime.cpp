@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <sched.h>
 #include <semaphore.h>
 #include <tessera_platform/control.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <limits>
 #include <mutex>
@@ -23,8 +25,9 @@ namespace control = tessera_platform;
 
 constexpr long long nanosecondsPerSecond = 1000000000LL;
 constexpr long long never = std::numeric_limits<long long>::max();
-/// How long somebody really sleeps who waits for other threads before looking again.
-constexpr long long sliceNanoseconds = 500000;
+/// How long a client really sleeps that waits for other threads before it looks again; and how long
+/// any other thread, which is woken when its time has come, should that have been missed.
+constexpr long long clientSlice = 500000, otherSlice = 20000000;
 
 long long nanoseconds(const timespec& time) {
   return time.tv_sec * nanosecondsPerSecond + time.tv_nsec;
@@ -50,6 +53,7 @@ struct System {
   TESSERA_SYSTEM(nanosleep);
   TESSERA_SYSTEM(clock_nanosleep);
   TESSERA_SYSTEM(usleep);
+  TESSERA_SYSTEM(sched_yield);
   TESSERA_SYSTEM(pthread_cond_timedwait);
   TESSERA_SYSTEM(pthread_cond_clockwait);
 #undef TESSERA_SYSTEM
@@ -60,13 +64,13 @@ const System& real() {
   return functions;
 }
 
-timespec realSlice() {
+timespec realSlice(long long length) {
   timespec now{};
   real().clock_gettime(CLOCK_REALTIME, &now);
-  return toTimespec(nanoseconds(now) + sliceNanoseconds);
+  return toTimespec(nanoseconds(now) + length);
 }
 void sleepReally() {
-  const timespec slice = toTimespec(sliceNanoseconds);
+  const timespec slice = toTimespec(clientSlice);
   real().nanosleep(&slice, nullptr);
 }
 
@@ -83,8 +87,9 @@ long long now(clockid_t clock) {
 struct Wait {
   clockid_t clock;
   long long deadline;
-  sem_t* semaphore;               ///< that ends it, or null
-  const std::atomic<bool>* over;  ///< that ends it, or null
+  sem_t* semaphore = nullptr;               ///< that ends it, or null
+  const std::atomic<bool>* over = nullptr;  ///< that ends it, or null
+  pthread_cond_t* condition = nullptr;      ///< that wakes it, or null
   bool client = takesPart;
 
   long long left() const { return deadline == never ? never : deadline - now(clock); }
@@ -99,7 +104,7 @@ struct Wait {
 std::mutex jumping;  ///< held before the platform's locks, which are held before `listed`
 std::mutex listed;   ///< guards what follows; no lock is taken while it is held
 std::vector<const Wait*> waits;
-int clients = 0;
+std::atomic<int> clients{0};
 unsigned changes = 0;  ///< of the clients that wait
 long long stepAt = never, stepBy = 0;
 
@@ -135,8 +140,8 @@ bool allWait() {
 
 [[noreturn]] void reportHang() {
   std::fflush(stdout);
-  std::fputs("everybody waits for good\n", stderr);
-  _exit(VirtualTime::hangStatus);
+  std::fputs(VirtualTime::hangLine, stderr);
+  std::abort();
 }
 
 /// Has the clocks jump to the next moment that somebody waits for, unless somebody works.
@@ -160,13 +165,15 @@ bool jump() {
     wallAhead += stepBy;
     stepAt = never;
   }
+  for (const Wait* wait : waits)
+    if (wait->condition != nullptr && wait->left() <= 0) pthread_cond_broadcast(wait->condition);
   return true;
 }
 
 /// Waits until the semaphore can be taken or the deadline has passed. A thread that takes no part
 /// waits for others to move the clock.
 int take(sem_t* semaphore, clockid_t clock, long long deadline) {
-  const Wait wait{clock, deadline, semaphore, nullptr};
+  const Wait wait{clock, deadline, semaphore};
   const Listed listing(wait);
   for (;;) {
     if (takesPart) control::awaitQuiet();
@@ -176,26 +183,28 @@ int take(sem_t* semaphore, clockid_t clock, long long deadline) {
       return -1;
     }
     if (takesPart && jump()) continue;
-    const timespec slice = realSlice();
+    const timespec slice = realSlice(clientSlice);
     if (real().sem_timedwait(semaphore, &slice) == 0) return 0;
   }
 }
 
 void sleepUntil(clockid_t clock, long long deadline) {
-  const Wait wait{clock, deadline, nullptr, nullptr};
+  const Wait wait{clock, deadline};
   const Listed listing(wait);
-  while (wait.left() > 0)
+  while (wait.left() > 0) {
+    if (takesPart) control::awaitQuiet();
     if (!takesPart || !jump()) sleepReally();
+  }
 }
 
 /// One slice of the wait for a condition, which ends as if somebody had notified it: a waiter looks
 /// for itself. Its mutex is let go for the jump, since the platform's quiet() may want it.
 int awaitCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                    long long deadline) {
-  const Wait wait{clock, deadline, nullptr, nullptr};
+  const Wait wait{clock, deadline, nullptr, nullptr, condition};
   const Listed listing(wait);
   if (wait.left() <= 0) return ETIMEDOUT;
-  const timespec slice = realSlice();
+  const timespec slice = realSlice(takesPart ? clientSlice : otherSlice);
   if (real().pthread_cond_timedwait(condition, mutex, &slice) == ETIMEDOUT && takesPart) {
     pthread_mutex_unlock(mutex);
     jump();
@@ -261,6 +270,7 @@ void ClientThread::join() {
 
 }  // namespace support
 
+namespace control = tessera_platform;
 namespace interpose = support::interpose;
 using support::real;
 
@@ -332,6 +342,13 @@ int usleep(useconds_t microseconds) {
   if (!support::on) return real().usleep(microseconds);
   const timespec time = support::toTimespec(microseconds * 1000LL);
   return clock_nanosleep(CLOCK_MONOTONIC, 0, &time, nullptr);
+}
+
+/// On a busy machine each would cost as much as all other processes' turns.
+int sched_yield() noexcept {
+  if (!support::on || !support::takesPart || support::clients > 1) return real().sched_yield();
+  control::awaitQuiet();
+  return 0;
 }
 
 int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,

@@ -25,9 +25,9 @@ class VirtualTime {
   /// Sets CLOCK_REALTIME so far ahead, or back, when that much time has passed.
   static void setWallClock(std::chrono::nanoseconds by, std::chrono::nanoseconds in);
 
-  /// The exit status of a process in which everybody waits for good, nothing is due and nothing is
-  /// being done; a line on standard error says so.
-  static constexpr int hangStatus = 97;
+  /// Where everybody waits for good, nothing is due and nothing is being done, the process prints
+  /// this on standard error and aborts.
+  static constexpr char hangLine[] = "everybody waits for good\n";
 };
 
 /// A further thread that takes part. Whoever joins it waits as long.

@@ -258,11 +258,10 @@ Verdict conclude(const SubjectClass& subject, const Point& point, Child& child) 
   Verdict verdict{point, readAll(child.report), true};
   int status = 0;
   waitpid(child.pid, &status, 0);
+  const bool hung = child.streams->err().find(support::VirtualTime::hangLine) != std::string::npos;
   if (WIFSIGNALED(status)) {
+    if (hung && hangsAsDocumented(subject, point)) return verdict;
     verdict.problem = std::string("killed by ") + strsignal(WTERMSIG(status));
-  } else if (WEXITSTATUS(status) == support::VirtualTime::hangStatus &&
-             hangsAsDocumented(subject, point)) {
-    verdict.problem.clear();
   } else if (WEXITSTATUS(status) == 1 && endsAsDocumented(subject, point, *child.streams)) {
     verdict.problem.clear();
   } else if (WEXITSTATUS(status) != 0) {

@@ -370,11 +370,10 @@ class H264DecoderSubject : public Subject {
 
   Outcome make() override {
     IH264Decoder* made = nullptr;
-    if (CreateH264Decoder(&made) == 0) {
-      if (made != nullptr) return Outcome::wrong("a failed creation stored something");
-      // Silent where the platform reports success and gives no component.
-      return Outcome::refused();
-    }
+    // Silent where the platform makes nothing and calls it a success.
+    if (CreateH264Decoder(&made) == 0)
+      return made == nullptr ? Outcome::refused()
+                             : Outcome::wrong("a failed creation stored something");
     decoder_ = made;
     return create();
   }

@@ -27,9 +27,6 @@ TEST_P(Sweep, EveryFaultIsTakenWell) {
     std::vector<Point> chosen;
     for (const Point& point : record(subject, scenario))
       if (number++ % share() == 0) chosen.push_back(point);
-    // An MMAL JPEG encoder asks nothing of the platform before its first picture.
-    const bool lazy = subject.name == std::string("CMmalJpegEncoder");
-    EXPECT_EQ(chosen.empty(), lazy && &scenario == &scenarios().front()) << scenario.name;
     for (const Verdict& verdict : sweep(subject, scenario, chosen)) {
       ++points;
       met += verdict.met;
@@ -38,6 +35,7 @@ TEST_P(Sweep, EveryFaultIsTakenWell) {
       EXPECT_TRUE(verdict.met) << scenario.name << ", " << verdict.point.text() << ": not met";
     }
   }
+  EXPECT_GT(number, 500) << "hardly a sweep";
   std::cout << subject.name << ": " << number << " points offered, " << points << " tried, " << met
             << " met\n";
 }

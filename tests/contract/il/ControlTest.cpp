@@ -42,6 +42,9 @@ class Control : public support::FaultTest {
     EXPECT_EQ(client.empty(client.in[0], jpeg()), OMX_ErrorNone);
     EXPECT_EQ(client.fill(client.out[0]), OMX_ErrorNone);
   }
+
+ private:
+  const support::VirtualTime time_;
 };
 
 TEST_F(Control, HoldsADroppedBufferUntilThePortIsDisabled) {
@@ -58,6 +61,17 @@ TEST_F(Control, HoldsADroppedBufferUntilThePortIsDisabled) {
   client->send(OMX_CommandPortDisable, out);
   EXPECT_EQ(client->next(), "filled 321");
   client->disabled(out);
+}
+
+TEST_F(Control, IsQuietWithNothingLeftToDoButWhatIsDueLater) {
+  const auto client = decoder();
+  support::inject(support::delay("FillBufferDone", 1, 60));
+  request(*client);
+  platform::awaitQuiet();
+  EXPECT_EQ(client->soFar(), Texts{"emptied 320"});
+  std::this_thread::sleep_for(std::chrono::milliseconds(60));
+  platform::awaitQuiet();
+  EXPECT_EQ(client->soFar(), Texts{"filled 321"});
 }
 
 /// A fault that holds a buffer back must not hold back the end.

@@ -11,7 +11,9 @@ namespace {
 using namespace contract;
 using namespace tessera_platform;
 
-using Control = support::FaultTest;
+class Control : public support::FaultTest {
+  const support::VirtualTime time_;
+};
 
 std::unique_ptr<Rig> running() {
   auto rig = std::make_unique<Rig>(videoEncode);
@@ -37,7 +39,6 @@ TEST_F(Control, LateAndLostBuffersComeBackWhenThePortIsDisabled) {
 
 TEST_F(Control, WhatIsLateComesByTheSteadyClock) {
   using namespace std::chrono_literals;
-  const support::VirtualTime time;
   const auto rig = running();
   support::inject(support::delay("output", 1, 150));
   ASSERT_TRUE(rig->feedScene(0));
