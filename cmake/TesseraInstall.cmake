@@ -113,6 +113,7 @@ install(
   PATTERN "*.png"
   PATTERN "*.svg"
   PATTERN "*.tsv"
-  PATTERN "*.cpp")
+  PATTERN "*.cpp"
+  PATTERN "*.h")
 
 include(TesseraPackages)
