@@ -92,7 +92,8 @@ if(TARGET tessera_tool)
     OPTIONAL)
 endif()
 
-# The pages and the examples lie to each other as in the source tree, so that their links hold.
+# The pages and the examples lie to each other as in the source tree, so that their links hold; sources that
+# a page links come along.
 install(
   FILES "${PROJECT_SOURCE_DIR}/LICENSE"
   DESTINATION "${CMAKE_INSTALL_DOCDIR}"
@@ -115,5 +116,16 @@ install(
   PATTERN "*.tsv"
   PATTERN "*.cpp"
   PATTERN "*.h")
+file(GLOB pages "${PROJECT_SOURCE_DIR}/README.md" "${PROJECT_SOURCE_DIR}/docs/*.md")
+foreach(page IN LISTS pages)
+  file(READ "${page}" text)
+  string(REGEX MATCHALL "\\((\\.\\./)?(include|src|tools)/[A-Za-z0-9_./-]+\\)" links "${text}")
+  foreach(link IN LISTS links)
+    string(REGEX REPLACE "^\\((\\.\\./)?|\\)$" "" file "${link}")
+    get_filename_component(folder "${file}" DIRECTORY)
+    install(FILES "${PROJECT_SOURCE_DIR}/${file}" DESTINATION "${CMAKE_INSTALL_DOCDIR}/${folder}"
+            COMPONENT development)
+  endforeach()
+endforeach()
 
 include(TesseraPackages)

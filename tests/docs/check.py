@@ -81,7 +81,8 @@ ln -s "$BUILD" build/release
 printf '#!/bin/sh\\ncat >/dev/null\\n' >player/ffplay
 chmod +x player/ffplay
 ffmpeg -loglevel error -f lavfi -i testsrc=size=640x480 -frames:v 1 photo.png -frames:v 1 photo.jpg
-ffmpeg -loglevel error -f lavfi -i testsrc=size=640x480:rate=25 -frames:v 10 -pix_fmt yuv420p clip.mp4
+ffmpeg -loglevel error -f lavfi -i testsrc=size=640x480:rate=25 -frames:v 10 -pix_fmt yuv420p clip.mp4 \\
+  -frames:v 10 -pix_fmt yuvj420p camera.mjpeg
 cp clip.mp4 any.mp4
 """
 
