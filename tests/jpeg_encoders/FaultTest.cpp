@@ -161,7 +161,7 @@ TEST_P(BothJpeg, ACallWithoutAnAnswerEndsOnTimeWhateverDisturbsIt) {
     inject(mangle(answer, CompletionFault::ErrorEvent, 1, static_cast<OMX_U32>(OMX_ErrorHardware)));
     expectAnswer<int>([&] { return encoder.encode(picture).result; }, 0, out,
                       "OmxEventsHandler - 0x80001009:the hardware failed to respond as expected\n",
-                      1000);
+                      1200);  // a second, from when the wait looks around
     control::clearFaults();
   }
   for (const Disturbance how : disturbances) {
