@@ -10,7 +10,6 @@
 #include "common/Geometry.h"
 #include "common/OmxAnswers.h"
 #include "common/OmxEncoderSteps.h"
-#include "common/OmxErrorLine.h"
 
 namespace {
 
@@ -57,10 +56,6 @@ int PositiveSize(int size) {
 }
 
 }  // namespace
-
-void PrintOmxError(const char* label, OMX_ERRORTYPE error) {
-  WriteOmxErrorLine(label, error, ShortOmxErrorText(error));
-}
 
 COmxJpegEncoder::COmxJpegEncoder() {
   InitializeHardware();

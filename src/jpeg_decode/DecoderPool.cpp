@@ -341,13 +341,3 @@ OMX_ERRORTYPE DecoderPool::ReadPort(OMX_U32 port) {
   portDef.nPortIndex = port;
   return OMX_GetParameter(hDecoder, OMX_IndexParamPortDefinition, &portDef);
 }
-
-DecoderPool* GetDecoderPool() {
-  return new DecoderPool();
-}
-
-int ReleaseDecoderPool(DecoderPool* pool) {
-  if (pool == nullptr) return 0;
-  delete pool;
-  return 1;
-}
