@@ -7,8 +7,10 @@
 
 #include <mutex>
 
+namespace common {
 class OutputMemory;
-struct TesseraLayout;
+}
+struct TesseraTestAccess;
 
 /// H.264 decoder on the MMAL component "vc.ril.video_decode"; what `CreateH264Decoder` hands out.
 ///
@@ -94,7 +96,7 @@ class TESSERA_API CMmalH264Decoder : public IH264Decoder {
   void ResetResources();
 
  private:
-  friend struct TesseraLayout;
+  friend struct TesseraTestAccess;
   friend void InputDecH264Callback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
   friend void OutputDecH264Callback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
   struct Piece;
@@ -102,7 +104,7 @@ class TESSERA_API CMmalH264Decoder : public IH264Decoder {
   bool Start();
   bool FitsStream(int width, int height) const;
   bool SendPiece(Piece& piece);
-  CodecStatus CollectPicture(OutputMemory& memory, unsigned int& size, unsigned int& width,
+  CodecStatus CollectPicture(common::OutputMemory& memory, unsigned int& size, unsigned int& width,
                              unsigned int& height, unsigned long long& timestamp);
 
   MMAL_COMPONENT_T* pComponent = nullptr;

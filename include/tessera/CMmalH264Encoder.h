@@ -5,8 +5,10 @@
 #include <semaphore.h>
 #include <tessera/IH264Encoder.h>
 
+namespace common {
 class OutputMemory;
-struct TesseraLayout;
+}
+struct TesseraTestAccess;
 
 /// H.264 encoder on the MMAL component "vc.ril.video_encode"; what `CreateEncoderH264` hands out.
 ///
@@ -92,7 +94,7 @@ class TESSERA_API CMmalH264Encoder : public IH264Encoder {
                                 unsigned int frameRateDen);
 
  private:
-  friend struct TesseraLayout;
+  friend struct TesseraTestAccess;
   friend void InputCallback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
   friend void OutputCallback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
 
@@ -102,7 +104,7 @@ class TESSERA_API CMmalH264Encoder : public IH264Encoder {
 
   bool Start();
   void ReleaseSetup();
-  CodecStatus CollectOutput(OutputMemory& memory, unsigned int& size, unsigned int& flags);
+  CodecStatus CollectOutput(common::OutputMemory& memory, unsigned int& size, unsigned int& flags);
 
   MMAL_COMPONENT_T* pComponent = nullptr;
   MMAL_QUEUE_T* pOutputQueue = nullptr;

@@ -6,7 +6,7 @@
 #include <semaphore.h>
 #include <tessera/IJPEGEncoder.h>
 
-struct TesseraLayout;
+struct TesseraTestAccess;
 
 /// JPEG encoder on the MMAL component "vc.ril.image_encode"; what `CreateEncoderJPEG` hands out.
 ///
@@ -96,7 +96,7 @@ class TESSERA_API CMmalJpegEncoder : public IJPEGEncoder {
   int Initialize(unsigned int encoding, int width, int height, int quality);
 
  private:
-  friend struct TesseraLayout;
+  friend struct TesseraTestAccess;
   friend void MMALEncoderCallback(MMAL_WRAPPER_T* wrapper);
   enum class Submission;
 

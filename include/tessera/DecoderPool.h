@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-struct TesseraLayout;
+struct TesseraTestAccess;
 struct DecoderPoolSignals;
 
 /// Decodes JPEG pictures to planar 4:2:0, one after another, on one OpenMAX IL component
@@ -89,7 +89,7 @@ class TESSERA_API DecoderPool {
   bool PassJpegToDecoder(char* jpeg, int size);
 
  private:
-  friend struct TesseraLayout;
+  friend struct TesseraTestAccess;
   friend struct DecoderPoolSignals;
 
   /// How far setup got on the way to Idle.

@@ -12,6 +12,8 @@
 #include "common/MmalGuards.h"
 #include "common/VideoComponent.h"
 
+using namespace common;
+
 namespace {
 
 constexpr std::uint32_t fewestBuffers = 4;

@@ -7,7 +7,9 @@
 
 #include "common/MmalGuards.h"
 #include "common/OutputMemory.h"
-#include "common/TimedWait.h"
+#include "common/Waits.h"
+
+using namespace common;
 
 namespace {
 
@@ -154,8 +156,8 @@ CodecStatus CMmalH264Decoder::ProcessOutput(unsigned char** frame, unsigned int&
   }
   OutputMemory memory;
   const CodecStatus status = CollectPicture(memory, size, width, height, timestamp);
-  if (memory.exhausted()) throw std::bad_alloc();
-  if (status == CodecOk) *frame = memory.releaseArray();
+  if (memory.Exhausted()) throw std::bad_alloc();
+  if (status == CodecOk) *frame = memory.ReleaseArray();
   return status;
 }
 
@@ -209,9 +211,9 @@ CodecStatus CMmalH264Decoder::CollectPicture(OutputMemory& memory, unsigned int&
   }
   CodecStatus status = CodecNoBuffer;
   if (buffer) {
-    const bool taken = memory.take(buffer->data, buffer->length);
+    const bool taken = memory.Take(buffer->data, buffer->length) == CodecOk;
     status = taken ? CodecOk : CodecBufferTooSmall;
-    if (!memory.exhausted()) size = buffer->length;
+    if (!memory.Exhausted()) size = buffer->length;
     if (taken) {
       width = pictureWidth;
       height = pictureHeight;

@@ -11,6 +11,8 @@
 #include "common/MmalGuards.h"
 #include "common/VideoComponent.h"
 
+using namespace common;
+
 namespace {
 
 CMmalH264Encoder* EncoderOf(const MMAL_PORT_T* port) {

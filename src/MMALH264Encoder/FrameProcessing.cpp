@@ -5,7 +5,9 @@
 
 #include "common/MmalGuards.h"
 #include "common/OutputMemory.h"
-#include "common/TimedWait.h"
+#include "common/Waits.h"
+
+using namespace common;
 
 namespace {
 
@@ -71,8 +73,8 @@ CodecStatus CMmalH264Encoder::ProcessOutput(unsigned char** data, unsigned int& 
   }
   OutputMemory memory;
   const CodecStatus status = CollectOutput(memory, size, flags);
-  if (memory.exhausted()) throw std::bad_alloc();
-  if (status == CodecOk) *data = memory.releaseArray();
+  if (memory.Exhausted()) throw std::bad_alloc();
+  if (status == CodecOk) *data = memory.ReleaseArray();
   return status;
 }
 
@@ -110,8 +112,8 @@ CodecStatus CMmalH264Encoder::CollectOutput(OutputMemory& memory, unsigned int& 
 
   CodecStatus status = CodecNoBuffer;
   if (HeaderOwner buffer{mmal_queue_get(pOutputQueue)}) {
-    status = memory.take(buffer->data, buffer->length) ? CodecOk : CodecBufferTooSmall;
-    if (!memory.exhausted()) size = buffer->length;
+    status = memory.Take(buffer->data, buffer->length) == CodecOk ? CodecOk : CodecBufferTooSmall;
+    if (!memory.Exhausted()) size = buffer->length;
     if (status == CodecOk && (buffer->flags & MMAL_BUFFER_HEADER_FLAG_KEYFRAME))
       flags |= keyFrameFlag;
   }

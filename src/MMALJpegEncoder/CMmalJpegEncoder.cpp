@@ -11,12 +11,13 @@
 #include <memory>
 
 #include "common/Geometry.h"
-#include "common/TimedWait.h"
+#include "common/Waits.h"
+
+using namespace common;
 
 namespace {
 
 constexpr int encodeQuality = 75;
-constexpr unsigned int answerLimitMs = 10000;
 constexpr unsigned int retryMs = 10;
 constexpr unsigned int retries = answerLimitMs / retryMs;
 
@@ -29,11 +30,11 @@ class AnswerWait {
   bool forEvent() { return until(deadline_); }
 
   /// Likewise, but no longer than a moment: what was refused announces no event of its own.
-  bool aLittle() { return until(deadline_.within(retryMs)); }
+  bool aLittle() { return until(deadline_.Within(retryMs)); }
 
  private:
   bool until(const SteadyDeadline& end) {
-    if (deadline_.passed()) return false;
+    if (deadline_.Passed()) return false;
     if (SteadyWait(semaphore_, end) != WaitResult::Failed) return true;
     // Without a clock or a semaphore that works the moments are counted.
     SleepMs(retryMs);

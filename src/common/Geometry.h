@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+namespace common {
+
 /// Magnitude of a signed size; defined for the most negative one too.
 constexpr std::uint32_t Magnitude(int size) {
   const auto bits = static_cast<std::uint32_t>(size);
@@ -18,5 +20,7 @@ constexpr std::uint32_t PaddedWidth(std::uint32_t width) {
 constexpr std::uint32_t PaddedHeight(std::uint32_t height) {
   return (height + 15) & ~std::uint32_t{15};
 }
+
+}  // namespace common
 
 #endif  // TESSERA_SRC_COMMON_GEOMETRY_H

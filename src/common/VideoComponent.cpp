@@ -4,6 +4,7 @@
 
 #include "common/MmalGuards.h"
 
+namespace common {
 namespace {
 
 /// Enables a port, and makes its pool. @return null after a line
@@ -56,3 +57,5 @@ void ReleaseVideoComponent(MMAL_COMPONENT_T* component) {
   mmal_component_disable(component);
   mmal_component_destroy(component);
 }
+
+}  // namespace common

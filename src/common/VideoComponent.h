@@ -3,6 +3,8 @@
 
 #include <interface/mmal/mmal.h>
 
+namespace common {
+
 /// What a class wants of its video component's two ports.
 struct VideoComponentUser {
   const char* className;
@@ -20,5 +22,7 @@ bool StartVideoComponent(MMAL_COMPONENT_T* component, const VideoComponentUser& 
 
 /// Gets every buffer back from the component and lets go of it.
 void ReleaseVideoComponent(MMAL_COMPONENT_T* component);
+
+}  // namespace common
 
 #endif  // TESSERA_SRC_COMMON_VIDEOCOMPONENT_H

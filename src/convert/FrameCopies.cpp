@@ -61,8 +61,7 @@ std::uint32_t wholePairs(const PaddedI420& layout, std::uint64_t rowGroups,
   return static_cast<std::uint32_t>(std::min({std::uint64_t{height / 2}, held, fitting}));
 }
 
-}  // namespace
-
+/// Clips at the end of both buffers.
 void yuyvToPaddedI420(const std::uint8_t* source, std::uint32_t sourceSize, std::uint32_t width,
                       std::uint32_t height, std::uint8_t* destination, std::uint32_t capacity) {
   if (width == 0 || height == 0) return;
@@ -100,14 +99,22 @@ void yuyvToPaddedI420(const std::uint8_t* source, std::uint32_t sourceSize, std:
   }
 }
 
-std::uint32_t copyFrame(const std::uint8_t* source, std::uint32_t sourceSize,
-                        std::uint8_t* destination, std::uint32_t capacity) {
-  const std::uint32_t size = std::min(sourceSize, capacity);
-  if (size > 0) std::memcpy(destination, source, size);
-  return size;
+}  // namespace
+
+void CopyYVYU(unsigned char* source, unsigned int sourceSize, unsigned int width,
+              unsigned int height, unsigned char* destination, unsigned int capacity,
+              unsigned int& outSize) {
+  yuyvToPaddedI420(source, sourceSize, width, height, destination, capacity);
+  outSize = capacity;
 }
 
-void yuyvToNv12(const std::uint8_t* source, std::uint8_t* destination, std::int32_t width,
+void CopyI420(unsigned char* source, unsigned int sourceSize, unsigned int, unsigned int,
+              unsigned char* destination, unsigned int capacity, unsigned int& outSize) {
+  outSize = std::min(sourceSize, capacity);
+  if (outSize > 0) std::memcpy(destination, source, outSize);
+}
+
+void YUYVToNV12(const std::uint8_t* source, std::uint8_t* destination, std::int32_t width,
                 std::int32_t height) {
   if (width < 1 || height < 1) return;
   const auto pixels = static_cast<std::size_t>(width);

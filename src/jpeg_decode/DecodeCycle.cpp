@@ -12,14 +12,16 @@
 #include <initializer_list>
 
 #include "common/Geometry.h"
-#include "common/OmxAnswers.h"
+#include "common/Waits.h"
+
+using namespace common;
 
 namespace {
 
 constexpr unsigned int busyInputPollMs = 10;
 constexpr unsigned int newSizeLimitMs = 1000;
 /// All waits of a call together: with the call's own work it stays under ten seconds.
-constexpr unsigned int callLimitMs = omxAnswerLimitMs - 50;
+constexpr unsigned int callLimitMs = answerLimitMs - 50;
 /// Announcements of a size while a fill is waited for: one late, one of the picture itself.
 constexpr int mostAnnouncements = 2;
 
@@ -47,16 +49,16 @@ unsigned char* DecoderPool::DecodeJpeg(char* jpeg, unsigned int size, int& width
     std::puts("DecoderPool::DecodeJpeg - the pool's setup failed");
     return nullptr;
   }
-  nWaitsEnd = SteadyDeadline(callLimitMs).moment();
+  nWaitsEnd = SteadyDeadline(callLimitMs).Moment();
   if (!CatchUp()) return nullptr;
 
   const bool sameSize = width == nCurrentWidth && height == nCurrentHeight;
-  ForgetOmxAnswers(semPortSettingsChanged);
+  Empty(semPortSettingsChanged);
   if (!Feed(jpeg, size)) return nullptr;
   // A picture that is no picture, or whose size was told wrong, announces no size: then the
   // component answers to the buffer that it has been given so far.
-  const SteadyDeadline announced = SteadyDeadline::at(nWaitsEnd).within(newSizeLimitMs);
-  if (!sameSize && WaitForOmxAnswer(semPortSettingsChanged, announced) &&
+  const SteadyDeadline announced = SteadyDeadline::At(nWaitsEnd).Within(newSizeLimitMs);
+  if (!sameSize && SteadyWait(semPortSettingsChanged, announced) == WaitResult::Done &&
       !TakeNewSize(width, height))
     return nullptr;
   return FetchPicture(width, height);
@@ -73,7 +75,7 @@ bool DecoderPool::PassJpegToDecoder(char* jpeg, int size) {
     std::puts("DecoderPool::PassJpegToDecoder - no input buffers");
     return false;
   }
-  nWaitsEnd = SteadyDeadline(callLimitMs).moment();
+  nWaitsEnd = SteadyDeadline(callLimitMs).Moment();
   Feed(jpeg, static_cast<OMX_U32>(size));
   return true;
 }
@@ -104,9 +106,9 @@ bool DecoderPool::Feed(const char* jpeg, OMX_U32 size) {
 /// component
 OMX_BUFFERHEADERTYPE* DecoderPool::NextFreeInput() {
   OMX_BUFFERHEADERTYPE* const buffer = ppInputBuffers[nNextInputBuffer];
-  const auto end = SteadyDeadline::at(nWaitsEnd);
+  const auto end = SteadyDeadline::At(nWaitsEnd);
   while (FilledBytes(*buffer) != 0) {
-    if (!end.known() || end.passed()) {
+    if (!end.Known() || end.Passed()) {
       std::puts(" DecoderPool::DecodeJpeg - the input buffers do not come back");
       behind = true;
       return nullptr;
@@ -147,7 +149,7 @@ bool DecoderPool::ReadOutputSize(std::int32_t expectedWidth, std::int32_t expect
 bool DecoderPool::RebuildOutputBuffer() {
   if (outputPort == OutputPort::Ready) outputPort = OutputPort::Outdated;
   if (outputPort == OutputPort::Outdated) {
-    if (nCompletionsOwed == 0) ForgetOmxAnswers(semCommandDone);
+    if (nCompletionsOwed == 0) Empty(semCommandDone);
     if (Send(OMX_CommandPortDisable, nOutputPort) != OMX_ErrorNone) return Failed("disabled");
     outputPort = OutputPort::Disabling;
   }
@@ -193,10 +195,10 @@ bool DecoderPool::ReleaseOldBuffer() {
 unsigned char* DecoderPool::FetchPicture(int& width, int& height) {
   if (!RequestFill()) return nullptr;
   for (int announced = 0;;) {
-    const OmxAnswer answer =
-        WaitForOmxAnswer(semFillDone, semPortSettingsChanged, SteadyDeadline::at(nWaitsEnd));
-    if (answer == OmxAnswer::Came) break;
-    if (answer == OmxAnswer::None || ++announced > mostAnnouncements) {
+    const Posted answer =
+        AwaitEither(semFillDone, semPortSettingsChanged, SteadyDeadline::At(nWaitsEnd));
+    if (answer == Posted::First) break;
+    if (answer == Posted::Neither || ++announced > mostAnnouncements) {
       Unanswered("OMX_FillThisBuffer");
       return nullptr;
     }
@@ -215,7 +217,7 @@ unsigned char* DecoderPool::FetchPicture(int& width, int& height) {
 bool DecoderPool::RequestFill() {
   pOutputBuffer->nFilledLen = 0;
   pOutputBuffer->nFlags = 0;
-  ForgetOmxAnswers(semFillDone);
+  Empty(semFillDone);
   lastError = OMX_FillThisBuffer(hDecoder, pOutputBuffer);
   if (lastError == OMX_ErrorNone) return fillOutstanding = true;
   std::printf("Filling output buffer error %s \n", OmxErrorDescription(lastError));
@@ -230,7 +232,7 @@ bool DecoderPool::CatchUp() {
   if (!behind) return true;
   if (outputPort != OutputPort::Ready && !RebuildOutputBuffer()) return false;
   if (nCompletionsOwed == 0) {
-    ForgetOmxAnswers(semCommandDone);
+    Empty(semCommandDone);
     for (const OMX_U32 port : {nInputPort, nOutputPort})
       if (Send(OMX_CommandFlush, port) != OMX_ErrorNone) return Failed("flushed");
   }
@@ -257,7 +259,8 @@ bool DecoderPool::Completed(const char* command) {
 }
 
 bool DecoderPool::Answered(sem_t& answer, const char* request) {
-  return WaitForOmxAnswer(answer, SteadyDeadline::at(nWaitsEnd)) || Unanswered(request);
+  return SteadyWait(answer, SteadyDeadline::At(nWaitsEnd)) == WaitResult::Done ||
+         Unanswered(request);
 }
 
 bool DecoderPool::Unanswered(const char* request) {

@@ -7,8 +7,10 @@
 #include <cstdio>
 #include <new>
 
-#include "common/OmxAnswers.h"
 #include "common/OmxStructure.h"
+#include "common/Waits.h"
+
+using namespace common;
 
 namespace {
 
@@ -33,7 +35,7 @@ bool DecoderPool::OpenComponent() {
     std::printf("error [%x] \n", static_cast<unsigned int>(lastError));
     return false;
   }
-  CreateOmxSemaphores(semCommandDone, semFillDone, semPortSettingsChanged, semLoaded);
+  CreateSemaphores(semCommandDone, semFillDone, semPortSettingsChanged, semLoaded);
   started = true;
   lastError = OMX_GetHandle(&hDecoder, componentName, this, &videodeccallbacks);
   if (lastError != OMX_ErrorNone || hDecoder == nullptr) {
@@ -182,7 +184,7 @@ DecoderPool::~DecoderPool() {
   const bool takenDown = hDecoder == nullptr || TakeDownComponent();
   if (takenDown && started) {
     OMX_Deinit();
-    DestroyOmxSemaphores(semCommandDone, semFillDone, semPortSettingsChanged, semLoaded);
+    DestroySemaphores(semCommandDone, semFillDone, semPortSettingsChanged, semLoaded);
   }
   delete[] ppInputBuffers;
 }
@@ -267,7 +269,7 @@ bool DecoderPool::LeaveState() {
   if (ReleaseLeftBuffers()) {
     AwaitCompletions();
     // An answer that was given up may have come after all, in place of the one for Loaded.
-    WaitForGood(semLoaded);
+    WaitWithoutLimit(semLoaded);
   }
   return true;
 }
@@ -324,7 +326,7 @@ bool DecoderPool::SendAndAwait(OMX_COMMANDTYPE command, OMX_U32 parameter) {
 
 /// Takes whichever completion comes next.
 void DecoderPool::AwaitCompletion() {
-  WaitForGood(semCommandDone);
+  WaitWithoutLimit(semCommandDone);
   --nCompletionsOwed;
 }
 

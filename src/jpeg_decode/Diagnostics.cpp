@@ -158,5 +158,5 @@ int DumpPortDefs(OMX_PARAM_PORTDEFINITIONTYPE* portDef) {
 }
 
 void PrintOmxError(const char* label, OMX_ERRORTYPE error) {
-  WriteOmxErrorLine(label, error, ShortOmxErrorText(error));
+  common::WriteOmxErrorLine(label, error, common::ShortOmxErrorText(error));
 }

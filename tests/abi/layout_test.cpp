@@ -45,7 +45,7 @@ using CopyFrame = void (*)(unsigned char*, unsigned, unsigned, unsigned, unsigne
 
 /// The friend of the six classes that sees their fields. Each list has them in the order and of the
 /// types that applications rely on.
-struct TesseraLayout {
+struct TesseraTestAccess {
   using Fields = std::vector<Field>;
 
   static Fields pool() {
@@ -132,13 +132,13 @@ struct TesseraLayout {
 };
 
 TEST(Layout, FieldsOfTheClassesStandInTheirOrderBehindTheTable) {
-  const std::pair<const char*, TesseraLayout::Fields> classes[] = {
-      {"DecoderPool", TesseraLayout::pool()},
-      {"CMmalJpegEncoder", TesseraLayout::mmalJpeg()},
-      {"COmxJpegEncoder", TesseraLayout::omxEncoder<COmxJpegEncoder>()},
-      {"COmxH264Encoder", TesseraLayout::omxH264()},
-      {"CMmalH264Encoder", TesseraLayout::mmalH264Encoder()},
-      {"CMmalH264Decoder", TesseraLayout::mmalH264Decoder()},
+  const std::pair<const char*, TesseraTestAccess::Fields> classes[] = {
+      {"DecoderPool", TesseraTestAccess::pool()},
+      {"CMmalJpegEncoder", TesseraTestAccess::mmalJpeg()},
+      {"COmxJpegEncoder", TesseraTestAccess::omxEncoder<COmxJpegEncoder>()},
+      {"COmxH264Encoder", TesseraTestAccess::omxH264()},
+      {"CMmalH264Encoder", TesseraTestAccess::mmalH264Encoder()},
+      {"CMmalH264Decoder", TesseraTestAccess::mmalH264Decoder()},
   };
   for (const auto& [name, fields] : classes) {
     std::size_t end = sizeof(void*);
