@@ -95,16 +95,11 @@ class TESSERA_API CMmalJpegEncoder : public IJPEGEncoder {
   ///         then, and the next encode makes its own
   int Initialize(unsigned int encoding, int width, int height, int quality);
 
+  /// What the operations are made of; defined inside the library.
+  struct TESSERA_HIDDEN Steps;
+
  private:
   friend struct TesseraTestAccess;
-  friend void MMALEncoderCallback(MMAL_WRAPPER_T* wrapper);
-  enum class Submission;
-
-  void ReleaseSetup();
-  void DestroyWrapper();
-  bool FeedOutput(bool& refusalTold);
-  Submission SubmitFrame(const unsigned char* frame, unsigned int frameSize);
-  int TakeJpeg(unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize);
 
   MMAL_WRAPPER_T* pWrapper = nullptr;
   MMAL_PORT_T* pInputPort = nullptr;
