@@ -5,6 +5,16 @@
 
 namespace common {
 
+/// A picture's size as it goes back and forth, in pixels.
+struct PictureSize {
+  int width;
+  int height;
+
+  bool operator==(const PictureSize& other) const {
+    return width == other.width && height == other.height;
+  }
+};
+
 /// Magnitude of a signed size; defined for the most negative one too.
 constexpr std::uint32_t Magnitude(int size) {
   const auto bits = static_cast<std::uint32_t>(size);
