@@ -124,9 +124,9 @@ class TESSERA_API DecoderPool {
   std::int32_t nCurrentHeight = 0;
   std::int32_t nNextInputBuffer = 0;
 
-  sem_t semLoaded{};                  // posted once Loaded is reached, whatever else was answered
-  std::int64_t nWaitsEnd = -1;        // when the waits of a DecodeJpeg end, by CLOCK_MONOTONIC
-  std::int32_t nAnswersOwed = 0;      // commands accepted and not yet waited for
+  sem_t semLoaded{};              // posted once Loaded is reached, whatever else was answered
+  std::int64_t nWaitsEnd = -1;    // when the waits of a DecodeJpeg end, by CLOCK_MONOTONIC
+  std::int32_t nAnswersOwed = 0;  // commands accepted and not yet waited for
   OutputPort eOutputPort = OutputPort::Ready;
   Idle eIdle = Idle::NotAsked;
   bool bInputEnabled = true;

@@ -50,7 +50,8 @@ TEST(Callbacks, EventsPrintAndPost) {
     EXPECT_EQ(TesseraTestAccess::counts(pool), (Counts{0, 0, 0})) << "no application data, no post";
     EXPECT_EQ(handle(&pool), OMX_ErrorNone);
     EXPECT_EQ(capture.out().substr(before), tested.line);
-    EXPECT_EQ(TesseraTestAccess::counts(pool), (Counts{tested.commandsDone, 0, tested.sizesChanged}));
+    EXPECT_EQ(TesseraTestAccess::counts(pool),
+              (Counts{tested.commandsDone, 0, tested.sizesChanged}));
   }
 }
 
