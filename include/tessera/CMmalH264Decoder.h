@@ -10,8 +10,7 @@
 
 #include <mutex>
 
-class OutputMemory;
-struct TesseraLayout;
+struct TesseraTestAccess;
 
 /// H.264 decoder on the MMAL component "vc.ril.video_decode"; what `CreateH264Decoder` hands out.
 ///
@@ -96,17 +95,11 @@ class TESSERA_API CMmalH264Decoder : public IH264Decoder {
   MMAL_STATUS_T SetOutputFormat(MMAL_COMPONENT_T* component, int width, int height);
   void ResetResources();
 
- private:
-  friend struct TesseraLayout;
-  friend void InputDecH264Callback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
-  friend void OutputDecH264Callback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
-  struct Piece;
+  /// What the operations are made of; defined inside the library.
+  struct TESSERA_HIDDEN Steps;
 
-  bool Start();
-  bool FitsStream(int width, int height) const;
-  bool SendPiece(Piece& piece);
-  CodecStatus CollectPicture(OutputMemory& memory, unsigned int& size, unsigned int& width,
-                             unsigned int& height, unsigned long long& timestamp);
+ private:
+  friend struct TesseraTestAccess;
 
   MMAL_COMPONENT_T* pComponent = nullptr;
   MMAL_QUEUE_T* pFrameQueue = nullptr;

@@ -8,8 +8,7 @@
 #include <semaphore.h>
 #include <tessera/IH264Encoder.h>
 
-class OutputMemory;
-struct TesseraLayout;
+struct TesseraTestAccess;
 
 /// H.264 encoder on the MMAL component "vc.ril.video_encode"; what `CreateEncoderH264` hands out.
 ///
@@ -94,18 +93,15 @@ class TESSERA_API CMmalH264Encoder : public IH264Encoder {
                                 unsigned int bitrate, unsigned int frameRateNum,
                                 unsigned int frameRateDen);
 
+  /// What the operations are made of; defined inside the library.
+  struct TESSERA_HIDDEN Steps;
+
  private:
-  friend struct TesseraLayout;
-  friend void InputCallback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
-  friend void OutputCallback(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
+  friend struct TesseraTestAccess;
 
   using CopyFrame = void (*)(unsigned char* source, unsigned int sourceSize, unsigned int width,
                              unsigned int height, unsigned char* destination, unsigned int capacity,
                              unsigned int& outSize);
-
-  bool Start();
-  void ReleaseSetup();
-  CodecStatus CollectOutput(OutputMemory& memory, unsigned int& size, unsigned int& flags);
 
   MMAL_COMPONENT_T* pComponent = nullptr;
   MMAL_QUEUE_T* pOutputQueue = nullptr;

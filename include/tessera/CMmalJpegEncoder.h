@@ -9,7 +9,7 @@
 #include <semaphore.h>
 #include <tessera/IJPEGEncoder.h>
 
-struct TesseraLayout;
+struct TesseraTestAccess;
 
 /// JPEG encoder on the MMAL component "vc.ril.image_encode"; what `CreateEncoderJPEG` hands out.
 ///
@@ -102,16 +102,11 @@ class TESSERA_API CMmalJpegEncoder : public IJPEGEncoder {
   ///         then, and the next encode makes its own
   int Initialize(unsigned int encoding, int width, int height, int quality);
 
- private:
-  friend struct TesseraLayout;
-  friend void MMALEncoderCallback(MMAL_WRAPPER_T* wrapper);
-  enum class Submission;
+  /// What the operations are made of; defined inside the library.
+  struct TESSERA_HIDDEN Steps;
 
-  void ReleaseSetup();
-  void DestroyWrapper();
-  bool FeedOutput(bool& refusalTold);
-  Submission SubmitFrame(const unsigned char* frame, unsigned int frameSize);
-  int TakeJpeg(unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize);
+ private:
+  friend struct TesseraTestAccess;
 
   MMAL_WRAPPER_T* pWrapper = nullptr;
   MMAL_PORT_T* pInputPort = nullptr;

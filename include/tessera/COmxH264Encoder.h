@@ -9,9 +9,8 @@
 #include <tessera/IH264Encoder.h>
 
 #include <atomic>
-#include <cstddef>
 
-struct TesseraLayout;
+struct TesseraTestAccess;
 
 /// H.264 encoder on the OpenMAX IL component "OMX.broadcom.video_encode": High profile, level 4,
 /// variable bit rate, one buffer on each side. No function hands it out: construct it with `new`,
@@ -137,8 +136,11 @@ class TESSERA_API COmxH264Encoder : public IH264Encoder {
   /// An error event: ends no wait, but leaves the one under way one more second.
   void SignalComponentError();
 
+  /// What the operations are made of; defined inside the library.
+  struct TESSERA_HIDDEN Steps;
+
  private:
-  friend struct TesseraLayout;
+  friend struct TesseraTestAccess;
 
   using CopyFrame = void (*)(unsigned char* source, unsigned int sourceSize, unsigned int width,
                              unsigned int height, unsigned char* destination, unsigned int capacity,
@@ -150,17 +152,6 @@ class TESSERA_API COmxH264Encoder : public IH264Encoder {
     Component,  ///< being filled
     Filled,     ///< here, with data that nobody has fetched
   };
-
-  OMX_ERRORTYPE Send(OMX_HANDLETYPE encoder, OMX_COMMANDTYPE command, OMX_U32 parameter,
-                     sem_t& answer);
-  bool SetState(OMX_STATETYPE state, const char* name, const char* label);
-  bool EnablePort(OMX_U32 port, OMX_ERRORTYPE (COmxH264Encoder::*allocate)(OMX_HANDLETYPE),
-                  const char* label, const char* allocateName);
-  void BlackenInput(std::size_t lumaBytes);
-  OMX_ERRORTYPE RequestFill(const char* label);
-  CodecStatus DropLateOutput();
-  CodecStatus AwaitOutput();
-  void ReturnOutput();
 
   sem_t semStateChanged{};
   sem_t semPortEnableDisable{};
@@ -175,14 +166,14 @@ class TESSERA_API COmxH264Encoder : public IH264Encoder {
   OMX_U32 nHeight = 0;
   CopyFrame pfnCopyFrame;
   sem_t semInputReturned{};
-  std::atomic<bool> componentError{false};
-  Output output = Output::Here;
-  bool inputAway = false;   // the component has the input buffer
-  bool outputLate = false;  // a wait for the output was given up
-  bool flushOwed = false;   // a flush was sent and not yet answered
-  bool started = false;     // OMX_Init and the semaphores are to be undone
-  bool tried = false;       // a Create was begun: the next one needs a new component
-  bool created = false;     // ... and succeeded
+  std::atomic<bool> bComponentError{false};
+  Output eOutput = Output::Here;
+  bool bInputAway = false;   // the component has the input buffer
+  bool bOutputOwed = false;  // a wait for the output was given up
+  bool bFlushOwed = false;   // a flush was sent and not yet answered
+  bool bStarted = false;     // OMX_Init and the semaphores are to be undone
+  bool bTried = false;       // a Create was begun: the next one needs a new component
+  bool bCreated = false;     // ... and succeeded
 };
 
 /// The component's callbacks; the application data is the encoder. All return OMX_ErrorNone.

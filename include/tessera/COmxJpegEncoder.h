@@ -10,7 +10,7 @@
 
 #include <atomic>
 
-struct TesseraLayout;
+struct TesseraTestAccess;
 
 /// JPEG encoder on the OpenMAX IL component "OMX.broadcom.image_encode". No function hands it out:
 /// construct it with `new`, release it with `ReleaseEncoderJPEG`.
@@ -118,23 +118,11 @@ class TESSERA_API COmxJpegEncoder : public IJPEGEncoder {
   /// An error event: ends no wait, but leaves the one under way one more second.
   void SignalComponentError();
 
+  /// What the operations are made of; defined inside the library.
+  struct TESSERA_HIDDEN Steps;
+
  private:
-  friend struct TesseraLayout;
-
-  /// How a step that needs an answer ended.
-  enum class Step { Done, Refused, Unanswered };
-
-  OMX_ERRORTYPE Send(OMX_COMMANDTYPE command, OMX_U32 parameter, sem_t& answer);
-  Step Unanswered(const char* command);
-  Step SetState(OMX_STATETYPE state, const char* name, const char* label);
-  Step FlushPort(OMX_U32 port, const char* label);
-  bool EnablePort(OMX_U32 port, int (COmxJpegEncoder::*allocate)(), const char* label,
-                  const char* failure);
-  Step DisablePort(OMX_U32 port, OMX_BUFFERHEADERTYPE*& buffer, const char* label);
-  bool StartExecuting();
-  int EncodePicture(const unsigned char* frame, unsigned int frameSize, unsigned char* jpeg,
-                    unsigned int jpegCapacity, unsigned int& jpegSize);
-  void ReturnToIdle();
+  friend struct TesseraTestAccess;
 
   sem_t semStateChanged{};
   sem_t semPortEnableDisable{};
@@ -145,9 +133,9 @@ class TESSERA_API COmxJpegEncoder : public IJPEGEncoder {
   OMX_BUFFERHEADERTYPE* pOutputBuffer = nullptr;
   OMX_U32 nInputPort = 0;
   OMX_U32 nOutputPort = 0;
-  std::atomic<bool> componentError{false};
-  bool started = false;     // OMX_Init and the semaphores are to be undone
-  bool answerOwed = false;  // a request was given up; the component may yet answer it
+  std::atomic<bool> bComponentError{false};
+  bool bStarted = false;     // OMX_Init and the semaphores are to be undone
+  bool bAnswerOwed = false;  // a request was given up; the component may yet answer it
 };
 
 /// The component's callbacks; the application data is the encoder. All return OMX_ErrorNone.

@@ -10,8 +10,7 @@
 
 #include <cstdint>
 
-struct TesseraLayout;
-struct DecoderPoolSignals;
+struct TesseraTestAccess;
 
 /// Decodes JPEG pictures to planar 4:2:0, one after another, on one OpenMAX IL component
 /// ("OMX.broadcom.image_decode") that stays in Executing from construction to destruction.
@@ -91,9 +90,11 @@ class TESSERA_API DecoderPool {
   ///         tells); false for null with a size, or when the pool has no input buffers
   bool PassJpegToDecoder(char* jpeg, int size);
 
+  /// What the operations are made of; defined inside the library.
+  struct TESSERA_HIDDEN Steps;
+
  private:
-  friend struct TesseraLayout;
-  friend struct DecoderPoolSignals;
+  friend struct TesseraTestAccess;
 
   /// How far setup got on the way to Idle.
   enum class Idle {
@@ -109,48 +110,6 @@ class TESSERA_API DecoderPool {
     Disabling,  ///< asked to be disabled; the buffer is to be freed, or is
     Enabling,   ///< asked to be enabled; the buffer is to be allocated, or is
   };
-
-  // Setup, in the order in which it happens.
-  bool OpenComponent();
-  bool RequestIdle();
-  bool SetUpInputPort();
-  bool AllocateInputBuffers();
-  bool SetUpOutputPort();
-  bool StartExecuting();
-
-  // Teardown, likewise.
-  bool TakeDownComponent();
-  void ForgetAnswers();
-  void FlushOutputPort();
-  void ReleaseInputBuffers();
-  void ReleaseOutputBuffer();
-  bool LeaveState();
-  bool ReleaseLeftBuffers();
-  bool KeptFromIdle() const;
-  std::int32_t StuckCommands() const;
-  void AwaitCompletions();
-
-  OMX_ERRORTYPE Send(OMX_COMMANDTYPE command, OMX_U32 parameter);
-  bool SendAndAwait(OMX_COMMANDTYPE command, OMX_U32 parameter);
-  void AwaitCompletion();
-  OMX_ERRORTYPE SetImageFormat(OMX_U32 port, OMX_IMAGE_CODINGTYPE coding,
-                               OMX_COLOR_FORMATTYPE color);
-  OMX_ERRORTYPE ReadPort(OMX_U32 port);
-
-  // The decode cycle.
-  bool CatchUp();
-  bool Feed(const char* jpeg, OMX_U32 size);
-  OMX_BUFFERHEADERTYPE* NextFreeInput();
-  bool TakeNewSize(int& width, int& height);
-  bool ReadOutputSize(std::int32_t expectedWidth, std::int32_t expectedHeight);
-  bool RebuildOutputBuffer();
-  bool ReleaseOldBuffer();
-  unsigned char* FetchPicture(int& width, int& height);
-  bool RequestFill();
-  bool Completed(const char* command);
-  bool Answered(sem_t& answer, const char* request);
-  bool Unanswered(const char* request);
-  bool Failed(const char* what);
 
   sem_t semCommandDone{};
   sem_t semFillDone{};
@@ -168,17 +127,17 @@ class TESSERA_API DecoderPool {
   std::int32_t nCurrentHeight = 0;
   std::int32_t nNextInputBuffer = 0;
 
-  sem_t semLoaded{};                  // posted once Loaded is reached, whatever else was answered
-  std::int64_t nWaitsEnd = -1;        // when the waits of a DecodeJpeg end, by CLOCK_MONOTONIC
-  std::int32_t nCompletionsOwed = 0;  // commands accepted and not yet waited for
-  OutputPort outputPort = OutputPort::Ready;
-  Idle idle = Idle::NotAsked;
-  bool inputEnabled = true;
-  bool started = false;          // OMX_Init and the semaphores are to be undone
-  bool ready = false;            // setup ran to its end
-  bool fillOutstanding = false;  // the component has the output buffer
-  bool behind = false;           // an answer was given up: flush before anything else
-  bool answerLate = false;       // the completions owed were waited for in vain
+  sem_t semLoaded{};              // posted once Loaded is reached, whatever else was answered
+  std::int64_t nWaitsEnd = -1;    // when the waits of a DecodeJpeg end, by CLOCK_MONOTONIC
+  std::int32_t nAnswersOwed = 0;  // commands accepted and not yet waited for
+  OutputPort eOutputPort = OutputPort::Ready;
+  Idle eIdle = Idle::NotAsked;
+  bool bInputEnabled = true;
+  bool bStarted = false;       // OMX_Init and the semaphores are to be undone
+  bool bReady = false;         // setup ran to its end
+  bool bFillOwed = false;      // the component has the output buffer
+  bool bOutOfStep = false;     // an answer was given up: flush before anything else
+  bool bWaitedInVain = false;  // for the answers owed
 };
 
 extern "C" {

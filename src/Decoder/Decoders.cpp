@@ -1,6 +1,17 @@
 #include <tessera/CMmalH264Decoder.h>
+#include <tessera/DecoderPool.h>
 
 #include <memory>
+
+DecoderPool* GetDecoderPool() {
+  return new DecoderPool();
+}
+
+int ReleaseDecoderPool(DecoderPool* pool) {
+  if (pool == nullptr) return 0;
+  delete pool;
+  return 1;
+}
 
 int CreateH264Decoder(IH264Decoder** decoder) {
   if (decoder == nullptr) return 0;

@@ -1,19 +1,13 @@
-#include <tessera/CMmalH264Decoder.h>
+// A stream's way in, and its pictures' way out.
 
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <new>
 
-#include "common/MmalGuards.h"
-#include "common/OutputMemory.h"
-#include "common/TimedWait.h"
+#include "MMALH264Decoder/Steps.h"
 
 namespace {
 
-constexpr unsigned int inputLimitMs = 1000;
-constexpr unsigned int outputLimitMs = 100;
-constexpr unsigned int waitFailed = 4;
 constexpr unsigned int decodeOnlyFlag = 1;
 
 /// Milliseconds with 0 for none to the platform's microseconds.
@@ -27,19 +21,6 @@ unsigned long long FromPts(std::int64_t pts) {
 
 }  // namespace
 
-/// What is left of a ProcessInput's data, and how the next buffer of it is marked.
-struct CMmalH264Decoder::Piece {
-  const unsigned char* data;
-  unsigned int size;
-  int width;
-  int height;
-  unsigned int sent;
-  std::uint32_t frameFlags;
-  bool decodeOnly;
-  std::int64_t pts;
-  CodecStatus status;
-};
-
 CodecStatus CMmalH264Decoder::ProcessInput(unsigned char* data, unsigned int size, int width,
                                            int height, unsigned int flags,
                                            unsigned long long timestamp) {
@@ -48,10 +29,11 @@ CodecStatus CMmalH264Decoder::ProcessInput(unsigned char* data, unsigned int siz
                  static_cast<void*>(data), static_cast<int>(size));
     return CodecInvalidArgument;
   }
+  Steps steps(*this);
   MMAL_COMPONENT_T* component = nullptr;
   {
     const std::lock_guard<std::mutex> guard(lock);
-    if (!FitsStream(width, height)) return CodecStreamMismatch;
+    if (!steps.FitsStream(width, height)) return CodecStreamMismatch;
     if (pComponent == nullptr || pInputPool == nullptr) {
       std::fprintf(stderr, "CMmalH264Decoder::ProcessInput - invalid state [%p] [%p]\n",
                    static_cast<void*>(pComponent), static_cast<void*>(pInputPool));
@@ -59,87 +41,71 @@ CodecStatus CMmalH264Decoder::ProcessInput(unsigned char* data, unsigned int siz
     }
     component = pComponent;
   }
-  const ComponentReference reference(component);
-  Piece piece{data,
-              size,
-              width,
-              height,
-              0,
-              MMAL_BUFFER_HEADER_FLAG_FRAME_START,
-              (flags & decodeOnlyFlag) != 0,
-              ToPts(timestamp),
-              CodecNoBuffer};
-  while (piece.sent < size) {
-    const WaitResult waited = TimedWait(semInput, inputLimitMs);
-    if (waited == WaitResult::TimedOut) {
-      std::puts("CMmalH264Decoder::ProcessInput - timeout");
-      return CodecTimeout;
-    }
-    if (waited == WaitResult::Failed) {
-      std::printf("CMmalH264Decoder::ProcessInput - wait failed [0x%x]\n", waitFailed);
-      return CodecWaitFailed;
-    }
-    if (!SendPiece(piece)) return CodecStreamMismatch;
+  const common::ComponentReference reference(component);
+  Steps::Input input{data, size, width, height, (flags & decodeOnlyFlag) != 0, ToPts(timestamp)};
+  while (input.sent < size) {
+    const CodecStatus credit = steps.driver.TakeInputCredit("CMmalH264Decoder::ProcessInput");
+    if (credit != CodecOk) return credit;
+    if (!steps.SendPiece(input)) return CodecStreamMismatch;
   }
-  return piece.status;
+  return input.status;
 }
 
-/// Whether data of that size is what the decoder is set up for. The lock is held.
-bool CMmalH264Decoder::FitsStream(int width, int height) const {
-  if (width == nStreamWidth && height == nStreamHeight) return true;
+bool CMmalH264Decoder::Steps::FitsStream(int width, int height) const {
+  if (width == decoder.nStreamWidth && height == decoder.nStreamHeight) return true;
   std::fprintf(stderr,
                "CMmalH264Decoder::ProcessInput - invalid stream setup input[%dx%d] "
                "decoder[%dx%d]. Use Create callback.\n",
-               width, height, nStreamWidth, nStreamHeight);
+               width, height, decoder.nStreamWidth, decoder.nStreamHeight);
   return false;
 }
 
 /// Sends as much of the data as one buffer of the input pool takes; nothing when there is none.
 /// @return false when the decoder has been set up for another stream since the data came
-bool CMmalH264Decoder::SendPiece(Piece& piece) {
-  const std::lock_guard<std::mutex> guard(lock);
-  if (!FitsStream(piece.width, piece.height)) {
-    sem_post(&semInput);
+bool CMmalH264Decoder::Steps::SendPiece(Input& input) {
+  const std::lock_guard<std::mutex> guard(decoder.lock);
+  if (!FitsStream(input.width, input.height)) {
+    sem_post(&decoder.semInput);
     return false;
   }
-  if (pInputPool == nullptr) {
+  if (decoder.pInputPool == nullptr) {
     std::puts("CMmalH264Decoder::ProcessInput - no buffer available for input frame.");
     return true;
   }
-  HeaderOwner buffer(mmal_queue_get(pInputPool->queue));
+  common::HeaderOwner buffer(mmal_queue_get(decoder.pInputPool->queue));
   if (!buffer) return true;
 
-  unsigned int chunk = piece.size - piece.sent;
+  unsigned int chunk = input.size - input.sent;
   if (buffer->alloc_size >= chunk) {
-    piece.frameFlags |= MMAL_BUFFER_HEADER_FLAG_FRAME_END;
+    input.frameFlags |= MMAL_BUFFER_HEADER_FLAG_FRAME_END;
   } else {
     std::printf(
         "CMmalH264Decoder::ProcessInput - input image buffer [%d] is bigger than input mmal "
         "buffer[%d]\n",
-        static_cast<int>(piece.size), static_cast<int>(buffer->alloc_size));
+        static_cast<int>(input.size), static_cast<int>(buffer->alloc_size));
     chunk = buffer->alloc_size;
   }
-  if (piece.decodeOnly) piece.frameFlags |= MMAL_BUFFER_HEADER_FLAG_DECODEONLY;
-  std::memcpy(buffer->data, piece.data + piece.sent, chunk);
-  piece.sent += chunk;
+  if (input.decodeOnly) input.frameFlags |= MMAL_BUFFER_HEADER_FLAG_DECODEONLY;
+  std::memcpy(buffer->data, input.data + input.sent, chunk);
+  input.sent += chunk;
   buffer->length = chunk;
   buffer->dts = MMAL_TIME_UNKNOWN;
-  buffer->pts = piece.pts;
-  buffer->flags = piece.frameFlags;
-  piece.frameFlags = 0;
+  buffer->pts = input.pts;
+  buffer->flags = input.frameFlags;
+  input.frameFlags = 0;
 
-  const MMAL_STATUS_T status = mmal_port_send_buffer(pComponent->input[0], buffer.get());
+  const MMAL_STATUS_T status = mmal_port_send_buffer(decoder.pComponent->input[0], buffer.get());
   if (status == MMAL_SUCCESS) {
-    HandOver(buffer);
-    piece.status = CodecOk;
+    common::HandOver(buffer);
+    input.status = CodecOk;
     return true;
   }
   std::printf("CMmalH264Decoder::ProcessInput - send input buffer failed. Error code [0x%x]\n",
               static_cast<unsigned int>(status));
-  piece.status = CodecSendFailed;
+  input.status = CodecSendFailed;
   // No callback will give back what this buffer took.
   buffer.reset();
-  sem_post(&semInput);
+  sem_post(&decoder.semInput);
   return true;
 }
 
@@ -152,11 +118,9 @@ CodecStatus CMmalH264Decoder::ProcessOutput(unsigned char** frame, unsigned int&
     std::fputs("CMmalH264Decoder::ProcessOutput - invalid input argument\n", stderr);
     return CodecInvalidArgument;
   }
-  OutputMemory memory;
-  const CodecStatus status = CollectPicture(memory, size, width, height, timestamp);
-  if (memory.exhausted()) throw std::bad_alloc();
-  if (status == CodecOk) *frame = memory.releaseArray();
-  return status;
+  return common::CollectIntoNewArray(frame, [&](common::OutputMemory& memory) {
+    return Steps(*this).CollectPicture(memory, {size, width, height, timestamp});
+  });
 }
 
 CodecStatus CMmalH264Decoder::ProcessOutput(unsigned char* frame, unsigned int capacity,
@@ -169,57 +133,49 @@ CodecStatus CMmalH264Decoder::ProcessOutput(unsigned char* frame, unsigned int c
                  static_cast<void*>(frame), static_cast<int>(capacity));
     return CodecInvalidArgument;
   }
-  OutputMemory memory(frame, capacity);
-  return CollectPicture(memory, size, width, height, timestamp);
+  common::OutputMemory memory(frame, capacity);
+  return Steps(*this).CollectPicture(memory, {size, width, height, timestamp});
 }
 
 /// Waits for a picture, copies it out and gives the component its buffers back.
-CodecStatus CMmalH264Decoder::CollectPicture(OutputMemory& memory, unsigned int& size,
-                                             unsigned int& width, unsigned int& height,
-                                             unsigned long long& timestamp) {
+CodecStatus CMmalH264Decoder::Steps::CollectPicture(common::OutputMemory& memory,
+                                                    const Picture& picture) {
   MMAL_COMPONENT_T* component = nullptr;
   {
-    const std::lock_guard<std::mutex> guard(lock);
-    if (pComponent == nullptr || pOutputPool == nullptr || pFrameQueue == nullptr) {
+    const std::lock_guard<std::mutex> guard(decoder.lock);
+    if (decoder.pComponent == nullptr || decoder.pOutputPool == nullptr ||
+        decoder.pFrameQueue == nullptr) {
       std::fprintf(stderr, "CMmalH264Decoder::ProcessOutput - invalid state [%p] [%p][%p]\n",
-                   static_cast<void*>(pComponent), static_cast<void*>(pOutputPool),
-                   static_cast<void*>(pFrameQueue));
+                   static_cast<void*>(decoder.pComponent), static_cast<void*>(decoder.pOutputPool),
+                   static_cast<void*>(decoder.pFrameQueue));
       return CodecInvalidState;
     }
-    component = pComponent;
+    component = decoder.pComponent;
   }
-  const ComponentReference reference(component);
-  const WaitResult waited = TimedWait(semOutput, outputLimitMs);
-  if (waited == WaitResult::TimedOut) return CodecTimeout;
-  if (waited == WaitResult::Failed) {
-    std::printf("CMmalH264Decoder::ProcessOutput - wait failed [0x%x]\n", waitFailed);
-    return CodecWaitFailed;
-  }
+  const common::ComponentReference reference(component);
+  CodecStatus status = driver.AwaitOutput("CMmalH264Decoder::ProcessOutput", false);
+  if (status != CodecOk) return status;
 
   // Keeps Create from destroying the picture's pool, without keeping a feeding thread waiting.
-  const std::lock_guard<std::mutex> picture(pictureLock);
-  HeaderOwner buffer;
-  unsigned int pictureWidth = 0;
-  unsigned int pictureHeight = 0;
+  const std::lock_guard<std::mutex> noCreate(decoder.pictureLock);
+  common::HeaderOwner buffer;
+  unsigned int width = 0;
+  unsigned int height = 0;
   {
-    const std::lock_guard<std::mutex> guard(lock);
-    if (pFrameQueue != nullptr) buffer.reset(mmal_queue_get(pFrameQueue));
-    pictureWidth = nPictureWidth;
-    pictureHeight = nPictureHeight;
+    const std::lock_guard<std::mutex> guard(decoder.lock);
+    if (decoder.pFrameQueue != nullptr) buffer.reset(mmal_queue_get(decoder.pFrameQueue));
+    width = decoder.nPictureWidth;
+    height = decoder.nPictureHeight;
   }
-  CodecStatus status = CodecNoBuffer;
-  if (buffer) {
-    const bool taken = memory.take(buffer->data, buffer->length);
-    status = taken ? CodecOk : CodecBufferTooSmall;
-    if (!memory.exhausted()) size = buffer->length;
-    if (taken) {
-      width = pictureWidth;
-      height = pictureHeight;
-      timestamp = FromPts(buffer->pts);
-    }
-    buffer.reset();
+  status = buffer ? common::CopyOut(*buffer, memory, picture.size) : CodecNoBuffer;
+  if (status == CodecOk) {
+    picture.width = width;
+    picture.height = height;
+    picture.timestamp = FromPts(buffer->pts);
   }
-  const std::lock_guard<std::mutex> guard(lock);
-  if (pOutputPool != nullptr) SendFreeBuffers(pOutputPool, component->output[0]);
+  buffer.reset();
+  const std::lock_guard<std::mutex> guard(decoder.lock);
+  if (decoder.pOutputPool != nullptr)
+    common::SendFreeBuffers(decoder.pOutputPool, component->output[0]);
   return status;
 }

@@ -1,17 +1,11 @@
-#include <tessera/CMmalH264Encoder.h>
+// A frame's way in, and its data's way out.
 
 #include <cstdio>
-#include <new>
 
-#include "common/MmalGuards.h"
-#include "common/OutputMemory.h"
-#include "common/TimedWait.h"
+#include "MMALH264Encoder/Steps.h"
 
 namespace {
 
-constexpr unsigned int inputLimitMs = 1000;
-constexpr unsigned int outputLimitMs = 100;
-constexpr unsigned int waitFailed = 4;
 constexpr unsigned int keyFrameFlag = 1;
 
 }  // namespace
@@ -28,19 +22,12 @@ CodecStatus CMmalH264Encoder::ProcessInput(unsigned char* frame, unsigned int fr
                  static_cast<void*>(pComponent), static_cast<void*>(pInputPool));
     return CodecInvalidState;
   }
-  const ComponentReference reference(pComponent);
-  const WaitResult waited = TimedWait(semInput, inputLimitMs);
-  if (waited == WaitResult::TimedOut) {
-    std::puts("CMmalH264Encoder::ProcessInput - timeout");
-    return CodecTimeout;
-  }
-  if (waited == WaitResult::Failed) {
-    std::printf("CMmalH264Encoder::ProcessInput - wait failed [0x%x]\n", waitFailed);
-    return CodecWaitFailed;
-  }
+  const common::ComponentReference reference(pComponent);
+  const CodecStatus credit = Steps(*this).driver.TakeInputCredit("CMmalH264Encoder::ProcessInput");
+  if (credit != CodecOk) return credit;
 
   // From here on the credit is ours: a frame that does not get away gives it back.
-  HeaderOwner buffer(mmal_queue_get(pInputPool->queue));
+  common::HeaderOwner buffer(mmal_queue_get(pInputPool->queue));
   if (!buffer) {
     sem_post(&semInput);
     return CodecNoBuffer;
@@ -58,7 +45,7 @@ CodecStatus CMmalH264Encoder::ProcessInput(unsigned char* frame, unsigned int fr
     sem_post(&semInput);
     return CodecSendFailed;
   }
-  HandOver(buffer);
+  common::HandOver(buffer);
   return CodecOk;
 }
 
@@ -69,11 +56,9 @@ CodecStatus CMmalH264Encoder::ProcessOutput(unsigned char** data, unsigned int& 
     std::fputs("CMmalH264Encoder::ProcessOutput - invalid input argument\n", stderr);
     return CodecInvalidArgument;
   }
-  OutputMemory memory;
-  const CodecStatus status = CollectOutput(memory, size, flags);
-  if (memory.exhausted()) throw std::bad_alloc();
-  if (status == CodecOk) *data = memory.releaseArray();
-  return status;
+  return common::CollectIntoNewArray(data, [&](common::OutputMemory& memory) {
+    return Steps(*this).CollectOutput(memory, size, flags);
+  });
 }
 
 CodecStatus CMmalH264Encoder::ProcessOutput(unsigned char* data, unsigned int capacity,
@@ -84,37 +69,31 @@ CodecStatus CMmalH264Encoder::ProcessOutput(unsigned char* data, unsigned int ca
                  static_cast<void*>(data), static_cast<int>(capacity));
     return CodecInvalidArgument;
   }
-  OutputMemory memory(data, capacity);
-  return CollectOutput(memory, size, flags);
+  common::OutputMemory memory(data, capacity);
+  return Steps(*this).CollectOutput(memory, size, flags);
 }
 
 /// Waits for a buffer of the stream, copies it out and gives the component its buffers back.
-CodecStatus CMmalH264Encoder::CollectOutput(OutputMemory& memory, unsigned int& size,
-                                            unsigned int& flags) {
-  if (pComponent == nullptr || pOutputPool == nullptr || pOutputQueue == nullptr) {
+CodecStatus CMmalH264Encoder::Steps::CollectOutput(common::OutputMemory& memory, unsigned int& size,
+                                                   unsigned int& flags) {
+  if (encoder.pComponent == nullptr || encoder.pOutputPool == nullptr ||
+      encoder.pOutputQueue == nullptr) {
     std::fprintf(stderr, "CMmalH264Encoder::ProcessOutput - invalid state [%p] [%p][%p]\n",
-                 static_cast<void*>(pComponent), static_cast<void*>(pOutputPool),
-                 static_cast<void*>(pOutputQueue));
+                 static_cast<void*>(encoder.pComponent), static_cast<void*>(encoder.pOutputPool),
+                 static_cast<void*>(encoder.pOutputQueue));
     return CodecInvalidState;
   }
-  const ComponentReference reference(pComponent);
-  const WaitResult waited = TimedWait(semOutput, outputLimitMs);
-  if (waited == WaitResult::TimedOut) {
-    std::puts("CMmalH264Encoder::ProcessOutput - timeout");
-    return CodecTimeout;
-  }
-  if (waited == WaitResult::Failed) {
-    std::printf("CMmalH264Encoder::ProcessOutput - wait failed [0x%x]\n", waitFailed);
-    return CodecWaitFailed;
-  }
+  const common::ComponentReference reference(encoder.pComponent);
+  CodecStatus status = driver.AwaitOutput("CMmalH264Encoder::ProcessOutput", true);
+  if (status != CodecOk) return status;
 
-  CodecStatus status = CodecNoBuffer;
-  if (HeaderOwner buffer{mmal_queue_get(pOutputQueue)}) {
-    status = memory.take(buffer->data, buffer->length) ? CodecOk : CodecBufferTooSmall;
-    if (!memory.exhausted()) size = buffer->length;
+  if (common::HeaderOwner buffer{mmal_queue_get(encoder.pOutputQueue)}) {
+    status = common::CopyOut(*buffer, memory, size);
     if (status == CodecOk && (buffer->flags & MMAL_BUFFER_HEADER_FLAG_KEYFRAME))
       flags |= keyFrameFlag;
+  } else {
+    status = CodecNoBuffer;
   }
-  SendFreeBuffers(pOutputPool, pComponent->output[0]);
+  common::SendFreeBuffers(encoder.pOutputPool, encoder.pComponent->output[0]);
   return status;
 }

@@ -1,15 +1,16 @@
 // How the encoder obtains its component, configures it and gives it back.
 
-#include <bcm_host.h>
-#include <tessera/COmxH264Encoder.h>
-
-#include <cstdint>
+#include <algorithm>
+#include <cstddef>
 #include <cstdio>
+#include <cstring>
 
 #include "OmxH264Encoder/PrivateErrorLine.h"
-#include "common/OmxAnswers.h"
-#include "common/OmxEncoderSteps.h"
+#include "OmxH264Encoder/Steps.h"
+#include "common/OmxStructure.h"
 #include "convert/FrameCopies.h"
+
+using common::Answer;
 
 namespace {
 
@@ -22,66 +23,34 @@ char componentName[] = "OMX.broadcom.video_encode";
 OMX_CALLBACKTYPE callbacks = {OmxH264EventsHandler, OmxH264EmptyInputBufferHandler,
                               OmxH264FillOutputBufferHandler};
 
-// The class has frame copies of its own under the exported names, so the header that declares those
-// is not included here.
-
-void CopyYVYU(unsigned char* source, unsigned int sourceSize, unsigned int width,
-              unsigned int height, unsigned char* destination, unsigned int capacity,
-              unsigned int& outSize) {
-  convert::yuyvToPaddedI420(source, sourceSize, width, height, destination, capacity);
-  outSize = capacity;
-}
-
-void CopyI420(unsigned char* source, unsigned int sourceSize, unsigned int, unsigned int,
-              unsigned char* destination, unsigned int capacity, unsigned int& outSize) {
-  outSize = convert::copyFrame(source, sourceSize, destination, capacity);
-}
+constexpr common::OmxEncoderDriver::Labels labels = {
+    "COmxH264Encoder::InitializeHardware::OMX_Init",
+    "COmxH264Encoder::InitializeHardware::OMX_GetHandle",
+    "COmxH264Encoder::InitializeHardware::OMX_CommandPortDisable",
+    "COmxH264Encoder::ReleaseBuffers::OMX_FreeBuffer::Input",
+    "COmxH264Encoder::ReleaseBuffers::OMX_FreeBuffer::Output",
+    "COmxH264Encoder::ReleaseHardware::OMX_FreeHandle"};
 
 }  // namespace
 
-COmxH264Encoder::COmxH264Encoder() : pfnCopyFrame(CopyI420) {
-  InitializeHardware();
-}
-
-COmxH264Encoder::~COmxH264Encoder() {
-  ReleaseHardware();
-}
+COmxH264Encoder::Steps::Steps(COmxH264Encoder& of, const char* operation)
+    : encoder(of),
+      driver({of.semStateChanged, of.semPortEnableDisable, of.semFlushed, of.semOutputFilled,
+              &of.semInputReturned, of.hEncoder, of.pInputBuffer, of.pOutputBuffer, of.nInputPort,
+              of.nOutputPort, of.bComponentError, of.bStarted},
+             labels, PrintOmxError, stderr, operation) {}
 
 bool COmxH264Encoder::InitializeHardware() {
-  if (started) ReleaseHardware();
-  bcm_host_init();
-  OMX_ERRORTYPE error = OMX_Init();
-  if (error != OMX_ErrorNone) {
-    PrintOmxError("COmxH264Encoder::InitializeHardware::OMX_Init", error);
-    return false;
-  }
-  CreateOmxSemaphores(semStateChanged, semPortEnableDisable, semFlushed, semOutputFilled,
-                      semInputReturned);
-  started = true;
-  OMX_HANDLETYPE encoder = nullptr;
-  error = OMX_GetHandle(&encoder, componentName, this, &callbacks);
-  if (error == OMX_ErrorNone && encoder == nullptr) error = OMX_ErrorInsufficientResources;
-  if (error != OMX_ErrorNone) {
-    PrintOmxError("COmxH264Encoder::InitializeHardware::OMX_GetHandle", error);
-    return false;
-  }
-  const bool disabled = ForEachOmxPort(encoder, [&](OMX_U32 port) {
-    const OMX_ERRORTYPE refusal = Send(encoder, OMX_CommandPortDisable, port, semPortEnableDisable);
-    if (refusal != OMX_ErrorNone) {
-      PrintOmxError("COmxH264Encoder::InitializeHardware::OMX_CommandPortDisable", refusal);
-      return true;
-    }
-    return WaitForPortEnableDisable();
-  });
-  if (!disabled) {
-    std::fprintf(stderr,
-                 "COmxH264Encoder::InitializeHardware - no answer to OMX_CommandPortDisable\n");
-    OMX_FreeHandle(encoder);
+  if (bStarted) ReleaseHardware();
+  Steps steps(*this, "COmxH264Encoder::InitializeHardware");
+  if (!steps.driver.Open(componentName, this, callbacks)) return false;
+  if (steps.driver.DisablePorts() != Answer::Done) {
+    OMX_FreeHandle(hEncoder);
+    hEncoder = nullptr;
     return false;
   }
   nInputPort = videoInputPort;
   nOutputPort = videoOutputPort;
-  hEncoder = encoder;
   return true;
 }
 
@@ -89,23 +58,19 @@ OMX_ERRORTYPE COmxH264Encoder::SetInputFormat(OMX_HANDLETYPE encoder, unsigned i
                                               unsigned int width, unsigned int height,
                                               unsigned int frameRateNum, unsigned int, unsigned int,
                                               unsigned int) {
-  if (pixelFormat == fourCcI420) {
-    pfnCopyFrame = CopyI420;
-  } else if (pixelFormat == fourCcYuyv) {
-    pfnCopyFrame = CopyYVYU;
-  } else {
+  if (pixelFormat != fourCcI420 && pixelFormat != fourCcYuyv) {
     std::fprintf(stderr,
                  "COmxH264Encoder::SetInputFormat - input image format 0x%x is not supported.\n",
                  pixelFormat);
     return OMX_ErrorNotImplemented;
   }
+  pfnCopyFrame = pixelFormat == fourCcI420 ? convert::CopyI420 : convert::CopyYVYU;
+  const common::OmxPorts ports(encoder, PrintOmxError);
   OMX_PARAM_PORTDEFINITIONTYPE definition;
-  OMX_ERRORTYPE error = ReadOmxPort(encoder, nInputPort, definition);
-  if (error != OMX_ErrorNone) {
-    PrintOmxError("COmxH264Encoder::SetInputFormat::OMX_GetParameter::OMX_IndexParamPortDefinition",
-                  error);
-    return error;
-  }
+  OMX_ERRORTYPE error =
+      ports.Read(nInputPort, definition,
+                 "COmxH264Encoder::SetInputFormat::OMX_GetParameter::OMX_IndexParamPortDefinition");
+  if (error != OMX_ErrorNone) return error;
   definition.nBufferSize = width * height;
   OMX_VIDEO_PORTDEFINITIONTYPE& video = definition.format.video;
   video.nFrameWidth = width;
@@ -116,199 +81,114 @@ OMX_ERRORTYPE COmxH264Encoder::SetInputFormat(OMX_HANDLETYPE encoder, unsigned i
   video.bFlagErrorConcealment = OMX_FALSE;
   video.eCompressionFormat = OMX_VIDEO_CodingUnused;
   video.eColorFormat = OMX_COLOR_FormatYUV420PackedPlanar;
-  error = OMX_SetParameter(encoder, OMX_IndexParamPortDefinition, &definition);
-  if (error != OMX_ErrorNone) {
-    PrintOmxError("COmxH264Encoder::SetInputFormat::OMX_SetParameter::OMX_IndexParamPortDefinition",
-                  error);
-    return error;
-  }
-  error = ReadOmxPort(encoder, nInputPort, definition);
-  if (error != OMX_ErrorNone)
-    PrintOmxError(
-        "COmxH264Encoder::SetInputFormat::OMX_GetParameter::OMX_IndexParamPortDefinition::"
-        "AfterSetup",
-        error);
-  return error;
+  error =
+      ports.Set(OMX_IndexParamPortDefinition, &definition,
+                "COmxH264Encoder::SetInputFormat::OMX_SetParameter::OMX_IndexParamPortDefinition");
+  if (error != OMX_ErrorNone) return error;
+  return ports.Read(nInputPort, definition,
+                    "COmxH264Encoder::SetInputFormat::OMX_GetParameter::"
+                    "OMX_IndexParamPortDefinition::AfterSetup");
 }
 
 OMX_ERRORTYPE COmxH264Encoder::SetOutputFormat(OMX_HANDLETYPE encoder, unsigned int bitrate) {
+  const common::OmxPorts ports(encoder, PrintOmxError);
   OMX_PARAM_PORTDEFINITIONTYPE definition;
-  OMX_ERRORTYPE error = ReadOmxPort(encoder, nInputPort, definition);
-  if (error != OMX_ErrorNone) {
-    PrintOmxError(
-        "COmxH264Encoder::SetOutputFormat::OMX_GetParameter::OMX_IndexParamPortDefinition::"
-        "GetInput",
-        error);
-    return error;
-  }
+  OMX_ERRORTYPE error = ports.Read(
+      nInputPort, definition,
+      "COmxH264Encoder::SetOutputFormat::OMX_GetParameter::OMX_IndexParamPortDefinition::GetInput");
+  if (error != OMX_ErrorNone) return error;
   // Size, frame rate and buffers are the input's.
   definition.nPortIndex = nOutputPort;
   definition.format.video.nBitrate = bitrate;
   definition.format.video.eCompressionFormat = OMX_VIDEO_CodingAVC;
   definition.format.video.eColorFormat = OMX_COLOR_FormatUnused;
-  error = OMX_SetParameter(encoder, OMX_IndexParamPortDefinition, &definition);
-  if (error != OMX_ErrorNone) {
-    PrintOmxError("COmxH264Encoder::SetInputFormat::OMX_SetParameter::OMX_IndexParamPortDefinition",
-                  error);
-    return error;
-  }
-  auto rate = MakeOmxStructure<OMX_VIDEO_PARAM_BITRATETYPE>(nOutputPort);
+  error =
+      ports.Set(OMX_IndexParamPortDefinition, &definition,
+                "COmxH264Encoder::SetInputFormat::OMX_SetParameter::OMX_IndexParamPortDefinition");
+  if (error != OMX_ErrorNone) return error;
+  auto rate = common::MakeOmxStructure<OMX_VIDEO_PARAM_BITRATETYPE>(nOutputPort);
   rate.eControlRate = OMX_Video_ControlRateVariable;
   rate.nTargetBitrate = bitrate;
-  error = OMX_SetParameter(encoder, OMX_IndexParamVideoBitrate, &rate);
-  if (error != OMX_ErrorNone) {
-    PrintOmxError("COmxH264Encoder::SetInputFormat::OMX_IndexParamVideoBitrate", error);
-    return error;
-  }
-  auto format = MakeOmxStructure<OMX_VIDEO_PARAM_PORTFORMATTYPE>(nOutputPort);
+  error = ports.Set(OMX_IndexParamVideoBitrate, &rate,
+                    "COmxH264Encoder::SetInputFormat::OMX_IndexParamVideoBitrate");
+  if (error != OMX_ErrorNone) return error;
+  auto format = common::MakeOmxStructure<OMX_VIDEO_PARAM_PORTFORMATTYPE>(nOutputPort);
   format.eCompressionFormat = OMX_VIDEO_CodingAVC;
   format.eColorFormat = OMX_COLOR_FormatUnused;
-  error = OMX_SetParameter(encoder, OMX_IndexParamVideoPortFormat, &format);
-  if (error != OMX_ErrorNone) {
-    PrintOmxError("COmxH264Encoder::SetInputFormat::OMX_IndexParamVideoPortFormat", error);
-    return error;
-  }
-  auto avc = MakeOmxStructure<OMX_VIDEO_PARAM_AVCTYPE>(nOutputPort);
-  error = OMX_GetParameter(encoder, OMX_IndexParamVideoAvc, &avc);
-  if (error != OMX_ErrorNone) {
-    PrintOmxError("COmxH264Encoder::SetInputFormat::OMX_GetParameter::OMX_IndexParamVideoAvc",
-                  error);
-    return error;
-  }
+  error = ports.Set(OMX_IndexParamVideoPortFormat, &format,
+                    "COmxH264Encoder::SetInputFormat::OMX_IndexParamVideoPortFormat");
+  if (error != OMX_ErrorNone) return error;
+  auto avc = common::MakeOmxStructure<OMX_VIDEO_PARAM_AVCTYPE>(nOutputPort);
+  error = ports.Get(OMX_IndexParamVideoAvc, &avc,
+                    "COmxH264Encoder::SetInputFormat::OMX_GetParameter::OMX_IndexParamVideoAvc");
+  if (error != OMX_ErrorNone) return error;
   avc.eProfile = OMX_VIDEO_AVCProfileHigh;
   avc.eLevel = OMX_VIDEO_AVCLevel4;
-  error = OMX_SetParameter(encoder, OMX_IndexParamVideoAvc, &avc);
-  if (error != OMX_ErrorNone)
-    PrintOmxError("COmxH264Encoder::SetInputFormat::OMX_SetParameter::OMX_IndexParamVideoAvc",
-                  error);
-  return error;
+  return ports.Set(OMX_IndexParamVideoAvc, &avc,
+                   "COmxH264Encoder::SetInputFormat::OMX_SetParameter::OMX_IndexParamVideoAvc");
 }
 
 OMX_ERRORTYPE COmxH264Encoder::AllocateOmxInputBuffer(OMX_HANDLETYPE encoder) {
-  const OmxBufferLabels labels = {
-      "COmxH264Encoder::AllocateOmxInputBuffer::OMX_GetParameter::OMX_IndexParamPortDefinition::"
-      "Input",
-      "COmxH264Encoder::AllocateOmxInputBuffer::OMX_AllocateBuffer::Input"};
-  return AllocateOmxBuffer(encoder, nInputPort, pInputBuffer, labels, PrintOmxError);
+  return common::OmxPorts(encoder, PrintOmxError)
+      .AllocateBuffer(nInputPort, pInputBuffer,
+                      {"COmxH264Encoder::AllocateOmxInputBuffer::OMX_GetParameter::"
+                       "OMX_IndexParamPortDefinition::Input",
+                       "COmxH264Encoder::AllocateOmxInputBuffer::OMX_AllocateBuffer::Input"});
 }
 
 OMX_ERRORTYPE COmxH264Encoder::AllocateOmxOutputBuffer(OMX_HANDLETYPE encoder) {
-  const OmxBufferLabels labels = {
-      "COmxH264Encoder::AllocateOmxOutputBuffer::OMX_GetParameter::OMX_IndexParamPortDefinition::"
-      "Output",
-      "COmxH264Encoder::AllocateOmxOutputBuffer::OMX_AllocateBuffer::Output"};
-  return AllocateOmxBuffer(encoder, nOutputPort, pOutputBuffer, labels, PrintOmxError);
+  return common::OmxPorts(encoder, PrintOmxError)
+      .AllocateBuffer(nOutputPort, pOutputBuffer,
+                      {"COmxH264Encoder::AllocateOmxOutputBuffer::OMX_GetParameter::"
+                       "OMX_IndexParamPortDefinition::Output",
+                       "COmxH264Encoder::AllocateOmxOutputBuffer::OMX_AllocateBuffer::Output"});
 }
 
-bool COmxH264Encoder::SetState(OMX_STATETYPE state, const char* name, const char* label) {
-  const OMX_ERRORTYPE error = Send(hEncoder, OMX_CommandStateSet, state, semStateChanged);
-  if (error != OMX_ErrorNone) {
-    PrintOmxError(label, error);
-    return false;
-  }
-  if (WaitForStateChange()) return true;
-  std::fprintf(stderr, "COmxH264Encoder::Create - no answer to %s\n", name);
-  return false;
+bool COmxH264Encoder::Steps::StartExecuting() {
+  const auto allocated = [](OMX_ERRORTYPE error, const char* step) {
+    if (error != OMX_ErrorNone)
+      std::fprintf(stderr, "COmxH264Encoder::Create - %s failed 0x%x\n", step,
+                   static_cast<unsigned int>(error));
+    return error == OMX_ErrorNone;
+  };
+  const auto allocateInput = [&] {
+    return allocated(encoder.AllocateOmxInputBuffer(encoder.hEncoder), "AllocateOmxInputBuffer");
+  };
+  const auto allocateOutput = [&] {
+    return allocated(encoder.AllocateOmxOutputBuffer(encoder.hEncoder), "AllocateOmxOutputBuffer");
+  };
+  return driver.SetState(OMX_StateIdle,
+                         "COmxH264Encoder::Create::OMX_SendCommand::OMX_StateIdle") ==
+             Answer::Done &&
+         driver.EnablePort(encoder.nInputPort,
+                           "COmxH264Encoder::Create::OMX_CommandPortEnable::Input",
+                           allocateInput) == Answer::Done &&
+         driver.EnablePort(encoder.nOutputPort,
+                           "COmxH264Encoder::Create::OMX_CommandPortEnable::Output",
+                           allocateOutput) == Answer::Done &&
+         driver.SetState(OMX_StateExecuting,
+                         "COmxH264Encoder::Create::OMX_CommandStateSet::OMX_StateExecuting") ==
+             Answer::Done;
 }
 
-bool COmxH264Encoder::EnablePort(OMX_U32 port,
-                                 OMX_ERRORTYPE (COmxH264Encoder::*allocate)(OMX_HANDLETYPE),
-                                 const char* label, const char* allocateName) {
-  OMX_ERRORTYPE error = Send(hEncoder, OMX_CommandPortEnable, port, semPortEnableDisable);
-  if (error != OMX_ErrorNone) {
-    PrintOmxError(label, error);
-    return false;
-  }
-  // The port counts as enabled only once it has its buffer.
-  error = (this->*allocate)(hEncoder);
-  if (error != OMX_ErrorNone) {
-    std::fprintf(stderr, "COmxH264Encoder::Create - %s failed 0x%x\n", allocateName,
-                 static_cast<unsigned int>(error));
-    return false;
-  }
-  if (WaitForPortEnableDisable()) return true;
-  std::fprintf(stderr, "COmxH264Encoder::Create - no answer to OMX_CommandPortEnable\n");
-  return false;
-}
-
-OMX_ERRORTYPE COmxH264Encoder::Send(OMX_HANDLETYPE encoder, OMX_COMMANDTYPE command,
-                                    OMX_U32 parameter, sem_t& answer) {
-  ForgetOmxAnswers(answer);
-  componentError = false;
-  return OMX_SendCommand(encoder, command, parameter, nullptr);
+/// The padding is part of the encoded picture and is never written by the frame copies: without
+/// this it would show whatever was in that memory before.
+void COmxH264Encoder::Steps::BlackenInput(std::size_t lumaBytes) {
+  constexpr int blackLuma = 16, noChroma = 128;
+  const OMX_BUFFERHEADERTYPE& input = *encoder.pInputBuffer;
+  const std::size_t luma = std::min<std::size_t>(lumaBytes, input.nAllocLen);
+  std::memset(input.pBuffer, blackLuma, luma);
+  std::memset(input.pBuffer + luma, noChroma, input.nAllocLen - luma);
 }
 
 bool COmxH264Encoder::ReleaseBuffers() {
-  const bool input =
-      FreeOmxBuffer(hEncoder, nInputPort, pInputBuffer,
-                    "COmxH264Encoder::ReleaseBuffers::OMX_FreeBuffer::Input", PrintOmxError);
-  const bool freedOutput =
-      FreeOmxBuffer(hEncoder, nOutputPort, pOutputBuffer,
-                    "COmxH264Encoder::ReleaseBuffers::OMX_FreeBuffer::Output", PrintOmxError);
-  return input || freedOutput;
+  return Steps(*this, "COmxH264Encoder::ReleaseBuffers").driver.ReleaseBuffers();
 }
 
 bool COmxH264Encoder::ReleaseHardware() {
-  ReleaseBuffers();
-  OMX_HANDLETYPE const encoder = hEncoder;
-  hEncoder = nullptr;
-  if (encoder != nullptr) {
-    const OMX_ERRORTYPE error = OMX_FreeHandle(encoder);
-    if (error != OMX_ErrorNone)
-      PrintOmxError("COmxH264Encoder::ReleaseHardware::OMX_FreeHandle", error);
-  }
-  if (started) {
-    OMX_Deinit();
-    DestroyOmxSemaphores(semStateChanged, semPortEnableDisable, semFlushed, semOutputFilled,
-                         semInputReturned);
-    started = false;
-  }
-  nInputPort = nOutputPort = nWidth = nHeight = 0;
-  output = Output::Here;
-  inputAway = outputLate = flushOwed = tried = created = false;
+  Steps(*this, "COmxH264Encoder::ReleaseHardware").driver.Close();
+  nWidth = nHeight = 0;
+  eOutput = Output::Here;
+  bInputAway = bOutputOwed = bFlushOwed = bTried = bCreated = false;
   return true;
-}
-
-bool COmxH264Encoder::WaitForStateChange() {
-  return WaitForOmxAnswer(semStateChanged, componentError);
-}
-
-bool COmxH264Encoder::WaitForPortEnableDisable() {
-  return WaitForOmxAnswer(semPortEnableDisable, componentError);
-}
-
-bool COmxH264Encoder::WaitForFlush() {
-  return WaitForOmxAnswer(semFlushed, componentError);
-}
-
-bool COmxH264Encoder::WaitForOutputBufferFilled() {
-  return WaitForOmxAnswer(semOutputFilled, componentError);
-}
-
-bool COmxH264Encoder::WaitForInputBufferReturned() {
-  return WaitForOmxAnswer(semInputReturned, componentError);
-}
-
-void COmxH264Encoder::SignalStateChanged() {
-  sem_post(&semStateChanged);
-}
-
-void COmxH264Encoder::SignalPortEnabledDisabled() {
-  sem_post(&semPortEnableDisable);
-}
-
-void COmxH264Encoder::SignalFlushed() {
-  sem_post(&semFlushed);
-}
-
-void COmxH264Encoder::SignalOutputBufferFill() {
-  sem_post(&semOutputFilled);
-}
-
-void COmxH264Encoder::SignalInputBufferReturned() {
-  sem_post(&semInputReturned);
-}
-
-void COmxH264Encoder::SignalComponentError() {
-  componentError = true;
 }

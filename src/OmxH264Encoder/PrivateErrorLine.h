@@ -6,10 +6,11 @@
 /// The H.264 encoder's own PrintOmxError: like the exported one, which is why the header that
 /// declares that is not included beside this, and knows one status more.
 static inline void PrintOmxError(const char* label, OMX_ERRORTYPE error) {
-  WriteOmxErrorLine(label, error,
-                    error == OMX_ErrorPortUnpopulated
-                        ? "the port has lost one or more of its buffers and it thus unpopulated."
-                        : ShortOmxErrorText(error));
+  common::WriteOmxErrorLine(
+      label, error,
+      error == OMX_ErrorPortUnpopulated
+          ? "the port has lost one or more of its buffers and it thus unpopulated."
+          : common::ShortOmxErrorText(error));
 }
 
 #endif  // TESSERA_SRC_OMXH264ENCODER_PRIVATEERRORLINE_H

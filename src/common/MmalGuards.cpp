@@ -1,5 +1,7 @@
 #include "common/MmalGuards.h"
 
+namespace common {
+
 MMAL_STATUS_T ClosePort(MMAL_PORT_T* port) {
   if (!port->is_enabled) return MMAL_SUCCESS;
   const MMAL_STATUS_T status = mmal_port_disable(port);
@@ -23,3 +25,5 @@ void ReleaseQueued(MMAL_QUEUE_T* queue) {
   while (HeaderOwner buffer{mmal_queue_get(queue)}) {
   }
 }
+
+}  // namespace common

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <memory>
 
+namespace common {
+
 /// An extra reference to a component for the length of an operation.
 class ComponentReference {
  public:
@@ -52,5 +54,7 @@ void SendFreeBuffers(MMAL_POOL_T* pool, MMAL_PORT_T* port);
 
 /// Gives the buffers in a queue back to their pool.
 void ReleaseQueued(MMAL_QUEUE_T* queue);
+
+}  // namespace common
 
 #endif  // TESSERA_SRC_COMMON_MMALGUARDS_H

@@ -3,6 +3,8 @@
 #include <cinttypes>
 #include <cstdio>
 
+namespace common {
+
 const char* ShortOmxErrorText(OMX_ERRORTYPE error) {
   switch (error) {
     case OMX_ErrorNone:
@@ -33,3 +35,5 @@ void WriteOmxErrorLine(const char* label, OMX_ERRORTYPE error, const char* text)
   std::fprintf(stderr, "%s - 0x%08" PRIx32 ":%s\n", label, static_cast<std::uint32_t>(error), text);
   std::fflush(stderr);
 }
+
+}  // namespace common

@@ -3,6 +3,16 @@
 
 #include <IL/OMX_Component.h>
 
+namespace common {
+
+/// A state as the standard writes it ("OMX_StateIdle"), or null for another value.
+inline const char* OmxStateName(OMX_U32 state) {
+  constexpr const char* names[] = {"OMX_StateInvalid", "OMX_StateLoaded",
+                                   "OMX_StateIdle",    "OMX_StateExecuting",
+                                   "OMX_StatePause",   "OMX_StateWaitForResources"};
+  return state < sizeof names / sizeof *names ? names[state] : nullptr;
+}
+
 /// Fills in what every OpenMAX IL structure starts with; the rest stays as it is.
 template <typename Structure>
 void FillOmxHeader(Structure& structure) {
@@ -29,5 +39,7 @@ Structure MakeOmxStructure(OMX_U32 port) {
   structure.nPortIndex = port;
   return structure;
 }
+
+}  // namespace common
 
 #endif  // TESSERA_SRC_COMMON_OMXSTRUCTURE_H

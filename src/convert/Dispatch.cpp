@@ -8,23 +8,23 @@
 namespace convert {
 namespace {
 
-bool always() {
+bool Always() {
   return true;
 }
 
 #if defined(__x86_64__)
-bool hasAvx2() {
+bool HasAvx2() {
   __builtin_cpu_init();
   return __builtin_cpu_supports("avx2");
 }
 
-bool hasAvx512() {
+bool HasAvx512() {
   __builtin_cpu_init();
-  return hasAvx2() && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
+  return HasAvx2() && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
 }
 #elif defined(__arm__)
 // The oldest boards have no NEON, and the kernel of newer ones may be told to hide it.
-bool hasNeon() {
+bool HasNeon() {
   return (getauxval(AT_HWCAP) & HWCAP_NEON) != 0;
 }
 #endif
@@ -36,15 +36,15 @@ struct Candidate {
 
 // Best last. A new kernel takes a file of its own, its line here and its name in Kernels.h.
 constexpr Candidate candidates[] = {
-    {&plainKernels, always},
+    {&plainKernels, Always},
 #if defined(__x86_64__)
-    {&sse2Kernels, always},
-    {&avx2Kernels, hasAvx2},
-    {&avx512Kernels, hasAvx512},
+    {&sse2Kernels, Always},
+    {&avx2Kernels, HasAvx2},
+    {&avx512Kernels, HasAvx512},
 #elif defined(__aarch64__)
-    {&neonKernels, always},
+    {&neonKernels, Always},
 #elif defined(__arm__)
-    {&neonKernels, hasNeon},
+    {&neonKernels, HasNeon},
 #endif
 };
 
@@ -59,7 +59,7 @@ struct Table {
   }
 };
 
-const Table& table() {
+const Table& FilledTable() {
   static const Table filledOnce;
   return filledOnce;
 }
@@ -67,21 +67,21 @@ const Table& table() {
 // Constant at first, so that a conversion before this file's initialisation still has a kernel.
 const Kernels* active = &plainKernels;
 
-const bool chosenAtLoad = (forceKernels(nullptr), true);
+const bool chosenAtLoad = (ForceKernels(nullptr), true);
 
 }  // namespace
 
-const Kernels& activeKernels() {
+const Kernels& ActiveKernels() {
   return *active;
 }
 
-const Kernels* const* runnableKernels(std::size_t& count) {
-  count = table().count;
-  return table().runnable;
+const Kernels* const* RunnableKernels(std::size_t& count) {
+  count = FilledTable().count;
+  return FilledTable().runnable;
 }
 
-void forceKernels(const Kernels* kernels) {
-  active = kernels != nullptr ? kernels : table().runnable[table().count - 1];
+void ForceKernels(const Kernels* kernels) {
+  active = kernels != nullptr ? kernels : FilledTable().runnable[FilledTable().count - 1];
 }
 
 }  // namespace convert

@@ -33,18 +33,18 @@ struct PaddedI420 {
 /// from finding it there than the conversion loses.
 constexpr std::uint64_t streamedSize = 8 << 20;
 
-Stores storesFor(std::uint64_t pictureSize) {
+Stores StoresFor(std::uint64_t pictureSize) {
   return pictureSize >= streamedSize ? Stores::Streaming : Stores::Cached;
 }
 
 /// How many of `wanted` bytes at `offset` lie inside a buffer of `capacity` bytes.
-std::uint64_t inside(std::uint64_t offset, std::uint64_t wanted, std::uint64_t capacity) {
+std::uint64_t Inside(std::uint64_t offset, std::uint64_t wanted, std::uint64_t capacity) {
   return offset < capacity ? std::min(wanted, capacity - offset) : 0;
 }
 
 /// Every `step`-th source byte, `count` times. Zero counts come with pointers that must not even be
 /// formed, hence the base and offset apart.
-void gather(const std::uint8_t* source, std::size_t step, std::uint8_t* destination,
+void Gather(const std::uint8_t* source, std::size_t step, std::uint8_t* destination,
             std::uint64_t offset, std::uint64_t count) {
   for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
     destination[static_cast<std::size_t>(offset) + i] = source[i * step];
@@ -52,7 +52,7 @@ void gather(const std::uint8_t* source, std::size_t step, std::uint8_t* destinat
 }
 
 /// How many row pairs lie wholly inside both buffers.
-std::uint32_t wholePairs(const PaddedI420& layout, std::uint64_t rowGroups,
+std::uint32_t WholePairs(const PaddedI420& layout, std::uint64_t rowGroups,
                          std::uint64_t sourceGroups, std::uint32_t height, std::uint64_t capacity) {
   // V comes last, so a pair whose V row fits fits altogether.
   const std::uint64_t lastV = layout.v + rowGroups;
@@ -61,23 +61,22 @@ std::uint32_t wholePairs(const PaddedI420& layout, std::uint64_t rowGroups,
   return static_cast<std::uint32_t>(std::min({std::uint64_t{height / 2}, held, fitting}));
 }
 
-}  // namespace
-
-void yuyvToPaddedI420(const std::uint8_t* source, std::uint32_t sourceSize, std::uint32_t width,
+/// Clips at the end of both buffers.
+void YuyvToPaddedI420(const std::uint8_t* source, std::uint32_t sourceSize, std::uint32_t width,
                       std::uint32_t height, std::uint8_t* destination, std::uint32_t capacity) {
   if (width == 0 || height == 0) return;
   const PaddedI420 layout(width, height);
   const std::uint64_t rowGroups = (std::uint64_t{width} + 1) / 2;
   std::uint64_t groupsLeft = sourceSize / 4;
 
-  const std::uint32_t pairs = wholePairs(layout, rowGroups, groupsLeft, height, capacity);
+  const std::uint32_t pairs = WholePairs(layout, rowGroups, groupsLeft, height, capacity);
   const auto groups = static_cast<std::size_t>(rowGroups);
-  const Stores stores = storesFor(layout.u / 2 * 3);
+  const Stores stores = StoresFor(layout.u / 2 * 3);
   if (pairs > 0) {
     const PlanarRows planes{destination, destination + static_cast<std::size_t>(layout.u),
                             destination + static_cast<std::size_t>(layout.v),
                             static_cast<std::size_t>(layout.stride)};
-    activeKernels().yuyvToPlanar({source, 4 * groups}, planes, pairs, groups, stores);
+    ActiveKernels().yuyvToPlanar({source, 4 * groups}, planes, pairs, groups, stores);
     source += 8 * groups * pairs;
     groupsLeft -= 2 * rowGroups * pairs;
   }
@@ -87,27 +86,35 @@ void yuyvToPaddedI420(const std::uint8_t* source, std::uint32_t sourceSize, std:
     const std::uint64_t held = std::min(rowGroups, groupsLeft);
     const std::uint64_t lumaRow = y * layout.stride;
     if (lumaRow >= capacity) break;
-    gather(source, 2, destination, lumaRow, inside(lumaRow, 2 * held, capacity));
+    Gather(source, 2, destination, lumaRow, Inside(lumaRow, 2 * held, capacity));
     if (y % 2 == 0) {
       const std::uint64_t chromaRow = y / 2 * (layout.stride / 2);
       const std::uint64_t u = layout.u + chromaRow;
       const std::uint64_t v = layout.v + chromaRow;
-      gather(source + 1, 4, destination, u, inside(u, held, capacity));
-      gather(source + 3, 4, destination, v, inside(v, held, capacity));
+      Gather(source + 1, 4, destination, u, Inside(u, held, capacity));
+      Gather(source + 3, 4, destination, v, Inside(v, held, capacity));
     }
     source += 4 * static_cast<std::size_t>(held);
     groupsLeft -= held;
   }
 }
 
-std::uint32_t copyFrame(const std::uint8_t* source, std::uint32_t sourceSize,
-                        std::uint8_t* destination, std::uint32_t capacity) {
-  const std::uint32_t size = std::min(sourceSize, capacity);
-  if (size > 0) std::memcpy(destination, source, size);
-  return size;
+}  // namespace
+
+void CopyYVYU(unsigned char* source, unsigned int sourceSize, unsigned int width,
+              unsigned int height, unsigned char* destination, unsigned int capacity,
+              unsigned int& outSize) {
+  YuyvToPaddedI420(source, sourceSize, width, height, destination, capacity);
+  outSize = capacity;
 }
 
-void yuyvToNv12(const std::uint8_t* source, std::uint8_t* destination, std::int32_t width,
+void CopyI420(unsigned char* source, unsigned int sourceSize, unsigned int, unsigned int,
+              unsigned char* destination, unsigned int capacity, unsigned int& outSize) {
+  outSize = std::min(sourceSize, capacity);
+  if (outSize > 0) std::memcpy(destination, source, outSize);
+}
+
+void YUYVToNV12(const std::uint8_t* source, std::uint8_t* destination, std::int32_t width,
                 std::int32_t height) {
   if (width < 1 || height < 1) return;
   const auto pixels = static_cast<std::size_t>(width);
@@ -116,12 +123,12 @@ void yuyvToNv12(const std::uint8_t* source, std::uint8_t* destination, std::int3
   if (rows > SIZE_MAX / 2 / pixels) return;
 
   const std::size_t pairs = rows / 2;
-  const Stores stores = storesFor(std::uint64_t{pixels} * rows / 2 * 3);
-  activeKernels().yuyvToSemiPlanar({source, 2 * pixels},
+  const Stores stores = StoresFor(std::uint64_t{pixels} * rows / 2 * 3);
+  ActiveKernels().yuyvToSemiPlanar({source, 2 * pixels},
                                    {destination, destination + pixels * rows, pixels}, pairs,
                                    pixels, stores);
   if (rows % 2 == 1) {
-    gather(source + 4 * pixels * pairs, 2, destination, 2 * pixels * pairs, pixels);
+    Gather(source + 4 * pixels * pairs, 2, destination, 2 * pixels * pairs, pixels);
   }
 }
 

@@ -5,17 +5,17 @@
 
 namespace convert {
 
-/// What CopyYVYU does, and the OpenMAX IL encoder's own copy function of that name with it.
-/// Clips at the end of both buffers.
-void yuyvToPaddedI420(const std::uint8_t* source, std::uint32_t sourceSize, std::uint32_t width,
-                      std::uint32_t height, std::uint8_t* destination, std::uint32_t capacity);
+/// What the exported functions of these names do. The OpenMAX IL encoder has them as its own.
 
-/// Likewise for CopyI420. @return the bytes copied: the smaller of the two sizes
-std::uint32_t copyFrame(const std::uint8_t* source, std::uint32_t sourceSize,
-                        std::uint8_t* destination, std::uint32_t capacity);
+void CopyYVYU(unsigned char* source, unsigned int sourceSize, unsigned int width,
+              unsigned int height, unsigned char* destination, unsigned int capacity,
+              unsigned int& outSize);
 
-/// Likewise for YUYVToNV12: nothing happens below width 1 or height 1.
-void yuyvToNv12(const std::uint8_t* source, std::uint8_t* destination, std::int32_t width,
+void CopyI420(unsigned char* source, unsigned int sourceSize, unsigned int width,
+              unsigned int height, unsigned char* destination, unsigned int capacity,
+              unsigned int& outSize);
+
+void YUYVToNV12(const std::uint8_t* source, std::uint8_t* destination, std::int32_t width,
                 std::int32_t height);
 
 }  // namespace convert

@@ -59,15 +59,15 @@ extern const Kernels avx512Kernels;
 extern const Kernels neonKernels;
 
 /// The kernels in use.
-const Kernels& activeKernels();
+const Kernels& ActiveKernels();
 
 /// The implementations that this processor can run, the plain one first and the best last.
 /// @param count  receives how many there are, at least 1
-const Kernels* const* runnableKernels(std::size_t& count);
+const Kernels* const* RunnableKernels(std::size_t& count);
 
 /// Uses these kernels from now on; null goes back to the best ones. For tests and measurements:
 /// not while another thread converts.
-void forceKernels(const Kernels* kernels);
+void ForceKernels(const Kernels* kernels);
 
 }  // namespace convert
 

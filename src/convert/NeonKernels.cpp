@@ -12,15 +12,15 @@ struct NeonSteps {
   static constexpr std::size_t semiPlanarPixels = 32;
   static constexpr std::size_t alignment = 0;
 
-  static const Kernels& narrower() { return plainKernels; }
-  static void fence() {}
+  static const Kernels& Narrower() { return plainKernels; }
+  static void Fence() {}
 
   template <Stores>
-  static void planar(RowPair source, PlanarPair destination, std::size_t group) {
-    const uint8x16x2_t left = takeApart(source.upper + 4 * group);
-    const uint8x16x2_t right = takeApart(source.upper + 4 * group + 32);
-    const uint8x16x2_t lowerLeft = takeApart(source.lower + 4 * group);
-    const uint8x16x2_t lowerRight = takeApart(source.lower + 4 * group + 32);
+  static void Planar(RowPair source, PlanarPair destination, std::size_t group) {
+    const uint8x16x2_t left = TakeApart(source.upper + 4 * group);
+    const uint8x16x2_t right = TakeApart(source.upper + 4 * group + 32);
+    const uint8x16x2_t lowerLeft = TakeApart(source.lower + 4 * group);
+    const uint8x16x2_t lowerRight = TakeApart(source.lower + 4 * group + 32);
     vst1q_u8(destination.upperLuma + 2 * group, left.val[0]);
     vst1q_u8(destination.upperLuma + 2 * group + 16, right.val[0]);
     vst1q_u8(destination.lowerLuma + 2 * group, lowerLeft.val[0]);
@@ -31,7 +31,7 @@ struct NeonSteps {
   }
 
   template <Stores>
-  static void semiPlanar(RowPair source, SemiPlanarPair destination, std::size_t pixel) {
+  static void SemiPlanar(RowPair source, SemiPlanarPair destination, std::size_t pixel) {
     const uint8x16x2_t left = vld2q_u8(source.upper + 2 * pixel);
     const uint8x16x2_t right = vld2q_u8(source.upper + 2 * pixel + 32);
     const uint8x16x2_t lowerLeft = vld2q_u8(source.lower + 2 * pixel);
@@ -46,7 +46,7 @@ struct NeonSteps {
 
   /// 16 luma and 16 chroma bytes. Where chroma is unzipped anyway, 64-bit in-order cores do better
   /// without structure loads.
-  static uint8x16x2_t takeApart(const std::uint8_t* row) {
+  static uint8x16x2_t TakeApart(const std::uint8_t* row) {
 #if defined(__aarch64__)
     return vuzpq_u8(vld1q_u8(row), vld1q_u8(row + 16));
 #else
@@ -59,6 +59,6 @@ using Loops = VectorLoops<NeonSteps>;
 
 }  // namespace
 
-const Kernels neonKernels{"neon", Loops::yuyvToPlanar, Loops::yuyvToSemiPlanar};
+const Kernels neonKernels{"neon", Loops::YuyvToPlanar, Loops::YuyvToSemiPlanar};
 
 }  // namespace convert

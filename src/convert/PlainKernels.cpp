@@ -3,7 +3,7 @@
 namespace convert {
 namespace {
 
-void yuyvToPlanar(const PackedRows& source, const PlanarRows& destination, std::size_t pairs,
+void YuyvToPlanar(const PackedRows& source, const PlanarRows& destination, std::size_t pairs,
                   std::size_t groups, Stores) {
   for (std::size_t k = 0; k < pairs; ++k) {
     const std::uint8_t* upper = source.rows + 2 * k * source.pitch;
@@ -23,7 +23,7 @@ void yuyvToPlanar(const PackedRows& source, const PlanarRows& destination, std::
   }
 }
 
-void yuyvToSemiPlanar(const PackedRows& source, const SemiPlanarRows& destination,
+void YuyvToSemiPlanar(const PackedRows& source, const SemiPlanarRows& destination,
                       std::size_t pairs, std::size_t pixels, Stores) {
   for (std::size_t k = 0; k < pairs; ++k) {
     const std::uint8_t* upper = source.rows + 2 * k * source.pitch;
@@ -41,6 +41,6 @@ void yuyvToSemiPlanar(const PackedRows& source, const SemiPlanarRows& destinatio
 
 }  // namespace
 
-const Kernels plainKernels{"plain", yuyvToPlanar, yuyvToSemiPlanar};
+const Kernels plainKernels{"plain", YuyvToPlanar, YuyvToSemiPlanar};
 
 }  // namespace convert

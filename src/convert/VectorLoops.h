@@ -47,63 +47,63 @@ struct SemiPlanarPair {
 ///
 ///     static constexpr std::size_t planarGroups, semiPlanarPixels;   // converted by one step
 ///     static constexpr std::size_t alignment;    // that streaming stores want; 0: there are none
-///     static void fence();                       // after streaming stores
-///     static const Kernels& narrower();          // for what is less than a step
-///     template <Stores> static void planar(RowPair, PlanarPair, std::size_t group);
-///     template <Stores> static void semiPlanar(RowPair, SemiPlanarPair, std::size_t pixel);
+///     static void Fence();                       // after streaming stores
+///     static const Kernels& Narrower();          // for what is less than a step
+///     template <Stores> static void Planar(RowPair, PlanarPair, std::size_t group);
+///     template <Stores> static void SemiPlanar(RowPair, SemiPlanarPair, std::size_t pixel);
 ///
 /// `Steps` must live in an unnamed namespace: then so does all that is made here, and the linker
 /// cannot take one kernel's code for another's with instructions that the processor lacks.
 template <class Steps>
 class VectorLoops {
  public:
-  static void yuyvToPlanar(const PackedRows& source, const PlanarRows& destination,
+  static void YuyvToPlanar(const PackedRows& source, const PlanarRows& destination,
                            std::size_t pairs, std::size_t groups, Stores stores) {
-    const std::uintptr_t places = address(destination.luma) | address(destination.u) |
-                                  address(destination.v) | destination.stride / 2;
-    if (groups < Steps::planarGroups || narrowerStreams(places, stores)) {
-      return Steps::narrower().yuyvToPlanar(source, destination, pairs, groups, stores);
+    const std::uintptr_t places = Address(destination.luma) | Address(destination.u) |
+                                  Address(destination.v) | destination.stride / 2;
+    if (groups < Steps::planarGroups || NarrowerStreams(places, stores)) {
+      return Steps::Narrower().yuyvToPlanar(source, destination, pairs, groups, stores);
     }
-    const bool streaming = streams(places, stores);
+    const bool streaming = Streams(places, stores);
     for (std::size_t k = 0; k < pairs; ++k) {
       const RowPair from(source, k);
       const PlanarPair to(destination, k);
       const auto step = [from, to](auto kind, std::size_t i) {
-        Steps::template planar<decltype(kind)::stores>(from, to, i);
+        Steps::template Planar<decltype(kind)::stores>(from, to, i);
       };
       const auto rest = [&](std::size_t i) {
-        Steps::narrower().yuyvToPlanar(
+        Steps::Narrower().yuyvToPlanar(
             {from.upper + 4 * i, source.pitch},
             {to.upperLuma + 2 * i, to.u + i, to.v + i, destination.stride}, 1, groups - i,
             Stores::Cached);
       };
-      walk<Steps::planarGroups>(groups, streaming, step, rest);
+      Walk<Steps::planarGroups>(groups, streaming, step, rest);
     }
-    if (streaming) Steps::fence();
+    if (streaming) Steps::Fence();
   }
 
-  static void yuyvToSemiPlanar(const PackedRows& source, const SemiPlanarRows& destination,
+  static void YuyvToSemiPlanar(const PackedRows& source, const SemiPlanarRows& destination,
                                std::size_t pairs, std::size_t pixels, Stores stores) {
     const std::uintptr_t places =
-        address(destination.luma) | address(destination.chroma) | destination.stride;
-    if (pixels < Steps::semiPlanarPixels || narrowerStreams(places, stores)) {
-      return Steps::narrower().yuyvToSemiPlanar(source, destination, pairs, pixels, stores);
+        Address(destination.luma) | Address(destination.chroma) | destination.stride;
+    if (pixels < Steps::semiPlanarPixels || NarrowerStreams(places, stores)) {
+      return Steps::Narrower().yuyvToSemiPlanar(source, destination, pairs, pixels, stores);
     }
-    const bool streaming = streams(places, stores);
+    const bool streaming = Streams(places, stores);
     for (std::size_t k = 0; k < pairs; ++k) {
       const RowPair from(source, k);
       const SemiPlanarPair to(destination, k);
       const auto step = [from, to](auto kind, std::size_t j) {
-        Steps::template semiPlanar<decltype(kind)::stores>(from, to, j);
+        Steps::template SemiPlanar<decltype(kind)::stores>(from, to, j);
       };
       const auto rest = [&](std::size_t j) {
-        Steps::narrower().yuyvToSemiPlanar({from.upper + 2 * j, source.pitch},
+        Steps::Narrower().yuyvToSemiPlanar({from.upper + 2 * j, source.pitch},
                                            {to.upperLuma + j, to.chroma + j, destination.stride}, 1,
                                            pixels - j, Stores::Cached);
       };
-      walk<Steps::semiPlanarPixels>(pixels, streaming, step, rest);
+      Walk<Steps::semiPlanarPixels>(pixels, streaming, step, rest);
     }
-    if (streaming) Steps::fence();
+    if (streaming) Steps::Fence();
   }
 
  private:
@@ -118,7 +118,7 @@ class VectorLoops {
   /// the one before it, but after streaming to `rest`: a cache line that is stored both ways costs
   /// more than streaming saves.
   template <std::size_t size, class Step, class Rest>
-  static void walk(std::size_t count, bool streaming, const Step& step, const Rest& rest) {
+  static void Walk(std::size_t count, bool streaming, const Step& step, const Rest& rest) {
     std::size_t i = 0;
     if (streaming) {
       for (; i + size <= count; i += size) step(Streaming{}, i);
@@ -129,11 +129,11 @@ class VectorLoops {
     }
   }
 
-  static std::uintptr_t address(const std::uint8_t* p) {
+  static std::uintptr_t Address(const std::uint8_t* p) {
     return reinterpret_cast<std::uintptr_t>(p);
   }
 
-  static bool streams(std::uintptr_t places, Stores stores) {
+  static bool Streams(std::uintptr_t places, Stores stores) {
     if constexpr (Steps::alignment > 0) {
       return stores == Stores::Streaming && places % Steps::alignment == 0;
     }
@@ -142,8 +142,8 @@ class VectorLoops {
 
   /// Whether these places suit the streaming stores of a narrower kernel only. The narrowest want
   /// what malloc gives.
-  static bool narrowerStreams(std::uintptr_t places, Stores stores) {
-    return Steps::alignment > 16 && stores == Stores::Streaming && !streams(places, stores) &&
+  static bool NarrowerStreams(std::uintptr_t places, Stores stores) {
+    return Steps::alignment > 16 && stores == Stores::Streaming && !Streams(places, stores) &&
            places % 16 == 0;
   }
 };

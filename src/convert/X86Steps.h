@@ -20,46 +20,46 @@ struct X86Steps {
   static constexpr std::size_t semiPlanarPixels = size;
   static constexpr std::size_t alignment = size;
 
-  static const Kernels& narrower() { return Vector::narrower(); }
-  static void fence() { _mm_sfence(); }
+  static const Kernels& Narrower() { return Vector::Narrower(); }
+  static void Fence() { _mm_sfence(); }
 
   template <Stores stores>
-  static void store(std::uint8_t* destination, typename Vector::Type value) {
+  static void Store(std::uint8_t* destination, typename Vector::Type value) {
     if constexpr (stores == Stores::Streaming) {
-      Vector::stream(destination, value);
+      Vector::Stream(destination, value);
     } else {
-      Vector::store(destination, value);
+      Vector::Store(destination, value);
     }
   }
 
   template <Stores stores>
-  static void planar(RowPair source, PlanarPair destination, std::size_t group) {
+  static void Planar(RowPair source, PlanarPair destination, std::size_t group) {
     const std::uint8_t* row = source.upper + 4 * group;
-    const auto a = Vector::load(row), b = Vector::load(row + size);
-    const auto c = Vector::load(row + 2 * size), d = Vector::load(row + 3 * size);
-    store<stores>(destination.upperLuma + 2 * group, Vector::even(a, b));
-    store<stores>(destination.upperLuma + 2 * group + size, Vector::even(c, d));
-    const auto chromaLeft = Vector::odd(a, b), chromaRight = Vector::odd(c, d);
-    store<stores>(destination.u + group, Vector::even(chromaLeft, chromaRight));
-    store<stores>(destination.v + group, Vector::odd(chromaLeft, chromaRight));
-    luma<stores>(source.lower + 4 * group, destination.lowerLuma + 2 * group);
-    luma<stores>(source.lower + 4 * group + 2 * size, destination.lowerLuma + 2 * group + size);
+    const auto a = Vector::Load(row), b = Vector::Load(row + size);
+    const auto c = Vector::Load(row + 2 * size), d = Vector::Load(row + 3 * size);
+    Store<stores>(destination.upperLuma + 2 * group, Vector::Even(a, b));
+    Store<stores>(destination.upperLuma + 2 * group + size, Vector::Even(c, d));
+    const auto chromaLeft = Vector::Odd(a, b), chromaRight = Vector::Odd(c, d);
+    Store<stores>(destination.u + group, Vector::Even(chromaLeft, chromaRight));
+    Store<stores>(destination.v + group, Vector::Odd(chromaLeft, chromaRight));
+    Luma<stores>(source.lower + 4 * group, destination.lowerLuma + 2 * group);
+    Luma<stores>(source.lower + 4 * group + 2 * size, destination.lowerLuma + 2 * group + size);
   }
 
   template <Stores stores>
-  static void semiPlanar(RowPair source, SemiPlanarPair destination, std::size_t pixel) {
+  static void SemiPlanar(RowPair source, SemiPlanarPair destination, std::size_t pixel) {
     const std::uint8_t* upper = source.upper + 2 * pixel;
     const std::uint8_t* lower = source.lower + 2 * pixel;
-    const auto a = Vector::load(upper), b = Vector::load(upper + size);
-    const auto c = Vector::load(lower), d = Vector::load(lower + size);
-    store<stores>(destination.upperLuma + pixel, Vector::even(a, b));
-    store<stores>(destination.chroma + pixel, Vector::odd(a, b));
-    store<stores>(destination.lowerLuma + pixel, Vector::even(c, d));
+    const auto a = Vector::Load(upper), b = Vector::Load(upper + size);
+    const auto c = Vector::Load(lower), d = Vector::Load(lower + size);
+    Store<stores>(destination.upperLuma + pixel, Vector::Even(a, b));
+    Store<stores>(destination.chroma + pixel, Vector::Odd(a, b));
+    Store<stores>(destination.lowerLuma + pixel, Vector::Even(c, d));
   }
 
   template <Stores stores>
-  static void luma(const std::uint8_t* row, std::uint8_t* destination) {
-    store<stores>(destination, Vector::even(Vector::load(row), Vector::load(row + size)));
+  static void Luma(const std::uint8_t* row, std::uint8_t* destination) {
+    Store<stores>(destination, Vector::Even(Vector::Load(row), Vector::Load(row + size)));
   }
 };
 

@@ -3,17 +3,15 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "jpeg_decode/Signals.h"
+#include "common/OmxStructure.h"
+#include "jpeg_decode/Steps.h"
 
 namespace {
 
 void PrintNewState(OMX_U32 state) {
-  static constexpr const char* names[] = {"OMX_StateInvalid", "OMX_StateLoaded",
-                                          "OMX_StateIdle",    "OMX_StateExecuting",
-                                          "OMX_StatePause",   "OMX_StateWaitForResources"};
   // One call a line, so that other threads cannot print in between.
-  if (state < sizeof names / sizeof *names)
-    std::printf("State changed to: %s\n", names[state]);
+  if (const char* const name = common::OmxStateName(state))
+    std::printf("State changed to: %s\n", name);
   else
     std::printf("State changed to: command [%d] \n", static_cast<int>(state));
 }
@@ -33,7 +31,7 @@ OMX_ERRORTYPE EmptyBufferDone(OMX_HANDLETYPE, OMX_PTR, OMX_BUFFERHEADERTYPE*) {
 }
 
 OMX_ERRORTYPE FillBufferDone(OMX_HANDLETYPE, OMX_PTR pAppData, OMX_BUFFERHEADERTYPE*) {
-  if (pAppData != nullptr) DecoderPoolSignals::fillDone(*static_cast<DecoderPool*>(pAppData));
+  if (auto* pool = static_cast<DecoderPool*>(pAppData)) DecoderPool::Steps(*pool).SignalFillDone();
   return OMX_ErrorNone;
 }
 
@@ -44,16 +42,15 @@ OMX_CALLBACKTYPE videodeccallbacks = {EventHandler, EmptyBufferDone, FillBufferD
 OMX_ERRORTYPE EventHandler(OMX_HANDLETYPE, OMX_PTR pAppData, OMX_EVENTTYPE eEvent, OMX_U32 nData1,
                            OMX_U32 nData2, OMX_PTR) {
   if (pAppData == nullptr) return OMX_ErrorNone;
-  DecoderPool& pool = *static_cast<DecoderPool*>(pAppData);
+  DecoderPool::Steps steps(*static_cast<DecoderPool*>(pAppData));
   switch (eEvent) {
     case OMX_EventCmdComplete:
       if (nData1 == OMX_CommandStateSet) PrintNewState(nData2);
-      DecoderPoolSignals::commandDone(pool);
-      if (nData1 == OMX_CommandStateSet && nData2 == OMX_StateLoaded)
-        DecoderPoolSignals::loaded(pool);
+      steps.SignalCommandDone();
+      if (nData1 == OMX_CommandStateSet && nData2 == OMX_StateLoaded) steps.SignalLoaded();
       break;
     case OMX_EventPortSettingsChanged:
-      DecoderPoolSignals::portSettingsChanged(pool);
+      steps.SignalPortSettingsChanged();
       break;
     case OMX_EventBufferFlag:
       break;

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/OmxErrorLine.h"
+
 const char* OmxErrorDescription(OMX_ERRORTYPE code) {
   switch (code) {
     case OMX_ErrorNone:
@@ -153,4 +155,8 @@ int DumpPortDefs(OMX_PARAM_PORTDEFINITIONTYPE* portDef) {
       static_cast<unsigned int>(image.eCompressionFormat),
       static_cast<unsigned int>(image.eColorFormat), number(portDef->bBuffersContiguous),
       number(portDef->nBufferAlignment));
+}
+
+void PrintOmxError(const char* label, OMX_ERRORTYPE error) {
+  common::WriteOmxErrorLine(label, error, common::ShortOmxErrorText(error));
 }

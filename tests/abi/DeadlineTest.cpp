@@ -7,7 +7,9 @@
 #include <limits>
 #include <utility>
 
-#include "common/TimedWait.h"
+#include "common/Waits.h"
+
+using common::WaitResult;
 
 namespace {
 constexpr std::time_t last = std::numeric_limits<std::time_t>::max();
@@ -30,7 +32,7 @@ TEST(Deadline, BeyondTheEndOfTimeIsRefused) {
     sem_t semaphore;
     sem_init(&semaphore, 0, 1);
     atTheEnd = true;
-    const WaitResult result = TimedWait(semaphore, limitMs);
+    const WaitResult result = common::TimedWait(semaphore, limitMs);
     atTheEnd = false;
     EXPECT_EQ(result, expected) << limitMs;
     EXPECT_EQ(sem_trywait(&semaphore), expected == WaitResult::Done ? -1 : 0) << limitMs;

@@ -53,7 +53,7 @@ using CopyFrame = void (*)(unsigned char*, unsigned, unsigned, unsigned, unsigne
 }  // namespace
 
 /// The friend of the six classes that sees their fields.
-struct TesseraLayout {
+struct TesseraTestAccess {
   static void pool() {
     using C = DecoderPool;
     Walk<C>()
@@ -123,10 +123,10 @@ struct TesseraLayout {
 };
 
 TEST(Layout, FieldsOfTheClassesStandInTheirOrderBehindTheTable) {
-  TesseraLayout::pool();
-  TesseraLayout::mmalJpeg();
-  TesseraLayout::omxEncoder<COmxJpegEncoder>();
-  TesseraLayout::omxH264();
-  TesseraLayout::mmalH264Encoder();
-  TesseraLayout::mmalH264Decoder();
+  TesseraTestAccess::pool();
+  TesseraTestAccess::mmalJpeg();
+  TesseraTestAccess::omxEncoder<COmxJpegEncoder>();
+  TesseraTestAccess::omxH264();
+  TesseraTestAccess::mmalH264Encoder();
+  TesseraTestAccess::mmalH264Decoder();
 }

@@ -121,14 +121,14 @@ class Bench {
 
 std::vector<const convert::Kernels*> kernelsHere() {
   std::size_t count = 0;
-  const convert::Kernels* const* first = convert::runnableKernels(count);
+  const convert::Kernels* const* first = convert::RunnableKernels(count);
   return {first, first + count};
 }
 
 class EveryKernel : public testing::TestWithParam<const convert::Kernels*> {
  protected:
-  void SetUp() override { convert::forceKernels(GetParam()); }
-  void TearDown() override { convert::forceKernels(nullptr); }
+  void SetUp() override { convert::ForceKernels(GetParam()); }
+  void TearDown() override { convert::ForceKernels(nullptr); }
 
   static Bench& bench() {
     static Bench shared;
@@ -225,7 +225,7 @@ INSTANTIATE_TEST_SUITE_P(Here, EveryKernel, testing::ValuesIn(kernelsHere()),
 TEST(Dispatch, UsesTheBestOfWhatTheProcessorHas) {
   const auto here = kernelsHere();
   EXPECT_STREQ(here.front()->name, "plain");
-  EXPECT_EQ(&convert::activeKernels(), here.back());
+  EXPECT_EQ(&convert::ActiveKernels(), here.back());
 #if defined(__x86_64__)
   std::ifstream file("/proc/cpuinfo");
   const std::string info{std::istreambuf_iterator<char>(file), {}};

@@ -97,7 +97,7 @@ TEST(Decode, ProgressivePicturesTakeTheCallersSize) {
 
 TEST(Decode, APictureMayTakeManyInputBuffers) {
   QuietPool pool;
-  const std::size_t capacity = TesseraLayout::inputCapacity(*pool);
+  const std::size_t capacity = TesseraTestAccess::inputCapacity(*pool);
   const Bytes small = jpegOf(320, 240);
   // Exactly one buffer, one byte more, and many times round the ring.
   for (const std::size_t size : {capacity, capacity + 1, 5 * capacity + 17}) {
@@ -118,14 +118,14 @@ TEST(Decode, OneSizeKeepsOneBufferAndAnotherSizeTakesAnother) {
   for (const auto& [size, capacity] : table) {
     const Decoded first = decode(*pool, jpegOf(size.first, size.second, 0));
     ASSERT_NE(first.data, nullptr);
-    EXPECT_EQ(TesseraLayout::outputCapacity(*pool), capacity);
+    EXPECT_EQ(TesseraTestAccess::outputCapacity(*pool), capacity);
     const Bytes next = jpegOf(size.first, size.second, 1);
     const Decoded second = decode(*pool, next);
     EXPECT_EQ(second.data, first.data);
     EXPECT_EQ(difference(second, next), "");
     EXPECT_EQ(first.lines + second.lines, "") << "nothing is printed on the good path";
   }
-  EXPECT_EQ(TesseraLayout::counts(*pool), (std::vector<int>{0, 0, 0}));
+  EXPECT_EQ(TesseraTestAccess::counts(*pool), (std::vector<int>{0, 0, 0}));
 }
 
 TEST(Decode, PoolsDoNotDisturbEachOther) {

@@ -46,10 +46,11 @@ TEST(Callbacks, EventsPrintAndPost) {
       return EventHandler(nullptr, object, tested.event, tested.data1, tested.data2, nullptr);
     };
     EXPECT_EQ(handle(nullptr), OMX_ErrorNone);
-    EXPECT_EQ(TesseraLayout::counts(pool), (Counts{0, 0, 0})) << "no application data, no post";
+    EXPECT_EQ(TesseraTestAccess::counts(pool), (Counts{0, 0, 0})) << "no application data, no post";
     EXPECT_EQ(handle(&pool), OMX_ErrorNone);
     EXPECT_EQ(capture.out().substr(before), tested.line);
-    EXPECT_EQ(TesseraLayout::counts(pool), (Counts{tested.commandsDone, 0, tested.sizesChanged}));
+    EXPECT_EQ(TesseraTestAccess::counts(pool),
+              (Counts{tested.commandsDone, 0, tested.sizesChanged}));
   }
 }
 
@@ -58,10 +59,10 @@ TEST(Callbacks, TheTableHoldsThemInOrder) {
   DecoderPool pool;
   OMX_BUFFERHEADERTYPE buffer{};
   EXPECT_EQ(videodeccallbacks.EmptyBufferDone(nullptr, &pool, &buffer), OMX_ErrorNone);
-  EXPECT_EQ(TesseraLayout::counts(pool), (Counts{0, 0, 0}));
+  EXPECT_EQ(TesseraTestAccess::counts(pool), (Counts{0, 0, 0}));
   EXPECT_EQ(videodeccallbacks.FillBufferDone(nullptr, nullptr, &buffer), OMX_ErrorNone);
   EXPECT_EQ(videodeccallbacks.FillBufferDone(nullptr, &pool, &buffer), OMX_ErrorNone);
-  EXPECT_EQ(TesseraLayout::counts(pool), (Counts{0, 1, 0}));
+  EXPECT_EQ(TesseraTestAccess::counts(pool), (Counts{0, 1, 0}));
 }
 
 using DiagnosticsDeathTest = testing::Test;

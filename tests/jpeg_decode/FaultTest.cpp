@@ -29,7 +29,7 @@ TEST_P(Setup, EndsWithItsMessageAndTheReleaseIsSafe) {
   expectAnswer<int>(
       [&] {
         DecoderPool* const pool = GetDecoderPool();
-        EXPECT_EQ(TesseraLayout::lastError(*pool) == OMX_ErrorNone, GetParam().works);
+        EXPECT_EQ(TesseraTestAccess::lastError(*pool) == OMX_ErrorNone, GetParam().works);
         const Capture quiet;
         int width = 64, height = 48;
         char data[100] = {};
@@ -103,7 +103,7 @@ TEST_P(Cycle, GivesItsLineAndNeverAStalePicture) {
     }
   EXPECT_GE(right, its.again ? 12 : 5);
   if (its.again) {
-    EXPECT_EQ(TesseraLayout::counts(*pool), (std::vector<int>{0, 0, 0}));
+    EXPECT_EQ(TesseraTestAccess::counts(*pool), (std::vector<int>{0, 0, 0}));
   }
 }
 
@@ -183,10 +183,10 @@ TEST_F(Faults, APieceThatCannotBePassedOnIsTold) {
     inject(refuse("OMX_EmptyThisBuffer"));
     pass(*tested, data, 8, true, ("error during empty - " + noResources + " \n").c_str());
     control::clearFaults();
-    TesseraLayout::occupyInputs(*tested, 1);
+    TesseraTestAccess::occupyInputs(*tested, 1);
     const Capture quiet;
     EXPECT_TRUE((*tested).PassJpegToDecoder(data, 8));
-    TesseraLayout::occupyInputs(*tested, 0);
+    TesseraTestAccess::occupyInputs(*tested, 0);
   }
   for (const AnyFault& fault : {refuse("OMX_AllocateBuffer", 2), refuse("OMX_GetHandle")}) {
     inject(fault);
@@ -230,12 +230,12 @@ TEST_F(Faults, CatchingUpMayFailToo) {
 TEST_F(Faults, InputBuffersThatStayAwayAreGivenUp) {
   QuietPool tested;
   const Bytes jpeg = jpegOf(64, 48);
-  TesseraLayout::occupyInputs(*tested, 1);
+  TesseraTestAccess::occupyInputs(*tested, 1);
   const std::string lines = decode(*tested, jpeg).lines;
   const std::string last = " DecoderPool::DecodeJpeg - the input buffers do not come back\n";
   EXPECT_EQ(lines.find("pBufHeader->nFilledLen != 0"), 0u);
   EXPECT_EQ(lines.find(last) + last.size(), lines.size()) << lines;
-  TesseraLayout::occupyInputs(*tested, 0);
+  TesseraTestAccess::occupyInputs(*tested, 0);
   EXPECT_EQ(difference(decode(*tested, jpeg), jpeg), "");
 }
 

@@ -11,7 +11,7 @@
 #include "support/JpegOracle.h"
 
 /// Sees the fields of a pool.
-struct TesseraLayout {
+struct TesseraTestAccess {
   /// Posts of semCommandDone, semFillDone and semPortSettingsChanged that nobody has taken.
   static std::vector<int> counts(DecoderPool& pool) {
     std::vector<int> counts;

@@ -6,7 +6,7 @@
 #include "support/FaultTest.h"
 
 /// Sees the semaphores of an encoder: state, ports, flush, output.
-struct TesseraLayout {
+struct TesseraTestAccess {
   template <typename Encoder>
   static std::vector<int> counts(Encoder& encoder) {
     std::vector<int> counts;
@@ -72,14 +72,14 @@ void takeEvents(const Handlers& handlers) {
               OMX_ErrorNone);
     EXPECT_EQ(capture.out(), tested.out);
     EXPECT_EQ(capture.err(), tested.err);
-    EXPECT_EQ(TesseraLayout::counts(encoder), tested.posted);
+    EXPECT_EQ(TesseraTestAccess::counts(encoder), tested.posted);
   }
   Encoder encoder;
   OMX_BUFFERHEADERTYPE buffer{};
   EXPECT_EQ(handlers.empty(nullptr, &encoder, &buffer), OMX_ErrorNone);
-  EXPECT_EQ(TesseraLayout::counts(encoder), none);
+  EXPECT_EQ(TesseraTestAccess::counts(encoder), none);
   EXPECT_EQ(handlers.fill(nullptr, &encoder, &buffer), OMX_ErrorNone);
-  EXPECT_EQ(TesseraLayout::counts(encoder), (Counts{0, 0, 0, 1}));
+  EXPECT_EQ(TesseraTestAccess::counts(encoder), (Counts{0, 0, 0, 1}));
   EXPECT_TRUE(encoder.WaitForOutputBufferFilled());
 }
 

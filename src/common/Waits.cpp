@@ -1,9 +1,10 @@
-#include "common/TimedWait.h"
+#include "common/Waits.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <limits>
 
+namespace common {
 namespace {
 
 constexpr std::int64_t nanosecondsPerSecond = 1000000000;
@@ -51,18 +52,18 @@ SteadyDeadline::SteadyDeadline(unsigned int limitMs) {
   if (now >= 0) moment_ = now + limitMs * nanosecondsPerMs;
 }
 
-SteadyDeadline SteadyDeadline::at(std::int64_t moment) {
+SteadyDeadline SteadyDeadline::At(std::int64_t moment) {
   SteadyDeadline deadline;
   deadline.moment_ = moment;
   return deadline;
 }
 
-bool SteadyDeadline::passed() const {
-  return known() && SteadyNow() >= moment_;
+bool SteadyDeadline::Passed() const {
+  return Known() && SteadyNow() >= moment_;
 }
 
-SteadyDeadline SteadyDeadline::within(unsigned int limitMs) const {
-  return at(std::min(moment_, SteadyDeadline(limitMs).moment_));
+SteadyDeadline SteadyDeadline::Within(unsigned int limitMs) const {
+  return At(std::min(moment_, SteadyDeadline(limitMs).moment_));
 }
 
 WaitResult TakePosted(sem_t& semaphore) {
@@ -73,12 +74,16 @@ WaitResult TakePosted(sem_t& semaphore) {
   return WaitResult::Done;
 }
 
-// sem_timedwait would go by the wall clock: set back by half a minute while it sleeps, it sleeps
-// half a minute longer, however short it was meant to be.
-WaitResult SteadySlice(sem_t& semaphore, const SteadyDeadline& end) {
+namespace {
+
+/// Takes the semaphore, waiting until the deadline, but for no longer than a slice of time.
+///
+/// sem_timedwait would go by the wall clock: set back by half a minute while it sleeps, it sleeps
+/// half a minute longer, however short it was meant to be.
+WaitResult WaitASlice(sem_t& semaphore, const SteadyDeadline& end) {
   const std::int64_t now = SteadyNow();
-  if (now < 0 || !end.known()) return WaitResult::Failed;
-  const timespec moment = ToTimespec(std::min(end.moment(), now + slice));
+  if (now < 0 || !end.Known()) return WaitResult::Failed;
+  const timespec moment = ToTimespec(std::min(end.Moment(), now + slice));
   while (sem_clockwait(&semaphore, CLOCK_MONOTONIC, &moment) != 0) {
     if (errno == EINTR) continue;
     return errno == ETIMEDOUT ? WaitResult::TimedOut : WaitResult::Failed;
@@ -92,15 +97,58 @@ WaitResult SteadySlice(sem_t& semaphore, const SteadyDeadline& end) {
 #endif
 }
 
-WaitResult SteadyWait(sem_t& semaphore, const SteadyDeadline& end) {
-  return SteadyWait(semaphore, end, [] { return true; });
+/// Takes the semaphore, waiting until the deadline. `lookAround` runs after each slice that brought
+/// nothing; it may bring the deadline nearer, and ends the wait (TimedOut) by answering false.
+template <typename LookAround>
+WaitResult WaitInSlices(sem_t& semaphore, const SteadyDeadline& end, LookAround lookAround) {
+  for (;;) {
+    const WaitResult result = WaitASlice(semaphore, end);
+    if (result != WaitResult::TimedOut) return result;
+    if (!lookAround() || end.Passed()) return WaitResult::TimedOut;
+  }
 }
 
-void WaitForGood(sem_t& semaphore) {
+}  // namespace
+
+WaitResult SteadyWait(sem_t& semaphore, const SteadyDeadline& end) {
+  return WaitInSlices(semaphore, end, [] { return true; });
+}
+
+bool AwaitAnswer(sem_t& answer, const std::atomic<bool>& errorSeen) {
+  SteadyDeadline end(answerLimitMs);
+  bool shortened = false;
+  // An error event posts nothing: a post would count as the answer.
+  const auto lookForError = [&] {
+    if (!shortened && errorSeen) {
+      shortened = true;
+      end = end.Within(errorGraceMs);
+    }
+    return true;
+  };
+  return WaitInSlices(answer, end, lookForError) == WaitResult::Done;
+}
+
+Posted AwaitEither(sem_t& first, sem_t& second, const SteadyDeadline& end) {
+  bool secondCame = false;
+  const auto lookForSecond = [&] {
+    secondCame = TakePosted(second) == WaitResult::Done;
+    return !secondCame;
+  };
+  if (WaitInSlices(first, end, lookForSecond) == WaitResult::Done) return Posted::First;
+  return secondCame ? Posted::Second : Posted::Neither;
+}
+
+void WaitWithoutLimit(sem_t& semaphore) {
   while (sem_wait(&semaphore) != 0 && errno == EINTR) continue;
+}
+
+void Empty(sem_t& semaphore) {
+  while (TakePosted(semaphore) == WaitResult::Done) continue;
 }
 
 void SleepMs(unsigned int milliseconds) {
   const timespec pause = ToTimespec(milliseconds * nanosecondsPerMs);
   clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr);
 }
+
+}  // namespace common
