@@ -1,5 +1,6 @@
 #include "support/FaultTest.h"
 
+#include <dlfcn.h>
 #include <tessera_platform/control.h>
 #include <unistd.h>
 
@@ -7,6 +8,30 @@
 #include <optional>
 
 #include "PoolFixture.h"
+
+namespace {
+
+OMX_U32 toldPorts = 0;  ///< that an image component says to have, if not 0
+decltype(OMX_COMPONENTTYPE::GetParameter) getParameter;
+
+OMX_ERRORTYPE tellPorts(OMX_HANDLETYPE component, OMX_INDEXTYPE index, OMX_PTR answer) {
+  const OMX_ERRORTYPE error = getParameter(component, index, answer);
+  if (toldPorts != 0 && index == OMX_IndexParamImageInit)
+    static_cast<OMX_PORT_PARAM_TYPE*>(answer)->nPorts = toldPorts;
+  return error;
+}
+
+}  // namespace
+
+OMX_ERRORTYPE OMX_GetHandle(OMX_HANDLETYPE* handle, OMX_STRING name, OMX_PTR appData,
+                            OMX_CALLBACKTYPE* callbacks) {
+  static auto* const system =
+      reinterpret_cast<decltype(&OMX_GetHandle)>(dlsym(RTLD_NEXT, "OMX_GetHandle"));
+  const OMX_ERRORTYPE error = system(handle, name, appData, callbacks);
+  if (*handle != nullptr)
+    getParameter = std::exchange(static_cast<OMX_COMPONENTTYPE*>(*handle)->GetParameter, tellPorts);
+  return error;
+}
 
 namespace {
 
@@ -168,6 +193,35 @@ TEST_F(Faults, AllWaitsOfACallTogetherKeepItsLimit) {
   EXPECT_LT(took, std::chrono::milliseconds(10000));
 }
 
+/// A size told wrong: another one than the pool's is announced by nobody, the pool's own by the
+/// component while the picture is waited for, here twice; that is looked for every 200 ms.
+TEST_F(Faults, ASizeToldWrongCostsASecondAtMost) {
+  QuietPool tested;
+  const Bytes jpeg = encodeJpeg(scene(96, 80), Sampling::Yuv444, 85, true);
+  for (const auto& [width, tookMs] : {std::pair(1280, 200), std::pair(640, 1000)}) {
+    inject(mangle("EventHandler", twice));
+    expectAnswer<bool>(
+        [&, width = width] { return difference(decode(*tested, jpeg, width, 720), jpeg).empty(); },
+        true, "", "", tookMs);
+    control::clearFaults();
+  }
+}
+
+TEST_F(Faults, TwoPortsAreNeededAndMoreDoNoHarm) {
+  for (const OMX_U32 ports : {1u, 3u}) {
+    toldPorts = ports;
+    Capture capture;
+    DecoderPool* const tested = GetDecoderPool();
+    toldPorts = 0;
+    const Bytes jpeg = jpegOf(64, 48);
+    EXPECT_EQ(capture.out().find("at least 2 ports") == 0, ports == 1) << capture.out();
+    EXPECT_EQ(difference(decode(*tested, jpeg), jpeg).empty(), ports == 3);
+    ReleaseDecoderPool(tested);
+  }
+}
+
+const std::string notBack = " DecoderPool::DecodeJpeg - the input buffers do not come back\n";
+
 TEST_F(Faults, APieceThatCannotBePassedOnIsTold) {
   char data[8] = {};
   const auto pass = [&](DecoderPool& to, char* jpeg, int size, bool expected, const char* line) {
@@ -182,9 +236,16 @@ TEST_F(Faults, APieceThatCannotBePassedOnIsTold) {
     inject(refuse("OMX_EmptyThisBuffer"));
     pass(*tested, data, 8, true, ("error during empty - " + noResources + " \n").c_str());
     control::clearFaults();
-    TesseraLayout::occupyInputs(*tested, 1);
-    const Capture quiet;
-    EXPECT_TRUE((*tested).PassJpegToDecoder(data, 8));
+    // The component takes three pieces and never gives them back; the fourth waits in vain.
+    inject(control::CallFault{"OMX_EmptyThisBuffer", 1, true, control::CallFault::NullResult, 0});
+    control::startJournal();
+    for (int i = 0; i < 3; ++i) pass(*tested, data, 8, true, "");
+    control::stopJournal();
+    const std::string call = "EmptyThisBuffer(image_decode#1:320, 8 bytes EOS)\n";
+    EXPECT_EQ(calls(), call + call + call);
+    std::string busy;
+    for (int waitedMs = 0; waitedMs < 9950; waitedMs += 10) busy += "pBufHeader->nFilledLen != 0";
+    pass(*tested, data, 8, true, (busy + notBack).c_str());
     TesseraLayout::occupyInputs(*tested, 0);
   }
   for (const AnyFault& fault : {refuse("OMX_AllocateBuffer", 2), refuse("OMX_GetHandle")}) {
@@ -231,9 +292,8 @@ TEST_F(Faults, InputBuffersThatStayAwayAreGivenUp) {
   const Bytes jpeg = jpegOf(64, 48);
   TesseraLayout::occupyInputs(*tested, 1);
   const std::string lines = decode(*tested, jpeg).lines;
-  const std::string last = " DecoderPool::DecodeJpeg - the input buffers do not come back\n";
   EXPECT_EQ(lines.find("pBufHeader->nFilledLen != 0"), 0u);
-  EXPECT_EQ(lines.find(last) + last.size(), lines.size()) << lines;
+  EXPECT_EQ(lines.find(notBack) + notBack.size(), lines.size()) << lines;
   TesseraLayout::occupyInputs(*tested, 0);
   EXPECT_EQ(difference(decode(*tested, jpeg), jpeg), "");
 }
@@ -329,8 +389,8 @@ TEST_F(Teardown, FreesTheHandleOnlyOnceLoadedWasReported) {
       {"allocation refused", {}, refuse("OMX_AllocateBuffer"), {}},
       {"enable refused", {}, refuse("OMX_SendCommand", 2), {}},
       {"second flush refused", {}, refuse("OMX_FillThisBuffer"), refuse("OMX_SendCommand", 2)},
-      {"disabled too late", {}, delay("EventHandler", 2, 105), {}},
-      {"written off, and late", {}, delay("EventHandler", 2, 205), delay("FillBufferDone", 9, 1)},
+      {"disabled too late", {}, delay("EventHandler", 2, 10100), {}},
+      {"written off, and late", {}, delay("EventHandler", 2, 20100), delay("FillBufferDone", 9, 1)},
       {"input format", refuse("OMX_SetParameter"), {}, {}},
       {"input buffer", refuse("OMX_AllocateBuffer", 2), {}, {}},
       {"output format", refuse("OMX_SetParameter", 3), {}, {}},
@@ -364,6 +424,9 @@ TEST_F(Teardown, FreesTheHandleOnlyOnceLoadedWasReported) {
       const auto freed = at("OMX_FreeHandle");
       EXPECT_NE(freed, lines.end());
       EXPECT_LT(at("CmdComplete StateSet Loaded"), freed);
+      if (row.inSetup) {
+        EXPECT_EQ(at("Flush"), lines.end()) << "nothing was ever asked for";
+      }
     }
 }
 

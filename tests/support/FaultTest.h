@@ -74,6 +74,7 @@ class FaultTest : public testing::Test {
     control::clearFaults();
     interpose::reset();
     EXPECT_EQ(control::describe(control::census()), "nothing");
+    EXPECT_EQ(interpose::liveSemaphores(), 0);
   }
 };
 
