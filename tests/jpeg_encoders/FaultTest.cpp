@@ -80,7 +80,6 @@ const std::string failed = mmal + "Encode - initialization failed\n";
 const std::string step = mmal + "Initialize - failed to ";
 const FaultCase mmalFaults[] = {
     {"Component", refuse("mmal_wrapper_create"), failed, step + "create mmal component\n"},
-    {"NullComponent", nullResult("mmal_wrapper_create"), failed, step + "create mmal component\n"},
     {"InputFormat", refuse("mmal_port_format_commit"), failed, step + "commit input port format\n"},
     {"InputPort", refuse("mmal_wrapper_port_enable"), failed, step + "enable input port\n"},
     {"OutputFormat", refuse("mmal_port_format_commit", 2), failed,
@@ -127,7 +126,6 @@ const FaultCase omxFaults[] = {
     // Ports that stay enabled keep the component from reaching Idle; the next encode takes another.
     refusal("GetParameter", 3, "", noIdle),
     refusal("SendCommand", 1, setUp + "OMX_CommandPortDisable", noIdle),
-    refusal("SendCommand", 2, setUp + "OMX_CommandPortDisable", noIdle),
     refusal("GetParameter", 5, input + get, noInput),
     refusal("SetParameter", 1, input + set, noInput),
     refusal("GetParameter", 6, input + get + "::AfterSetup", noInput),
@@ -138,8 +136,6 @@ const FaultCase omxFaults[] = {
     refusal("SendCommand", 4, omx + enable + "Input"),
     refusal("GetParameter", 8, inputBuffer + get + "::Input", noInputBuffer),
     refusal("AllocateBuffer", 1, inputBuffer + allocate + "Input", noInputBuffer),
-    {"NullInputBuffer", nullResult("OMX_AllocateBuffer"), noInputBuffer,
-     omxLine(inputBuffer + allocate + "Input")},
     // From here on buffers stay where they are, and the ports refuse to be set up again.
     refusal("SendCommand", 5, hardware + "Encode" + enable + "Output", "", false, false),
     refusal("GetParameter", 9, outputBuffer + get + "::Output", noOutputBuffer),
@@ -406,7 +402,8 @@ TEST_P(BothJpeg, TheConversationReadsLikeThis) {
   control::startJournal();
   {
     JpegEncoder encoder(*GetParam());
-    for (int t : {0, 1}) encoder.encode(scene(100, 50, t));
+    // MMAL keeps its setup for the second.
+    for (int t = 0; t < (GetParam()->mmal ? 2 : 1); ++t) encoder.encode(scene(100, 50, t));
     encoder.encode(scene(64, 48), 24);
   }
   expectConversation(GetParam()->name);
