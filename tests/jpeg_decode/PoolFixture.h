@@ -26,9 +26,9 @@ struct TesseraTestAccess {
   static OMX_U32 inputCapacity(const DecoderPool& pool) {
     return pool.ppInputBuffers[0]->nAllocLen;
   }
-  /// Has the input buffers look as if the component still had their data.
-  static void occupyInputs(DecoderPool& pool, OMX_U32 bytes) {
-    for (int i = 0; i < pool.nInputBuffers; ++i) pool.ppInputBuffers[i]->nFilledLen = bytes;
+  /// Has the input buffers look as if the component had consumed them.
+  static void freeInputs(DecoderPool& pool) {
+    for (int i = 0; i < pool.nInputBuffers; ++i) pool.ppInputBuffers[i]->nFilledLen = 0;
   }
   static OMX_ERRORTYPE lastError(const DecoderPool& pool) { return pool.lastError; }
 };

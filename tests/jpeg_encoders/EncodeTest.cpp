@@ -28,11 +28,17 @@ const JpegClass& omxJpeg() {
 
 Encoded JpegEncoder::encode(Bytes frame, Bits bits, int width, int height, unsigned capacity) {
   Encoded out{0, Bytes(capacity), 0xDEAD};
-  out.result = bits == 0 ? made_->EncodeYUYV(frame.data(), length(frame), width, height,
-                                             out.jpeg.data(), capacity, out.size)
-                         : kind_.encodeRgb(*made_, frame, static_cast<unsigned>(bits), width,
-                                           height, out.jpeg, out.size);
-  out.jpeg.resize(out.result == 1 ? out.size : 0);
+  // A negative size counts by its magnitude, for RGB.
+  if (bits == 0)
+    out.result = made_->EncodeYUYV(frame.data(), length(frame), width, height, out.jpeg.data(),
+                                   capacity, out.size);
+  else if (bits == 32)
+    out.result = made_->EncodeRGB32(frame.data(), length(frame), -width, -height, out.jpeg.data(),
+                                    capacity, out.size);
+  else
+    out.result = kind_.encodeRgb(*made_, frame, static_cast<unsigned>(bits), width, height,
+                                 out.jpeg, out.size);
+  if (out.result == 1) out.jpeg.resize(out.size);
   return out;
 }
 
@@ -139,7 +145,10 @@ TEST(MmalJpeg, ShortFrameIsTakenAsFarAsItGoes) {
   encoder.encode(support::flat(64, 48, 10, 20, 30));
   Bytes half = encoder.raw(image, 0);
   half.resize(half.size() / 2);
+  support::control::startJournal();
   const Image seen = support::decodeJpegToRgb(encoder.encode(half, 0, 64, 48).jpeg);
+  support::control::stopJournal();
+  EXPECT_NE(support::calls().find(", 6144 bytes EOS)"), std::string::npos) << "not the buffer's";
   const auto third = [](const Bytes& rgb) { return Bytes(rgb.begin(), rgb.begin() + 64 * 16 * 3); };
   EXPECT_GT(support::psnr(third(seen.rgb), third(image.rgb)), 28);
 }

@@ -19,6 +19,7 @@ namespace {
 
 std::atomic<std::size_t> allocations{0};
 std::atomic<std::size_t> live{0};
+std::atomic<int> semaphores{0};
 std::atomic<pthread_t> armer{};  ///< of what was armed last
 
 struct Range {
@@ -116,6 +117,9 @@ bool isLibrary(const void* address) {
 std::size_t liveBlocks() {
   return live;
 }
+int liveSemaphores() {
+  return semaphores;
+}
 std::size_t allocationsOfLibrary() {
   return allocations;
 }
@@ -145,7 +149,14 @@ int sem_init(sem_t* semaphore, int shared, unsigned value) noexcept {
     errno = ENOSPC;
     return -1;
   }
+  ++interpose::semaphores;
   return system(semaphore, shared, value);
+}
+
+int sem_destroy(sem_t* semaphore) noexcept {
+  static auto* const system = reinterpret_cast<int (*)(sem_t*)>(dlsym(RTLD_NEXT, "sem_destroy"));
+  --interpose::semaphores;
+  return system(semaphore);
 }
 }
 

@@ -29,10 +29,6 @@ extern Failing allocation;    ///< operator new, called by libtessera.so, has no
 /// workers have no memory.
 extern Failing elsewhere;
 
-/// operator new and the start of a thread, on any thread but the one that armed it: a platform's
-/// workers have no memory.
-extern Failing elsewhere;
-
 /// Whether an address is in the code of libtessera.so.
 bool isLibrary(const void* address);
 
@@ -41,6 +37,9 @@ std::size_t allocationsOfLibrary();
 
 /// Blocks made by operator new, by anybody, and not yet deleted.
 std::size_t liveBlocks();
+
+/// Semaphores initialised and not yet destroyed; nobody but the library has any.
+int liveSemaphores();
 
 void reset();
 
