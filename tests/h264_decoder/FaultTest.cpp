@@ -205,8 +205,8 @@ TEST_F(DecoderFaults, BadArgumentsAndStates) {
               name + "Create - invalid state [(nil)]\n");
   expectInput(nullptr, 0, 64, 48, CodecInvalidArgument, "input arguments [(nil)][0]");
   expectInput(nullptr, 5, 64, 48, CodecInvalidArgument, "input arguments [(nil)][5]");
-  expectInput(&byte, 1, 640, 480, CodecStreamMismatch,
-              "stream setup input[640x480] decoder[0x0]. Use Create callback.");
+  expectInput(&byte, 1, 0, 480, CodecStreamMismatch,
+              "stream setup input[0x480] decoder[0x0]. Use Create callback.");
   expectInput(&byte, 1, 0, 0, CodecInvalidState, "state [(nil)] [(nil)]");
   expectOutput(nullptr, 5, CodecInvalidArgument, "input parameters [(nil)][5]\n");
   expectOutput(&byte, 0, CodecInvalidArgument, "input parameters [0x");
@@ -218,7 +218,7 @@ TEST_F(DecoderFaults, BadArgumentsAndStates) {
       CodecInvalidArgument, "", name + "ProcessOutput - invalid input argument\n");
   EXPECT_TRUE(out.empty());
   decoder.ResetResources();
-  ASSERT_TRUE(decoder.Initialize());
+  ASSERT_TRUE(decoder.Initialize() && decoder.Initialize());
   expectFalse([&] { return decoder.Create(0, 480, 0, nullptr); },
               name + "SetInputFormat - image dimensions are not supported 0x480\n" + name +
                   "Create - SetInputFormat failed with 0x3\n");
@@ -231,16 +231,24 @@ TEST_F(DecoderFaults, BadArgumentsAndStates) {
                               name + "SetOutputFormat - image dimensions are not supported 64x0\n");
 }
 
-TEST_F(DecoderFaults, CallbacksWithoutAnObjectReleaseTheBuffer) {
+TEST_F(DecoderFaults, CallbacksWithoutAnObjectOrAQueueReleaseTheBuffer) {
   MMAL_POOL_T* const buffers = mmal_pool_create(1, 64);
   MMAL_PORT_T port{};
-  for (const auto callback : {InputDecH264Callback, OutputDecH264Callback}) {
-    MMAL_BUFFER_HEADER_T* const buffer = mmal_queue_get(buffers->queue);
-    ASSERT_NE(buffer, nullptr);
-    callback(&port, buffer);
-    EXPECT_EQ(mmal_queue_length(buffers->queue), 1u);
+  inject(refuse("mmal_queue_create"));
+  Decoder decoder;
+  for (Decoder* const user : {static_cast<Decoder*>(nullptr), &decoder}) {
+    port.userdata = reinterpret_cast<MMAL_PORT_USERDATA_T*>(user);
+    for (const auto callback : {InputDecH264Callback, OutputDecH264Callback}) {
+      MMAL_BUFFER_HEADER_T* const buffer = mmal_queue_get(buffers->queue);
+      ASSERT_NE(buffer, nullptr);
+      callback(&port, buffer);
+      EXPECT_EQ(mmal_queue_length(buffers->queue), 1u);
+    }
   }
   mmal_pool_destroy(buffers);
+  ASSERT_TRUE(decoder.Initialize() && decoder.Create(64, 48, 0, nullptr));
+  EXPECT_EQ(take(decoder), CodecNoBuffer);
+  EXPECT_EQ(credits(decoder), 2);
 }
 
 std::string tooLong(int size, int buffer) {
@@ -333,6 +341,7 @@ TEST_F(DecoderFaults, ShortOfMemoryItGivesTheBufferBack) {
     EXPECT_THROW(decoder->ProcessOutput(&frame, out.size, out.width, out.height, out.timestamp),
                  std::bad_alloc);
     EXPECT_EQ(frame, nullptr);
+    EXPECT_EQ(out.size, 77u);
   }
   expectWorks(*decoder);
 }
@@ -409,6 +418,8 @@ TEST_F(DecoderThreads, CreateWaitsForAPictureThatIsBeingCopied) {
   static std::thread creator;
   static std::atomic<pid_t> thread;
   static std::atomic<bool> created;
+  thread = 0;
+  created = false;
   decoder = ready();
   ASSERT_EQ(feed(*decoder), CodecOk);
   interpose::beforeAllocation = [] {
@@ -448,6 +459,7 @@ TEST_F(DecoderFaults, TheConversationReadsLikeThis) {
         [&] { return decoder.ProcessInput(data.data(), 12000, 100, 50, 1, 40); }, CodecOk,
         bigger + bigger, "");
     decoder.ProcessInput(data.data(), 1, 100, 50, 0, 0);
+    take(decoder);
     decoder.Create(-1920, 1080, 5, nullptr);
   }
   expectConversation("CMmalH264Decoder");

@@ -284,10 +284,11 @@ TEST_P(BothH264, TheConversationReadsLikeThis) {
   control::startJournal();
   {
     H264Encoder encoder(*GetParam());
-    encoder.create({i420, 100, 50, 30, 1, 1, 1, 1000000});
-    encoder.feed();
+    encoder.create({i420, 100, 50, 30, 1, 4, 3, 1000000});
+    Bytes frame(12000);
+    (*encoder).ProcessInput(frame.data(), length(frame), 0, timestamp);
     for (int buffer = 0; buffer < 2; ++buffer) encoder.take();
-    encoder.create({yuyv, 64, 48});
+    encoder.create({yuyv, -64, 48});
   }
   expectConversation(GetParam()->name);
 }

@@ -228,9 +228,9 @@ TEST_P(BothH264, CreatedAgainItStartsAfresh) {
   encode(encoder, wish, 3, sceneOf(wish));
   // Leaves finished data in the queue, or a frame in the component.
   ASSERT_EQ(encoder.feed(3), CodecOk);
-  for (int again = 0; again < 2; ++again)
-    EXPECT_EQ(encode(encoder, smaller, 5, sceneOf(smaller)).stream,
-              encode(fresh, smaller, 5, sceneOf(smaller)).stream);
+  for (const Wish& each : {smaller, smaller, wish})
+    EXPECT_EQ(encode(encoder, each, 5, sceneOf(each)).stream,
+              encode(fresh, each, 5, sceneOf(each)).stream);
 }
 
 }  // namespace
