@@ -224,13 +224,15 @@ TEST_P(BothH264, ObjectsDoNotDisturbEachOther) {
 TEST_P(BothH264, CreatedAgainItStartsAfresh) {
   const Wish wish{i420, 320, 240}, smaller{yuyv, 100, 50};
   const support::Capture quiet;
-  H264Encoder encoder(*GetParam()), fresh(*GetParam());
+  H264Encoder encoder(*GetParam());
   encode(encoder, wish, 3, sceneOf(wish));
   // Leaves finished data in the queue, or a frame in the component.
   ASSERT_EQ(encoder.feed(3), CodecOk);
-  for (const Wish& each : {smaller, smaller, wish})
+  for (const Wish& each : {smaller, smaller, wish}) {
+    H264Encoder fresh(*GetParam());
     EXPECT_EQ(encode(encoder, each, 5, sceneOf(each)).stream,
               encode(fresh, each, 5, sceneOf(each)).stream);
+  }
 }
 
 }  // namespace
