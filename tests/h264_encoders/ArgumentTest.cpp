@@ -112,13 +112,13 @@ TEST_P(BothH264, WhatDoesNotFitIsToldAndGone) {
   H264Encoder encoder(*GetParam());
   ASSERT_TRUE(encoder.create());
   ASSERT_EQ(encoder.feed(), CodecOk);
-  const Output small = encoder.takePatiently(1);
+  const Output small = encoder.take(1);
   EXPECT_EQ(small.status, CodecBufferTooSmall);
   EXPECT_GT(small.size, 10u);
   EXPECT_EQ(small.flags, 0u);
   EXPECT_EQ(small.data, Bytes{0xA5});
   // The frame, after the parameter sets.
-  const Output next = encoder.takePatiently();
+  const Output next = encoder.take();
   EXPECT_EQ(next.status, CodecOk);
   EXPECT_EQ(next.flags, 1u);
   EXPECT_EQ(next.data.at(4) & 31, 5);

@@ -161,7 +161,10 @@ TEST_F(H264FaultTest, APortThatStaysOpenIsReported) {
     ASSERT_TRUE(encoder.create() && encoder.works());
     Capture capture;
     inject(refuse("mmal_port_disable", nth));
+    control::startJournal();
     encoder.create({i420, 32, 32});
+    control::stopJournal();
+    EXPECT_NE(calls().find("\nport_flush("), std::string::npos) << "the pool goes with its buffers";
     const std::string line = nth == 1 ? "SetInputFormat" : "SetOutputFormat";
     EXPECT_EQ(capture.err().find(mmal + line + " - failed to disable input port. Error code [0x7]"),
               0u);
@@ -173,7 +176,6 @@ TEST_F(H264FaultTest, APortThatStaysOpenIsReported) {
 // -------------------------------------------------------------------------- waits and resources
 
 TEST_P(BothH264, WaitsEndOnTimeWhateverDisturbsThem) {
-  const VirtualTime time;
   const bool isMmal = GetParam()->mmal;
   const LimitBy clock = isMmal ? LimitBy::WallClock : LimitBy::SteadyClock;
   H264Encoder encoder(*GetParam());
@@ -215,12 +217,39 @@ TEST_F(H264FaultTest, BrokenWaitsAreReported) {
   EXPECT_TRUE(encoder.works(3));
 }
 
-TEST_F(H264FaultTest, SemaphoresThatCannotBeMadeAreReported) {
+TEST_F(H264FaultTest, WhatCannotBeMadeIsReported) {
+  interpose::allocation.arm(1);
+  EXPECT_THROW(CreateEncoderH264(), std::bad_alloc);
   for (const auto& [nth, which] : {std::pair(1, "input"), std::pair(2, "output")}) {
     interpose::semInit.arm(nth);
     expectAnswer<bool>([] { return CMmalH264Encoder(), true; }, true, "",
                        mmal + "CMmalH264Encoder - failed to create " + which + " semaphore\n");
   }
+}
+
+TEST_F(H264FaultTest, ACallbackWithoutAnObjectFindsNothing) {
+  MMAL_POOL_T* const buffers = mmal_pool_create(2, 64);
+  MMAL_PORT_T nobodys{};
+  InputCallback(&nobodys, mmal_queue_get(buffers->queue));
+  EXPECT_EQ(mmal_queue_length(buffers->queue), 2u);
+  OutputCallback(&nobodys, mmal_queue_get(buffers->queue));
+  EXPECT_EQ(mmal_queue_length(buffers->queue), 1u) << "left as it is";
+  mmal_pool_destroy(buffers);
+}
+
+TEST_F(H264FaultTest, KeyFramesComeEverySecondOrEvery30WhereNoneIsKnown) {
+  CMmalH264Encoder encoder;
+  MMAL_COMPONENT_T* component = nullptr;
+  ASSERT_EQ(mmal_component_create("vc.ril.video_encode", &component), MMAL_SUCCESS);
+  ASSERT_EQ(encoder.SetInputFormat(component, i420, 64, 48, 30, 1, 1, 1), MMAL_SUCCESS);
+  for (const auto& [num, den, period] : {std::tuple(0u, 1u, 30), {25u, 0u, 30}, {59u, 2u, 29}}) {
+    control::startJournal();
+    EXPECT_EQ(encoder.SetOutputFormat(component, 64, 48, 500000, num, den), MMAL_SUCCESS);
+    EXPECT_NE(calls().find("INTRAPERIOD " + std::to_string(period) + ")"), std::string::npos)
+        << num;
+  }
+  control::stopJournal();
+  mmal_component_destroy(component);
 }
 
 /// The MMAL class loses the data and gives its buffer back; the other one keeps them.
@@ -230,19 +259,13 @@ TEST_P(BothH264, ShortOfMemoryItGoesOn) {
   for (int t = 0; t < 6; ++t) {  // more often than there are buffers
     ASSERT_EQ(encoder.feed(t), CodecOk);
     if (t == 0) {
-      ASSERT_EQ(encoder.takePatiently().status, CodecOk);
+      ASSERT_EQ(encoder.take().status, CodecOk);
     }
     unsigned char* array = nullptr;
     unsigned size = 5, flags = 5;
-    const auto output = [&] {
-      while ((*encoder).ProcessOutput(&array, size, flags) == CodecTimeout) continue;
-    };
-    {
-      const Capture quiet;
-      interpose::allocation.arm(1, true);
-      EXPECT_THROW(output(), std::bad_alloc);
-      interpose::allocation.disarm();
-    }
+    interpose::allocation.arm(1, true);
+    EXPECT_THROW((*encoder).ProcessOutput(&array, size, flags), std::bad_alloc);
+    interpose::allocation.disarm();
     EXPECT_EQ(array, nullptr);
     EXPECT_EQ(size, 5u);
     if (GetParam()->mmal) continue;
@@ -251,21 +274,21 @@ TEST_P(BothH264, ShortOfMemoryItGoesOn) {
     EXPECT_EQ(kept.flags, t == 0 ? 1u : 0u);
   }
   ASSERT_EQ(encoder.feed(6), CodecOk);
-  EXPECT_EQ(encoder.takePatiently().status, CodecOk);
+  EXPECT_EQ(encoder.take().status, CodecOk);
 }
 
 // -------------------------------------------------------------------------------- conversation
 
 TEST_P(BothH264, TheConversationReadsLikeThis) {
-  const VirtualTime time;
   const Capture quiet;
   control::startJournal();
   {
     H264Encoder encoder(*GetParam());
-    encoder.create({i420, 100, 50, 30, 1, 1, 1, 1000000});
-    encoder.feed();
+    encoder.create({i420, 100, 50, 30, 1, 4, 3, 1000000});
+    Bytes frame(12000);
+    (*encoder).ProcessInput(frame.data(), length(frame), 0, timestamp);
     for (int buffer = 0; buffer < 2; ++buffer) encoder.take();
-    encoder.create({yuyv, 64, 48});
+    encoder.create({yuyv, -64, 48});
   }
   expectConversation(GetParam()->name);
 }

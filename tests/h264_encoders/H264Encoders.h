@@ -30,6 +30,9 @@ inline void PrintTo(const H264Class* kind, std::ostream* out) {
   *out << kind->name;
 }
 
+/// What every frame gets, and the OpenMAX IL class alone passes on.
+constexpr long long timestamp = 40'000'000'000;
+
 /// What Create gets.
 struct Wish {
   unsigned format = yuyv;
@@ -55,8 +58,7 @@ struct Video {
 /// An object of one of them.
 class H264Encoder {
  public:
-  explicit H264Encoder(const H264Class& kind)
-      : made_(kind.make(), ReleaseEncoderH264), tries_(kind.mmal ? 50 : 1) {}
+  explicit H264Encoder(const H264Class& kind) : made_(kind.make(), ReleaseEncoderH264) {}
 
   IH264Encoder& operator*() { return *made_; }
   bool create(const Wish& wish = {});
@@ -64,8 +66,6 @@ class H264Encoder {
   CodecStatus feed(int t = 0);
   CodecStatus feed(const Image& image);
   Output take(unsigned capacity = 1 << 20);
-  /// As often as the MMAL class times out: a slow machine gets some more time.
-  Output takePatiently(unsigned capacity = 1 << 20);
   Output takeArray();
   /// Takes the buffers of one frame, with both overloads in turn.
   bool collect(Video& video);
@@ -74,7 +74,6 @@ class H264Encoder {
 
  private:
   std::unique_ptr<IH264Encoder, int (*)(IH264Encoder*)> made_;
-  int tries_;
   Wish wish_;
 };
 
@@ -87,6 +86,8 @@ inline unsigned length(const Bytes& bytes) {
 }
 
 /// Tests of both classes.
-class BothH264 : public support::FaultTest, public testing::WithParamInterface<const H264Class*> {};
+class BothH264 : public support::FaultTest, public testing::WithParamInterface<const H264Class*> {
+  const support::VirtualTime time_;
+};
 
 #endif  // TESSERA_TESTS_H264_ENCODERS_H264ENCODERS_H

@@ -15,6 +15,7 @@
 namespace support::interpose {
 
 Failing semInit, semWait, clockGettime, allocation, elsewhere;
+std::atomic<void (*)()> beforeAllocation{};
 namespace {
 
 std::atomic<std::size_t> allocations{0};
@@ -56,6 +57,7 @@ void admit(const void* caller) {
   if (deniedElsewhere()) throw std::bad_alloc();
   if (!isLibrary(caller)) return;
   ++allocations;
+  if (const auto run = beforeAllocation.load()) run();
   if (allocation.hit()) throw std::bad_alloc();
 }
 

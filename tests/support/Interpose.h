@@ -29,6 +29,9 @@ extern Failing allocation;    ///< operator new, called by libtessera.so, has no
 /// workers have no memory.
 extern Failing elsewhere;
 
+/// Runs, if there is one, when libtessera.so calls operator new.
+extern std::atomic<void (*)()> beforeAllocation;
+
 /// Whether an address is in the code of libtessera.so.
 bool isLibrary(const void* address);
 

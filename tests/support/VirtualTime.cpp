@@ -91,12 +91,13 @@ struct Wait {
   const std::atomic<bool>* over = nullptr;  ///< that ends it, or null
   pthread_cond_t* condition = nullptr;      ///< that wakes it, or null
   bool client = takesPart;
+  mutable bool taken = false;
 
   long long left() const { return deadline == never ? never : deadline - now(clock); }
   /// Whether its thread is about to go on.
   bool ending() const {
     int count = 0;
-    return left() <= 0 || (over != nullptr && *over) ||
+    return taken || left() <= 0 || (over != nullptr && *over) ||
            (semaphore != nullptr && real().sem_getvalue(semaphore, &count) == 0 && count > 0);
   }
 };
@@ -177,14 +178,18 @@ int take(sem_t* semaphore, clockid_t clock, long long deadline) {
   const Listed listing(wait);
   for (;;) {
     if (takesPart) control::awaitQuiet();
-    if (real().sem_trywait(semaphore) == 0) return 0;
+    {
+      // In one step for those who look: a semaphore just taken must not pass for one waited for.
+      const std::lock_guard<std::mutex> lock(listed);
+      if (real().sem_trywait(semaphore) == 0) return wait.taken = true, 0;
+    }
     if (wait.left() <= 0) {
       errno = ETIMEDOUT;
       return -1;
     }
     if (takesPart && jump()) continue;
     const timespec slice = realSlice(clientSlice);
-    if (real().sem_timedwait(semaphore, &slice) == 0) return 0;
+    if (real().sem_timedwait(semaphore, &slice) == 0) sem_post(semaphore);
   }
 }
 

@@ -155,9 +155,10 @@ OMX_ERRORTYPE emptyThisBuffer(OMX_HANDLETYPE handle, OMX_BUFFERHEADERTYPE* heade
       "OMX_EmptyThisBuffer", handle, [&](Component& c) { return c.submit(OMX_DirInput, header); },
       [&](Component& c) {
         const std::string name = c.nameOfPortOf(header);
-        return header == nullptr ? name
-                                 : name + ", " + std::to_string(header->nFilledLen) + " bytes" +
-                                       text::flags(header->nFlags);
+        return header == nullptr
+                   ? name
+                   : name + ", " + std::to_string(header->nFilledLen) + " bytes" +
+                         text::flags(header->nFlags) + text::timestamp(header->nTimeStamp);
       });
 }
 

@@ -1,6 +1,7 @@
 #include "il/Text.h"
 
 #include <array>
+#include <cstdint>
 #include <cstdio>
 
 namespace il::text {
@@ -111,10 +112,12 @@ std::string view(const View& v) {
 }
 
 std::string definition(const OMX_PARAM_PORTDEFINITIONTYPE& d) {
-  std::string text = d.eDomain == OMX_PortDomainVideo ? view(d.format.video) : view(d.format.image);
-  if (d.eDomain == OMX_PortDomainVideo && d.format.video.eColorFormat != OMX_COLOR_FormatUnused)
-    text += " rate " + hexadecimal(d.format.video.xFramerate);
-  return text + " size " + std::to_string(d.nBufferSize);
+  const std::string size = " size " + std::to_string(d.nBufferSize);
+  if (d.eDomain != OMX_PortDomainVideo) return view(d.format.image) + size;
+  const OMX_VIDEO_PORTDEFINITIONTYPE& video = d.format.video;
+  std::string text = view(video) + " rate " + hexadecimal(video.xFramerate);
+  if (video.nBitrate != 0) text += " bitrate " + std::to_string(video.nBitrate);
+  return text + size;
 }
 
 /// Index and port, and what `tell` makes of the structure; the index alone where the structure is
@@ -158,6 +161,11 @@ std::string flags(OMX_U32 value) {
   for (unsigned bit = 0; bit < std::size(names); ++bit)
     if (value & (1u << bit)) text += std::string(" ") + names[bit];
   return text;
+}
+
+std::string timestamp(OMX_TICKS ticks) {
+  const std::uint64_t value = std::uint64_t{ticks.nHighPart} << 32 | ticks.nLowPart;
+  return value == 0 ? "" : " at " + std::to_string(value);
 }
 
 std::string command(OMX_COMMANDTYPE value, OMX_U32 parameter) {

@@ -11,7 +11,8 @@ namespace il::text {
 std::string error(OMX_ERRORTYPE code);  ///< "None", "BadParameter", or the code in hexadecimal
 std::string state(OMX_U32 state);       ///< "Idle"
 std::string index(OMX_INDEXTYPE index);
-std::string flags(OMX_U32 flags);  ///< " EOS ENDOFFRAME", each with a blank before it
+std::string flags(OMX_U32 flags);        ///< " EOS ENDOFFRAME", each with a blank before it
+std::string timestamp(OMX_TICKS ticks);  ///< " at 40000"; nothing for 0
 
 /// "StateSet Idle", "PortDisable 320", "Flush all".
 std::string command(OMX_COMMANDTYPE command, OMX_U32 parameter);

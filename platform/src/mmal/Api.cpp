@@ -98,7 +98,8 @@ MMAL_STATUS_T mmal_port_enable(MMAL_PORT_T* port, MMAL_PORT_BH_CB_T cb) {
       [&] {
         if (port == nullptr) return nameOrNull(port);
         return nameOrNull(port) + ", " + std::to_string(port->buffer_num) + " x " +
-               std::to_string(port->buffer_size);
+               std::to_string(port->buffer_size) +
+               (port->userdata == nullptr ? ", no user data" : "");
       });
 }
 

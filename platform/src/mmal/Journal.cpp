@@ -76,6 +76,7 @@ std::string nameOf(const MMAL_POOL_T* pool) {
 std::string formatText(const MMAL_ES_FORMAT_T& format) {
   std::ostringstream text;
   text << fourccText(format.encoding);
+  if (format.encoding_variant != 0) text << " variant " << fourccText(format.encoding_variant);
   if (format.type == MMAL_ES_TYPE_VIDEO && format.es != nullptr) {
     const MMAL_VIDEO_FORMAT_T& video = format.es->video;
     text << ' ' << video.width << 'x' << video.height << " crop " << video.crop.x << ','
@@ -99,6 +100,7 @@ std::string payloadText(const MMAL_BUFFER_HEADER_T& buffer) {
     separator = '|';
   }
   if (buffer.pts != MMAL_TIME_UNKNOWN) text += " pts " + std::to_string(buffer.pts);
+  if (buffer.dts != MMAL_TIME_UNKNOWN) text += " dts " + std::to_string(buffer.dts);
   return text;
 }
 
