@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "codec/JpegDecoder.h"
+#include "codec/cpu/JpegDecoder.h"
 #include "convert/GuardedMemory.h"
 #include "jpeg_decode/JpegSurgery.h"
 

@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "codec/JpegDecoder.h"
+#include "codec/cpu/JpegDecoder.h"
 #include "il/Component.h"
 
 namespace il {

@@ -1,7 +1,7 @@
 #ifndef TESSERA_PLATFORM_SRC_IL_IMAGEENCODE_H
 #define TESSERA_PLATFORM_SRC_IL_IMAGEENCODE_H
 
-#include "codec/JpegEncoder.h"
+#include "codec/cpu/JpegEncoder.h"
 #include "il/Component.h"
 
 namespace il {

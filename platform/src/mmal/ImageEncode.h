@@ -1,7 +1,7 @@
 #ifndef TESSERA_PLATFORM_SRC_MMAL_IMAGEENCODE_H
 #define TESSERA_PLATFORM_SRC_MMAL_IMAGEENCODE_H
 
-#include "codec/JpegEncoder.h"
+#include "codec/cpu/JpegEncoder.h"
 #include "mmal/Component.h"
 
 namespace mmal {

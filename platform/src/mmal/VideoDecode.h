@@ -1,7 +1,7 @@
 #ifndef TESSERA_PLATFORM_SRC_MMAL_VIDEODECODE_H
 #define TESSERA_PLATFORM_SRC_MMAL_VIDEODECODE_H
 
-#include "codec/H264Decoder.h"
+#include "codec/cpu/H264Decoder.h"
 #include "mmal/Component.h"
 
 namespace mmal {

@@ -1,7 +1,7 @@
 #ifndef TESSERA_PLATFORM_SRC_MMAL_VIDEOENCODE_H
 #define TESSERA_PLATFORM_SRC_MMAL_VIDEOENCODE_H
 
-#include "codec/H264Encoder.h"
+#include "codec/cpu/H264Encoder.h"
 #include "mmal/Component.h"
 
 namespace mmal {

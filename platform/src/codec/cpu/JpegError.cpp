@@ -1,4 +1,4 @@
-#include "codec/JpegError.h"
+#include "codec/cpu/JpegError.h"
 
 namespace codec {
 

@@ -1,5 +1,5 @@
-#ifndef TESSERA_PLATFORM_SRC_CODEC_H264LIBAV_H
-#define TESSERA_PLATFORM_SRC_CODEC_H264LIBAV_H
+#ifndef TESSERA_PLATFORM_SRC_CODEC_CPU_H264LIBAV_H
+#define TESSERA_PLATFORM_SRC_CODEC_CPU_H264LIBAV_H
 
 #include <cstddef>
 #include <cstdint>
@@ -66,4 +66,4 @@ bool isSame(const AVFrame& a, const AVFrame& b);
 
 }  // namespace codec
 
-#endif  // TESSERA_PLATFORM_SRC_CODEC_H264LIBAV_H
+#endif  // TESSERA_PLATFORM_SRC_CODEC_CPU_H264LIBAV_H

@@ -1,4 +1,4 @@
-#include "codec/H264Encoder.h"
+#include "codec/cpu/H264Encoder.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "codec/WorkCrew.h"
+#include "codec/cpu/WorkCrew.h"
 
 #include <pthread.h>
 #include <sched.h>

@@ -1,12 +1,12 @@
-#include "codec/JpegEncoder.h"
+#include "codec/cpu/JpegEncoder.h"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 
-#include "codec/JpegScans.h"
-#include "codec/JpegStrip.h"
-#include "codec/WorkCrew.h"
+#include "codec/cpu/JpegScans.h"
+#include "codec/cpu/JpegStrip.h"
+#include "codec/cpu/WorkCrew.h"
 
 namespace codec {
 

@@ -1,5 +1,5 @@
-#ifndef TESSERA_PLATFORM_SRC_CODEC_WORKCREW_H
-#define TESSERA_PLATFORM_SRC_CODEC_WORKCREW_H
+#ifndef TESSERA_PLATFORM_SRC_CODEC_CPU_WORKCREW_H
+#define TESSERA_PLATFORM_SRC_CODEC_CPU_WORKCREW_H
 
 #include <condition_variable>
 #include <functional>
@@ -41,4 +41,4 @@ class WorkCrew {
 
 }  // namespace codec
 
-#endif  // TESSERA_PLATFORM_SRC_CODEC_WORKCREW_H
+#endif  // TESSERA_PLATFORM_SRC_CODEC_CPU_WORKCREW_H

@@ -1,5 +1,5 @@
-#ifndef TESSERA_PLATFORM_SRC_CODEC_JPEGSCANS_H
-#define TESSERA_PLATFORM_SRC_CODEC_JPEGSCANS_H
+#ifndef TESSERA_PLATFORM_SRC_CODEC_CPU_JPEGSCANS_H
+#define TESSERA_PLATFORM_SRC_CODEC_CPU_JPEGSCANS_H
 
 #include <cstddef>
 #include <cstdint>
@@ -25,4 +25,4 @@ std::size_t findScanData(const std::uint8_t* data, std::size_t size);
 
 }  // namespace codec
 
-#endif  // TESSERA_PLATFORM_SRC_CODEC_JPEGSCANS_H
+#endif  // TESSERA_PLATFORM_SRC_CODEC_CPU_JPEGSCANS_H

@@ -1,4 +1,4 @@
-#include "codec/JpegStrip.h"
+#include "codec/cpu/JpegStrip.h"
 
 #include <algorithm>
 #include <cstdlib>

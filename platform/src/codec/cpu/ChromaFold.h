@@ -1,5 +1,5 @@
-#ifndef TESSERA_PLATFORM_SRC_CODEC_CHROMAFOLD_H
-#define TESSERA_PLATFORM_SRC_CODEC_CHROMAFOLD_H
+#ifndef TESSERA_PLATFORM_SRC_CODEC_CPU_CHROMAFOLD_H
+#define TESSERA_PLATFORM_SRC_CODEC_CPU_CHROMAFOLD_H
 
 #include <cstddef>
 #include <cstdint>
@@ -40,4 +40,4 @@ void foldRgb(const std::uint8_t* upper, const std::uint8_t* lower, unsigned widt
 
 }  // namespace codec
 
-#endif  // TESSERA_PLATFORM_SRC_CODEC_CHROMAFOLD_H
+#endif  // TESSERA_PLATFORM_SRC_CODEC_CPU_CHROMAFOLD_H

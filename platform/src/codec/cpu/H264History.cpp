@@ -1,4 +1,4 @@
-#include "codec/H264History.h"
+#include "codec/cpu/H264History.h"
 
 namespace codec {
 

@@ -1,4 +1,4 @@
-#include "codec/H264Libav.h"
+#include "codec/cpu/H264Libav.h"
 
 #include <algorithm>
 #include <cstring>

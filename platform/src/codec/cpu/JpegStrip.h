@@ -1,13 +1,13 @@
-#ifndef TESSERA_PLATFORM_SRC_CODEC_JPEGSTRIP_H
-#define TESSERA_PLATFORM_SRC_CODEC_JPEGSTRIP_H
+#ifndef TESSERA_PLATFORM_SRC_CODEC_CPU_JPEGSTRIP_H
+#define TESSERA_PLATFORM_SRC_CODEC_CPU_JPEGSTRIP_H
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
-#include "codec/JpegError.h"
 #include "codec/PackedRows.h"
 #include "codec/Picture.h"
+#include "codec/cpu/JpegError.h"
 
 namespace codec {
 
@@ -75,4 +75,4 @@ class JpegStrip {
 
 }  // namespace codec
 
-#endif  // TESSERA_PLATFORM_SRC_CODEC_JPEGSTRIP_H
+#endif  // TESSERA_PLATFORM_SRC_CODEC_CPU_JPEGSTRIP_H

@@ -1,4 +1,4 @@
-#include "codec/ChromaFold.h"
+#include "codec/cpu/ChromaFold.h"
 
 #include <algorithm>
 #include <cstring>

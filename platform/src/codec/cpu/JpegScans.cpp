@@ -1,4 +1,4 @@
-#include "codec/JpegScans.h"
+#include "codec/cpu/JpegScans.h"
 
 #include <cstring>
 

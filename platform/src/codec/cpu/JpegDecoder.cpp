@@ -1,13 +1,13 @@
-#include "codec/JpegDecoder.h"
+#include "codec/cpu/JpegDecoder.h"
 
 #include <algorithm>
 #include <cstring>
 #include <new>
 #include <vector>
 
-#include "codec/ChromaFold.h"
-#include "codec/JpegError.h"
-#include "codec/JpegScans.h"
+#include "codec/cpu/ChromaFold.h"
+#include "codec/cpu/JpegError.h"
+#include "codec/cpu/JpegScans.h"
 
 namespace codec {
 

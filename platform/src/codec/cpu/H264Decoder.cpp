@@ -1,13 +1,13 @@
-#include "codec/H264Decoder.h"
+#include "codec/cpu/H264Decoder.h"
 
 #include <deque>
 #include <utility>
 #include <vector>
 
 #include "codec/AccessUnits.h"
-#include "codec/H264History.h"
-#include "codec/H264Libav.h"
 #include "codec/ParameterSets.h"
+#include "codec/cpu/H264History.h"
+#include "codec/cpu/H264Libav.h"
 
 namespace codec {
 
