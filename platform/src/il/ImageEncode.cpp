@@ -132,10 +132,10 @@ bool ImageEncode::work(Lock& lock) {
   bool encoded = false;
   {
     const Unlocked unlocked(lock);
-    encoded = encoder_.encode(picture, quality) && encoder_.size() <= to.header.nAllocLen;
-    if (encoded) std::memcpy(to.header.pBuffer, encoder_.data(), encoder_.size());
+    encoded = encoder_->encode(picture, quality) && encoder_->size() <= to.header.nAllocLen;
+    if (encoded) std::memcpy(to.header.pBuffer, encoder_->data(), encoder_->size());
   }
-  to.header.nFilledLen = encoded ? static_cast<OMX_U32>(encoder_.size()) : 0;
+  to.header.nFilledLen = encoded ? static_cast<OMX_U32>(encoder_->size()) : 0;
   to.header.nFlags = (from.header.nFlags & OMX_BUFFERFLAG_EOS) |
                      (encoded ? OMX_BUFFERFLAG_ENDOFFRAME : OMX_BUFFERFLAG_DATACORRUPT);
   to.header.nTimeStamp = from.header.nTimeStamp;

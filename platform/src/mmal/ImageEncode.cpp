@@ -123,13 +123,13 @@ bool ImageEncode::encode(const Header& in) {
   }
   pts_ = in.pts;
   written_ = 0;
-  return encoder_.encode(picture, quality);
+  return encoder_->encode(picture, quality);
 }
 
 void ImageEncode::write(Header& out) {
-  const std::size_t rest = encoder_.size() - written_;
+  const std::size_t rest = encoder_->size() - written_;
   const std::size_t part = std::min<std::size_t>(rest, out.alloc_size);
-  std::memcpy(out.data, encoder_.data() + written_, part);
+  std::memcpy(out.data, encoder_->data() + written_, part);
   out.length = static_cast<std::uint32_t>(part);
   out.pts = pts_;
   if (written_ == 0) out.flags |= MMAL_BUFFER_HEADER_FLAG_FRAME_START;

@@ -15,7 +15,7 @@ constexpr std::uint32_t recommendedInput = 80 * 1024;
 constexpr std::uint32_t noPicture = 1;  ///< smallest buffer while the size is unknown
 
 std::int64_t toPts(std::int64_t pts) {
-  return pts == codec::H264Decoder::noPts ? MMAL_TIME_UNKNOWN : pts;
+  return pts == codec::VideoDecoder::noPts ? MMAL_TIME_UNKNOWN : pts;
 }
 
 /// Copies what lies in one piece by parts that a level-two cache holds: for those the C library
@@ -127,14 +127,14 @@ bool VideoDecode::restart() {
       extraData.assign(format.extradata, format.extradata + format.extradata_size);
   }
   restart_ = held_ = ending_ = false;
-  if (!decoder_.open(extraData.data(), extraData.size())) raiseError(MMAL_EIO);
+  if (!decoder_->open(extraData.data(), extraData.size())) raiseError(MMAL_EIO);
   return true;
 }
 
 // Makes picture_ the next to go out. @return false when the decoder has none
 bool VideoDecode::takePicture() {
   while (!held_) {
-    if (!decoder_.next(picture_)) return false;
+    if (!decoder_->next(picture_)) return false;
     held_ = !picture_.decodeOnly;
   }
   return true;
@@ -200,13 +200,13 @@ void VideoDecode::write(Header& out, unsigned stride, unsigned sliceHeight) cons
 }
 
 void VideoDecode::feed(const Header& in) {
-  const std::int64_t pts = in.pts == MMAL_TIME_UNKNOWN ? codec::H264Decoder::noPts : in.pts;
+  const std::int64_t pts = in.pts == MMAL_TIME_UNKNOWN ? codec::VideoDecoder::noPts : in.pts;
   const bool last = (in.flags & MMAL_BUFFER_HEADER_FLAG_EOS) != 0;
   const bool unitEnds = last || (in.flags & MMAL_BUFFER_HEADER_FLAG_FRAME_END) != 0;
-  decoder_.feed(in.data + in.offset, in.length, pts,
-                (in.flags & MMAL_BUFFER_HEADER_FLAG_DECODEONLY) != 0, unitEnds);
+  decoder_->feed(in.data + in.offset, in.length, pts,
+                 (in.flags & MMAL_BUFFER_HEADER_FLAG_DECODEONLY) != 0, unitEnds);
   if (!last) return;
-  decoder_.flush();
+  decoder_->flush();
   ending_ = true;
 }
 

@@ -1,7 +1,7 @@
 #ifndef TESSERA_PLATFORM_SRC_MMAL_VIDEODECODE_H
 #define TESSERA_PLATFORM_SRC_MMAL_VIDEODECODE_H
 
-#include "codec/cpu/H264Decoder.h"
+#include "codec/Choice.h"
 #include "mmal/Component.h"
 
 namespace mmal {
@@ -33,8 +33,8 @@ class VideoDecode final : public Component {
   bool announce();
   void write(Header& out, unsigned stride, unsigned sliceHeight) const;
 
-  codec::H264Decoder decoder_;
-  codec::H264Decoder::Picture picture_;
+  const std::unique_ptr<codec::VideoDecoder> decoder_ = codec::makeVideoDecoder();
+  codec::VideoDecoder::Picture picture_;
   bool held_ = false;       ///< picture_ waits to go out
   bool announced_ = false;  ///< its size was told; the output port has not been set up since
   std::chrono::steady_clock::time_point patience_;  ///< how long it is kept
