@@ -10,6 +10,11 @@
 
 namespace codec {
 
+enum class Codecs { Auto, Cpu, Kernel };
+
+/// What TESSERA_CODECS says.
+Codecs chosenCodecs();
+
 // Coders for the components. Whose they are is decided when they are opened, by TESSERA_CODECS in
 // the environment: "cpu", "kernel", or "auto" (also when it is not set), which takes a device of
 // the kernel's that has what is asked for and otherwise the CPU.

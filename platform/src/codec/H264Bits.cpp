@@ -19,7 +19,13 @@ std::size_t nextNal(const std::uint8_t* data, std::size_t from, std::size_t size
 
 unsigned BitReader::bit() {
   const std::size_t at = at_++;
-  return at < bits_ ? data_[at / 8] >> (7 - at % 8) & 1 : 0;
+  return at < end_ ? data_[at / 8] >> (7 - at % 8) & 1 : 0;
+}
+
+unsigned BitReader::bits(unsigned count) {
+  unsigned value = 0;
+  while (count-- > 0) value = value << 1 | bit();
+  return value;
 }
 
 std::uint32_t BitReader::ue() {

@@ -20,17 +20,18 @@ std::size_t nextNal(const std::uint8_t* data, std::size_t from, std::size_t size
 /// end come zeros.
 class BitReader {
  public:
-  BitReader(const std::uint8_t* data, std::size_t size) : data_(data), bits_(size * 8) {}
+  BitReader(const std::uint8_t* data, std::size_t size) : data_(data), end_(size * 8) {}
 
   unsigned bit();
+  unsigned bits(unsigned count);
   /// An Exp-Golomb code of up to 32 bits.
   std::uint32_t ue();
   /// More bits were asked for than there are.
-  bool overrun() const { return at_ > bits_; }
+  bool overrun() const { return at_ > end_; }
 
  private:
   const std::uint8_t* data_;
-  std::size_t bits_;
+  std::size_t end_;
   std::size_t at_ = 0;
 };
 

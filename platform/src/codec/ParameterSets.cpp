@@ -1,6 +1,7 @@
 #include "codec/ParameterSets.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "codec/H264Bits.h"
 
@@ -14,6 +15,42 @@ constexpr std::uint8_t startCode[] = {0, 0, 0, 1};
 
 unsigned typeOf(std::uint8_t header) {
   return header & 31;
+}
+
+/// Profiles whose sequence parameter sets tell the format of the samples.
+constexpr unsigned highProfiles[] = {100, 110, 122, 244, 44, 83, 86, 118, 128};
+
+/// The unit's own bytes: a 3 behind two zeros is none of them.
+std::vector<std::uint8_t> withoutPrevention(const std::vector<std::uint8_t>& unit) {
+  std::vector<std::uint8_t> plain;
+  unsigned zeros = 0;
+  for (const std::uint8_t byte : unit) {
+    const bool prevention = zeros >= 2 && byte == 3;
+    zeros = byte == 0 ? zeros + 1 : 0;
+    if (!prevention) plain.push_back(byte);
+  }
+  return plain;
+}
+
+void skipHighPart(BitReader& bits) {
+  const unsigned chroma = bits.ue();
+  if (chroma == 3) bits.bit();
+  bits.ue();  // bit depths
+  bits.ue();
+  bits.bit();
+  if (bits.bit() == 0) return;  // no scaling lists
+  for (unsigned list = 0; list < (chroma == 3 ? 12u : 8u); ++list) {
+    if (bits.bit() == 0) continue;
+    int last = 8, next = 8;
+    for (unsigned i = 0; i < (list < 6 ? 16u : 64u); ++i) {
+      if (next != 0) {
+        const std::uint32_t code = bits.ue();
+        const int delta = static_cast<int>((code + 1) / 2) * (code % 2 == 1 ? 1 : -1);
+        next = (last + delta + 256) % 256;
+      }
+      last = next == 0 ? last : next;
+    }
+  }
 }
 
 }  // namespace
@@ -65,6 +102,38 @@ std::vector<std::uint8_t> ParameterSets::annexB() const {
     all.insert(all.end(), unit.begin(), unit.end());
   }
   return all;
+}
+
+bool ParameterSets::codedSize(unsigned& columns, unsigned& rows) const {
+  const auto sps = std::find_if(units_.rbegin(), units_.rend(),
+                                [](const Unit& unit) { return typeOf(unit[0]) == NalType::Sps; });
+  if (sps == units_.rend()) return false;
+  const Unit plain = withoutPrevention(*sps);
+  BitReader bits(plain.data() + 1, plain.size() - 1);
+  const unsigned profile = bits.bits(8);
+  bits.bits(16);  // constraints, level
+  bits.ue();      // its own number
+  if (std::find(std::begin(highProfiles), std::end(highProfiles), profile) !=
+      std::end(highProfiles))
+    skipHighPart(bits);
+  bits.ue();  // length of frame numbers
+  const unsigned order = bits.ue();
+  if (order == 0) bits.ue();
+  if (order == 1) {
+    bits.bit();
+    bits.ue();
+    bits.ue();
+    for (unsigned left = bits.ue(); left > 0 && !bits.overrun(); --left) bits.ue();
+  }
+  bits.ue();   // reference frames
+  bits.bit();  // gaps in frame numbers
+  const std::uint32_t width = bits.ue() + 1, units = bits.ue() + 1;
+  const bool framesOnly = bits.bit() == 1;
+  constexpr unsigned most = 4096;
+  if (bits.overrun() || width > most || units > most) return false;
+  columns = width;
+  rows = framesOnly ? units : units * 2;
+  return true;
 }
 
 bool ParameterSets::arithmeticCoding() const {

@@ -19,6 +19,11 @@ class ParameterSets {
   /// All of them in Annex B, in the order in which they were last seen.
   std::vector<std::uint8_t> annexB() const;
 
+  /// The size of the pictures in macroblocks of 16 x 16, as the last sequence parameter set tells
+  /// it.
+  /// @return false when there is none
+  bool codedSize(unsigned& columns, unsigned& rows) const;
+
   /// Whether a picture may be coded arithmetically (CABAC).
   bool arithmeticCoding() const;
 

@@ -45,6 +45,8 @@ class VideoDecoder {
   /// the next call of feed(), flush(), open() or next()
   virtual bool next(Picture& picture) = 0;
 
+  /// Nothing comes out any more until the next open(); error() tells why.
+  virtual bool failed() const = 0;
   virtual const std::string& error() const = 0;
 };
 

@@ -60,7 +60,7 @@ struct Pending {
 /// yet, and from then on waits for the ends. A picture that came out damaged waits for those bytes
 /// as well: it may merely be one whose end is still to come.
 struct H264Decoder::Impl {
-  H264Libav decoder;
+  std::unique_ptr<H264Engine> decoder;
   ParameterSets parameterSets;
   std::string error;
 
@@ -106,7 +106,7 @@ struct H264Decoder::Impl {
 };
 
 void H264Decoder::Impl::reset() {
-  decoder.close();
+  decoder->close();
   parameterSets.clear();
   error.clear();
   units.clear();
@@ -213,7 +213,7 @@ void H264Decoder::Impl::startOver() {
   aligned = 0;
   pending.early = false;
   pending.delivered = history.find(pending.serial)->delivered;
-  decoder.recycle(std::move(withheld.frame));
+  decoder->recycle(std::move(withheld.frame));
   history.dropLast();
   const H264History::Range range = history.restartable();
   if (range.first == range.end && !history.empty()) return;
@@ -246,22 +246,22 @@ void H264Decoder::Impl::decodeNext(const AccessUnits::Unit& unit, std::int64_t s
   if (unit.parameterSets) parameterSets.add(unit.data, unit.size);
   // libavcodec carries remains of a damaged picture into the next one, even into a key frame.
   if (unit.keyFrame && tainted) {
-    decoder.finish();
-    while (Frame frame = decoder.receive()) take(std::move(frame));
+    decoder->finish();
+    while (Frame frame = decoder->receive()) take(std::move(frame));
     renew();
   }
   send(unit.data, unit.size, serial);
   tainted = tainted || (unit.picture && unsound);
   // A stream that does not say how far its pictures are out of order shows it by its first B-frame.
   // Room for one level of referenced B-frames at once spares losing a picture to the second.
-  if (delay == 0 && decoder.delay() == 1 && !unit.parameterSets) decoder.setDelay(2);
-  delay = decoder.delay();
+  if (delay == 0 && decoder->delay() == 1 && !unit.parameterSets) decoder->setDelay(2);
+  delay = decoder->delay();
 }
 
 /// Sends bytes to the decoder and takes what comes out.
 void H264Decoder::Impl::send(const std::uint8_t* data, std::size_t size, std::int64_t serial) {
-  unsound = !decoder.send(data, size, serial);
-  while (Frame frame = decoder.receive()) take(std::move(frame));
+  unsound = !decoder->send(data, size, serial);
+  while (Frame frame = decoder->receive()) take(std::move(frame));
 }
 
 void H264Decoder::Impl::take(Frame frame) {
@@ -271,7 +271,7 @@ void H264Decoder::Impl::take(Frame frame) {
       frame->format == AV_PIX_FMT_YUV420P || frame->format == AV_PIX_FMT_YUVJ420P;
   if (!supported) error = "a picture that is not 8-bit 4:2:0";
   if (!supported || entry == nullptr || entry->delivered) {
-    decoder.recycle(std::move(frame));
+    decoder->recycle(std::move(frame));
     return;
   }
   const bool ofPending = pending.early && serial == pending.serial;
@@ -290,14 +290,15 @@ void H264Decoder::Impl::take(Frame frame) {
 /// If ones instead of them give the same picture, then so does every other continuation.
 bool H264Decoder::Impl::endsForSure(const AVFrame& picture) {
   const H264History::Range range = history.restartable();
+  const bool arithmetic = parameterSets.arithmeticCoding();
   if (proven || range.first == range.end || range.end - range.first > mostDoubled ||
-      !parameterSets.arithmeticCoding())
+      !(arithmetic || !decoder->reportsDamage()))
     return true;
   H264Libav other;
   if (!other.open(parameterSets.annexB())) return true;
   for (std::int64_t serial = range.first; serial < range.end; ++serial) {
     std::vector<std::uint8_t> bytes = history.find(serial)->bytes;
-    if (serial == pending.serial) bytes.insert(bytes.end(), 8, 0xff);
+    if (arithmetic && serial == pending.serial) bytes.insert(bytes.end(), 8, 0xff);
     other.send(bytes.data(), bytes.size(), serial);
     while (const Frame frame = other.receive())
       if (frame->pts == pending.serial) return !isDamaged(*frame) && isSame(*frame, picture);
@@ -308,8 +309,8 @@ bool H264Decoder::Impl::endsForSure(const AVFrame& picture) {
 /// A fresh decoder that knows what the last one knew.
 void H264Decoder::Impl::renew() {
   tainted = false;
-  if (decoder.open(parameterSets.annexB()))
-    decoder.setDelay(delay);
+  if (decoder->open(parameterSets.annexB()))
+    decoder->setDelay(delay);
   else
     error = cannotOpen;
 }
@@ -317,29 +318,38 @@ void H264Decoder::Impl::renew() {
 /// Every picture that is held back comes out; what follows is a new stream.
 void H264Decoder::Impl::drain() {
   unsound = false;
-  decoder.finish();
-  while (Frame frame = decoder.receive()) take(std::move(frame));
+  decoder->finish();
+  while (Frame frame = decoder->receive()) take(std::move(frame));
   renew();
   history.clear();
   pending = Pending();
 }
 
-H264Decoder::H264Decoder() : impl_(std::make_unique<Impl>()) {}
+H264Decoder::H264Decoder() : H264Decoder(std::make_unique<H264Libav>()) {}
+H264Decoder::H264Decoder(std::unique_ptr<H264Engine> engine) : impl_(std::make_unique<Impl>()) {
+  impl_->decoder = std::move(engine);
+}
 H264Decoder::~H264Decoder() = default;
 
 bool H264Decoder::open(const std::uint8_t* extraData, std::size_t extraDataSize) {
   Impl& impl = *impl_;
   impl.reset();
   if (extraData != nullptr) impl.parameterSets.add(extraData, extraDataSize);
-  if (impl.decoder.open(impl.parameterSets.annexB())) return true;
+  if (impl.decoder->open(impl.parameterSets.annexB())) return true;
   impl.error = cannotOpen;
   return false;
+}
+
+bool H264Decoder::failed() const {
+  const std::string why = impl_->decoder->failure();
+  if (!why.empty()) impl_->error = why;
+  return !why.empty();
 }
 
 void H264Decoder::feed(const std::uint8_t* data, std::size_t size, std::int64_t pts,
                        bool decodeOnly, bool unitEnds) {
   Impl& impl = *impl_;
-  if (!impl.decoder.isOpen() || data == nullptr || size == 0) return;
+  if (!impl.decoder->isOpen() || data == nullptr || size == 0) return;
   impl.units.add(data, size);
   impl.origins.push_back({impl.fed, pts, decodeOnly});
   impl.pieces.push_back({impl.fed, impl.fed + size, unitEnds, false});
@@ -348,12 +358,12 @@ void H264Decoder::feed(const std::uint8_t* data, std::size_t size, std::int64_t 
 
 void H264Decoder::flush() {
   Impl& impl = *impl_;
-  if (impl.decoder.isOpen()) impl.pieces.push_back({impl.fed, impl.fed, true, true});
+  if (impl.decoder->isOpen()) impl.pieces.push_back({impl.fed, impl.fed, true, true});
 }
 
 bool H264Decoder::next(Picture& picture) {
   Impl& impl = *impl_;
-  impl.decoder.recycle(std::move(impl.shown));
+  impl.decoder->recycle(std::move(impl.shown));
   while (impl.ready.empty())
     if (!impl.step()) return false;
   Finished finished = std::move(impl.ready.front());

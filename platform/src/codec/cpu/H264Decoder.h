@@ -3,14 +3,17 @@
 
 #include <memory>
 
+#include "codec/H264Engine.h"
 #include "codec/VideoDecoder.h"
 
 namespace codec {
 
-/// H.264 on libavcodec without frame threads: no delay beyond the stream's reordering.
+/// Finds the access units and lets an engine decode them, libavcodec unless told otherwise. No
+/// delay beyond the stream's reordering.
 class H264Decoder final : public VideoDecoder {
  public:
   H264Decoder();
+  explicit H264Decoder(std::unique_ptr<H264Engine> engine);
   ~H264Decoder() override;
 
   bool open(const std::uint8_t* extraData, std::size_t extraDataSize) override;
@@ -18,6 +21,7 @@ class H264Decoder final : public VideoDecoder {
             bool unitEnds) override;
   void flush() override;
   bool next(Picture& picture) override;
+  bool failed() const override;
   const std::string& error() const override;
 
  private:

@@ -1,10 +1,7 @@
 #ifndef TESSERA_PLATFORM_SRC_CODEC_CPU_H264LIBAV_H
 #define TESSERA_PLATFORM_SRC_CODEC_CPU_H264LIBAV_H
 
-#include <cstddef>
-#include <cstdint>
-#include <memory>
-#include <vector>
+#include "codec/H264Engine.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -12,34 +9,19 @@ extern "C" {
 
 namespace codec {
 
-struct FreeFrame {
-  void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-};
-using Frame = std::unique_ptr<AVFrame, FreeFrame>;
-
-/// libavcodec's H.264 decoder for whole access units. Silent, without threads: frame threads would
-/// add delay, slice threads would turn off the concealment of errors. Where open() failed, nothing
-/// comes out.
-class H264Libav {
+/// libavcodec's decoder. Silent, without threads: frame threads would add delay, slice threads
+/// would turn off the concealment of errors.
+class H264Libav final : public H264Engine {
  public:
-  /// Starts afresh, knowing these parameter sets (Annex B, may be empty).
-  bool open(const std::vector<std::uint8_t>& parameterSets);
-  void close() { context_.reset(); }
-  bool isOpen() const { return context_ != nullptr; }
-
-  /// Decodes one access unit. Its picture will carry `serial` as pts. @return false when the
-  /// decoder reports that something was wrong with it
-  bool send(const std::uint8_t* data, std::size_t size, std::int64_t serial);
-  /// Makes all pictures come out. After it, open() anew.
-  void finish();
-  /// The next picture in presentation order, null when there is none.
-  Frame receive();
-  /// Takes a picture back, for the next receive().
-  void recycle(Frame frame);
-
-  /// Pictures that are held back for their order.
-  int delay() const { return context_ == nullptr ? 0 : context_->has_b_frames; }
-  void setDelay(int pictures) {
+  bool open(const std::vector<std::uint8_t>& parameterSets) override;
+  void close() override { context_.reset(); }
+  bool isOpen() const override { return context_ != nullptr; }
+  bool send(const std::uint8_t* data, std::size_t size, std::int64_t serial) override;
+  void finish() override;
+  Frame receive() override;
+  void recycle(Frame frame) override;
+  int delay() const override { return context_ == nullptr ? 0 : context_->has_b_frames; }
+  void setDelay(int pictures) override {
     if (context_ != nullptr) context_->has_b_frames = pictures;
   }
 

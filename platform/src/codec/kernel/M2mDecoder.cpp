@@ -30,6 +30,7 @@ bool M2mDecoder::open(const std::string& path, const Setup& setup) {
   error_.clear();
   unanswered_.clear();
   lag_ = 0;
+  lastBack_ = none;
   changing_ = used_ = false;
   Format coded;
   coded.fourcc = setup.coded;
@@ -167,6 +168,7 @@ bool M2mDecoder::reset() {
   if (!device_.isOpen()) return false;
   unanswered_.clear();
   lag_ = 0;
+  lastBack_ = none;
   if (!used_) return true;
   used_ = false;
   const bool shown = device_.isStreaming(Side::Out);

@@ -45,6 +45,8 @@ class M2mDecoder {
  private:
   enum class Step { InputBack, Frame, Other, Nothing, Ended, Failed };
 
+  static constexpr std::uint64_t none = UINT64_MAX;
+
   bool fail(const char* why);
   Buffer* inputBuffer();
   bool awaitFrame(std::uint64_t serial);
@@ -58,7 +60,7 @@ class M2mDecoder {
   Rect visible_;
   std::deque<std::uint64_t> unanswered_;
   std::size_t lag_ = 0;
-  std::uint64_t lastBack_ = 0;
+  std::uint64_t lastBack_ = none;
   bool changing_ = false;  // the old format's frames come first
   bool used_ = false;
   std::string error_;

@@ -407,6 +407,10 @@ bool M2mDevice::endDrain(bool encoder) {
 
 M2mDevice::Happened M2mDevice::wait(unsigned milliseconds, Buffer*& buffer) {
   buffer = nullptr;
+  if (fd_ < 0) {
+    refused(std::string("not open"));
+    return Happened::Failed;
+  }
   unsigned left = milliseconds;
   for (;;) {
     const Happened happened = poll(left, buffer);

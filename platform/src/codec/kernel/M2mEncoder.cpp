@@ -23,7 +23,7 @@ bool M2mEncoder::open(const std::string& path, const Setup& setup) {
   error_.clear();
   held_ = nullptr;
   unanswered_.clear();
-  serial_ = 0;
+  serial_ = lastBack_ = 0;
   lag_ = 0;
   draining_ = false;
   if (!device_.open(path)) return false;
@@ -76,6 +76,7 @@ Buffer* M2mEncoder::inputBuffer() {
     Buffer* buffer = nullptr;
     switch (device_.wait(patienceMs, buffer)) {
       case M2mDevice::Happened::InputBack:
+        lastBack_ = buffer->serial;
         idle = buffer;
         break;
       case M2mDevice::Happened::Output:
@@ -137,7 +138,7 @@ M2mEncoder::Outcome M2mEncoder::collect() {
       case M2mDevice::Happened::FormatChange:
         break;
       case M2mDevice::Happened::Nothing:
-        if ((!returned && !hurried) || draining_) {
+        if (!returned && !hurried) {
           fail("does not answer");
           return Outcome::Failed;
         }

@@ -30,12 +30,13 @@ class M2mEncoder {
   /// What comes next is a stream of its own: parameter sets, a key frame. What is inside is lost.
   bool restart();
 
+  bool isOpen() const { return device_.isOpen(); }
   M2mDevice& device() { return device_; }
   const Format& inputFormat() const { return input_; }
 
   /// A buffer to write a frame into; null when the device gives none back in time.
   Buffer* inputBuffer();
-  /// Sends it; what the last outcome showed is void.
+  /// Sends it; the frame's data will carry serial().
   bool submit(Buffer& buffer);
 
   /// The next data. Dropped: the device made nothing of the frame, or not yet.
@@ -43,6 +44,9 @@ class M2mEncoder {
   /// Makes what the device holds back come out: the next data, or Dropped at the end.
   Outcome drain();
   const Buffer& data() const { return *held_; }
+  /// What came out is not all of its frame.
+  void expectMore() { unanswered_.push_front(held_->serial); }
+  std::uint64_t serial() const { return serial_; }
 
   const std::string& error() const { return error_.empty() ? device_.error() : error_; }
 
@@ -59,6 +63,7 @@ class M2mEncoder {
   Buffer* held_ = nullptr;  // its data is the caller's
   std::deque<std::uint64_t> unanswered_;
   std::uint64_t serial_ = 0;
+  std::uint64_t lastBack_ = 0;
   std::size_t lag_ = 0;  // frames that the device has shown to hold back
   bool draining_ = false;
   std::string error_;
