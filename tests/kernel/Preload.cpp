@@ -15,6 +15,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -153,6 +154,11 @@ int milliseconds(const timespec* time) {
   return time == nullptr ? -1 : static_cast<int>(time->tv_sec * 1000 + time->tv_nsec / 1000000);
 }
 
+bool isMapped(void* pointer) {
+  const auto address = reinterpret_cast<std::uintptr_t>(pointer) & ~std::uintptr_t{4095};
+  return msync(reinterpret_cast<void*>(address), 1, MS_ASYNC) == 0;
+}
+
 template <typename Status>
 int statusOf(const Kind& kind, Status* status) {
   std::memset(status, 0, sizeof *status);
@@ -206,6 +212,10 @@ SHOWN int ioctl(int fd, unsigned long request, ...) noexcept {
       const std::lock_guard<std::recursive_mutex> held(lock());
       Session* const session = sessionOf(fd);
       if (session == nullptr) return NEXT(ioctl)(fd, request, argument);
+      if (_IOC_SIZE(request) != 0 && !isMapped(argument)) {
+        errno = session->knows(request) ? EFAULT : ENOTTY;
+        return -1;
+      }
       const int answer = session->call(fd, request & 0xffffffff, argument);
       if (session->isGone()) gone[session->kind().number - first] = true;
       // A call that blocks is asked again until it does not.
@@ -213,6 +223,27 @@ SHOWN int ioctl(int fd, unsigned long request, ...) noexcept {
     }
     nap();
   }
+}
+
+SHOWN ssize_t read(int fd, void* to, std::size_t size) {
+  {
+    const std::lock_guard<std::recursive_mutex> held(lock());
+    if (sessionOf(fd) != nullptr) {
+      errno = EINVAL;
+      return -1;
+    }
+  }
+  return NEXT(read)(fd, to, size);
+}
+SHOWN ssize_t write(int fd, const void* from, std::size_t size) {
+  {
+    const std::lock_guard<std::recursive_mutex> held(lock());
+    if (sessionOf(fd) != nullptr) {
+      errno = EINVAL;
+      return -1;
+    }
+  }
+  return NEXT(write)(fd, from, size);
 }
 
 SHOWN int poll(pollfd* all, nfds_t size, int timeout) {
@@ -303,9 +334,35 @@ SHOWN int stat64(const char* path, struct stat64* status) noexcept {
 }
 
 namespace {
+
+/// What /sys says of a device of ours; null for any other file.
+FILE* eventFile(const char* path) {
+  unsigned number = 0;
+  char rest = 0;
+  if (path == nullptr || std::sscanf(path, "/sys/dev/char/81:%u/ueven%c", &number, &rest) != 2 ||
+      number < first || number >= first + count)
+    return nullptr;
+  char text[80];
+  const int size =
+      std::snprintf(text, sizeof text, "MAJOR=81\nMINOR=%u\nDEVNAME=video%u\n", number, number);
+  const int fd = memfd_create("uevent", MFD_CLOEXEC);
+  if (write(fd, text, static_cast<std::size_t>(size)) != size) return nullptr;
+  lseek(fd, 0, SEEK_SET);
+  return fdopen(fd, "r");
+}
+
 DIR* devices = nullptr;  // the folder that they are listed in
 unsigned listed = 0;
 }  // namespace
+
+SHOWN FILE* fopen(const char* path, const char* mode) {
+  FILE* const file = eventFile(path);
+  return file != nullptr ? file : NEXT(fopen)(path, mode);
+}
+SHOWN FILE* fopen64(const char* path, const char* mode) {
+  FILE* const file = eventFile(path);
+  return file != nullptr ? file : NEXT(fopen64)(path, mode);
+}
 
 SHOWN DIR* opendir(const char* path) {
   DIR* const folder = NEXT(opendir)(path);

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "codec/H264Bits.h"
+
 namespace standin {
 
 namespace {
@@ -27,6 +29,8 @@ std::uint64_t nowMs() {
 unsigned up(unsigned value, unsigned multiple) {
   return (value + multiple - 1) / multiple * multiple;
 }
+
+std::set<const Session*> everyone;
 
 struct Raw {
   std::uint32_t fourcc;
@@ -74,15 +78,24 @@ Frame view(const Format& format, const Buffer& buffer) {
 
 // ---- formats
 
+std::uint32_t Session::highestPriority() const {
+  std::uint32_t highest = 0;
+  for (const Session* const each : everyone)
+    if (&each->kind_ == &kind_) highest = std::max(highest, each->priority_);
+  return highest;
+}
+
 Session::Session(const Kind& kind, const Faults& faults) : kind_(kind), faults_(faults) {
   in_.type = faults.multiPlanar ? V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE : V4L2_BUF_TYPE_VIDEO_OUTPUT;
   out_.type = faults.multiPlanar ? V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE : V4L2_BUF_TYPE_VIDEO_CAPTURE;
   for (Queue* const queue : {&coded(), &raw()}) {
+    queue->format.colours[0] = V4L2_COLORSPACE_REC709;
     queue->format.fourcc = offered(*queue)[0];
     queue->format.width = 640;
     queue->format.height = 480;
     adjust(*queue, queue->format);
   }
+  everyone.insert(this);
   crop_ = {0, 0, 640, 480};
   for (const ControlKind& control : controlsOf(kind)) values_[control.id] = control.initial;
 }
@@ -103,6 +116,9 @@ void Session::adjust(const Queue& queue, Format& format) const {
   if (std::find(all.begin(), all.end(), format.fourcc) == all.end()) format.fourcc = all[0];
   format.width = up(std::clamp(format.width, smallest, largest), faults_.align);
   format.height = up(std::clamp(format.height, smallest, largest), faults_.align);
+  constexpr std::uint32_t jfif[] = {V4L2_COLORSPACE_SRGB, V4L2_YCBCR_ENC_601,
+                                    V4L2_QUANTIZATION_FULL_RANGE, V4L2_XFER_FUNC_SRGB};
+  if (kind_.coded == V4L2_PIX_FMT_JPEG) std::copy_n(jfif, 4, format.colours);
   const Raw* const raw = rawOf(format.fourcc);
   if (raw == nullptr) {
     const std::uint32_t least = std::max(format.width * format.height, 65536u);
@@ -134,6 +150,7 @@ bool Session::setFormat(Queue& queue, const Format& wanted) {
   if (&queue == &in_) {
     other.format.width = wanted.width;
     other.format.height = wanted.height;
+    std::copy_n(wanted.colours, 4, other.format.colours);
     crop_ = {0, 0, wanted.width, wanted.height};
     if (other.buffers.empty()) adjust(other, other.format);
   } else {
@@ -152,15 +169,15 @@ bool Session::allocate(Queue& queue, unsigned count, int fd) {
   queue.buffers.clear();
   queue.queued.clear();
   queue.done.clear();
-  return addBuffers(queue, std::min(count, 32u), fd);
+  return addBuffers(queue, std::min(count, 32u), queue.format.sizeImage, fd);
 }
 
-bool Session::addBuffers(Queue& queue, unsigned count, int fd) {
+bool Session::addBuffers(Queue& queue, unsigned count, const std::uint32_t* sizes, int fd) {
   for (unsigned n = 0; n < count; ++n) {
     Buffer buffer;
     buffer.planes = queue.format.planes;
     for (unsigned i = 0; i < buffer.planes; ++i) {
-      buffer.length[i] = up(queue.format.sizeImage[i], page);
+      buffer.length[i] = up(sizes[i], page);
       buffer.offset[i] = static_cast<std::uint32_t>(end_);
       end_ += buffer.length[i];
       if (ftruncate(fd, static_cast<off_t>(end_)) != 0) return false;
@@ -175,6 +192,7 @@ bool Session::addBuffers(Queue& queue, unsigned count, int fd) {
 }
 
 Session::~Session() {
+  everyone.erase(this);
   allocate(in_, 0, -1);
   allocate(out_, 0, -1);
 }
@@ -331,26 +349,48 @@ void Session::decode(const Buffer& from) {
   if (kind_.coded == V4L2_PIX_FMT_JPEG) {
     Coded picture;
     picture.stamp = from.stamp;
-    if (!jpegDecoder_.open(from.data[0], from.used[0])) return;
+    if (!jpegDecoder_.open(from.data[0], from.used[0])) {
+      refuse(from.stamp);
+      return;
+    }
     const unsigned width = picture.width = jpegDecoder_.width();
     const unsigned height = picture.height = jpegDecoder_.height();
     const unsigned stride = up(width, 32), rows = up(height, 16);
     std::vector<std::uint8_t> block(std::size_t{stride} * rows * 3 / 2);
     if (jpegDecoder_.decode(codec::planesOf(block.data(), stride, rows)) !=
-        codec::ImageDecoder::Result::Complete)
+        codec::ImageDecoder::Result::Complete) {
+      refuse(from.stamp);
       return;
+    }
     keep(std::move(picture), codec::planesOf<const std::uint8_t>(block.data(), stride, rows));
+    return;
+  }
+  if (codec::nextNal(from.data[0], 0, from.used[0]) == from.used[0]) {
+    refuse(from.stamp);
     return;
   }
   decoder_.feed(from.data[0], from.used[0], static_cast<std::int64_t>(from.stamp), false, true);
   takePictures();
 }
 
+/// An empty, faulty picture for data that is none, where somebody waits for one.
+void Session::refuse(std::uint64_t stamp) {
+  if (!out_.streaming) return;
+  Coded nothing;
+  nothing.stamp = stamp;
+  nothing.width = shown_.width;
+  nothing.height = shown_.height;
+  nothing.error = true;
+  waiting_.push_back(nothing);
+}
+
 void Session::takePictures() {
   codec::VideoDecoder::Picture shown;
   while (decoder_.next(shown)) {
     Coded picture;
-    picture.stamp = static_cast<std::uint64_t>(shown.pts);
+    // Several pictures out of one buffer carry its stamp all of them.
+    if (shown.pts != codec::VideoDecoder::noPts) stamp_ = static_cast<std::uint64_t>(shown.pts);
+    picture.stamp = stamp_;
     picture.width = shown.width;
     picture.height = shown.height;
     picture.error = shown.damaged;
@@ -419,6 +459,7 @@ void Session::fill(Buffer& to, const Coded& result) {
     to.flags |= V4L2_BUF_FLAG_ERROR;
     return;
   }
+  if (result.bytes.empty()) return;
   const Frame frame = view(out_.format, to);
   const std::uint8_t* from = result.bytes.data();
   const auto write = [&](const Samples& samples, unsigned width, unsigned rows) {

@@ -55,6 +55,7 @@ struct Format {
   std::uint32_t fourcc = 0;
   unsigned width = 0, height = 0, planes = 1;
   std::uint32_t bytesPerLine[3] = {}, sizeImage[3] = {};
+  std::uint32_t colours[4] = {};  ///< what applications say of them, handed through
 };
 
 struct Buffer {
@@ -83,6 +84,7 @@ class Session {
 
   /// The kernel's calls. @return 0, or -1 with errno
   int call(int fd, unsigned long request, void* argument);
+  static bool knows(unsigned long request);
   /// Works on, then tells what poll() would.
   short look(short wanted) {
     pump();
@@ -108,7 +110,7 @@ class Session {
   void adjust(const Queue& queue, Format& format) const;
   bool setFormat(Queue& queue, const Format& wanted);
   bool allocate(Queue& queue, unsigned count, int fd);
-  bool addBuffers(Queue& queue, unsigned count, int fd);
+  bool addBuffers(Queue& queue, unsigned count, const std::uint32_t* sizes, int fd);
   void start(Queue& queue);
   void stop(Queue& queue);
   bool command(bool begin);
@@ -118,6 +120,7 @@ class Session {
   void encode(const Buffer& from);
   void startEncoder();
   void decode(const Buffer& from);
+  void refuse(std::uint64_t stamp);
   void takePictures();
   void keep(Coded picture, const codec::ConstPlanes& from);
   bool deliver();
@@ -144,9 +147,11 @@ class Session {
   int queryMenu(v4l2_querymenu& entry) const;
   int setValue(std::uint32_t id, std::int64_t& value, bool apply);
   int controls(unsigned long request, v4l2_ext_controls& all);
+  std::uint32_t highestPriority() const;
   int subscribe(const v4l2_event_subscription& wanted);
   int takeEvent(int fd, v4l2_event& event);
 
+  std::uint32_t priority_ = V4L2_PRIORITY_INTERACTIVE;
   const Kind& kind_;
   const Faults faults_;
   Queue in_, out_;
@@ -167,6 +172,7 @@ class Session {
   bool lastDue_ = false;
   bool encoding_ = false, first_ = false, keyFrameAsked_ = false;
   std::deque<Coded> waiting_;
+  std::uint64_t stamp_ = 0;
   Coded held_;  // by an encoder that is a frame behind
 
   std::set<std::pair<std::uint32_t, std::uint32_t>> subscribed_;

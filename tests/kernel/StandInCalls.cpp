@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 #include "StandIn.h"
 
@@ -31,6 +32,26 @@ bool isCodedFormat(std::uint32_t fourcc) {
   return fourcc == V4L2_PIX_FMT_H264 || fourcc == V4L2_PIX_FMT_JPEG;
 }
 
+/// As the kernel itself calls them.
+const char* nameOf(std::uint32_t fourcc) {
+  switch (fourcc) {
+    case V4L2_PIX_FMT_H264:
+      return "H.264";
+    case V4L2_PIX_FMT_JPEG:
+      return "JFIF JPEG";
+    case V4L2_PIX_FMT_NV12:
+      return "Y/CbCr 4:2:0";
+    case V4L2_PIX_FMT_NV12M:
+      return "Y/CbCr 4:2:0 (N-C)";
+    case V4L2_PIX_FMT_YUYV:
+      return "YUYV 4:2:2";
+    case V4L2_PIX_FMT_YUV420M:
+      return "Planar YUV 4:2:0 (N-C)";
+    default:
+      return "Planar YUV 4:2:0";
+  }
+}
+
 void write(const Format& format, v4l2_format& to) {
   if (isMulti(to.type)) {
     v4l2_pix_format_mplane& pixels = to.fmt.pix_mp;
@@ -39,7 +60,10 @@ void write(const Format& format, v4l2_format& to) {
     pixels.height = format.height;
     pixels.pixelformat = format.fourcc;
     pixels.field = V4L2_FIELD_NONE;
-    pixels.colorspace = V4L2_COLORSPACE_REC709;
+    pixels.colorspace = format.colours[0];
+    pixels.ycbcr_enc = static_cast<__u8>(format.colours[1]);
+    pixels.quantization = static_cast<__u8>(format.colours[2]);
+    pixels.xfer_func = static_cast<__u8>(format.colours[3]);
     pixels.num_planes = static_cast<__u8>(format.planes);
     for (unsigned i = 0; i < format.planes; ++i)
       pixels.plane_fmt[i] = {format.sizeImage[i], format.bytesPerLine[i], {}};
@@ -51,7 +75,10 @@ void write(const Format& format, v4l2_format& to) {
   pixels.height = format.height;
   pixels.pixelformat = format.fourcc;
   pixels.field = V4L2_FIELD_NONE;
-  pixels.colorspace = V4L2_COLORSPACE_REC709;
+  pixels.colorspace = format.colours[0];
+  pixels.ycbcr_enc = format.colours[1];
+  pixels.quantization = format.colours[2];
+  pixels.xfer_func = format.colours[3];
   pixels.bytesperline = format.bytesPerLine[0];
   pixels.sizeimage = format.sizeImage[0];
   pixels.priv = V4L2_PIX_FMT_PRIV_MAGIC;
@@ -64,6 +91,11 @@ Format read(const v4l2_format& from) {
   format.width = multi ? from.fmt.pix_mp.width : from.fmt.pix.width;
   format.height = multi ? from.fmt.pix_mp.height : from.fmt.pix.height;
   format.sizeImage[0] = multi ? from.fmt.pix_mp.plane_fmt[0].sizeimage : from.fmt.pix.sizeimage;
+  const std::uint32_t single[] = {from.fmt.pix.colorspace, from.fmt.pix.ycbcr_enc,
+                                  from.fmt.pix.quantization, from.fmt.pix.xfer_func};
+  const std::uint32_t several[] = {from.fmt.pix_mp.colorspace, from.fmt.pix_mp.ycbcr_enc,
+                                   from.fmt.pix_mp.quantization, from.fmt.pix_mp.xfer_func};
+  std::copy_n(multi ? several : single, 4, format.colours);
   return format;
 }
 
@@ -164,6 +196,23 @@ const std::vector<ControlKind>& controlsOf(const Kind& kind) {
   };
   if (!kind.encoder) return decoder;
   return kind.coded == V4L2_PIX_FMT_JPEG ? jpeg : encoder;
+}
+
+bool Session::knows(unsigned long request) {
+  static const unsigned long all[] = {
+      VIDIOC_QUERYCAP,       VIDIOC_ENUM_FMT,        VIDIOC_ENUM_FRAMESIZES,
+      VIDIOC_G_FMT,          VIDIOC_S_FMT,           VIDIOC_TRY_FMT,
+      VIDIOC_REQBUFS,        VIDIOC_CREATE_BUFS,     VIDIOC_QUERYBUF,
+      VIDIOC_QBUF,           VIDIOC_DQBUF,           VIDIOC_STREAMON,
+      VIDIOC_STREAMOFF,      VIDIOC_G_SELECTION,     VIDIOC_S_SELECTION,
+      VIDIOC_G_PARM,         VIDIOC_S_PARM,          VIDIOC_QUERYCTRL,
+      VIDIOC_QUERY_EXT_CTRL, VIDIOC_QUERYMENU,       VIDIOC_G_CTRL,
+      VIDIOC_S_CTRL,         VIDIOC_G_EXT_CTRLS,     VIDIOC_S_EXT_CTRLS,
+      VIDIOC_TRY_EXT_CTRLS,  VIDIOC_SUBSCRIBE_EVENT, VIDIOC_UNSUBSCRIBE_EVENT,
+      VIDIOC_DQEVENT,        VIDIOC_ENCODER_CMD,     VIDIOC_TRY_ENCODER_CMD,
+      VIDIOC_DECODER_CMD,    VIDIOC_TRY_DECODER_CMD, VIDIOC_G_PRIORITY,
+      VIDIOC_S_PRIORITY};
+  return std::find(std::begin(all), std::end(all), request) != std::end(all);
 }
 
 int Session::call(int fd, unsigned long request, void* argument) {
@@ -273,10 +322,16 @@ int Session::call(int fd, unsigned long request, void* argument) {
       return 0;
     }
     case VIDIOC_G_PRIORITY:
-      *static_cast<std::uint32_t*>(argument) = V4L2_PRIORITY_INTERACTIVE;
+      *static_cast<std::uint32_t*>(argument) = highestPriority();
       return 0;
-    case VIDIOC_S_PRIORITY:
+    case VIDIOC_S_PRIORITY: {
+      const std::uint32_t wanted = *static_cast<std::uint32_t*>(argument);
+      if (wanted < V4L2_PRIORITY_BACKGROUND || wanted > V4L2_PRIORITY_RECORD) return fails(EINVAL);
+      if (highestPriority() == V4L2_PRIORITY_RECORD && priority_ != V4L2_PRIORITY_RECORD)
+        return fails(EBUSY);
+      priority_ = wanted;
       return 0;
+    }
     default:
       return fails(ENOTTY);
   }
@@ -306,10 +361,8 @@ int Session::enumerateFormat(v4l2_fmtdesc& description) {
   const std::vector<std::uint32_t> all = offered(*queue);
   if (description.index >= all.size()) return fails(EINVAL);
   const std::uint32_t fourcc = all[description.index];
-  const char name[] = {static_cast<char>(fourcc), static_cast<char>(fourcc >> 8),
-                       static_cast<char>(fourcc >> 16), static_cast<char>(fourcc >> 24), 0};
   description = {description.index, description.type, 0, {}, fourcc, 0, {}};
-  copyText(description.description, name);
+  copyText(description.description, nameOf(fourcc));
   if (!isCodedFormat(fourcc)) return 0;
   description.flags = V4L2_FMT_FLAG_COMPRESSED;
   if (!kind_.encoder) description.flags |= V4L2_FMT_FLAG_DYN_RESOLUTION;
@@ -333,7 +386,10 @@ int Session::format(unsigned long request, v4l2_format& format) {
   if (request != VIDIOC_G_FMT) {
     Format wanted = read(format);
     // The size of what a coder works on follows its other side.
-    if (queue == &out_) wanted.width = in_.format.width, wanted.height = in_.format.height;
+    if (queue == &out_) {
+      wanted.width = in_.format.width, wanted.height = in_.format.height;
+      std::copy_n(in_.format.colours, 4, wanted.colours);
+    }
     adjust(*queue, wanted);
     if (request == VIDIOC_S_FMT && !setFormat(*queue, wanted)) return -1;
     write(wanted, format);
@@ -353,6 +409,8 @@ int Session::request(int fd, v4l2_requestbuffers& request) {
   if (!allocate(*queue, request.count, fd)) return fails(ENOMEM);
   request.count = static_cast<__u32>(queue->buffers.size());
   request.capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
+  request.flags = 0;
+  std::memset(request.reserved, 0, sizeof request.reserved);
   return 0;
 }
 
@@ -361,18 +419,21 @@ int Session::create(int fd, v4l2_create_buffers& request) {
   if (queue == nullptr || request.memory != V4L2_MEMORY_MMAP) return fails(EINVAL);
   request.index = static_cast<__u32>(queue->buffers.size());
   request.capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
-  const Format wanted = queue->format;
+  request.flags = 0;
+  std::memset(request.reserved, 0, sizeof request.reserved);
+  Format wanted = queue->format;
   const bool multi = isMulti(request.format.type);
   for (unsigned i = 0; request.count > 0 && i < wanted.planes; ++i) {
     const std::uint32_t size =
         multi ? request.format.fmt.pix_mp.plane_fmt[i].sizeimage : request.format.fmt.pix.sizeimage;
     if (size < wanted.sizeImage[i]) return fails(EINVAL);
+    wanted.sizeImage[i] = size;
   }
   if (multi && request.count > 0 && request.format.fmt.pix_mp.num_planes != wanted.planes)
     return fails(EINVAL);
   const unsigned room = 32 - std::min(32u, request.index);
   request.count = std::min(request.count, room);
-  return addBuffers(*queue, request.count, fd) ? 0 : fails(ENOMEM);
+  return addBuffers(*queue, request.count, wanted.sizeImage, fd) ? 0 : fails(ENOMEM);
 }
 
 void Session::describe(const Queue& queue, unsigned index, v4l2_buffer& to) const {
@@ -463,10 +524,11 @@ int Session::selection(bool set, v4l2_selection& selection) {
     return fails(kind_.encoder && kind_.coded == V4L2_PIX_FMT_H264 ? EINVAL
                  : kind_.encoder                                   ? ENOTTY
                                                                    : EINVAL);
+  std::memset(selection.reserved, 0, sizeof selection.reserved);
   const v4l2_rect whole = {0, 0, in_.format.width, in_.format.height};
   switch (selection.target) {
     case V4L2_SEL_TGT_CROP:
-      if (set && !kind_.encoder) return fails(EINVAL);
+      if (!kind_.encoder) return fails(EINVAL);
       if (set) {
         v4l2_rect& rect = selection.r;
         rect.width = std::clamp(rect.width & ~1u, 2u, whole.width);
@@ -480,8 +542,8 @@ int Session::selection(bool set, v4l2_selection& selection) {
       return 0;
     case V4L2_SEL_TGT_CROP_DEFAULT:
     case V4L2_SEL_TGT_CROP_BOUNDS:
-      if (set) return fails(EINVAL);
-      selection.r = kind_.encoder ? whole : crop_;
+      if (set || !kind_.encoder) return fails(EINVAL);
+      selection.r = whole;
       return 0;
     case V4L2_SEL_TGT_COMPOSE:
     case V4L2_SEL_TGT_COMPOSE_DEFAULT:
@@ -498,8 +560,6 @@ int Session::selection(bool set, v4l2_selection& selection) {
 int Session::interval(bool set, v4l2_streamparm& parameters) {
   if (!kind_.encoder || kind_.coded != V4L2_PIX_FMT_H264) return fails(ENOTTY);
   if (queueOf(parameters.type) == nullptr) return fails(EINVAL);
-  const bool in = queueOf(parameters.type) == &in_;
-  if (!in && set) return fails(EINVAL);
   v4l2_fract wanted = parameters.parm.output.timeperframe;
   std::memset(&parameters.parm, 0, sizeof parameters.parm);
   if (wanted.numerator == 0 || wanted.denominator == 0) wanted = {1, 30};
@@ -615,7 +675,7 @@ int Session::subscribe(const v4l2_event_subscription& wanted) {
     if (control == nullptr) return fails(EINVAL);
     subscribed_.insert({wanted.type, wanted.id});
     if ((wanted.flags & V4L2_EVENT_SUB_FL_SEND_INITIAL) == 0 ||
-        control->type == V4L2_CTRL_TYPE_CTRL_CLASS || control->type == V4L2_CTRL_TYPE_BUTTON)
+        control->type == V4L2_CTRL_TYPE_CTRL_CLASS)
       return 0;
     v4l2_event event = {};
     event.type = wanted.type;
