@@ -100,6 +100,10 @@ std::vector<MMAL_FOURCC_T> VideoDecode::encodings(const Port& target) const {
 bool VideoDecode::step() {
   if (restart_ && !restart()) return false;
   if (takePicture()) return show();
+  if (!failed_ && decoder_->failed()) {
+    failed_ = true;
+    raiseError(MMAL_EIO);
+  }
   if (ending_) {
     Header* const out = front(output0());
     if (out == nullptr) return false;
@@ -126,7 +130,7 @@ bool VideoDecode::restart() {
     if (format.extradata != nullptr)
       extraData.assign(format.extradata, format.extradata + format.extradata_size);
   }
-  restart_ = held_ = ending_ = false;
+  restart_ = held_ = ending_ = failed_ = false;
   if (!decoder_->open(extraData.data(), extraData.size())) raiseError(MMAL_EIO);
   return true;
 }

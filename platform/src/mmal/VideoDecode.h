@@ -39,6 +39,7 @@ class VideoDecode final : public Component {
   bool announced_ = false;  ///< its size was told; the output port has not been set up since
   std::chrono::steady_clock::time_point patience_;  ///< how long it is kept
   bool ending_ = false;  ///< the end of the stream is yet to be passed on
+  bool failed_ = false;  ///< the decoder, and that was told
   bool restart_ = true;  ///< the stream starts anew
 };
 

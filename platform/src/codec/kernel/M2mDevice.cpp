@@ -247,6 +247,15 @@ bool M2mDevice::findControl(std::uint32_t id, Control& control) {
   return true;
 }
 
+std::vector<std::string> M2mDevice::controlNames() {
+  std::vector<std::string> names;
+  auto query = cleared<v4l2_query_ext_ctrl>();
+  query.id = V4L2_CTRL_FLAG_NEXT_CTRL;
+  for (; call(VIDIOC_QUERY_EXT_CTRL, &query); query.id |= V4L2_CTRL_FLAG_NEXT_CTRL)
+    if (query.type != V4L2_CTRL_TYPE_CTRL_CLASS) names.push_back(text(query.name));
+  return names;
+}
+
 bool M2mDevice::hasMenuEntry(std::uint32_t id, std::int64_t value) {
   Control control;
   if (!findControl(id, control) || value < control.minimum || value > control.maximum) return false;

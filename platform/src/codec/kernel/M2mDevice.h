@@ -90,6 +90,7 @@ class M2mDevice {
   bool setFrameInterval(unsigned numerator, unsigned denominator);
 
   bool findControl(std::uint32_t id, Control& control);
+  std::vector<std::string> controlNames();
   bool hasMenuEntry(std::uint32_t id, std::int64_t value);
   bool setControl(std::uint32_t id, std::int64_t value);
   /// The value, or `otherwise` where the device has no such control.
