@@ -280,17 +280,27 @@ void Session::encode(const Buffer& from) {
   const unsigned width = crop_.width, height = crop_.height;
   const unsigned left = static_cast<unsigned>(crop_.left), top = static_cast<unsigned>(crop_.top);
   if (kind_.coded == V4L2_PIX_FMT_JPEG) {
+    // Packed pairs become 4:2:2; planes take the way over R G B, which becomes 4:2:0 again.
     const bool packed = in_.format.fourcc == V4L2_PIX_FMT_YUYV;
-    std::vector<std::uint8_t> yuyv(std::size_t{up(width, 2)} * height * 2);
+    const unsigned step = packed ? 2 : 3, stride = up(width, 2) * step;
+    std::vector<std::uint8_t> pixels(std::size_t{stride} * height);
+    const auto byte = [](double value) {
+      return static_cast<std::uint8_t>(std::clamp(value + 0.5, 0.0, 255.0));
+    };
     for (unsigned y = 0; y < height; ++y)
-      for (unsigned x = 0; x < up(width, 2); ++x) {
-        const unsigned from_y = top + y, c = (left + x) / 2, row = packed ? from_y : from_y / 2;
-        std::uint8_t* const to = &yuyv[(std::size_t{y} * up(width, 2) + x) * 2];
-        to[0] = frame.y.at(std::min(left + x, in_.format.width - 1), from_y);
-        to[1] = x % 2 == 0 ? frame.u.at(c, row) : frame.v.at(c, row);
+      for (unsigned x = 0; x < width; ++x) {
+        const unsigned c = (left + x) / 2, row = packed ? top + y : (top + y) / 2;
+        const std::uint8_t luma = frame.y.at(left + x, top + y);
+        const std::uint8_t u = frame.u.at(c, row), v = frame.v.at(c, row);
+        std::uint8_t* const to = &pixels[std::size_t{y} * stride + std::size_t{x} * step];
+        to[0] = packed ? luma : byte(luma + 1.402 * (v - 128));
+        to[1] = packed ? (x % 2 == 0 ? u : v)
+                       : byte(luma - 0.344136 * (u - 128) - 0.714136 * (v - 128));
+        if (!packed) to[2] = byte(luma + 1.772 * (u - 128));
       }
-    const codec::PackedPicture picture = {yuyv.data(),      yuyv.size(), codec::PixelFormat::Yuyv,
-                                          up(width, 2) * 2, width,       height};
+    const codec::PackedPicture picture = {
+        pixels.data(), pixels.size(), packed ? codec::PixelFormat::Yuyv : codec::PixelFormat::Rgb24,
+        stride,        width,         height};
     if (jpegEncoder_.encode(picture, static_cast<int>(values_[V4L2_CID_JPEG_COMPRESSION_QUALITY])))
       coded.bytes.assign(jpegEncoder_.data(), jpegEncoder_.data() + jpegEncoder_.size());
     coded.keyFrame = true;

@@ -100,7 +100,7 @@ Format read(const v4l2_format& from) {
 }
 
 const std::vector<const char*> levelNames = {"1", "1b",  "1.1", "1.2", "1.3", "2",   "2.1", "2.2",
-                                             "3", "3.1", "3.2", "4",   "4.1", "4.2", "5"};
+                                             "3", "3.1", "3.2", "4",   "4.1", "4.2", "5",   "5.1"};
 
 const ControlKind codecClass = {V4L2_CID_CODEC_CLASS,
                                 V4L2_CTRL_TYPE_CTRL_CLASS,
@@ -113,7 +113,7 @@ const ControlKind codecClass = {V4L2_CID_CODEC_CLASS,
 
 }  // namespace
 
-/// In the order of their numbers. The level stops at 5, as on many devices.
+/// In the order of their numbers.
 const std::vector<ControlKind>& controlsOf(const Kind& kind) {
   constexpr auto number = V4L2_CTRL_TYPE_INTEGER;
   constexpr auto menu = V4L2_CTRL_TYPE_MENU;
@@ -154,7 +154,7 @@ const std::vector<ControlKind>& controlsOf(const Kind& kind) {
        0,
        {},
        V4L2_CTRL_FLAG_WRITE_ONLY | V4L2_CTRL_FLAG_EXECUTE_ON_WRITE},
-      {V4L2_CID_MPEG_VIDEO_H264_LEVEL, menu, "H264 Level", 0, 14, 11, levelNames},
+      {V4L2_CID_MPEG_VIDEO_H264_LEVEL, menu, "H264 Level", 0, 15, 11, levelNames},
       {V4L2_CID_MPEG_VIDEO_H264_PROFILE,
        menu,
        "H264 Profile",

@@ -131,7 +131,8 @@ class ChosenEngine final : public H264Engine {
   std::string failure_;
 };
 
-/// A picture that the device does not take goes to the CPU, unless only the kernel will do.
+/// Pictures are decided about one by one: one that the device does not take goes to the CPU, also
+/// where only the kernel will do, as long as there is a device at all.
 class ChosenImageEncoder final : public ImageEncoder {
  public:
   bool encode(const PackedPicture& picture, int quality) override {
@@ -139,7 +140,7 @@ class ChosenImageEncoder final : public ImageEncoder {
     const bool asked =
         codecs_ == Codecs::Kernel || (codecs_ == Codecs::Auto && !kernel_.gaveUp(picture));
     if (asked && kernel_.encode(picture, quality)) return true;
-    if (codecs_ == Codecs::Kernel) {
+    if (codecs_ == Codecs::Kernel && kernel_.gaveUp(picture)) {
       complain(error());
       return false;
     }
@@ -168,7 +169,7 @@ class ChosenImageDecoder final : public ImageDecoder {
     const bool asked = codecs_ == Codecs::Kernel || (codecs_ == Codecs::Auto && !decoder_.gaveUp());
     const Result result = asked ? decoder_.decode(planes) : Result::Unusable;
     if (result == Result::Complete) return result;
-    if (codecs_ != Codecs::Kernel) return decoder_.decodeOnCpu(planes);
+    if (codecs_ != Codecs::Kernel || !decoder_.gaveUp()) return decoder_.decodeOnCpu(planes);
     complain(error());
     return result;
   }

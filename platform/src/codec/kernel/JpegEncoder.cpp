@@ -7,6 +7,7 @@
 
 #include "codec/PackedRows.h"
 #include "codec/cpu/ChromaFold.h"
+#include "codec/cpu/JpegScans.h"
 #include "codec/kernel/Devices.h"
 #include "codec/kernel/RawFrame.h"
 
@@ -57,13 +58,40 @@ bool JpegEncoder::encode(const PackedPicture& picture, int quality) {
   if (outcome == M2mEncoder::Outcome::Data) {
     size_ = encoder_.data().used[0];
     gaveUp_ = false;
-    return true;
+    if (cutToSize()) return true;
+    fail(encoder_.device().path() + ": gives a picture of another size");
+    gaveUp_ = true;
+    return false;
   }
   const bool dropped = outcome == M2mEncoder::Outcome::Dropped;
   fail(dropped ? encoder_.device().path() + ": gives no picture" : encoder_.error());
   encoder_.close();
   gaveUp_ = true;
   return false;
+}
+
+/// A device that rounded the size up has coded the same blocks as for the size that was asked for:
+/// it is a matter of two numbers in the frame header.
+bool JpegEncoder::cutToSize() {
+  std::uint8_t* const jpeg = encoder_.data().data[0];
+  std::size_t at = size_;
+  for (std::uint8_t marker = 0xc0; marker <= 0xc2 && at == size_; ++marker)
+    at = findSegment(jpeg, size_, marker);
+  constexpr std::size_t headerBytes = 12;  // up to the first component's sampling
+  if (at + headerBytes > size_) return false;
+  const unsigned height = jpeg[at + 5] * 256u + jpeg[at + 6];
+  const unsigned width = jpeg[at + 7] * 256u + jpeg[at + 8];
+  const unsigned across = jpeg[at + 11] / 16 * 8u, down = jpeg[at + 11] % 16 * 8u;
+  if (width == width_ && height == height_) return true;
+  const auto blocks = [](unsigned side, unsigned block) { return (side + block - 1) / block; };
+  if (across == 0 || down == 0 || blocks(width, across) != blocks(width_, across) ||
+      blocks(height, down) != blocks(height_, down))
+    return false;
+  jpeg[at + 5] = static_cast<std::uint8_t>(height_ >> 8);
+  jpeg[at + 6] = static_cast<std::uint8_t>(height_);
+  jpeg[at + 7] = static_cast<std::uint8_t>(width_ >> 8);
+  jpeg[at + 8] = static_cast<std::uint8_t>(width_);
+  return true;
 }
 
 bool JpegEncoder::isOfKind(const PackedPicture& picture) const {
@@ -95,6 +123,7 @@ bool JpegEncoder::openOn(const std::string& path, std::uint32_t coded) {
   setup.coded = coded;
   setup.width = width_;
   setup.height = height_;
+  setup.mayPad = true;
   setup.codedSize = headerRoom + std::size_t{width_} * height_ * 2;
   setup.raw = format_ == PixelFormat::Yuyv && width_ % 2 == 0 ? V4L2_PIX_FMT_YUYV : 0;
   if (setup.raw != 0 && encoder_.open(path, setup)) return encoder_.start();

@@ -25,6 +25,7 @@ class JpegEncoder final : public ImageEncoder {
   bool prepare(const PackedPicture& picture);
   bool openOn(const std::string& path, std::uint32_t coded);
   bool setQuality(int quality);
+  bool cutToSize();
   bool write(const PackedPicture& picture, Buffer& buffer);
   void writeYuyv(const PackedPicture& picture, Buffer& buffer);
   void toPlanar(const PackedPicture& picture);

@@ -50,7 +50,7 @@ bool M2mEncoder::chooseFormats(const Setup& setup) {
     return fail("takes pictures up to " + std::to_string(input_.width) + "x" +
                 std::to_string(input_.height) + " only");
   const bool exact = input_.width == setup.width && input_.height == setup.height;
-  if (!device_.setCrop({0, 0, setup.width, setup.height}) && !exact) return false;
+  if (!device_.setCrop({0, 0, setup.width, setup.height}) && !exact && !setup.mayPad) return false;
   // A rate that the device does not take costs accuracy of its rate control, no more.
   if (setup.rateNum != 0) device_.setFrameInterval(setup.rateDen, setup.rateNum);
   return true;

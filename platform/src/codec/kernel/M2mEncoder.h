@@ -18,6 +18,7 @@ class M2mEncoder {
     unsigned width = 0;
     unsigned height = 0;
     std::size_t codedSize = 0;  ///< room for a frame's data
+    bool mayPad = false;        ///< a device that rounds the size up and does not crop will do
     unsigned rateNum = 0;       ///< frames a second; 0: not told
     unsigned rateDen = 1;
   };
