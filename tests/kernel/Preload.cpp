@@ -95,7 +95,9 @@ const Kind* kindOf(const char* path) {
 int openDevice(const Kind& kind, int flags) {
   const std::lock_guard<std::recursive_mutex> held(lock());
   const Faults wrong = faults();
-  errno = gone[kind.number - first] ? ENODEV : wrong.openError;
+  bool& isGone = gone[kind.number - first];
+  isGone = isGone && wrong.goneAfter != 0;
+  errno = isGone ? ENODEV : wrong.openError;
   if (errno != 0) return -1;
   const int fd = memfd_create("stand-in", (flags & O_CLOEXEC) != 0 ? MFD_CLOEXEC : 0);
   if (fd < 0) return fd;
