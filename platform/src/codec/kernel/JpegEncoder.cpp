@@ -64,7 +64,11 @@ bool JpegEncoder::encode(const PackedPicture& picture, int quality) {
     return false;
   }
   const bool dropped = outcome == M2mEncoder::Outcome::Dropped;
-  fail(dropped ? encoder_.device().path() + ": gives no picture" : encoder_.error());
+  const bool noQuality = buffer == nullptr && quality_ != quality;
+  if (noQuality)
+    fail(encoder_.device().path() + ": has no control of the quality");
+  else
+    fail(dropped ? encoder_.device().path() + ": gives no picture" : encoder_.error());
   encoder_.close();
   gaveUp_ = true;
   return false;
@@ -133,7 +137,12 @@ bool JpegEncoder::openOn(const std::string& path, std::uint32_t coded) {
 
 bool JpegEncoder::setQuality(int quality) {
   if (quality == quality_) return true;
-  if (!encoder_.device().setControl(V4L2_CID_JPEG_COMPRESSION_QUALITY, quality)) return false;
+  Control range;
+  M2mDevice& device = encoder_.device();
+  if (!device.findControl(V4L2_CID_JPEG_COMPRESSION_QUALITY, range)) return false;
+  const std::int64_t nearest =
+      std::clamp<std::int64_t>(quality, range.minimum, std::max(range.minimum, range.maximum));
+  if (!device.setControl(V4L2_CID_JPEG_COMPRESSION_QUALITY, nearest)) return false;
   quality_ = quality;
   return true;
 }
