@@ -71,7 +71,13 @@ struct Encoder {
 
   explicit Encoder(unsigned w = ::width, unsigned h = ::height, std::size_t room = 1 << 20)
       : width(w), height(h) {
-    good = m2m.open(device(true), {coded(), 0, w, h, room, 30, 1}) && m2m.start();
+    M2mEncoder::Setup setup;
+    setup.coded = coded();
+    setup.width = w;
+    setup.height = h;
+    setup.codedSize = room;
+    setup.rateNum = 30;
+    good = m2m.open(device(true), setup) && m2m.start();
   }
   /// The data of one frame; empty where the device made none.
   Bytes encode() {

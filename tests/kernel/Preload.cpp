@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/media.h>
 #include <linux/v4l2-controls.h>
 #include <poll.h>
 #include <sys/epoll.h>
@@ -21,6 +22,7 @@
 #include <ctime>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "StandIn.h"
 
@@ -42,6 +44,64 @@ std::recursive_mutex& lock() {
   static auto* const mutex = new std::recursive_mutex;
   return *mutex;
 }
+// Media devices say no more than which function the video device of the same number has.
+std::map<int, const Kind*>& mediaDevices() {
+  static auto* const all = new std::map<int, const Kind*>;
+  return *all;
+}
+
+int mediaCall(const Kind& kind, unsigned long request, void* argument) {
+  if (request == MEDIA_IOC_DEVICE_INFO) {
+    auto& info = *static_cast<media_device_info*>(argument);
+    std::memset(&info, 0, sizeof info);
+    std::strcpy(info.driver, "stand-in");
+    std::strcpy(info.model, "stand-in");
+    std::strcpy(info.bus_info, "platform:stand-in");
+    info.media_version = info.driver_version = 6 << 16 | 1 << 8;
+    return 0;
+  }
+  if (request != MEDIA_IOC_G_TOPOLOGY) {
+    errno = ENOTTY;
+    return -1;
+  }
+  // The coder between what the kernel calls its source and its sink, which the node is for.
+  media_v2_entity entities[3] = {};
+  const std::uint32_t coder =
+      kind.encoder ? MEDIA_ENT_F_PROC_VIDEO_ENCODER : MEDIA_ENT_F_PROC_VIDEO_DECODER;
+  const std::uint32_t functions[] = {MEDIA_ENT_F_IO_V4L, coder, MEDIA_ENT_F_IO_V4L};
+  const char* const names[] = {"stand-in-source", "stand-in-proc", "stand-in-sink"};
+  for (unsigned i = 0; i < 3; ++i) {
+    entities[i].id = i + 1;
+    std::strcpy(entities[i].name, names[i]);
+    entities[i].function = functions[i];
+  }
+  media_v2_interface interface = {};
+  interface.id = 4;
+  interface.intf_type = MEDIA_INTF_T_V4L_VIDEO;
+  interface.devnode = {81, kind.number};
+  const media_v2_pad pads[] = {{5, 1, MEDIA_PAD_FL_SOURCE, 0, {}},
+                               {6, 2, MEDIA_PAD_FL_SINK, 0, {}},
+                               {7, 2, MEDIA_PAD_FL_SOURCE, 1, {}},
+                               {8, 3, MEDIA_PAD_FL_SINK, 0, {}}};
+  constexpr std::uint32_t fixed = MEDIA_LNK_FL_IMMUTABLE | MEDIA_LNK_FL_ENABLED;
+  const media_v2_link links[] = {{9, 5, 6, fixed, {}},
+                                 {10, 7, 8, fixed, {}},
+                                 {11, 4, 1, fixed | MEDIA_LNK_FL_INTERFACE_LINK, {}},
+                                 {12, 4, 3, fixed | MEDIA_LNK_FL_INTERFACE_LINK, {}}};
+  auto& topology = *static_cast<media_v2_topology*>(argument);
+  const auto put = [](const auto& values, std::uint64_t where) {
+    if (where != 0) std::memcpy(reinterpret_cast<void*>(where), &values, sizeof values);
+  };
+  put(entities, topology.ptr_entities);
+  put(interface, topology.ptr_interfaces);
+  put(pads, topology.ptr_pads);
+  put(links, topology.ptr_links);
+  topology.topology_version = topology.num_interfaces = 1;
+  topology.num_entities = 3;
+  topology.num_pads = topology.num_links = 4;
+  return 0;
+}
+
 std::map<int, std::unique_ptr<Session>>& sessions() {
   static auto* const all = new std::map<int, std::unique_ptr<Session>>;
   return *all;
@@ -85,17 +145,24 @@ Faults faults() {
   return all;
 }
 
-const Kind* kindOf(const char* path) {
+const Kind* kindOf(const char* path, const char* prefix = "/dev/video") {
   char* end = nullptr;
-  if (path == nullptr || std::strncmp(path, "/dev/video", 10) != 0) return nullptr;
+  if (path == nullptr || std::strncmp(path, prefix, 10) != 0) return nullptr;
   const unsigned long number = std::strtoul(path + 10, &end, 10);
   return *end == 0 && number >= first && number < first + count ? &kinds[number - first] : nullptr;
 }
 
-int openDevice(const Kind& kind, int flags) {
+int openDevice(const Kind& kind, int flags, bool media) {
   const std::lock_guard<std::recursive_mutex> held(lock());
+  if (media) {
+    const int fd = memfd_create("stand-in media", MFD_CLOEXEC);
+    mediaDevices()[fd] = &kind;
+    return fd;
+  }
   const Faults wrong = faults();
-  errno = gone[kind.number - first] ? ENODEV : wrong.openError;
+  bool& isGone = gone[kind.number - first];
+  isGone = isGone && wrong.goneAfter != 0;
+  errno = isGone ? ENODEV : wrong.openError;
   if (errno != 0) return -1;
   const int fd = memfd_create("stand-in", (flags & O_CLOEXEC) != 0 ? MFD_CLOEXEC : 0);
   if (fd < 0) return fd;
@@ -176,7 +243,10 @@ SHOWN int open(const char* path, int flags, ...) {
   const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(list, mode_t) : 0;
   va_end(list);
   const Kind* const kind = kindOf(path);
-  return kind != nullptr ? openDevice(*kind, flags) : NEXT(open)(path, flags, mode);
+  const Kind* const media = kindOf(path, "/dev/media");
+  if (kind != nullptr || media != nullptr)
+    return openDevice(kind != nullptr ? *kind : *media, flags, media != nullptr);
+  return NEXT(open)(path, flags, mode);
 }
 SHOWN int open64(const char* path, int flags, ...) {
   va_list list;
@@ -184,7 +254,7 @@ SHOWN int open64(const char* path, int flags, ...) {
   const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(list, mode_t) : 0;
   va_end(list);
   const Kind* const kind = kindOf(path);
-  return kind != nullptr ? openDevice(*kind, flags) : NEXT(open64)(path, flags, mode);
+  return kind != nullptr ? openDevice(*kind, flags, false) : NEXT(open64)(path, flags, mode);
 }
 SHOWN int __open_2(const char* path, int flags) {
   return open(path, flags);
@@ -197,6 +267,7 @@ SHOWN int close(int fd) {
   {
     const std::lock_guard<std::recursive_mutex> held(lock());
     sessions().erase(fd);
+    mediaDevices().erase(fd);
     if (fd == watcher) watcher = -1;
   }
   return NEXT(close)(fd);
@@ -211,6 +282,9 @@ SHOWN int ioctl(int fd, unsigned long request, ...) noexcept {
     {
       const std::lock_guard<std::recursive_mutex> held(lock());
       Session* const session = sessionOf(fd);
+      const auto media = mediaDevices().find(fd);
+      if (media != mediaDevices().end())
+        return mediaCall(*media->second, request & 0xffffffff, argument);
       if (session == nullptr) return NEXT(ioctl)(fd, request, argument);
       if (_IOC_SIZE(request) != 0 && !isMapped(argument)) {
         errno = session->knows(request) ? EFAULT : ENOTTY;
@@ -317,6 +391,8 @@ SHOWN int epoll_wait(int epoll, epoll_event* events, int most, int timeout) {
 SHOWN int fstat(int fd, struct stat* status) noexcept {
   const std::lock_guard<std::recursive_mutex> held(lock());
   Session* const session = sessionOf(fd);
+  const auto media = mediaDevices().find(fd);
+  if (media != mediaDevices().end()) return statusOf(*media->second, status);
   return session != nullptr ? statusOf(session->kind(), status) : NEXT(fstat)(fd, status);
 }
 SHOWN int fstat64(int fd, struct stat64* status) noexcept {
@@ -353,6 +429,8 @@ FILE* eventFile(const char* path) {
 
 DIR* devices = nullptr;  // the folder that they are listed in
 unsigned listed = 0;
+DIR* systemFolder = nullptr;  // what /sys lists of one of them: its media device
+unsigned systemNumber = 0;
 }  // namespace
 
 SHOWN FILE* fopen(const char* path, const char* mode) {
@@ -365,15 +443,27 @@ SHOWN FILE* fopen64(const char* path, const char* mode) {
 }
 
 SHOWN DIR* opendir(const char* path) {
+  unsigned number = 0;
+  if (std::sscanf(path, "/sys/dev/char/81:%u/device", &number) == 1 && number >= first &&
+      number < first + count) {
+    systemFolder = NEXT(opendir)("/proc/self/fdinfo");
+    systemNumber = number;
+    return systemFolder;
+  }
   DIR* const folder = NEXT(opendir)(path);
+  if (folder == systemFolder) systemFolder = nullptr;
   if (std::strcmp(path, "/dev") == 0 || std::strcmp(path, "/dev/") == 0)
     devices = folder, listed = 0;
   return folder;
 }
 SHOWN dirent* readdir(DIR* folder) {
+  static thread_local dirent ours;
+  if (folder == systemFolder) {
+    std::snprintf(ours.d_name, sizeof ours.d_name, "media%u", systemNumber);
+    return std::exchange(systemNumber, 0) != 0 ? &ours : nullptr;
+  }
   dirent* const entry = NEXT(readdir)(folder);
   if (entry != nullptr || folder != devices || listed == count) return entry;
-  static thread_local dirent ours;
   ours.d_type = DT_CHR;
   std::snprintf(ours.d_name, sizeof ours.d_name, "video%u", kinds[listed++].number);
   return &ours;

@@ -304,7 +304,7 @@ int Session::call(int fd, unsigned long request, void* argument) {
     case VIDIOC_ENCODER_CMD:
     case VIDIOC_TRY_ENCODER_CMD: {
       auto& wanted = *static_cast<v4l2_encoder_cmd*>(argument);
-      if (!kind_.encoder || kind_.coded == V4L2_PIX_FMT_JPEG) return fails(ENOTTY);
+      if (!kind_.encoder) return fails(ENOTTY);
       wanted.flags = 0;
       if (wanted.cmd != V4L2_ENC_CMD_STOP && wanted.cmd != V4L2_ENC_CMD_START) return fails(EINVAL);
       if (request == VIDIOC_ENCODER_CMD) command(wanted.cmd == V4L2_ENC_CMD_STOP);

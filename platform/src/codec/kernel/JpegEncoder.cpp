@@ -66,7 +66,11 @@ bool JpegEncoder::encode(const PackedPicture& picture, int quality) try {
     return false;
   }
   const bool dropped = outcome == M2mEncoder::Outcome::Dropped;
-  fail(dropped ? encoder_.device().path() + ": gives no picture" : encoder_.error());
+  const bool noQuality = buffer == nullptr && quality_ != quality;
+  if (noQuality)
+    fail(encoder_.device().path() + ": has no control of the quality");
+  else
+    fail(dropped ? encoder_.device().path() + ": gives no picture" : encoder_.error());
   encoder_.close();
   gaveUp_ = true;
   return false;
@@ -133,7 +137,7 @@ bool JpegEncoder::openOn(const std::string& path, std::uint32_t coded) {
   setup.height = height_;
   setup.mayPad = true;
   setup.codedSize = headerRoom + std::size_t{width_} * height_ * 2;
-  setup.raw = format_ == PixelFormat::Yuyv && width_ % 2 == 0 ? V4L2_PIX_FMT_YUYV : 0;
+  setup.raw = format_ == PixelFormat::Yuyv ? V4L2_PIX_FMT_YUYV : 0;
   if (setup.raw != 0 && encoder_.open(path, setup)) return encoder_.start();
   setup.raw = 0;
   return encoder_.open(path, setup) && encoder_.start();
@@ -141,7 +145,12 @@ bool JpegEncoder::openOn(const std::string& path, std::uint32_t coded) {
 
 bool JpegEncoder::setQuality(int quality) {
   if (quality == quality_) return true;
-  if (!encoder_.device().setControl(V4L2_CID_JPEG_COMPRESSION_QUALITY, quality)) return false;
+  Control range;
+  M2mDevice& device = encoder_.device();
+  if (!device.findControl(V4L2_CID_JPEG_COMPRESSION_QUALITY, range)) return false;
+  const std::int64_t nearest =
+      std::clamp<std::int64_t>(quality, range.minimum, std::max(range.minimum, range.maximum));
+  if (!device.setControl(V4L2_CID_JPEG_COMPRESSION_QUALITY, nearest)) return false;
   quality_ = quality;
   return true;
 }
@@ -158,19 +167,28 @@ bool JpegEncoder::write(const PackedPicture& picture, Buffer& buffer) {
                     buffer);
 }
 
+/// Rows as they are; beyond the picture the last pair repeats, that of an odd width made whole.
 void JpegEncoder::writeYuyv(const PackedPicture& picture, Buffer& buffer) {
   const Format& format = encoder_.inputFormat();
   const PackedRows rows(picture);
-  const std::size_t rowBytes = std::size_t{format.width} * 2, used = std::size_t{width_} * 2;
+  const std::size_t rowBytes = std::size_t{format.width} * 2, used = std::size_t{width_ / 2} * 4;
   const std::size_t stride = std::max<std::size_t>(format.bytesPerLine[0], rowBytes);
   const std::size_t held = std::min<std::size_t>(format.height, buffer.capacity[0] / stride);
+  const unsigned pairs = (width_ + 1) / 2;
+  lines_.resize(std::size_t{pairs} * 4);
+  std::uint8_t* const luma = lines_.data();
+  std::uint8_t* const u = luma + std::size_t{pairs} * 2;
+  std::uint8_t* const v = u + pairs;
   for (std::size_t y = 0; y < held; ++y) {
     const auto index = static_cast<unsigned>(std::min<std::size_t>(y, height_ - 1));
-    const std::uint8_t* const from = rows.row(index);
     std::uint8_t* const to = buffer.data[0] + y * stride;
-    std::memcpy(to, from, used);
-    for (std::size_t at = used; at + 4 <= rowBytes; at += 4)
-      std::memcpy(to + at, from + used - 4, 4);
+    std::memcpy(to, rows.row(index), used);
+    if (used == rowBytes) continue;
+    rows.deinterleave(index, luma, u, v);
+    const std::uint8_t last = luma[width_ - 1];
+    const std::uint8_t pair[] = {last, u[pairs - 1], last, v[pairs - 1]};
+    for (std::size_t at = used; at + sizeof pair <= rowBytes; at += sizeof pair)
+      std::memcpy(to + at, pair, sizeof pair);
   }
   buffer.used[0] = std::min<std::size_t>(format.sizeImage[0], buffer.capacity[0]);
 }
