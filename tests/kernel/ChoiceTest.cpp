@@ -20,7 +20,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr unsigned width = 322, height = 242;
 constexpr int frames = 12;
-constexpr auto longest = std::chrono::seconds(8);  // that any call may take
+constexpr auto longest = std::chrono::seconds(30);  // that any call may take
 
 enum class End { Works, Fails, Cpu };  ///< Cpu: fails where only the kernel will do
 
@@ -188,13 +188,14 @@ TEST_P(OnDevices, PicturesAreEncodedAndDecoded) {
   const auto encoder = codec::makeImageEncoder();
   const auto decoder = codec::makeImageDecoder();
   codec::JpegDecoder cpu;
+  const bool certain = auto_ || (row_.end == End::Works && row_.fewest >= frames - 1);
   for (int t = 0; t < 7; ++t) {
     Bytes grey(width * height * 3);
     for (std::size_t i = 0; i < grey.size(); ++i)
       grey[i] = static_cast<std::uint8_t>(40 + i / 3 % width / 4 + static_cast<std::size_t>(t) * 9);
     const bool good = encoder->encode(
         {grey.data(), grey.size(), codec::PixelFormat::Rgb24, width * 3, width, height}, 90);
-    EXPECT_TRUE(good || !auto_) << encoder->error();
+    EXPECT_TRUE(good || !certain) << encoder->error();
     if (!good) continue;
     const Bytes jpeg(encoder->data(), encoder->data() + encoder->size());
     ASSERT_TRUE(decoder->open(jpeg.data(), jpeg.size()) && cpu.open(jpeg.data(), jpeg.size()));
@@ -203,7 +204,7 @@ TEST_P(OnDevices, PicturesAreEncodedAndDecoded) {
     Bytes seen(352 * 256 * 3 / 2), truth = seen;
     const bool shown = decoder->decode(codec::planesOf(seen.data(), 352, 256)) ==
                        codec::ImageDecoder::Result::Complete;
-    EXPECT_TRUE(shown || !auto_) << decoder->error();
+    EXPECT_TRUE(shown || !certain) << decoder->error();
     cpu.decode(codec::planesOf(truth.data(), 352, 256));
     for (unsigned y = 0; shown && y < height; y += 60)
       for (unsigned x = 0; x < width; x += 7) {

@@ -70,8 +70,8 @@ bool M2mEncoder::restart() {
 }
 
 Buffer* M2mEncoder::inputBuffer() {
+  if (draining_ ? !restart() : !giveBack()) return nullptr;
   Buffer* idle = device_.idle(Side::In);
-  if (!giveBack()) return nullptr;
   while (idle == nullptr) {
     Buffer* buffer = nullptr;
     switch (device_.wait(patienceMs, buffer)) {

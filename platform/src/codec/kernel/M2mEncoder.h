@@ -42,7 +42,8 @@ class M2mEncoder {
 
   /// The next data. Dropped: the device made nothing of the frame, or not yet.
   Outcome collect();
-  /// Makes what the device holds back come out: the next data, or Dropped at the end.
+  /// Makes what the device holds back come out: the next data, or Dropped at the end. The next
+  /// frame starts another stream.
   Outcome drain();
   const Buffer& data() const { return *held_; }
   /// What came out is not all of its frame.
