@@ -116,9 +116,12 @@ class ChosenEngine final : public H264Engine {
     const std::vector<std::uint8_t> before = known_.annexB();
     known_.add(data, size);
     unsigned columns = 0, rows = 0;
-    if (!known_.codedSize(columns, rows)) return false;
-    engine_ = &kernel_;
-    if (!kernel_.find(columns * 16, rows * 16) && chosenCodecs() == Codecs::Auto) engine_ = &cpu_;
+    const bool sized = known_.codedSize(columns, rows);
+    if (!sized && known_.empty()) return false;
+    const bool only = chosenCodecs() == Codecs::Kernel;
+    const bool found = (sized || only) && kernel_.find(columns * 16, rows * 16);
+    engine_ = &cpu_;
+    if (found || only) engine_ = &kernel_;
     engine_->open(before);
     return true;
   }

@@ -12,6 +12,7 @@ namespace codec {
 class ParameterSets {
  public:
   void clear() { units_.clear(); }
+  bool empty() const { return units_.empty(); }
 
   /// Takes the parameter sets out of Annex B bytes, or out of an avcC record.
   void add(const std::uint8_t* data, std::size_t size);
