@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
-#include "codec/H264Decoder.h"
+#include "codec/cpu/H264Decoder.h"
 #include "support/MadeStream.h"
 
 using support::Bytes;

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "codec/JpegDecoder.h"
+#include "codec/cpu/JpegDecoder.h"
 #include "support/GuardedMemory.h"
 #include "support/JpegSurgery.h"
 

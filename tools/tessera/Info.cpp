@@ -170,6 +170,15 @@ std::string objectOf(const char* symbol) {
   return where.dli_fname;
 }
 
+/// What the software platform says of its coders; null on any other.
+nlohmann::ordered_json codecs() {
+  using Report = char* (*)();
+  const auto ask = reinterpret_cast<Report>(dlsym(RTLD_DEFAULT, "tessera_platform_codecs"));
+  if (ask == nullptr) return nullptr;
+  const std::unique_ptr<char, void (*)(void*)> text(ask(), std::free);
+  return text ? nlohmann::ordered_json::parse(text.get(), nullptr, false) : nullptr;
+}
+
 std::string versionText(unsigned version) {
   return std::to_string(AV_VERSION_MAJOR(version)) + "." +
          std::to_string(AV_VERSION_MINOR(version)) + "." +
@@ -211,6 +220,7 @@ nlohmann::ordered_json gather() {
                                    {"board_refuses", boardRefuses},
                                    {"board_limits", limited && std::strcmp(limited, "1") == 0},
                                    {"libavformat", versionText(avformat_version())},
+                                   {"codecs", codecs()},
                                    {"classes", nlohmann::ordered_json::array()}};
   for (const Check& check : checks) {
     const Outcome outcome = run(check);
@@ -222,6 +232,38 @@ nlohmann::ordered_json gather() {
                                  {"said", outcome.works ? "" : outcome.said}});
   }
   return report;
+}
+
+/// Which coder does what, and what is known of the devices.
+std::string codecsAsText(const nlohmann::ordered_json& codecs) {
+  const auto joined = [](const nlohmann::ordered_json& list, const char* between) {
+    std::string all;
+    for (const auto& each : list) all += (all.empty() ? "" : between) + each.get<std::string>();
+    return all;
+  };
+  std::string out = "\ncodecs: " + codecs["choice"].get<std::string>() + " (TESSERA_CODECS)\n";
+  char line[160];
+  for (const auto& service : codecs["services"]) {
+    const auto widest = service["largest"][0].get<unsigned>();
+    std::snprintf(line, sizeof line, "%-17s %s", service["service"].get<std::string>().c_str(),
+                  service["coder"].get<std::string>().c_str());
+    const auto device = service["device"].get<std::string>();
+    out += line + (device.empty() ? "" : " " + device);
+    if (widest != 0)
+      out += ", pictures up to " + std::to_string(widest) + "x" +
+             std::to_string(service["largest"][1].get<unsigned>());
+    const std::string passedOver = joined(service["passed_over"], "\n    not ");
+    out += (passedOver.empty() ? "" : "\n    not " + passedOver) + "\n";
+  }
+  for (const auto& device : codecs["devices"]) {
+    if (!device["passed_over"].get<std::string>().empty()) continue;
+    out += device["path"].get<std::string>() + ": " + device["card"].get<std::string>() + " (" +
+           device["driver"].get<std::string>() + "), " + joined(device["takes"], " ") + " to " +
+           joined(device["gives"], " ") + "\n";
+    const std::string controls = joined(device["controls"], ", ");
+    if (!controls.empty()) out += "    controls: " + controls + "\n";
+  }
+  return out;
 }
 
 std::string asText(const nlohmann::ordered_json& report) {
@@ -258,6 +300,7 @@ std::string asText(const nlohmann::ordered_json& report) {
       said.replace(at, 1, "\n    ");
     out += "DOES NOT WORK" + (said.empty() ? "" : "\n    " + said) + "\n";
   }
+  if (report["codecs"].is_object()) out += codecsAsText(report["codecs"]);
   return out;
 }
 

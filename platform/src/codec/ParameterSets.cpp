@@ -101,6 +101,15 @@ std::vector<std::uint8_t> ParameterSets::annexB() const {
   return all;
 }
 
+bool ParameterSets::codedSize(unsigned& columns, unsigned& rows) const {
+  columns = rows = 0;
+  for (const auto& [id, kept] : sequences_) {
+    columns = std::max(columns, kept.set.columns);
+    rows = std::max(rows, kept.set.rows);
+  }
+  return !sequences_.empty();
+}
+
 bool ParameterSets::arithmeticCoding() const {
   return std::any_of(pictures_.begin(), pictures_.end(),
                      [](const auto& each) { return each.second.set.arithmeticCoding; });

@@ -32,6 +32,10 @@ class ParameterSets {
   /// All of them in Annex B.
   std::vector<std::uint8_t> annexB() const;
 
+  /// The largest size that a sequence parameter set has, in macroblocks of 16 x 16.
+  /// @return false when there is none
+  bool codedSize(unsigned& columns, unsigned& rows) const;
+
   /// Whether a picture may be coded arithmetically (CABAC).
   bool arithmeticCoding() const;
 

@@ -81,7 +81,10 @@ bool SequenceSet::parse(const std::vector<std::uint8_t>& unit) {
   bits.bit();
   const std::uint64_t width = bits.ue() + std::uint64_t{1}, units = bits.ue() + std::uint64_t{1};
   fields = bits.bit() == 0;
-  return frameNumberBits <= 16 && sizeFits(width, fields ? 2 * units : units);
+  const std::uint64_t height = fields ? 2 * units : units;
+  columns = static_cast<unsigned>(width);
+  rows = static_cast<unsigned>(height);
+  return frameNumberBits <= 16 && sizeFits(width, height);
 }
 
 bool PictureSet::parse(const std::vector<std::uint8_t>& unit) {

@@ -17,7 +17,9 @@ struct SequenceSet {
   bool eightBits = true;
   bool separatePlanes = false;
   unsigned frameNumberBits = 4;
-  bool fields = false;  ///< pictures may be fields
+  unsigned columns = 0;  ///< of 16 x 16 macroblocks
+  unsigned rows = 0;     ///< of a frame
+  bool fields = false;   ///< pictures may be fields
 
   /// Pictures come out as 8-bit 4:2:0.
   bool supported() const { return chromaFormat <= 1 && eightBits; }

@@ -251,6 +251,7 @@ void count(Kind kind, int change) {
 }
 
 Watched::Watched(std::function<bool()> atRest) : atRest_(std::move(atRest)) {
+  rest();  // its worker may have no memory to make it
   Watch& w = watch();
   const std::lock_guard<std::mutex> lock(w.mutex);
   w.workers.push_back(this);

@@ -128,7 +128,7 @@ void ImageDecode::open(Lock& lock, const OMX_U8* data, std::size_t size) {
   bool opened = false;
   {
     const Unlocked unlocked(lock);
-    opened = size > 0 && decoder_.open(data, size);
+    opened = size > 0 && decoder_->open(data, size);
   }
   const OMX_IMAGE_PORTDEFINITIONTYPE& image = output().image();
   if (!opened) {
@@ -138,13 +138,13 @@ void ImageDecode::open(Lock& lock, const OMX_U8* data, std::size_t size) {
     return;
   }
   picture_ = Picture::Opened;
-  if (reshaping_ || image.nFrameWidth != decoder_.width() ||
-      image.nFrameHeight != decoder_.height())
+  if (reshaping_ || image.nFrameWidth != decoder_->width() ||
+      image.nFrameHeight != decoder_->height())
     announceShape();
 }
 
 void ImageDecode::announceShape() {
-  shape(output().definition, decoder_.width(), decoder_.height());
+  shape(output().definition, decoder_->width(), decoder_->height());
   reshaping_ = output().enabled();
   raise(OMX_EventPortSettingsChanged, outputPort, 0);
 }
@@ -161,8 +161,9 @@ bool ImageDecode::fill(Lock& lock) {
   if (output().queue.empty()) return false;
   const OMX_IMAGE_PORTDEFINITIONTYPE& image = output().image();
   // While the port was disabled the client may have given it yet another shape.
-  if (opened && (image.nFrameWidth != decoder_.width() || image.nFrameHeight != decoder_.height() ||
-                 output().queue.front()->header.nAllocLen < neededBytes())) {
+  if (opened &&
+      (image.nFrameWidth != decoder_->width() || image.nFrameHeight != decoder_->height() ||
+       output().queue.front()->header.nAllocLen < neededBytes())) {
     announceShape();
     return true;
   }
@@ -174,8 +175,8 @@ bool ImageDecode::fill(Lock& lock) {
   bool decoded = false;
   if (opened) {
     const Unlocked unlocked(lock);
-    decoded = decoder_.decode(planes) != codec::JpegDecoder::Result::Unusable;
-    if (decoded) pad(planes, sliceHeight, decoder_.width(), decoder_.height());
+    decoded = decoder_->decode(planes) != codec::ImageDecoder::Result::Unusable;
+    if (decoded) pad(planes, sliceHeight, decoder_->width(), decoder_->height());
   }
   buffer.header.nFilledLen = decoded ? bytes : 0;
   buffer.header.nFlags = OMX_BUFFERFLAG_EOS | OMX_BUFFERFLAG_ENDOFFRAME |

@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "codec/JpegDecoder.h"
+#include "codec/Choice.h"
 #include "il/Component.h"
 
 namespace il {
@@ -55,7 +55,7 @@ class ImageDecode : public Component {
   void dropPicture();
   OMX_U32 neededBytes();
 
-  codec::JpegDecoder decoder_;
+  const std::unique_ptr<codec::ImageDecoder> decoder_ = codec::makeImageDecoder();
   Picture picture_ = Picture::None;
   std::vector<OMX_U8> gathered_;
   bool oversized_ = false;   ///< more bytes came than one picture may have

@@ -132,10 +132,10 @@ bool ImageEncode::work(Lock& lock) {
   bool encoded = false;
   {
     const Unlocked unlocked(lock);
-    encoded = encoder_.encode(picture, quality) && encoder_.size() <= to.header.nAllocLen;
-    if (encoded) std::memcpy(to.header.pBuffer, encoder_.data(), encoder_.size());
+    encoded = encoder_->encode(picture, quality) && encoder_->size() <= to.header.nAllocLen;
+    if (encoded) std::memcpy(to.header.pBuffer, encoder_->data(), encoder_->size());
   }
-  to.header.nFilledLen = encoded ? static_cast<OMX_U32>(encoder_.size()) : 0;
+  to.header.nFilledLen = encoded ? static_cast<OMX_U32>(encoder_->size()) : 0;
   // A picture that could not be encoded is one that ended without data.
   to.header.nFlags = (from.header.nFlags & OMX_BUFFERFLAG_EOS) | OMX_BUFFERFLAG_ENDOFFRAME |
                      (encoded ? 0 : OMX_BUFFERFLAG_DATACORRUPT);

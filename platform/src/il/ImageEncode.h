@@ -1,7 +1,7 @@
 #ifndef TESSERA_PLATFORM_SRC_IL_IMAGEENCODE_H
 #define TESSERA_PLATFORM_SRC_IL_IMAGEENCODE_H
 
-#include "codec/JpegEncoder.h"
+#include "codec/Choice.h"
 #include "il/Component.h"
 
 namespace il {
@@ -28,7 +28,7 @@ class ImageEncode : public Component {
  private:
   codec::PackedPicture pictureIn(const Buffer& buffer);
 
-  codec::JpegEncoder encoder_;
+  const std::unique_ptr<codec::ImageEncoder> encoder_ = codec::makeImageEncoder();
   OMX_U32 quality_ = 75;
 };
 

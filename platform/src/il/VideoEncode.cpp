@@ -47,8 +47,8 @@ bool knownProfile(OMX_VIDEO_AVCPROFILETYPE profile) {
          profile == OMX_VIDEO_AVCProfileHigh;
 }
 
-codec::H264Encoder::Profile codecProfile(OMX_VIDEO_AVCPROFILETYPE profile) {
-  using Profile = codec::H264Encoder::Profile;
+codec::VideoEncoder::Profile codecProfile(OMX_VIDEO_AVCPROFILETYPE profile) {
+  using Profile = codec::VideoEncoder::Profile;
   return profile == OMX_VIDEO_AVCProfileBaseline ? Profile::Baseline
          : profile == OMX_VIDEO_AVCProfileMain   ? Profile::Main
                                                  : Profile::High;
@@ -171,11 +171,11 @@ OMX_ERRORTYPE VideoEncode::setAvc(const OMX_VIDEO_PARAM_AVCTYPE& avc) {
   return OMX_ErrorNone;
 }
 
-codec::H264Encoder::Config VideoEncode::config() {
+codec::VideoEncoder::Config VideoEncode::config() {
   const OMX_VIDEO_PORTDEFINITIONTYPE& video = input().video();
   const OMX_U32 rate = video.xFramerate != 0 ? video.xFramerate : defaultRate;
   const OMX_U32 divisor = std::gcd(rate, oneFrameASecond);
-  codec::H264Encoder::Config config;
+  codec::VideoEncoder::Config config;
   config.width = video.nFrameWidth;
   config.height = video.nFrameHeight;
   config.frameRateNum = rate / divisor;
@@ -206,17 +206,17 @@ bool VideoEncode::takeFrame(Lock& lock) {
 
 /// Opens the encoder for the frame that waits; one that cannot be opened costs the frame.
 bool VideoEncode::start(Lock& lock) {
-  const codec::H264Encoder::Config wanted = config();
+  const codec::VideoEncoder::Config wanted = config();
   timeStamp_ = input().queue.front()->header.nTimeStamp;
   // A setting that changes while the encoder opens clears it again.
   started_ = true;
   bool opened = false;
   {
     const Unlocked unlocked(lock);
-    opened = encoder_.open(wanted);
+    opened = encoder_->open(wanted);
   }
   if (opened) {
-    const std::vector<OMX_U8>& sets = encoder_.parameterSets();
+    const std::vector<OMX_U8>& sets = encoder_->parameterSets();
     parameterSets_ = {sets.data(), sets.size(), OMX_BUFFERFLAG_CODECCONFIG,
                       OMX_BUFFERFLAG_ENDOFFRAME};
     return true;
@@ -241,7 +241,7 @@ void VideoEncode::encode(Lock& lock, Buffer& buffer) {
   bool encoded = false;
   {
     const Unlocked unlocked(lock);
-    encoded = encoder_.encode(planes, microseconds(buffer.header.nTimeStamp), keyFrame);
+    encoded = encoder_->encode(planes, microseconds(buffer.header.nTimeStamp), keyFrame);
   }
   if (!encoded) {
     // What the encoder has lost no later frame may refer to.
@@ -250,8 +250,8 @@ void VideoEncode::encode(Lock& lock, Buffer& buffer) {
     return;
   }
   timeStamp_ = buffer.header.nTimeStamp;
-  frame_ = {encoder_.data(), encoder_.size(),
-            encoder_.isKeyFrame() ? OMX_U32{OMX_BUFFERFLAG_SYNCFRAME} : 0,
+  frame_ = {encoder_->data(), encoder_->size(),
+            encoder_->isKeyFrame() ? OMX_U32{OMX_BUFFERFLAG_SYNCFRAME} : 0,
             OMX_BUFFERFLAG_ENDOFFRAME | (buffer.header.nFlags & OMX_BUFFERFLAG_EOS)};
 }
 

@@ -1,7 +1,7 @@
 #ifndef TESSERA_PLATFORM_SRC_IL_VIDEOENCODE_H
 #define TESSERA_PLATFORM_SRC_IL_VIDEOENCODE_H
 
-#include "codec/H264Encoder.h"
+#include "codec/Choice.h"
 #include "il/Component.h"
 
 namespace il {
@@ -45,9 +45,9 @@ class VideoEncode : public Component {
   bool handOut(Lock& lock, Pending& pending);
   OMX_ERRORTYPE setRate(const OMX_VIDEO_PARAM_BITRATETYPE& rate);
   OMX_ERRORTYPE setAvc(const OMX_VIDEO_PARAM_AVCTYPE& avc);
-  codec::H264Encoder::Config config();
+  codec::VideoEncoder::Config config();
 
-  codec::H264Encoder encoder_;
+  const std::unique_ptr<codec::VideoEncoder> encoder_ = codec::makeVideoEncoder();
   bool started_ = false;  ///< the encoder is open with the settings as they are
   Pending parameterSets_;
   Pending frame_;

@@ -96,7 +96,7 @@ bool ImageEncode::step() {
   if (in == nullptr) return false;
   const bool wanted = in->length > 0;
   // A shortage costs the picture, whose buffer goes out empty; an error event would be for good.
-  ready_ = wanted && (encode(*in) || encoder_.lacksMemory());
+  ready_ = wanted && (encode(*in) || encoder_->lacksMemory());
   finish(input0());
   if (wanted && !ready_) raiseError(MMAL_EIO);
   return true;
@@ -124,13 +124,13 @@ bool ImageEncode::encode(const Header& in) {
   }
   pts_ = in.pts;
   written_ = 0;
-  return encoder_.encode(picture, quality);
+  return encoder_->encode(picture, quality);
 }
 
 void ImageEncode::write(Header& out) {
-  const std::size_t rest = encoder_.size() - written_;
+  const std::size_t rest = encoder_->size() - written_;
   const std::size_t part = std::min<std::size_t>(rest, out.alloc_size);
-  if (part > 0) std::memcpy(out.data, encoder_.data() + written_, part);
+  if (part > 0) std::memcpy(out.data, encoder_->data() + written_, part);
   out.length = static_cast<std::uint32_t>(part);
   out.pts = pts_;
   if (written_ == 0) out.flags |= MMAL_BUFFER_HEADER_FLAG_FRAME_START;

@@ -1,7 +1,7 @@
 #ifndef TESSERA_PLATFORM_SRC_MMAL_IMAGEENCODE_H
 #define TESSERA_PLATFORM_SRC_MMAL_IMAGEENCODE_H
 
-#include "codec/JpegEncoder.h"
+#include "codec/Choice.h"
 #include "mmal/Component.h"
 
 namespace mmal {
@@ -25,7 +25,7 @@ class ImageEncode final : public Component {
   bool encode(const Header& in);
   void write(Header& out);
 
-  codec::JpegEncoder encoder_;
+  const std::unique_ptr<codec::ImageEncoder> encoder_ = codec::makeImageEncoder();
   std::uint32_t quality_ = 85;  ///< guarded by the component's lock
   std::size_t written_ = 0;     ///< bytes of the JPEG handed out
   bool ready_ = false;          ///< there is a JPEG to hand out

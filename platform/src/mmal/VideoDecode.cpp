@@ -18,7 +18,7 @@ constexpr std::uint32_t recommendedInput = 80 * 1024;
 constexpr std::uint32_t noPicture = 1;  ///< smallest buffer while the size is unknown
 
 std::int64_t toPts(std::int64_t pts) {
-  return pts == codec::H264Decoder::noPts ? MMAL_TIME_UNKNOWN : pts;
+  return pts == codec::VideoDecoder::noPts ? MMAL_TIME_UNKNOWN : pts;
 }
 
 /// Copies what lies in one piece by parts that a level-two cache holds: for those the C library
@@ -139,24 +139,30 @@ bool VideoDecode::restart() {
     if (format.extradata != nullptr)
       extraData.assign(format.extradata, format.extradata + format.extradata_size);
   }
-  if (!(anew ? decoder_.open(extraData.data(), extraData.size()) : decoder_.reopen())) return false;
+  if (!(anew ? decoder_->open(extraData.data(), extraData.size()) : decoder_->reopen()))
+    return false;
   restart_ = Restart::No;
+  failed_ = false;
   complained_ = complained_ && !anew;
   return true;
 }
 
 // Pictures that the codec cannot decode never come, which looks like a stream without any.
 void VideoDecode::complain() {
-  if (complained_ || decoder_.error().empty()) return;
-  std::fprintf(stderr, "vc.ril.video_decode cannot decode the stream: %s\n",
-               decoder_.error().c_str());
-  complained_ = true;
+  const bool failed = decoder_->failed();
+  if (!complained_ && !decoder_->error().empty()) {
+    std::fprintf(stderr, "vc.ril.video_decode cannot decode the stream: %s\n",
+                 decoder_->error().c_str());
+    complained_ = true;
+  }
+  if (failed && !failed_) raiseError(MMAL_EIO);
+  failed_ = failed;
 }
 
 // Makes picture_ the next to go out. @return false when the decoder has none
 bool VideoDecode::takePicture() {
   while (!held_) {
-    if (!decoder_.next(picture_)) return false;
+    if (!decoder_->next(picture_)) return false;
     held_ = !picture_.decodeOnly;
   }
   return true;
@@ -225,13 +231,13 @@ void VideoDecode::write(Header& out, unsigned stride, unsigned sliceHeight) cons
 }
 
 void VideoDecode::feed(const Header& in) {
-  const std::int64_t pts = in.pts == MMAL_TIME_UNKNOWN ? codec::H264Decoder::noPts : in.pts;
+  const std::int64_t pts = in.pts == MMAL_TIME_UNKNOWN ? codec::VideoDecoder::noPts : in.pts;
   const bool last = (in.flags & MMAL_BUFFER_HEADER_FLAG_EOS) != 0;
   const bool unitEnds = last || (in.flags & MMAL_BUFFER_HEADER_FLAG_FRAME_END) != 0;
-  decoder_.feed(in.data + in.offset, in.length, pts,
-                (in.flags & MMAL_BUFFER_HEADER_FLAG_DECODEONLY) != 0, unitEnds);
+  decoder_->feed(in.data + in.offset, in.length, pts,
+                 (in.flags & MMAL_BUFFER_HEADER_FLAG_DECODEONLY) != 0, unitEnds);
   if (!last) return;
-  decoder_.flush();
+  decoder_->flush();
   ending_ = true;
 }
 

@@ -1,7 +1,7 @@
 #ifndef TESSERA_PLATFORM_SRC_MMAL_VIDEODECODE_H
 #define TESSERA_PLATFORM_SRC_MMAL_VIDEODECODE_H
 
-#include "codec/H264Decoder.h"
+#include "codec/Choice.h"
 #include "mmal/Component.h"
 
 namespace mmal {
@@ -35,12 +35,13 @@ class VideoDecode final : public Component {
   bool announce();
   void write(Header& out, unsigned stride, unsigned sliceHeight) const;
 
-  codec::H264Decoder decoder_;
-  codec::H264Decoder::Picture picture_;
+  const std::unique_ptr<codec::VideoDecoder> decoder_ = codec::makeVideoDecoder();
+  codec::VideoDecoder::Picture picture_;
   bool held_ = false;       ///< picture_ waits to go out
   bool announced_ = false;  ///< its size was told; the output port has not been set up since
   std::chrono::steady_clock::time_point patience_;  ///< how long it is kept
   bool ending_ = false;      ///< the end of the stream is yet to be passed on
+  bool failed_ = false;      ///< the decoder, and that was told
   bool complained_ = false;  ///< of this stream
   enum class Restart { No, Anew, KnowingItsSets };
   Restart restart_ = Restart::Anew;  ///< before the next input is fed

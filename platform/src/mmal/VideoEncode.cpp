@@ -10,7 +10,7 @@ namespace mmal {
 
 namespace {
 
-using Profile = codec::H264Encoder::Profile;
+using Profile = codec::VideoEncoder::Profile;
 
 bool profileOf(MMAL_VIDEO_PROFILE_T published, Profile& profile) {
   switch (published) {
@@ -163,10 +163,10 @@ bool VideoEncode::step() {
 
 // Starts the encoder where its settings are not the client's yet; its parameter sets go out first.
 bool VideoEncode::open() {
-  codec::H264Encoder::Config config;
+  codec::VideoEncoder::Config config;
   {
     const auto held = lock();
-    if (!reopen_ && encoder_.isOpen()) return true;
+    if (!reopen_ && encoder_->isOpen()) return true;
     reopen_ = false;
     const MMAL_VIDEO_FORMAT_T& raw = input0().committed.video();
     const MMAL_RECT_T crop = pictureOf(raw);
@@ -187,10 +187,10 @@ bool VideoEncode::open() {
     config.constantBitrate = rateControl_ == MMAL_VIDEO_RATECONTROL_CONSTANT ||
                              rateControl_ == MMAL_VIDEO_RATECONTROL_CONSTANT_SKIP_FRAMES;
   }
-  if (!encoder_.open(config)) return false;
+  if (!encoder_->open(config)) return false;
   config_ = Outgoing{};
-  config_.data = encoder_.parameterSets().data();
-  config_.size = encoder_.parameterSets().size();
+  config_.data = encoder_->parameterSets().data();
+  config_.size = encoder_->parameterSets().size();
   config_.flags = MMAL_BUFFER_HEADER_FLAG_CONFIG;
   config_.waiting = true;
   return true;
@@ -214,18 +214,18 @@ bool VideoEncode::encode(const Header& in) {
     planes.u += y / 2 * planes.uvStride + x / 2;
     planes.v += y / 2 * planes.uvStride + x / 2;
   }
-  if (!encoder_.encode(planes, in.pts, forceKeyFrame)) {
+  if (!encoder_->encode(planes, in.pts, forceKeyFrame)) {
     // What the encoder has lost no later frame may refer to.
     const auto held = lock();
     reopen_ = true;
     return false;
   }
-  if (encoder_.size() == 0) return true;
+  if (encoder_->size() == 0) return true;
   frame_ = Outgoing{};
-  frame_.data = encoder_.data();
-  frame_.size = encoder_.size();
-  frame_.pts = encoder_.pts();
-  if (encoder_.isKeyFrame()) frame_.flags = MMAL_BUFFER_HEADER_FLAG_KEYFRAME;
+  frame_.data = encoder_->data();
+  frame_.size = encoder_->size();
+  frame_.pts = encoder_->pts();
+  if (encoder_->isKeyFrame()) frame_.flags = MMAL_BUFFER_HEADER_FLAG_KEYFRAME;
   frame_.waiting = true;
   return true;
 }

@@ -1,7 +1,7 @@
 #ifndef TESSERA_PLATFORM_SRC_MMAL_VIDEOENCODE_H
 #define TESSERA_PLATFORM_SRC_MMAL_VIDEOENCODE_H
 
-#include "codec/H264Encoder.h"
+#include "codec/Choice.h"
 #include "mmal/Component.h"
 
 namespace mmal {
@@ -39,7 +39,7 @@ class VideoEncode final : public Component {
   bool encode(const Header& in);
   bool write(Outgoing& outgoing);
 
-  codec::H264Encoder encoder_;
+  const std::unique_ptr<codec::VideoEncoder> encoder_ = codec::makeVideoEncoder();
   Outgoing config_, frame_;
 
   // Guarded by the component's lock.

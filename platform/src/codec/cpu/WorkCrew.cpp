@@ -1,0 +1,89 @@
+#include "codec/cpu/WorkCrew.h"
+
+#include <pthread.h>
+#include <sched.h>
+
+#include <algorithm>
+#include <csignal>
+#include <exception>
+
+namespace codec {
+
+namespace {
+
+/// Blocks every signal of the calling thread, so that threads started meanwhile inherit that: an
+/// application's signals are for its own threads.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &saved_);
+  }
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &saved_, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+ private:
+  sigset_t saved_;
+};
+
+}  // namespace
+
+WorkCrew::~WorkCrew() {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    leaving_ = true;
+  }
+  wake_.notify_all();
+  for (std::thread& helper : helpers_) helper.join();
+}
+
+void WorkCrew::hire(unsigned helpers) {
+  hired_ = true;
+  const SignalsBlocked blocked;
+  try {
+    while (helpers_.size() < helpers) helpers_.emplace_back([this] { help(); });
+  } catch (const std::exception&) {
+    // The threads that there are will do.
+  }
+}
+
+void WorkCrew::run(unsigned count, const std::function<void(unsigned)>& task) {
+  if (!hired_) {
+    const unsigned processors = std::max(1u, std::thread::hardware_concurrency());
+    hire(std::min(count, processors) - 1);
+  }
+  std::unique_lock<std::mutex> lock(mutex_);
+  task_ = &task;
+  next_ = 0;
+  count_ = unfinished_ = count;
+  if (!helpers_.empty()) wake_.notify_all();
+  while (doNext(lock)) {
+  }
+  done_.wait(lock, [this] { return unfinished_ == 0; });
+}
+
+/// Does one task with the mutex let go. @return false when there is none left to begin
+bool WorkCrew::doNext(std::unique_lock<std::mutex>& lock) {
+  if (next_ == count_) return false;
+  const unsigned index = next_++;
+  const std::function<void(unsigned)>& task = *task_;
+  lock.unlock();
+  task(index);
+  lock.lock();
+  if (--unfinished_ == 0) done_.notify_one();
+  return true;
+}
+
+void WorkCrew::help() {
+  // Where every processor is busy the caller does better alone: do not push it aside.
+  const sched_param unused = {};
+  pthread_setschedparam(pthread_self(), SCHED_BATCH, &unused);
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!leaving_) {
+    if (!doNext(lock)) wake_.wait(lock);
+  }
+}
+
+}  // namespace codec

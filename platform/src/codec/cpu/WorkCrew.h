@@ -1,0 +1,44 @@
+#ifndef TESSERA_PLATFORM_SRC_CODEC_CPU_WORKCREW_H
+#define TESSERA_PLATFORM_SRC_CODEC_CPU_WORKCREW_H
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace codec {
+
+/// Threads that help the caller through a few independent tasks and sleep in between. They start
+/// with the first run and take no signals. Where none can be started the caller does it all.
+class WorkCrew {
+ public:
+  WorkCrew() = default;
+  ~WorkCrew();
+  WorkCrew(const WorkCrew&) = delete;
+  WorkCrew& operator=(const WorkCrew&) = delete;
+
+  /// Calls task(0) to task(count - 1), in no particular order, and returns when all are done. As
+  /// many threads take part as there are processors. The task must not throw.
+  void run(unsigned count, const std::function<void(unsigned)>& task);
+
+ private:
+  void hire(unsigned helpers);
+  void help();
+  bool doNext(std::unique_lock<std::mutex>& lock);
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::condition_variable done_;
+  const std::function<void(unsigned)>* task_ = nullptr;
+  unsigned next_ = 0;
+  unsigned count_ = 0;
+  unsigned unfinished_ = 0;
+  bool leaving_ = false;
+  bool hired_ = false;
+  std::vector<std::thread> helpers_;
+};
+
+}  // namespace codec
+
+#endif  // TESSERA_PLATFORM_SRC_CODEC_CPU_WORKCREW_H

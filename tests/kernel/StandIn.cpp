@@ -1,0 +1,533 @@
+#include "StandIn.h"
+
+#include <linux/v4l2-controls.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "codec/H264Bits.h"
+
+namespace standin {
+
+namespace {
+
+constexpr unsigned smallest = 2, largest = 4096;
+constexpr std::size_t page = 4096;
+
+std::uint64_t nowMs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC_RAW, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1000 +
+         static_cast<std::uint64_t>(now.tv_nsec) / 1000000;
+}
+
+unsigned up(unsigned value, unsigned multiple) {
+  return (value + multiple - 1) / multiple * multiple;
+}
+
+std::set<const Session*> everyone;
+
+struct Raw {
+  std::uint32_t fourcc;
+  unsigned planes;
+  unsigned chromaStep;  // 2: interleaved; 0: packed YUYV
+};
+constexpr Raw raws[] = {{V4L2_PIX_FMT_YUV420, 1, 1},
+                        {V4L2_PIX_FMT_NV12, 1, 2},
+                        {V4L2_PIX_FMT_YUYV, 1, 0},
+                        {V4L2_PIX_FMT_YUV420M, 3, 1},
+                        {V4L2_PIX_FMT_NV12M, 2, 2}};
+
+const Raw* rawOf(std::uint32_t fourcc) {
+  for (const Raw& each : raws)
+    if (each.fourcc == fourcc) return &each;
+  return nullptr;
+}
+
+/// Every step-th byte of a plane's rows.
+struct Samples {
+  std::uint8_t* base;
+  std::size_t stride;
+  unsigned step;
+  std::uint8_t& at(unsigned x, unsigned y) const { return base[y * stride + x * step]; }
+};
+struct Frame {
+  Samples y, u, v;
+};
+
+Frame view(const Format& format, const Buffer& buffer) {
+  const Raw& raw = *rawOf(format.fourcc);
+  const std::size_t stride = format.bytesPerLine[0], rows = format.height;
+  std::uint8_t* const base = buffer.data[0];
+  if (raw.chromaStep == 0) return {{base, stride, 2}, {base + 1, stride, 4}, {base + 3, stride, 4}};
+  if (raw.chromaStep == 2) {
+    std::uint8_t* const pairs = raw.planes == 1 ? base + stride * rows : buffer.data[1];
+    return {{base, stride, 1}, {pairs, stride, 2}, {pairs + 1, stride, 2}};
+  }
+  std::uint8_t* const u = raw.planes == 1 ? base + stride * rows : buffer.data[1];
+  std::uint8_t* const v = raw.planes == 1 ? u + stride / 2 * ((rows + 1) / 2) : buffer.data[2];
+  return {{base, stride, 1}, {u, stride / 2, 1}, {v, stride / 2, 1}};
+}
+
+}  // namespace
+
+// ---- formats
+
+std::uint32_t Session::highestPriority() const {
+  std::uint32_t highest = 0;
+  for (const Session* const each : everyone)
+    if (&each->kind_ == &kind_) highest = std::max(highest, each->priority_);
+  return highest;
+}
+
+Session::Session(const Kind& kind, const Faults& faults) : kind_(kind), faults_(faults) {
+  in_.type = faults.multiPlanar ? V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE : V4L2_BUF_TYPE_VIDEO_OUTPUT;
+  out_.type = faults.multiPlanar ? V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE : V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  for (Queue* const queue : {&coded(), &raw()}) {
+    queue->format.colours[0] = V4L2_COLORSPACE_REC709;
+    queue->format.fourcc = offered(*queue)[0];
+    queue->format.width = 640;
+    queue->format.height = 480;
+    adjust(*queue, queue->format);
+  }
+  everyone.insert(this);
+  crop_ = {0, 0, 640, 480};
+  for (const ControlKind& control : controlsOf(kind)) values_[control.id] = control.initial;
+}
+
+std::vector<std::uint32_t> Session::offered(const Queue& queue) const {
+  if (&queue == (kind_.encoder ? &out_ : &in_)) return {kind_.coded};
+  if (faults_.multiPlanar && faults_.nv12) return {V4L2_PIX_FMT_NV12M};
+  if (faults_.multiPlanar) return {V4L2_PIX_FMT_YUV420M, V4L2_PIX_FMT_NV12M};
+  if (faults_.nv12) return {V4L2_PIX_FMT_NV12};
+  if (kind_.coded == V4L2_PIX_FMT_JPEG && kind_.encoder)
+    return {V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_YUV420, V4L2_PIX_FMT_NV12};
+  return {V4L2_PIX_FMT_YUV420, V4L2_PIX_FMT_NV12};
+}
+
+/// Makes a format one that the queue can have.
+void Session::adjust(const Queue& queue, Format& format) const {
+  const std::vector<std::uint32_t> all = offered(queue);
+  if (std::find(all.begin(), all.end(), format.fourcc) == all.end()) format.fourcc = all[0];
+  format.width = up(std::clamp(format.width, smallest, largest), faults_.align);
+  format.height = up(std::clamp(format.height, smallest, largest), faults_.align);
+  constexpr std::uint32_t jfif[] = {V4L2_COLORSPACE_SRGB, V4L2_YCBCR_ENC_601,
+                                    V4L2_QUANTIZATION_FULL_RANGE, V4L2_XFER_FUNC_SRGB};
+  if (kind_.coded == V4L2_PIX_FMT_JPEG) std::copy_n(jfif, 4, format.colours);
+  const Raw* const raw = rawOf(format.fourcc);
+  if (raw == nullptr) {
+    const std::uint32_t least = std::max(format.width * format.height, 65536u);
+    format.planes = 1;
+    format.sizeImage[0] = std::min(std::max(format.sizeImage[0], least), 64u << 20);
+    format.bytesPerLine[0] = 0;
+    return;
+  }
+  const std::uint32_t stride = up(format.width, faults_.stride);
+  const std::uint32_t chroma = stride / 2 * ((format.height + 1) / 2);
+  format.planes = raw->planes;
+  format.bytesPerLine[0] = raw->chromaStep == 0 ? stride * 2 : stride;
+  format.sizeImage[0] = format.bytesPerLine[0] * format.height;
+  if (raw->planes == 1 && raw->chromaStep != 0) format.sizeImage[0] += 2 * chroma;
+  for (unsigned i = 1; i < raw->planes; ++i) {
+    format.bytesPerLine[i] = raw->chromaStep == 2 ? stride : stride / 2;
+    format.sizeImage[i] = raw->planes == 2 ? 2 * chroma : chroma;
+  }
+}
+
+bool Session::setFormat(Queue& queue, const Format& wanted) {
+  if (!queue.buffers.empty()) {
+    errno = EBUSY;
+    return false;
+  }
+  queue.format = wanted;
+  Queue& other = &queue == &in_ ? out_ : in_;
+  // The frame size goes with the raw side of an encoder and the coded side of a decoder.
+  if (&queue == &in_) {
+    other.format.width = wanted.width;
+    other.format.height = wanted.height;
+    std::copy_n(wanted.colours, 4, other.format.colours);
+    crop_ = {0, 0, wanted.width, wanted.height};
+    if (other.buffers.empty()) adjust(other, other.format);
+  } else {
+    queue.format.width = in_.format.width;
+    queue.format.height = in_.format.height;
+    adjust(queue, queue.format);
+  }
+  return true;
+}
+
+// ---- buffers
+
+bool Session::allocate(Queue& queue, unsigned count, int fd) {
+  for (Buffer& buffer : queue.buffers)
+    for (unsigned i = 0; i < buffer.planes; ++i) munmap(buffer.data[i], up(buffer.length[i], page));
+  queue.buffers.clear();
+  queue.queued.clear();
+  queue.done.clear();
+  return addBuffers(queue, std::min(count, 32u), queue.format.sizeImage, fd);
+}
+
+bool Session::addBuffers(Queue& queue, unsigned count, const std::uint32_t* sizes, int fd) {
+  for (unsigned n = 0; n < count; ++n) {
+    Buffer buffer;
+    buffer.planes = queue.format.planes;
+    for (unsigned i = 0; i < buffer.planes; ++i) {
+      buffer.length[i] = up(sizes[i], page);
+      buffer.offset[i] = static_cast<std::uint32_t>(end_);
+      end_ += buffer.length[i];
+      if (ftruncate(fd, static_cast<off_t>(end_)) != 0) return false;
+      void* const memory =
+          mmap(nullptr, buffer.length[i], PROT_READ | PROT_WRITE, MAP_SHARED, fd, buffer.offset[i]);
+      if (memory == MAP_FAILED) return false;
+      buffer.data[i] = static_cast<std::uint8_t*>(memory);
+    }
+    queue.buffers.push_back(buffer);
+  }
+  return true;
+}
+
+Session::~Session() {
+  everyone.erase(this);
+  allocate(in_, 0, -1);
+  allocate(out_, 0, -1);
+}
+
+void Session::start(Queue& queue) {
+  queue.streaming = true;
+  stopped_ = false;
+  if (&queue == &out_) lastTaken_ = restart_ = lastDue_ = false;
+  if (&queue == &out_ && kind_.encoder) encoding_ = false;
+  if (&queue == &in_ && !kind_.encoder) decoder_.open(nullptr, 0);
+}
+
+void Session::stop(Queue& queue) {
+  queue.streaming = false;
+  queue.queued.clear();
+  queue.done.clear();
+  for (Buffer& buffer : queue.buffers) buffer.state = Buffer::Idle;
+  busy_ = false;
+  if (&queue == &in_) {
+    draining_ = drainAsked_;
+    drainAsked_ = false;
+    if (!kind_.encoder) waiting_.clear();
+    return;
+  }
+  drainAsked_ = draining_ = stopped_ = lastTaken_ = false;
+  if (!kind_.encoder) return;
+  waiting_.clear();
+  held_ = Coded();
+}
+
+bool Session::command(bool begin) {
+  if (begin && in_.streaming && out_.streaming) drainAsked_ = true;
+  if (!begin) stopped_ = drainAsked_ = draining_ = lastTaken_ = restart_ = lastDue_ = false;
+  return true;
+}
+
+// ---- the work
+
+/// Does what can be done with the buffers that are queued.
+void Session::pump() {
+  for (bool more = true; more;) more = step();
+}
+
+bool Session::step() {
+  if (gone_ || stopped_) return false;
+  if (deliver()) return true;
+  if (!waiting_.empty() || !in_.streaming) return false;
+  // An encoder works on both queues at once, a decoder looks at its data before there is an output.
+  if (kind_.encoder && (!out_.streaming || out_.queued.empty())) return false;
+  if (in_.queued.empty()) {
+    if (!drainAsked_) return false;
+    if (!draining_ && !kind_.encoder) decoder_.flush(), takePictures();
+    draining_ = true;
+    return deliver();
+  }
+  if (faults_.delayMs != 0) {
+    if (!busy_) due_ = nowMs() + faults_.delayMs;
+    busy_ = true;
+    if (nowMs() < due_) return false;
+    busy_ = false;
+  }
+  ++frames_;
+  if (faults_.silentAfter != 0 && frames_ > faults_.silentAfter) {
+    stopped_ = true;
+    return false;
+  }
+  gone_ = faults_.goneAfter != 0 && frames_ > faults_.goneAfter;
+  if (gone_) return false;
+  const unsigned index = in_.queued.front();
+  in_.queued.pop_front();
+  Buffer& from = in_.buffers[index];
+  const bool dropped = faults_.dropEach != 0 && frames_ % faults_.dropEach == 0;
+  if (kind_.encoder && !dropped) encode(from);
+  if (!kind_.encoder) decode(from);
+  from.state = Buffer::Done;
+  in_.done.push_back(index);
+  return true;
+}
+
+void Session::encode(const Buffer& from) {
+  if (faults_.lag && !held_.empty()) waiting_.push_back(std::move(held_)), held_ = Coded();
+  Coded coded;
+  coded.stamp = from.stamp;
+  const Frame frame = view(in_.format, from);
+  const unsigned width = crop_.width, height = crop_.height;
+  const unsigned left = static_cast<unsigned>(crop_.left), top = static_cast<unsigned>(crop_.top);
+  if (kind_.coded == V4L2_PIX_FMT_JPEG) {
+    // Packed pairs become 4:2:2; planes take the way over R G B, which becomes 4:2:0 again.
+    const bool packed = in_.format.fourcc == V4L2_PIX_FMT_YUYV;
+    const unsigned step = packed ? 2 : 3, stride = up(width, 2) * step;
+    std::vector<std::uint8_t> pixels(std::size_t{stride} * height);
+    const auto byte = [](double value) {
+      return static_cast<std::uint8_t>(std::clamp(value + 0.5, 0.0, 255.0));
+    };
+    for (unsigned y = 0; y < height; ++y)
+      for (unsigned x = 0; x < width; ++x) {
+        const unsigned c = (left + x) / 2, row = packed ? top + y : (top + y) / 2;
+        const std::uint8_t luma = frame.y.at(left + x, top + y);
+        const std::uint8_t u = frame.u.at(c, row), v = frame.v.at(c, row);
+        std::uint8_t* const to = &pixels[std::size_t{y} * stride + std::size_t{x} * step];
+        to[0] = packed ? luma : byte(luma + 1.402 * (v - 128));
+        to[1] = packed ? (x % 2 == 0 ? u : v)
+                       : byte(luma - 0.344136 * (u - 128) - 0.714136 * (v - 128));
+        if (!packed) to[2] = byte(luma + 1.772 * (u - 128));
+      }
+    const codec::PackedPicture picture = {
+        pixels.data(), pixels.size(), packed ? codec::PixelFormat::Yuyv : codec::PixelFormat::Rgb24,
+        stride,        width,         height};
+    if (jpegEncoder_.encode(picture, static_cast<int>(values_[V4L2_CID_JPEG_COMPRESSION_QUALITY])))
+      coded.bytes.assign(jpegEncoder_.data(), jpegEncoder_.data() + jpegEncoder_.size());
+    coded.keyFrame = true;
+  } else {
+    if (!encoding_) startEncoder();
+    std::vector<std::uint8_t> block(std::size_t{up(width, 2)} * up(height, 2) * 3 / 2);
+    const codec::Planes to = codec::planesOf(block.data(), up(width, 2), up(height, 2));
+    for (unsigned y = 0; y < height; ++y)
+      for (unsigned x = 0; x < width; ++x) to.y[y * to.yStride + x] = frame.y.at(left + x, top + y);
+    for (unsigned y = 0; y < (height + 1) / 2; ++y)
+      for (unsigned x = 0; x < (width + 1) / 2; ++x) {
+        to.u[y * to.uvStride + x] = frame.u.at(left / 2 + x, top / 2 + y);
+        to.v[y * to.uvStride + x] = frame.v.at(left / 2 + x, top / 2 + y);
+      }
+    const bool first = first_;
+    if (h264Encoder_.encode(
+            codec::planesOf<const std::uint8_t>(block.data(), to.yStride, up(height, 2)), 0,
+            keyFrameAsked_)) {
+      if (first) coded.bytes = h264Encoder_.parameterSets();
+      coded.bytes.insert(coded.bytes.end(), h264Encoder_.data(),
+                         h264Encoder_.data() + h264Encoder_.size());
+      coded.keyFrame = h264Encoder_.isKeyFrame();
+    }
+    first_ = keyFrameAsked_ = false;
+  }
+  if (faults_.lag)
+    held_ = std::move(coded);
+  else
+    waiting_.push_back(std::move(coded));
+}
+
+void Session::startEncoder() {
+  codec::VideoEncoder::Config config;
+  config.width = crop_.width;
+  config.height = crop_.height;
+  config.frameRateNum = interval_.denominator;
+  config.frameRateDen = interval_.numerator;
+  config.bitrate = static_cast<unsigned>(values_[V4L2_CID_MPEG_VIDEO_BITRATE]);
+  config.intraPeriod = static_cast<unsigned>(values_[V4L2_CID_MPEG_VIDEO_GOP_SIZE]);
+  constexpr unsigned levels[] = {10, 9, 11, 12, 13, 20, 21, 22, 30, 31, 32, 40, 41, 42, 50, 51};
+  config.level = levels[values_[V4L2_CID_MPEG_VIDEO_H264_LEVEL]];
+  using Profile = codec::VideoEncoder::Profile;
+  const auto profile = values_[V4L2_CID_MPEG_VIDEO_H264_PROFILE];
+  config.profile = profile >= V4L2_MPEG_VIDEO_H264_PROFILE_HIGH   ? Profile::High
+                   : profile == V4L2_MPEG_VIDEO_H264_PROFILE_MAIN ? Profile::Main
+                                                                  : Profile::Baseline;
+  config.constantBitrate =
+      values_[V4L2_CID_MPEG_VIDEO_BITRATE_MODE] == V4L2_MPEG_VIDEO_BITRATE_MODE_CBR;
+  config.aspectNum = static_cast<unsigned>(values_[V4L2_CID_MPEG_VIDEO_H264_VUI_EXT_SAR_WIDTH]);
+  config.aspectDen = static_cast<unsigned>(values_[V4L2_CID_MPEG_VIDEO_H264_VUI_EXT_SAR_HEIGHT]);
+  encoding_ = first_ = true;
+  h264Encoder_.open(config);
+}
+
+void Session::decode(const Buffer& from) {
+  if (kind_.coded == V4L2_PIX_FMT_JPEG) {
+    Coded picture;
+    picture.stamp = from.stamp;
+    if (!jpegDecoder_.open(from.data[0], from.used[0])) {
+      refuse(from.stamp);
+      return;
+    }
+    const unsigned width = picture.width = jpegDecoder_.width();
+    const unsigned height = picture.height = jpegDecoder_.height();
+    const unsigned stride = up(width, 32), rows = up(height, 16);
+    std::vector<std::uint8_t> block(std::size_t{stride} * rows * 3 / 2);
+    if (jpegDecoder_.decode(codec::planesOf(block.data(), stride, rows)) !=
+        codec::ImageDecoder::Result::Complete) {
+      refuse(from.stamp);
+      return;
+    }
+    keep(std::move(picture), codec::planesOf<const std::uint8_t>(block.data(), stride, rows));
+    return;
+  }
+  if (codec::nextNal(from.data[0], 0, from.used[0]) == from.used[0]) {
+    refuse(from.stamp);
+    return;
+  }
+  decoder_.feed(from.data[0], from.used[0], static_cast<std::int64_t>(from.stamp), false, true);
+  takePictures();
+}
+
+/// An empty, faulty picture for data that is none, where somebody waits for one.
+void Session::refuse(std::uint64_t stamp) {
+  if (!out_.streaming) return;
+  Coded nothing;
+  nothing.stamp = stamp;
+  nothing.width = shown_.width;
+  nothing.height = shown_.height;
+  nothing.error = true;
+  waiting_.push_back(nothing);
+}
+
+void Session::takePictures() {
+  codec::VideoDecoder::Picture shown;
+  while (decoder_.next(shown)) {
+    Coded picture;
+    // Several pictures out of one buffer carry its stamp all of them.
+    if (shown.pts != codec::VideoDecoder::noPts) stamp_ = static_cast<std::uint64_t>(shown.pts);
+    picture.stamp = stamp_;
+    picture.width = shown.width;
+    picture.height = shown.height;
+    picture.error = shown.damaged;
+    keep(std::move(picture), shown.planes);
+  }
+}
+
+/// Keeps a picture as planes without padding.
+void Session::keep(Coded picture, const codec::ConstPlanes& from) {
+  const auto add = [&](const std::uint8_t* plane, unsigned stride, unsigned width, unsigned rows) {
+    for (unsigned y = 0; y < rows; ++y)
+      picture.bytes.insert(picture.bytes.end(), plane + std::size_t{y} * stride,
+                           plane + std::size_t{y} * stride + width);
+  };
+  add(from.y, from.yStride, picture.width, picture.height);
+  add(from.u, from.uvStride, (picture.width + 1) / 2, (picture.height + 1) / 2);
+  add(from.v, from.uvStride, (picture.width + 1) / 2, (picture.height + 1) / 2);
+  waiting_.push_back(std::move(picture));
+}
+
+/// Hands the next result out, or the end. @return whether anything came of it
+bool Session::deliver() {
+  if (waiting_.empty() && draining_ && !held_.empty()) {
+    waiting_.push_back(std::move(held_));
+    held_ = Coded();
+  }
+  if (!waiting_.empty() && !kind_.encoder && !restart_) announce(waiting_.front());
+  if (!out_.streaming || out_.queued.empty()) return false;
+  if (restart_ && !lastDue_) return false;
+  if (waiting_.empty() && !draining_) return false;
+  const unsigned index = out_.queued.front();
+  out_.queued.pop_front();
+  Buffer& to = out_.buffers[index];
+  to.flags = 0;
+  std::fill(std::begin(to.used), std::end(to.used), 0);
+  if (restart_) {
+    to.flags = V4L2_BUF_FLAG_LAST;
+    stopped_ = true;
+    lastDue_ = false;
+  } else if (waiting_.empty()) {
+    finish(to);
+  } else {
+    const Coded result = std::move(waiting_.front());
+    waiting_.pop_front();
+    fill(to, result);
+  }
+  to.state = Buffer::Done;
+  out_.done.push_back(index);
+  return true;
+}
+
+void Session::fill(Buffer& to, const Coded& result) {
+  to.stamp = result.stamp;
+  if (result.error) to.flags |= V4L2_BUF_FLAG_ERROR;
+  if (kind_.encoder) {
+    to.flags |= result.keyFrame ? V4L2_BUF_FLAG_KEYFRAME : V4L2_BUF_FLAG_PFRAME;
+    if (result.bytes.size() > to.length[0]) {
+      to.flags |= V4L2_BUF_FLAG_ERROR;
+      return;
+    }
+    std::memcpy(to.data[0], result.bytes.data(), result.bytes.size());
+    to.used[0] = static_cast<std::uint32_t>(result.bytes.size());
+    return;
+  }
+  if (to.length[0] < out_.format.sizeImage[0]) {
+    to.flags |= V4L2_BUF_FLAG_ERROR;
+    return;
+  }
+  if (result.bytes.empty()) return;
+  const Frame frame = view(out_.format, to);
+  const std::uint8_t* from = result.bytes.data();
+  const auto write = [&](const Samples& samples, unsigned width, unsigned rows) {
+    for (unsigned y = 0; y < rows; ++y)
+      for (unsigned x = 0; x < width; ++x) samples.at(x, y) = *from++;
+  };
+  write(frame.y, result.width, result.height);
+  write(frame.u, (result.width + 1) / 2, (result.height + 1) / 2);
+  write(frame.v, (result.width + 1) / 2, (result.height + 1) / 2);
+  for (unsigned i = 0; i < to.planes; ++i) to.used[i] = out_.format.sizeImage[i];
+}
+
+void Session::finish(Buffer& last) {
+  last.flags |= V4L2_BUF_FLAG_LAST;
+  stopped_ = true;
+  draining_ = drainAsked_ = false;
+  v4l2_event event = {};
+  event.type = V4L2_EVENT_EOS;
+  post(event);
+}
+
+/// Tells a new size; the buffers of the old one end with an empty last one.
+void Session::announce(const Coded& picture) {
+  if (shown_.width == picture.width && shown_.height == picture.height) return;
+  shown_ = crop_ = {0, 0, picture.width, picture.height};
+  in_.format.width = picture.width;
+  in_.format.height = picture.height;
+  adjust(in_, in_.format);
+  out_.format.width = picture.width;
+  out_.format.height = picture.height;
+  adjust(out_, out_.format);
+  restart_ = true;
+  lastDue_ = out_.streaming;
+  v4l2_event event = {};
+  event.type = V4L2_EVENT_SOURCE_CHANGE;
+  event.u.src_change.changes = V4L2_EVENT_SRC_CH_RESOLUTION;
+  post(event);
+}
+
+void Session::post(const v4l2_event& event) {
+  if (subscribed_.count({event.type, event.id}) == 0) return;
+  events_.push_back(event);
+  events_.back().sequence = sequence_++;
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC_RAW, &now);
+  events_.back().timestamp = now;
+}
+
+short Session::ready(short wanted) const {
+  short events = 0;
+  if (gone_) return POLLERR | POLLHUP;
+  if (!events_.empty()) events |= POLLPRI;
+  if (!in_.done.empty()) events |= POLLOUT | POLLWRNORM;
+  if (!out_.done.empty() || lastTaken_) events |= POLLIN | POLLRDNORM;
+  const bool idleIn = !in_.streaming || (in_.queued.empty() && in_.done.empty());
+  const bool idleOut = !out_.streaming || (out_.queued.empty() && out_.done.empty() && !lastTaken_);
+  if (idleIn && idleOut && (wanted & (POLLIN | POLLOUT)) != 0) events |= POLLERR;
+  return events & static_cast<short>(wanted | POLLERR | POLLHUP);
+}
+
+}  // namespace standin

@@ -1,0 +1,190 @@
+#ifndef TESSERA_TESTS_KERNEL_STANDIN_H
+#define TESSERA_TESTS_KERNEL_STANDIN_H
+
+#include <linux/videodev2.h>
+#include <poll.h>
+
+#include <deque>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "codec/cpu/H264Decoder.h"
+#include "codec/cpu/H264Encoder.h"
+#include "codec/cpu/JpegDecoder.h"
+#include "codec/cpu/JpegEncoder.h"
+
+/// A memory-to-memory device without hardware: what the kernel's pages say that one does, with the
+/// CPU's codecs doing the work whenever somebody looks.
+namespace standin {
+
+struct Kind {
+  unsigned number;  ///< of /dev/video
+  const char* card;
+  bool encoder;
+  std::uint32_t coded;
+};
+
+/// What goes wrong, from TESSERA_STANDIN: words with a comma between them.
+struct Faults {
+  unsigned dropEach = 0;     ///< drop=N: every N-th frame gives nothing
+  unsigned delayMs = 0;      ///< delay=MS: of each frame
+  unsigned silentAfter = 0;  ///< silent=N: no answer after N frames
+  unsigned goneAfter = 0;    ///< gone=N: no device after N frames
+  unsigned stride = 32;      ///< stride=N: rows are multiples of N bytes long
+  unsigned align = 2;        ///< align=N: so are the sides of frames, in pixels
+  bool nv12 = false;
+  bool multiPlanar = false;  ///< mplane: nothing but the multi-planar interface
+  bool lag = false;          ///< an encoder that is a frame behind
+  bool plain = false;        ///< no control but the quality and the size of what is coded
+  int openError = 0;         ///< busy, forbidden
+};
+
+struct ControlKind {
+  std::uint32_t id;
+  v4l2_ctrl_type type;
+  const char* name;
+  std::int64_t minimum, maximum, initial;
+  std::vector<const char*> entries = {};
+  std::uint32_t flags = 0;
+};
+const std::vector<ControlKind>& controlsOf(const Kind& kind);
+
+struct Format {
+  std::uint32_t fourcc = 0;
+  unsigned width = 0, height = 0, planes = 1;
+  std::uint32_t bytesPerLine[3] = {}, sizeImage[3] = {};
+  std::uint32_t colours[4] = {};  ///< what applications say of them, handed through
+};
+
+struct Buffer {
+  enum State { Idle, Queued, Done } state = Idle;
+  unsigned planes = 1;
+  std::uint32_t length[3] = {}, offset[3] = {}, used[3] = {};
+  std::uint8_t* data[3] = {};
+  std::uint64_t stamp = 0;
+  std::uint32_t flags = 0, sequence = 0;
+};
+
+struct Queue {
+  std::uint32_t type = 0;
+  Format format;
+  std::vector<Buffer> buffers;
+  std::deque<unsigned> queued, done;
+  bool streaming = false;
+  std::uint32_t sequence = 0;
+};
+
+/// One open descriptor.
+class Session {
+ public:
+  Session(const Kind& kind, const Faults& faults);
+  ~Session();
+
+  /// The kernel's calls. @return 0, or -1 with errno
+  int call(int fd, unsigned long request, void* argument);
+  static bool knows(unsigned long request);
+  /// Works on, then tells what poll() would.
+  short look(short wanted) {
+    pump();
+    return ready(wanted);
+  }
+  const Kind& kind() const { return kind_; }
+  bool isGone() const { return gone_; }
+
+ private:
+  /// A result on its way out.
+  struct Coded {
+    std::vector<std::uint8_t> bytes;
+    std::uint64_t stamp = 0;
+    unsigned width = 0, height = 0;
+    bool keyFrame = false, error = false;
+    bool empty() const { return bytes.empty(); }
+  };
+
+  Queue& coded() { return kind_.encoder ? out_ : in_; }
+  Queue& raw() { return kind_.encoder ? in_ : out_; }
+  Queue* queueOf(std::uint32_t type);
+  std::vector<std::uint32_t> offered(const Queue& queue) const;
+  void adjust(const Queue& queue, Format& format) const;
+  bool setFormat(Queue& queue, const Format& wanted);
+  bool allocate(Queue& queue, unsigned count, int fd);
+  bool addBuffers(Queue& queue, unsigned count, const std::uint32_t* sizes, int fd);
+  void start(Queue& queue);
+  void stop(Queue& queue);
+  bool command(bool begin);
+
+  void pump();
+  bool step();
+  void encode(const Buffer& from);
+  void startEncoder();
+  void decode(const Buffer& from);
+  void refuse(std::uint64_t stamp);
+  void takePictures();
+  void keep(Coded picture, const codec::ConstPlanes& from);
+  bool deliver();
+  void fill(Buffer& to, const Coded& result);
+  void finish(Buffer& last);
+  void announce(const Coded& picture);
+  void post(const v4l2_event& event);
+  short ready(short wanted) const;
+
+  int queryCapability(v4l2_capability& capability) const;
+  int enumerateFormat(v4l2_fmtdesc& description);
+  int enumerateSize(v4l2_frmsizeenum& size);
+  int format(unsigned long request, v4l2_format& format);
+  int request(int fd, v4l2_requestbuffers& request);
+  int create(int fd, v4l2_create_buffers& request);
+  int exchange(int fd, unsigned long request, v4l2_buffer& buffer);
+  int enqueue(Queue& queue, Buffer& buffer, const v4l2_buffer& from);
+  int dequeue(int fd, Queue& queue, v4l2_buffer& to);
+  void describe(const Queue& queue, unsigned index, v4l2_buffer& to) const;
+  int selection(bool set, v4l2_selection& selection);
+  int interval(bool set, v4l2_streamparm& parameters);
+  const ControlKind* findControl(std::uint32_t& id) const;
+  int queryControl(v4l2_query_ext_ctrl& query) const;
+  int queryMenu(v4l2_querymenu& entry) const;
+  int setValue(std::uint32_t id, std::int64_t& value, bool apply);
+  int controls(unsigned long request, v4l2_ext_controls& all);
+  std::uint32_t highestPriority() const;
+  int subscribe(const v4l2_event_subscription& wanted);
+  int takeEvent(int fd, v4l2_event& event);
+
+  std::uint32_t priority_ = V4L2_PRIORITY_INTERACTIVE;
+  const Kind& kind_;
+  const Faults faults_;
+  Queue in_, out_;
+  v4l2_rect crop_ = {}, shown_ = {};
+  v4l2_fract interval_ = {1, 30};
+  std::map<std::uint32_t, std::int64_t> values_;
+  std::size_t end_ = 0;  // of the memory that buffers were made of
+
+  unsigned frames_ = 0;
+  std::uint64_t due_ = 0;
+  bool busy_ = false;  // due_ is the first input's
+  bool gone_ = false;
+  bool drainAsked_ = false;
+  bool draining_ = false;  // the inputs are through
+  bool stopped_ = false;   // until a queue starts again
+  bool lastTaken_ = false;
+  bool restart_ = false;  // for a new size
+  bool lastDue_ = false;
+  bool encoding_ = false, first_ = false, keyFrameAsked_ = false;
+  std::deque<Coded> waiting_;
+  std::uint64_t stamp_ = 0;
+  Coded held_;  // by an encoder that is a frame behind
+
+  std::set<std::pair<std::uint32_t, std::uint32_t>> subscribed_;
+  std::deque<v4l2_event> events_;
+  std::uint32_t sequence_ = 0;
+
+  codec::H264Encoder h264Encoder_;
+  codec::H264Decoder decoder_;
+  codec::JpegEncoder jpegEncoder_;
+  codec::JpegDecoder jpegDecoder_;
+};
+
+}  // namespace standin
+
+#endif  // TESSERA_TESTS_KERNEL_STANDIN_H
