@@ -44,8 +44,8 @@
 ///   FreeH264Decoder(decoder);
 /// @endcode
 ///
-/// A time-out has taken nothing of data up to `tessera::DecoderBufferSize()`, of longer data perhaps
-/// a part: such access units are fed in pieces of that size.
+/// A time-out has taken nothing of data up to `tessera::DecoderBufferSize()`, and perhaps a part of
+/// longer data: such access units are fed in pieces of that size.
 ///
 /// There is no end-of-stream call. An end-of-sequence NAL unit (bytes 00 00 00 01 0A) makes the
 /// decoder hand out every picture that it still holds for reordering.

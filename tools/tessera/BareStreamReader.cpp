@@ -11,6 +11,8 @@ namespace {
 constexpr std::size_t chunk = 256 * 1024;
 /// How far into a stream its first parameter sets are looked for.
 constexpr std::size_t farthest = 1024 * 1024;
+/// Beyond this an access unit without an end is garbage, and goes to the decoder as it is.
+constexpr std::size_t largestUnit = 16 * 1024 * 1024;
 /// A pause after which what has come of a picture counts as all of it. Where it was not, the
 /// decoder puts the rest to it.
 constexpr std::chrono::milliseconds pause{8};
@@ -64,7 +66,7 @@ bool BareStreamReader::readMore() {
 std::size_t BareStreamReader::findEnd() {
   for (;;) {
     const std::size_t end = tessera::AccessUnitEnd(buffer_.data(), buffer_.size(), begin_);
-    if (end < buffer_.size()) return end;
+    if (end < buffer_.size() || end - begin_ > largestUnit) return end;
     const bool paused = !input_.length() && begin_ < end && !input_.waitForData(pause) &&
                         tessera::HasPicture(&buffer_[begin_], end - begin_);
     if (paused) return end;

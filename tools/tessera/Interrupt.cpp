@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <initializer_list>
@@ -11,7 +12,8 @@
 namespace tool {
 namespace {
 
-volatile sig_atomic_t caught = 0;
+std::atomic<int> caught{0};  // without a lock, so a handler may write it
+static_assert(std::atomic<int>::is_always_lock_free);
 int event = -1;
 
 void onSignal(int signal) {

@@ -3,8 +3,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <string>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#include <sanitizer/common_interface_defs.h>
+#endif
 
 namespace tool {
 namespace {
@@ -40,6 +45,9 @@ void StdoutGuard::install() {
   realStdout = hasStdout ? out : -1;
   realStderr = messages;
   setvbuf(realStderr, nullptr, _IONBF, 0);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  __sanitizer_set_report_fd(reinterpret_cast<void*>(std::intptr_t{err}));
+#endif
   // The library's lines keep their order.
   std::fflush(stdout);
   setvbuf(stdout, nullptr, _IOLBF, 0);
