@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <optional>
 
 #include "PoolFixture.h"
@@ -12,10 +13,10 @@
 namespace {
 
 OMX_U32 toldPorts = 0;  ///< that an image component says to have, if not 0
-decltype(OMX_COMPONENTTYPE::GetParameter) getParameter;
+std::atomic<decltype(OMX_COMPONENTTYPE::GetParameter)> getParameter{};  // several pools at once
 
 OMX_ERRORTYPE tellPorts(OMX_HANDLETYPE component, OMX_INDEXTYPE index, OMX_PTR answer) {
-  const OMX_ERRORTYPE error = getParameter(component, index, answer);
+  const OMX_ERRORTYPE error = getParameter.load()(component, index, answer);
   if (toldPorts != 0 && index == OMX_IndexParamImageInit)
     static_cast<OMX_PORT_PARAM_TYPE*>(answer)->nPorts = toldPorts;
   return error;
