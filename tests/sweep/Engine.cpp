@@ -168,9 +168,9 @@ class Run {
     if (kept || abandoned) return;
     const control::Census census = control::census();
     if (!census.empty()) blame("left behind: " + control::describe(census));
-    // A thread that has been joined may stay in the list for a moment.
-    for (int tries = 0; entries("/proc/self/task") != before.threads && tries < 100; ++tries)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    // A thread that has been joined may stay in the list for a moment, which is a real one.
+    for (int tries = 0; entries("/proc/self/task") != before.threads && tries < 1000; ++tries)
+      poll(nullptr, 0, 10);
     const Holdings now;
     if (now.threads != before.threads) blame("threads left behind");
     if (now.descriptors != before.descriptors) blame("descriptors left behind");
