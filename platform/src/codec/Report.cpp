@@ -33,6 +33,7 @@ std::string list(const std::vector<std::string>& texts) {
 
 std::vector<std::string> names(const std::vector<std::uint32_t>& formats) {
   std::vector<std::string> all;
+  all.reserve(formats.size());
   for (const std::uint32_t each : formats) all.push_back(kernel::nameOf(each));
   return all;
 }

@@ -1,6 +1,7 @@
 #include "codec/cpu/JpegDecoder.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -156,7 +157,7 @@ void JpegDecoder::Impl::onProgress(j_common_ptr common) {
   if (decompress->input_scan_number <= progress->scansAllowed) return;
   decompress->unread_marker = JPEG_EOI;
   auto* const errors = reinterpret_cast<JpegError*>(common->err);
-  if (!errors->warned) std::strcpy(errors->text, tooManyScans);
+  if (!errors->warned) std::snprintf(errors->text, sizeof errors->text, "%s", tooManyScans);
   errors->warned = true;
 }
 

@@ -30,6 +30,7 @@ std::vector<std::string> videoNodes() {
   closedir(folder);
   std::sort(numbers.begin(), numbers.end());
   std::vector<std::string> paths;
+  paths.reserve(numbers.size());
   for (const unsigned long number : numbers) paths.push_back("/dev/video" + std::to_string(number));
   return paths;
 }
