@@ -45,4 +45,11 @@ inline void silence() {
 
 }  // namespace fuzz
 
+/// The fuzzer's driver keeps an object for good, which the programs that count what operator new
+/// makes would report as their own.
+extern "C" const char* __lsan_default_suppressions();
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
+  return "leak:fuzzer::FuzzerDriver\n";
+}
+
 #endif  // TESSERA_FUZZ_FUZZ_H
