@@ -43,9 +43,6 @@ class Faults : public FaultTest {
   const VirtualTime time_;
 };
 
-/// All waits of a DecodeJpeg together end a little before its ten seconds.
-constexpr int limitMs = 9950;
-
 // ------------------------------------------------------------------------------------ setup
 
 class Setup : public Faults, public testing::WithParamInterface<FaultCase> {};
