@@ -170,7 +170,7 @@ std::string unknownOption(const CLI::App& app, int argc, char** argv) {
     const std::string word = argv[i];
     if (word == "--") break;
     if (word.size() < 2 || word[0] != '-') continue;
-    const std::string name = word[1] == '-' ? word.substr(0, word.find('=')) : word.substr(0, 2);
+    std::string name = word[1] == '-' ? word.substr(0, word.find('=')) : word.substr(0, 2);
     if (!app.get_option_no_throw(name)) return name;
     const CLI::Option* option = app.get_option_no_throw(name);
     if (option->get_items_expected_max() > 0) ++i;  // its value may begin with a dash

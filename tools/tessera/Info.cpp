@@ -192,8 +192,8 @@ std::string whyNotBoard() {
     return "there is no " + folder + ", where a board's system has its libraries";
   std::string missing;
   for (const char* name : {"bcm_host", "openmaxil", "mmal", "mmal_core", "mmal_util", "vcos"}) {
-    const std::string file = std::string("lib") + name + ".so";
-    if (access((folder + "/" + file).c_str(), R_OK) != 0)
+    const std::string file = std::string("lib").append(name).append(".so");
+    if (access(std::string(folder).append("/").append(file).c_str(), R_OK) != 0)
       missing += (missing.empty() ? "" : ", ") + file;
   }
   if (!missing.empty()) return folder + " lacks " + missing;
