@@ -1,6 +1,8 @@
 """Checks what the pages say.
 
     check.py links FOLDER              every link of every page below FOLDER leads somewhere
+    check.py lines SOURCE              docs/lines.md and the headers list every text that src/ prints, once, and
+                                       no other
     check.py reference FOLDER NAME...  the same for the HTML in FOLDER, which explains every NAME
     check.py commands SOURCE BUILD     what needs neither a network nor minutes runs as it is printed,
                                        in a folder of its own; of the rest, scripts, options, presets,
@@ -72,6 +74,31 @@ def check_reference(folder, names):
     texts = [path.read_text(encoding="utf-8") for path in pages]
     for name in names:
         must(any(re.search(rf'href="\w+_8h\.html#\w+">{name}</a>', text) for text in texts), f"the reference does not explain {name}")
+
+
+def check_lines(source):
+    def found(code):
+        """The literals of C++ source, neighbours joined, line by line. Those that are returned are texts of statuses."""
+        code = re.sub(r"^#include.*|//.*|\breturn \"[^\"]*\"", "", code, flags=re.M).replace("PRIx32", '"x"')
+        for puts, text in re.findall(r'(puts\()?((?:"(?:[^"\\\n]|\\.)*"\s*)+)', code):
+            for line in "".join(re.findall(r'"((?:[^"\\]|\\.)*)"', text)).split("\\n"):
+                if puts or re.search(" |::|%", line.strip()):
+                    yield line.strip()
+
+    source = pathlib.Path(source)
+    pattern = {text: ".+".join(map(re.escape, text.split("%s"))) for path in source.glob("src/*/*.*")
+               for text in found(path.read_text())}
+    must(len(pattern) > 150, f"only {len(pattern)} texts in src/")
+    page = (source / "docs/lines.md").read_text()
+    listed = [line.strip() for block in re.findall(r"^```\n(.*?)^```", page, re.S | re.M) for line in block.splitlines()]
+    for header in source.glob("include/tessera/*.h"):
+        for item in re.findall(r"^/// - .*(?:\n///   .*)*", header.read_text(), re.M):
+            listed += [text for text in re.findall("`(.+?)`", item) if re.search(" |::", text)]
+    for text, form in pattern.items():
+        must(any(re.search(form, line) for line in listed), f"printed but not listed: {text}")
+    for line in listed:
+        must(listed.count(line) == 1, f"listed more than once: {line}")
+        must(any(re.fullmatch(form, line) for form in pattern.values()), f"listed but not printed: {line}")
 
 
 RUN = ("ffmpeg", "tessera", "export", "c++", "cmake --install")
@@ -184,6 +211,8 @@ if __name__ == "__main__":
     command, *arguments = sys.argv[1:]
     if command == "links":
         check_links(arguments[0], "*.md", Markdown)
+    elif command == "lines":
+        check_lines(*arguments)
     elif command == "reference":
         check_reference(arguments[0], arguments[1:])
     else:
