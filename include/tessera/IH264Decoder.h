@@ -36,7 +36,7 @@
 ///     unsigned long long ms = 0;
 ///     const CodecStatus status =
 ///         decoder->ProcessOutput(picture.data(), wanted, size, width, height, ms);
-///     if (status == CodecOk && size != wanted) break;  // another size: `Create` again
+///     if (status == CodecOk && size != wanted) break;  // another size: Create() again
 ///     if (status == CodecOk) {
 ///       show(picture.data(), width, height, ms);
 ///       ++shown;
