@@ -11,7 +11,7 @@
 
 namespace {
 
-// The component names its 24-bit words by that format, not by 24bitRGB888.
+// The component knows 24-bit pixels under the name ARGB1887, not under RGB888.
 constexpr common::RgbFormats<OMX_COLOR_FORMATTYPE> rgbFormats{
     OMX_COLOR_Format16bitRGB565, OMX_COLOR_Format24bitARGB1887, OMX_COLOR_Format32bitARGB8888};
 
