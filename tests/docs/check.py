@@ -92,6 +92,8 @@ def check_lines(source):
     page = (source / "docs/lines.md").read_text()
     listed = [line.strip() for block in re.findall(r"^```\n(.*?)^```", page, re.S | re.M) for line in block.splitlines()]
     for header in source.glob("include/tessera/*.h"):
+        for named in re.findall(r"\bdocs/[\w-]+\.md", header.read_text()):
+            must((source / named).is_file(), f"{header}: no {named}")
         for item in re.findall(r"^/// - .*(?:\n///   .*)*", header.read_text(), re.M):
             listed += [text for text in re.findall("`(.+?)`", item) if re.search(" |::", text)]
     for text, form in pattern.items():
@@ -137,6 +139,10 @@ class Project:
             must(named is None or named.issuperset(words[1:]), f"{where}: a group unknown to {command}")
         elif words[0] == "build/release/bin/tessera_bench":
             known = self.text_of("bench")
+        elif words[0] == "tessera":
+            known = self.text_of("tools/tessera")
+        elif words[0] in ("ls", "sudo"):
+            known = ""
         elif words[0] in ("cmake", "ctest"):
             known = "--preset --build --test-dir"
             for before, word in zip(words, words[1:]):
@@ -150,8 +156,9 @@ class Project:
 
     def check_prose(self, where, text):
         for code in re.findall(r"`([^`\n]+)`", text):
-            if re.match(r"scripts/[\w-]+( |$)", code) and "packages.txt" not in code:
-                self.check_unrun(where, re.sub(r"\[.*", "", code))
+            if re.match(r"(scripts/[\w-]+|tessera|ctest|cmake)( |$)", code) and "packages.txt" not in code:
+                for command in re.sub(r"\[.*", "", code).split("|"):
+                    self.check_unrun(where, command)
             elif re.match(r"(src|tests|tools|docs|cmake|platform|bench|fuzz|examples|scripts)/[\w./*-]*$", code):
                 must(any(self.source.glob(code.rstrip("/"))), f"{where}: no {code}")
         everything = self.text_of("")
@@ -204,6 +211,12 @@ def check_commands(source, build):
              project.source / "tools/tessera/tessera.1"]
     count = sum(project.check_page(page) for page in pages)
     must(count > 8, f"only {count} commands were run")
+    with tempfile.TemporaryDirectory() as folder:
+        demo = subprocess.run([f"{build}/bin/tessera_demo", folder], stdout=subprocess.PIPE, text=True)
+    shown = re.search(r"^```\n(class .*?)^```", (project.source / "README.md").read_text(), re.S | re.M)[1]
+    # Times are the machine's, and so is the H.264 coder's output, by its threads.
+    table, printed = (re.sub(r" +(\d+\.\d+|\d{7})\b", " N", text) for text in (shown, demo.stdout))
+    must(table == printed, f"the demo prints\n{printed}and the README shows\n{table}")
     print(f"{count} commands run")
 
 
