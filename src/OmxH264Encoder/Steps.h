@@ -10,7 +10,7 @@
 
 /// What the encoder's operations are made of.
 struct COmxH264Encoder::Steps {
-  /// @param operation  which the line of an answer that does not come names
+  /// @param operation  named in the line of a missing answer
   Steps(COmxH264Encoder& of, const char* operation);
 
   // Create.

@@ -82,8 +82,8 @@ class OmxEncoderDriver {
     const char* freeHandle;
   };
 
-  /// @param stream     where the line of an answer that does not come goes
-  /// @param operation  which it names
+  /// @param stream     where the line of a missing answer goes
+  /// @param operation  named in that line
   OmxEncoderDriver(const OmxEncoderFields& fields, const Labels& labels, OmxErrorPrinter print,
                    std::FILE* stream, const char* operation)
       : fields_(fields), labels_(labels), print_(print), stream_(stream), operation_(operation) {}
