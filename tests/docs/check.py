@@ -78,7 +78,7 @@ def check_reference(folder, names):
 
 def check_lines(source):
     def found(code):
-        """The literals of C++ source, neighbours joined, line by line. Those that are returned are texts of statuses."""
+        """The literals of C++ source, neighbours joined, line by line; what is returned is the text of a status."""
         code = re.sub(r"^#include.*|//.*|\breturn \"[^\"]*\"", "", code, flags=re.M).replace("PRIx32", '"x"')
         for puts, text in re.findall(r'(puts\()?((?:"(?:[^"\\\n]|\\.)*"\s*)+)', code):
             for line in "".join(re.findall(r'"((?:[^"\\]|\\.)*)"', text)).split("\\n"):
@@ -90,7 +90,8 @@ def check_lines(source):
                for text in found(path.read_text())}
     must(len(pattern) > 150, f"only {len(pattern)} texts in src/")
     page = (source / "docs/lines.md").read_text()
-    listed = [line.strip() for block in re.findall(r"^```\n(.*?)^```", page, re.S | re.M) for line in block.splitlines()]
+    listed = [line.strip() for block in re.findall(r"^```\n(.*?)^```", page, re.S | re.M)
+              for line in block.splitlines()]
     for header in source.glob("include/tessera/*.h"):
         for named in re.findall(r"\bdocs/[\w-]+\.md", header.read_text()):
             must((source / named).is_file(), f"{header}: no {named}")
