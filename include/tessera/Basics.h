@@ -17,23 +17,30 @@ namespace tessera {
 
 // ---- raw pictures
 
-/// Pixel formats for `IH264Encoder::Create`: the four characters, the first in the lowest byte.
+/// Pixel format for `IH264Encoder::Create`, planar 4:2:0: the four characters, the first in the
+/// lowest byte.
 inline constexpr unsigned int fourccI420 = 0x30323449;
+/// The same for packed 4:2:2.
 inline constexpr unsigned int fourccYuyv = 0x56595559;
 
-/// Luma stride, in bytes, of a picture that many pixels wide; also the width that components which
-/// do not crop give their pictures.
+/// Luma stride of a picture; also the width that components which do not crop give their pictures.
+/// @param width  in pixels, 0 or more
+/// @return bytes a luma row
 constexpr int PaddedWidth(int width) {
   return (width + 31) & ~31;
 }
 
-/// Luma rows reserved for a picture that many rows high.
+/// Luma rows reserved for a picture.
+/// @param height  in rows, 0 or more
+/// @return rows
 constexpr int PaddedHeight(int height) {
   return (height + 15) & ~15;
 }
 
 /// Bytes of a picture in the padded I420 layout, which the encoders take and the decoders give: Y
 /// with PaddedWidth() x PaddedHeight() bytes, then U and V with a quarter of that each.
+/// @param width,height  in pixels, 0 or more
+/// @return bytes of the three planes together
 constexpr std::size_t PaddedSize(int width, int height) {
   return static_cast<std::size_t>(PaddedWidth(width)) *
          static_cast<std::size_t>(PaddedHeight(height)) / 2 * 3;
@@ -41,7 +48,9 @@ constexpr std::size_t PaddedSize(int width, int height) {
 
 // ---- results
 
-/// The result's name and what it means, for messages; never null.
+/// A text for messages.
+/// @param status  any value
+/// @return the result's name and what it means; never null
 inline const char* StatusText(CodecStatus status) {
   switch (status) {
     case CodecOk:
@@ -75,6 +84,8 @@ inline constexpr std::array<unsigned char, 5> endOfSequence = {0, 0, 0, 1, 10};
 
 /// How many bytes IH264Decoder::ProcessInput() takes as a whole or, when it times out, not at all.
 /// It sends longer data on in pieces, of which a time-out may leave some behind.
+/// @param width,height  as given to IH264Decoder::Create()
+/// @return bytes of the decoder's input buffer
 constexpr std::size_t DecoderBufferSize(int width, int height) {
   const std::size_t pixels = static_cast<std::size_t>(width < 0 ? -width : width) *
                              static_cast<std::size_t>(height < 0 ? -height : height);
@@ -94,8 +105,10 @@ enum NalType {
   Delimiter = 9,
 };
 
-/// Offset of the first byte of the next NAL unit whose start code begins at or after `from`; `size`
-/// where there is none.
+/// Finds the next NAL unit.
+/// @param data,size  Annex B bytes, and their number
+/// @param from       where to start to look for its start code
+/// @return the offset of the unit's first byte, behind its start code; `size` where there is none
 inline std::size_t NextUnit(const unsigned char* data, std::size_t size, std::size_t from) {
   for (std::size_t at = from + 2; at + 1 < size; ++at) {
     const void* const found = std::memchr(data + at, 1, size - 1 - at);
@@ -106,18 +119,26 @@ inline std::size_t NextUnit(const unsigned char* data, std::size_t size, std::si
   return size;
 }
 
+/// The type of a NAL unit.
 /// @param data  Annex B bytes
-/// @param unit  offset of a NAL unit's first byte in them
+/// @param unit  offset of the unit's first byte in them
+/// @return a NalType, or another number up to 31
 inline int TypeOf(const unsigned char* data, std::size_t unit) {
   return data[unit] & 31;
 }
 
+/// Whether NAL units of a type hold picture data.
+/// @param type  from TypeOf()
+/// @return true for slices and their partitions
 inline bool IsPicture(int type) {
   return type >= Slice && type <= KeySlice;
 }
 
 /// Whether a NAL unit behind the slices of one picture belongs to the next: what may stand before a
 /// picture, or a slice that starts at the first macroblock, which its first bit tells.
+/// @param data,size  Annex B bytes, and their number
+/// @param unit       offset of the unit's first byte in them
+/// @return true where the next picture begins
 inline bool OpensNext(const unsigned char* data, std::size_t size, std::size_t unit) {
   const int type = TypeOf(data, unit);
   if (type == Slice || type == PartitionA || type == KeySlice)
@@ -129,6 +150,8 @@ inline bool OpensNext(const unsigned char* data, std::size_t size, std::size_t u
 
 /// Whether an encoder's output, or any other piece of a stream that starts with a NAL unit, holds
 /// picture data. Without any it is parameter sets, for the frame that comes next.
+/// @param data,size  Annex B bytes, and their number
+/// @return true when there is a slice among them
 inline bool HasPicture(const unsigned char* data, std::size_t size) {
   for (std::size_t unit = annexb::NextUnit(data, size, 0); unit < size;
        unit = annexb::NextUnit(data, size, unit))
@@ -140,6 +163,8 @@ inline bool HasPicture(const unsigned char* data, std::size_t size) {
 /// one field) with all that belongs to it. This is the cut that the decoder's ProcessInput() wants.
 ///
 /// In a stream that is still growing, an answer of `size` may mean that the rest has not come yet.
+/// @param stream,size  Annex B bytes, and their number
+/// @param from         where the access unit starts
 /// @return the offset of the next one's start code, or `size`
 inline std::size_t AccessUnitEnd(const unsigned char* stream, std::size_t size, std::size_t from) {
   bool picture = false;
@@ -166,12 +191,14 @@ inline std::size_t AccessUnitEnd(const unsigned char* stream, std::size_t size, 
 /// is out, only that it takes longer.
 class EncodedFrames {
  public:
+  /// Starts with no frame begun.
   /// @param width,height  as given to IH264Encoder::Create()
   EncodedFrames(int width, int height)
       : whole_(static_cast<std::size_t>(width < 0 ? -width : width) *
                static_cast<std::size_t>(height < 0 ? -height : height)) {}
 
-  /// Takes note of the next buffer, whose bytes are only looked at.
+  /// Takes note of the next buffer.
+  /// @param data,size  what ProcessOutput() gave, only looked at
   /// @return true when it begins a frame, or the parameter sets before one: what came before it is
   ///         whole. False: it belongs to the same frame
   bool Add(const unsigned char* data, std::size_t size) {
@@ -192,15 +219,17 @@ class EncodedFrames {
     return next || first;
   }
 
-  /// Frames of which the first picture data has come.
+  /// Counts frames.
+  /// @return of how many the first picture data has come
   unsigned long long Begun() const { return begun_; }
 
-  /// Bytes of the component's buffer, once a frame has come in pieces; 0 before.
+  /// How long the component's buffer is.
+  /// @return its bytes, once a frame has come in pieces; 0 before
   std::size_t BufferSize() const { return full_; }
 
-  /// Whether the next buffer may belong to the same frame as the last one. False: that frame is
-  /// complete. True is rare: behind parameter sets, and behind data that may fill the component's
-  /// buffer.
+  /// Whether the next buffer may belong to the same frame as the last one.
+  /// @return false: that frame is complete. True is rare: behind parameter sets, and behind data
+  ///         that may fill the component's buffer
   bool MayGoOn() const { return last_ > 0 && (!picture_ || last_ >= (full_ > 0 ? full_ : whole_)); }
 
  private:

@@ -23,31 +23,23 @@ struct TesseraTestAccess;
 /// shorter frame leaves the rest of the component's buffer as the last frame left it (or
 /// undefined), a longer one fails. The JPEG has exactly width x height pixels.
 ///
-/// **Results.** Every encode gives 1, or 0 after one line; the object can be used again at once:
+/// **Results.** Every encode gives 1, or 0 after one line or two; the object can be used again at
+/// once. docs/errors-and-limits.md says what to do, docs/lines.md lists all lines but these, on
+/// standard output:
+/// - `CMmalJpegEncoder::Encode - frame of %u bytes does not fit input buffer of %u`: mend
+///   frameSize, or take an object of its own for each pixel format
+/// - `CMmalJpegEncoder::Encode - the component delivered no picture`: encode again
+/// - `CMmalJpegEncoder::Encode - timeout`: encode again; the component is made anew
 ///
-/// | line (after "CMmalJpegEncoder::")                     | stream | what to do                 |
-/// |-------------------------------------------------------|--------|----------------------------|
-/// | Encode - invalid input buffer pointer or buffer size  | out    | pass a frame               |
-/// | Encode - invalid output buffer pointer or buffer size | out    | pass memory for the JPEG   |
-/// | Encode - initialization failed                        | out    | the line before says why   |
-/// | Encode - frame of N bytes does not fit ...            | out    | mend frameSize, or take an |
-/// |                                                       |        | object of its own for each |
-/// |                                                       |        | pixel format               |
-/// | Encode - failed to send buffer                        | err    | encode again (an output    |
-/// |                                                       |        | buffer that is refused is  |
-/// |                                                       |        | told once, and tried again)|
-/// | Encode - the component delivered no picture           | out    | encode again               |
-/// | Encode - timeout                                      | out    | encode again: the component|
-/// |                                                       |        | is made anew               |
-/// | EncodeRGB - invalid input image pixel depth N         | out    | pass 16, 24 or 32          |
-/// | EncodeYUYV / EncodeRGB32 - invalid output buffer ...  | out    | pass an address            |
+/// An output buffer that the component refuses is told by one line ("failed to send buffer") and
+/// offered again until the time is up: that call may still give 1.
 ///
 /// A JPEG longer than the caller's capacity gives 0 without a line: `jpegSize` then holds the size
-/// needed. When the platform reports an error instead of the finished JPEG, the process ends with
-/// exit status 1 after "CMmalJpegEncoder::Encode - failed to get full buffer".
+/// needed. When the platform reports an error instead of the finished JPEG, the process ends by
+/// `exit(1)` after "CMmalJpegEncoder::Encode - failed to get full buffer".
 ///
-/// **Time.** A call blocks until the JPEG is there, for at most 10 seconds, whatever the
-/// wall clock does.
+/// **Time.** A call blocks until the JPEG is there, for at most 10 seconds by a steady clock, and
+/// for as long as the platform's calls take that set the component up.
 ///
 /// **Threads.** One thread at a time; objects do not share anything.
 class TESSERA_API CMmalJpegEncoder : public IJPEGEncoder {
@@ -62,18 +54,32 @@ class TESSERA_API CMmalJpegEncoder : public IJPEGEncoder {
   CMmalJpegEncoder& operator=(const CMmalJpegEncoder&) = delete;
 
   /// Packed 4:2:2 to JPEG in a new array of capacity width x height x 2; see IJPEGEncoder.
+  /// @param frame,frameSize,width,height  the picture, as for IJPEGEncoder
+  /// @param jpeg,jpegSize  receive array and bytes; null and 0 on failure
+  /// @return 1, or 0 after a line
   int EncodeYUYV(unsigned char* frame, unsigned int frameSize, int width, int height,
                  unsigned char** jpeg, unsigned int& jpegSize) override;
 
   /// Packed 4:2:2 to JPEG in the caller's memory; see IJPEGEncoder. Sizes below 1 fail.
+  /// @param frame,frameSize,width,height  the picture, as for IJPEGEncoder
+  /// @param jpeg,jpegCapacity  the caller's memory, and its bytes
+  /// @param jpegSize  bytes of the JPEG, or those needed; otherwise untouched on failure
+  /// @return 1, or 0 after a line
   int EncodeYUYV(unsigned char* frame, unsigned int frameSize, int width, int height,
                  unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize) override;
 
   /// R, G, B, A bytes to JPEG in a new array of capacity |width| x |height| x 4; see IJPEGEncoder.
+  /// @param frame,frameSize,width,height  the picture, as for IJPEGEncoder
+  /// @param jpeg,jpegSize  receive array and bytes; null and 0 on failure
+  /// @return 1, or 0 after a line
   int EncodeRGB32(unsigned char* frame, unsigned int frameSize, int width, int height,
                   unsigned char** jpeg, unsigned int& jpegSize) override;
 
   /// R, G, B, A bytes to JPEG in the caller's memory; see IJPEGEncoder.
+  /// @param frame,frameSize,width,height  the picture, as for IJPEGEncoder
+  /// @param jpeg,jpegCapacity  the caller's memory, and its bytes
+  /// @param jpegSize  bytes of the JPEG, or those needed; otherwise untouched on failure
+  /// @return 1, or 0 after a line
   int EncodeRGB32(unsigned char* frame, unsigned int frameSize, int width, int height,
                   unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize) override;
 
@@ -85,7 +91,7 @@ class TESSERA_API CMmalJpegEncoder : public IJPEGEncoder {
   int EncodeRGB(unsigned char* frame, unsigned int frameSize, unsigned int bitsPerPixel, int width,
                 int height, unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize);
 
-  /// What all of the above come to.
+  /// Encodes a frame of any format that the component takes; the operations above all call it.
   /// @param encoding  four-character code of the frame's format: 'YUYV', 'RGB2', 'RGB3' or 'RGBA';
   ///                  used when this call sets the component up
   /// @param frame,frameSize,width,height,jpeg,jpegCapacity,jpegSize  as for `EncodeYUYV`
@@ -119,8 +125,9 @@ class TESSERA_API CMmalJpegEncoder : public IJPEGEncoder {
   int nHeight = 0;
 };
 
-/// The wrapper's callback: wakes the encoder that the wrapper's user data names, if any. Called by
-/// the platform from a thread of its own.
+/// The wrapper's callback: wakes the encoder.
+/// @param wrapper  its user data is the encoder, or null; the platform calls from a thread of its
+///                 own
 TESSERA_API void MMALEncoderCallback(MMAL_WRAPPER_T* wrapper);
 
 #endif  // TESSERA_CMMALJPEGENCODER_H

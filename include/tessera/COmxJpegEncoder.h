@@ -23,28 +23,24 @@ struct TesseraTestAccess;
 /// before anything is sent; of a longer one the rest is not read. **The JPEG has S x H pixels**,
 /// the padding included.
 ///
-/// **Results.** 1, or 0 after a line (on standard output where no stream is given):
+/// **Results.** 1, or 0 after a line or two. docs/errors-and-limits.md says what to do,
+/// docs/lines.md lists all lines but these, on standard output:
+/// - `COmxJpegEncoder::Encode - frame of %u bytes, the input buffer takes %llu`: pass the padded
+///   picture
+/// - `COmxJpegEncoder::Encode - no answer to %s`: encode again; that call takes a new component
+/// - `COmxJpegEncoder::Encode - the component delivered no whole picture`: encode again
 ///
-/// | line                                                  | what to do next                      |
-/// |-------------------------------------------------------|--------------------------------------|
-/// | COmxJpegEncoder::Encode - invalid ... / Encode-       | mend the arguments, encode again     |
-/// |   invalid input image size WxH                        |                                      |
-/// | COmxJpegEncoder::Encode - encoder handle is empty     | release: the platform has no such    |
-/// |                                                       | component                            |
-/// | COmxJpegEncoder::Encode - frame of N bytes ...        | pass the padded picture              |
-/// | COmxJpegEncoder::Encode - no answer to ...            | encode again: that call takes a new  |
-/// |                                                       | component                            |
-/// | COmxJpegEncoder::Encode - the component delivered no  | encode again                         |
-/// |   whole picture                                       |                                      |
-/// | COmxJpegEncoder::Encode - ... failed, and lines with  | release, and make a new object: the  |
-/// |   an OpenMAX IL status (standard error)               | component stays where it got to      |
+/// **A refused command is for good.** After a line with an OpenMAX IL status or one that ends in
+/// "failed" the component stays in the state and with the ports that it got to, and later encodes
+/// may fail as well: release the object and make a new one. Only a buffer that it could not
+/// allocate is followed by a new component at the next encode.
 ///
 /// A JPEG longer than the capacity gives 0 without a line, and `jpegSize` is the size needed.
 /// Output without the end-of-frame flag gives 0 without a line, too, and leaves `jpegSize` alone.
 ///
 /// **Time.** No call waits for more than 10 seconds for any answer of the component, and for one
-/// more second once it has reported an error, whatever the wall clock does; then the call fails.
-/// Destruction waits for nothing.
+/// more second once it has reported an error, by a steady clock; then the call fails. That goes for
+/// the constructor, too. Destruction waits for nothing.
 ///
 /// **Threads.** One thread at a time; objects share nothing.
 class TESSERA_API COmxJpegEncoder : public IJPEGEncoder {
@@ -59,18 +55,29 @@ class TESSERA_API COmxJpegEncoder : public IJPEGEncoder {
   COmxJpegEncoder& operator=(const COmxJpegEncoder&) = delete;
 
   /// Packed 4:2:2 to JPEG in a new array of capacity width x height x 2; see IJPEGEncoder.
+  /// @param frame,frameSize,width,height  the padded picture, and the size that it was padded from
+  /// @param jpeg,jpegSize  receive array and bytes; null and 0 on failure
+  /// @return 1, or 0 after a line
   int EncodeYUYV(unsigned char* frame, unsigned int frameSize, int width, int height,
                  unsigned char** jpeg, unsigned int& jpegSize) override;
 
   /// Packed 4:2:2 to JPEG in the caller's memory; see IJPEGEncoder. Sizes below 1 fail.
+  /// @param frame,frameSize,width,height  as above
+  /// @param jpeg,jpegCapacity  the caller's memory, and its bytes
+  /// @param jpegSize  bytes of the JPEG, or those needed; otherwise untouched on failure
+  /// @return 1, or 0 after a line
   int EncodeYUYV(unsigned char* frame, unsigned int frameSize, int width, int height,
                  unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize) override;
 
   /// B, G, R, A bytes to JPEG in a new array of capacity |width| x |height| x 4; see IJPEGEncoder.
+  /// @param frame,frameSize,width,height,jpeg,jpegSize  as for the first `EncodeYUYV`
+  /// @return 1, or 0 after a line
   int EncodeRGB32(unsigned char* frame, unsigned int frameSize, int width, int height,
                   unsigned char** jpeg, unsigned int& jpegSize) override;
 
   /// B, G, R, A bytes to JPEG in the caller's memory; see IJPEGEncoder.
+  /// @param frame,frameSize,width,height,jpeg,jpegCapacity,jpegSize  as for the second `EncodeYUYV`
+  /// @return 1, or 0 after a line
   int EncodeRGB32(unsigned char* frame, unsigned int frameSize, int width, int height,
                   unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize) override;
 
@@ -83,38 +90,54 @@ class TESSERA_API COmxJpegEncoder : public IJPEGEncoder {
   int EncodeRGB(unsigned char* frame, unsigned int frameSize, unsigned int bitsPerPixel, int width,
                 int height, unsigned char* jpeg, unsigned int jpegCapacity, unsigned int& jpegSize);
 
-  /// What all of the above come to: one cycle of the component for one picture.
+  /// Runs one cycle of the component for one picture; the operations above all call it.
+  /// @param colorFormat,bitsPerPixel  of the frame, as OpenMAX IL names them, 8 bits a pixel or
+  ///                                  more
+  /// @param frame,frameSize,width,height,jpeg,jpegCapacity,jpegSize  as for `EncodeYUYV`
+  /// @return 1 when a complete JPEG was produced, else 0
   int Encode(unsigned char* frame, unsigned int frameSize, OMX_COLOR_FORMATTYPE colorFormat,
              int bitsPerPixel, int width, int height, unsigned char* jpeg,
              unsigned int jpegCapacity, unsigned int& jpegSize);
 
-  // The steps that these are made of. Each answers 1 or 0 and prints why.
+  // The steps that these are made of.
 
   /// Obtains the component and disables its ports. Runs in the constructor.
+  /// @return 1, or 0 after a line
   int InitializeHardware();
   /// Sets the input port to raw pictures of that size.
+  /// @param colorFormat,bitsPerPixel  as for `Encode`
+  /// @param width,height  the padded size
+  /// @return 1, or 0 after a line
   int SetupInputPort(OMX_COLOR_FORMATTYPE colorFormat, int bitsPerPixel, int width, int height);
-  /// Sets the output port to JPEG. A quality outside 5 to 100 counts as 75.
+  /// Sets the output port to JPEG.
+  /// @param width,height  the padded size
+  /// @param quality       5 to 100; anything else counts as 75
+  /// @return 1, or 0 after a line; 1 also after the line of a refused quality
   int SetupOutputPort(int width, int height, unsigned int quality);
-  /// Have the component allocate the port's one buffer, unless it is there.
+  /// Has the component allocate the input port's one buffer, unless it is there.
+  /// @return 1, or 0 after a line
   int AllocateOmxInputBuffer();
+  /// The same for the output port.
+  /// @return 1, or 0 after a line
   int AllocateOmxOutputBuffer();
-  /// Frees the buffers that are there. @return 1 when there was one
+  /// Frees the buffers that are there.
+  /// @return 1 when there was one
   int ReleaseBuffers();
-  /// Gives buffers, component, core and semaphores back. Runs in the destructor. @return 1
+  /// Gives buffers, component, core and semaphores back. Runs in the destructor.
+  /// @return 1
   int ReleaseHardware();
 
-  /// Wait for an answer of the component, within the limits above. @return whether it came
-  bool WaitForStateChange();
-  bool WaitForPortEnableDisable();
-  bool WaitForFlush();
-  bool WaitForOutputBufferFilled();
+  // Waits for an answer of the component, within the limits above.
+  bool WaitForStateChange();         ///< @return whether it came
+  bool WaitForPortEnableDisable();   ///< @return whether it came
+  bool WaitForFlush();               ///< @return whether it came
+  bool WaitForOutputBufferFilled();  ///< @return whether it came
 
-  /// What the callbacks report; each ends one wait.
-  void SignalStateChanged();
-  void SignalPortEnabledDisabled();
-  void SignalFlushed();
-  void SignalOutputBufferFill();
+  // What the callbacks report.
+  void SignalStateChanged();         ///< ends WaitForStateChange()
+  void SignalPortEnabledDisabled();  ///< ends WaitForPortEnableDisable()
+  void SignalFlushed();              ///< ends WaitForFlush()
+  void SignalOutputBufferFill();     ///< ends WaitForOutputBufferFilled()
   /// An error event: ends no wait, but leaves the one under way one more second.
   void SignalComponentError();
 
@@ -138,12 +161,24 @@ class TESSERA_API COmxJpegEncoder : public IJPEGEncoder {
   bool bAnswerOwed = false;  // a request was given up; the component may yet answer it
 };
 
-/// The component's callbacks; the application data is the encoder. All return OMX_ErrorNone.
+/// The component's event callback: passes answers on, prints errors and events that answer nothing.
+/// @param component,data2,eventData  not read
+/// @param appData      the encoder; null: a line
+/// @param event,data1  what happened, and the command or the error that it tells of
+/// @return OMX_ErrorNone
 TESSERA_API OMX_ERRORTYPE OmxEventsHandler(OMX_HANDLETYPE component, OMX_PTR appData,
                                            OMX_EVENTTYPE event, OMX_U32 data1, OMX_U32 data2,
                                            OMX_PTR eventData);
+/// The callback of a returned input buffer: nothing waits for it.
+/// @param component,buffer  not read
+/// @param appData           the encoder; null: a line
+/// @return OMX_ErrorNone
 TESSERA_API OMX_ERRORTYPE OmxEmptyInputBufferHandler(OMX_HANDLETYPE component, OMX_PTR appData,
                                                      OMX_BUFFERHEADERTYPE* buffer);
+/// The callback of the filled output buffer: ends the wait for it.
+/// @param component,buffer  not read
+/// @param appData           the encoder; null: a line
+/// @return OMX_ErrorNone
 TESSERA_API OMX_ERRORTYPE OmxFillOutputBufferHandler(OMX_HANDLETYPE component, OMX_PTR appData,
                                                      OMX_BUFFERHEADERTYPE* buffer);
 

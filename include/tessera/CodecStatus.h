@@ -7,16 +7,8 @@
 /// Result of the H.264 `ProcessInput` and `ProcessOutput` operations. The values are part of the
 /// binary interface and are the same in all three H.264 classes.
 ///
-/// What the caller does next:
-/// - CodecOk: goes on.
-/// - CodecNoBuffer: calls again; drains output first when it comes from `ProcessInput`.
-/// - CodecSendFailed: feeds again from the next key frame; the data of this call is lost.
-/// - CodecInvalidArgument: mends the call; nothing was done.
-/// - CodecInvalidState: calls `Create` (for the decoder `Initialize` before) and checks results.
-/// - CodecWaitFailed: gives the object up; the clock or a semaphore does not work.
-/// - CodecTimeout: calls again: a normal part of every feed and drain loop.
-/// - CodecBufferTooSmall: takes a buffer of the reported size; the data of this call is lost.
-/// - CodecStreamMismatch: calls `Create` with the stream's new size, then feeds again.
+/// What has become of the data, and what to do next, depends on the operation and the class: the
+/// table is in docs/errors-and-limits.md. `tessera::StatusText()` of Basics.h has a text for each.
 enum CodecStatus : int {
   CodecOk = 0,                    ///< Done.
   CodecNoBuffer = -1,             ///< No platform buffer was free, or none was finished.

@@ -20,36 +20,38 @@ struct TesseraTestAccess;
 ///   while (camera.grab(jpeg)) {
 ///     int width = 0, height = 0;
 ///     const unsigned char* picture = pool->DecodeJpeg(jpeg.data(), jpeg.size(), width, height);
-///     if (picture == nullptr) continue;        // a line on standard output said why
-///     show(picture, width, height);            // the next call overwrites it
+///     if (picture == nullptr) continue;  // a line on standard output said why
+///     show(picture, width, height);      // the next call overwrites it
 ///   }
 ///   ReleaseDecoderPool(pool);
 /// @endcode
 ///
-/// **Setup** runs in the constructor and takes a few milliseconds. When a step fails it prints one
-/// line and ends there; every `DecodeJpeg` then prints a line and gives null. Nothing repairs such
-/// a pool: release it and get another.
+/// **Setup** runs in the constructor. Normally it takes a few milliseconds; it waits for the
+/// component's answers without a limit. When a step fails it prints one line and ends there; every
+/// `DecodeJpeg` then prints a line and gives null. Nothing repairs such a pool: release it and get
+/// another.
 ///
-/// **An error event of the component ends the process** with exit status 1 after a line on standard
-/// output. Damaged pictures raise none: they come out as far as they go, or as null.
+/// **An error event of the component ends the process** by `_Exit(1)` after a line on standard
+/// output, which it flushes. No other stream is flushed, and no handler of `atexit` and no
+/// destructor runs. Damaged pictures raise no such event: they come out as far as they go, or as
+/// null.
 ///
-/// **Lines** are on standard output. Besides those that tell a refused call with its OpenMAX IL
-/// text:
-///
-/// | line                                                   | meaning |
-/// |--------------------------------------------------------|---------------------------------------|
-/// | no memory for the input buffers, unusable number of    | setup ended; release the pool | |
-/// input buffers: N                                     |                                       |
-/// | DecoderPool::DecodeJpeg - no data / the pool's setup   | null, nothing was sent | |   failed
-/// |                                       | | DecoderPool::DecodeJpeg - the picture cannot be
-/// decoded| null; go on with the next picture     | | DecoderPool::DecodeJpeg - no answer to ... /
-/// the ports | null; the next call puts the component| |   cannot be ... / the input buffers do not
-/// come back   | in order first                        | | DecoderPool::PassJpegToDecoder - no data
-/// / no input    | false, nothing was sent               | |   buffers | |
+/// **Lines.** docs/lines.md lists them all but these, on standard output:
+/// - `no memory for the input buffers` or `unusable number of input buffers: %u`: setup ended;
+///   release the pool
+/// - `DecoderPool::DecodeJpeg - no data` or `DecoderPool::DecodeJpeg - the pool's setup failed`:
+///   null, nothing was sent
+/// - `DecoderPool::DecodeJpeg - the picture cannot be decoded`: null, go on with the next picture
+/// - `DecoderPool::DecodeJpeg - no answer to %s`, `DecoderPool::DecodeJpeg - the ports cannot be %s`
+///   or `DecoderPool::DecodeJpeg - the input buffers do not come back`: null, and the next call
+///   puts the component in order first
+/// - `DecoderPool::PassJpegToDecoder - no data` or
+///   `DecoderPool::PassJpegToDecoder - no input buffers`: false, nothing was sent
 ///
 /// **Threads.** One thread at a time per pool; pools share nothing.
 class TESSERA_API DecoderPool {
  public:
+  /// Sets the component up, see above; `GetDecoderPool` calls it. Never fails to the caller.
   DecoderPool();
 
   /// Decodes one picture.
@@ -63,8 +65,8 @@ class TESSERA_API DecoderPool {
   /// one size share one buffer, so the pointer stays the same; another size takes another buffer.
   ///
   /// Blocks until the picture is there, normally for a few milliseconds. All its waits together end
-  /// within 10 seconds, whatever the wall clock does; then it prints a line and gives null. The
-  /// next call puts the component in order first and goes on.
+  /// within 10 seconds, by a steady clock; then it prints a line and gives null. The next call puts
+  /// the component in order first and goes on.
   ///
   /// @param jpeg    one complete picture, from its start-of-image marker on; read during the call
   /// @param size    its length in bytes; 0 gives null
@@ -86,6 +88,7 @@ class TESSERA_API DecoderPool {
 
   /// Hands one picture's bytes to the component, in as many of its input buffers as it takes; a
   /// step of `DecodeJpeg`. Prints while it waits for a buffer, for at most 10 seconds.
+  /// @param jpeg,size  the picture, and its bytes; 0: nothing happens
   /// @return true, also when the component refused a piece or a buffer did not come free (a line
   ///         tells); false for null with a size, or when the pool has no input buffers
   bool PassJpegToDecoder(char* jpeg, int size);
@@ -142,13 +145,13 @@ class TESSERA_API DecoderPool {
 
 extern "C" {
 
-/// Makes a decoder pool.
+/// Makes a decoder pool. Waits for the component without a limit.
 /// @return the pool, never null, also when its setup failed (a line tells); it belongs to the
 ///         caller until `ReleaseDecoderPool`
 /// @throws std::bad_alloc when memory is short
 TESSERA_API DecoderPool* GetDecoderPool();
 
-/// Destroys a pool and gives back all it holds.
+/// Destroys a pool and gives back all it holds. Waits for the component without a limit.
 /// @param pool  the object, or null
 /// @return 0 for null (nothing happens), else 1
 TESSERA_API int ReleaseDecoderPool(DecoderPool* pool);

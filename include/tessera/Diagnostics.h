@@ -1,9 +1,6 @@
 #ifndef TESSERA_DIAGNOSTICS_H
 #define TESSERA_DIAGNOSTICS_H
 
-/// @file
-/// The lines about OpenMAX IL, for applications that use it themselves.
-
 #include <IL/OMX_Component.h>
 #include <tessera/Export.h>
 
@@ -21,7 +18,8 @@ extern TESSERA_API OMX_CALLBACKTYPE videodeccallbacks;
 /// - Command complete: one line for a change of state; ends one wait of the pool.
 /// - Port settings changed: tells `DecodeJpeg` that the picture has another size.
 /// - Buffer flag: nothing.
-/// - Error: one line, and **the process ends with exit status 1**.
+/// - Error: one line, and **the process ends by `_Exit(1)`**: of the streams only standard output
+///   is flushed.
 /// - Any other: "unhandled event" with both data values, without a line end.
 ///
 /// All of it goes to standard output.
@@ -43,8 +41,8 @@ TESSERA_API const char* OmxErrorDescription(OMX_ERRORTYPE code);
 
 /// Prints the state of any OpenMAX IL component as a line on standard output ("StateIdle").
 ///
-/// When the component does not tell its state, **the process ends with exit status 1** after a line
-/// on standard error: meant for a developer's own programs, the library never calls it.
+/// When the component does not tell its state, **the process ends by `exit(1)`** after a line on
+/// standard error: meant for a developer's own programs, the library never calls it.
 /// @param hComponent  the component's handle, not null
 TESSERA_API void printState(OMX_HANDLETYPE hComponent);
 

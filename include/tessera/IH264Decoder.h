@@ -14,28 +14,31 @@
 ///
 /// @code
 ///   IH264Decoder* decoder = nullptr;
-///   if (!CreateH264Decoder(&decoder) || !decoder->Create(1280, 720, 0, nullptr)) { ... }
+///   if (!CreateH264Decoder(&decoder) || !decoder->Create(1280, 720, 0, nullptr)) return 1;
 ///   std::atomic<unsigned> fed{0};
 ///   std::atomic<bool> ended{false};
 ///   std::thread feeder([&] {
 ///     CodecStatus status = CodecOk;
 ///     while (status == CodecOk && stream.next(unit)) {  // cut by tessera::AccessUnitEnd()
 ///       ++fed;
-///       do status = decoder->ProcessInput(unit.data, unit.size, 1280, 720, 0, unit.ms);
-///       while (status == CodecTimeout);  // the drain is slow; nothing was taken
+///       int tries = 10;  // of a second each: the drain is slow; nothing was taken
+///       do status = decoder->ProcessInput(unit.data(), unit.size(), 1280, 720, 0, unit.ms());
+///       while (status == CodecTimeout && --tries > 0);
 ///     }
 ///     auto end = tessera::endOfSequence;
 ///     decoder->ProcessInput(end.data(), end.size(), 1280, 720, 0, 0);
 ///     ended = true;
 ///   });
-///   std::vector<unsigned char> picture(tessera::PaddedSize(1280, 720));
+///   const unsigned wanted = tessera::PaddedSize(1280, 720);
+///   std::vector<unsigned char> picture(wanted);
 ///   for (unsigned shown = 0, waits = 0; waits < 20 && (!ended || shown < fed); ++waits) {
 ///     unsigned int size = 0, width = 0, height = 0;
 ///     unsigned long long ms = 0;
 ///     const CodecStatus status =
-///         decoder->ProcessOutput(picture.data(), picture.size(), size, width, height, ms);
+///         decoder->ProcessOutput(picture.data(), wanted, size, width, height, ms);
+///     if (status == CodecOk && size != wanted) break;  // another size: Create() again
 ///     if (status == CodecOk) {
-///       show(picture, width, height, ms);
+///       show(picture.data(), width, height, ms);
 ///       ++shown;
 ///     }
 ///     if (status == CodecOk || !ended) waits = 0;  // CodecTimeout after 100 ms: none yet
@@ -53,18 +56,25 @@
 /// **Pictures** have the padded layout: luma stride S = width rounded up to 32, H = height rounded
 /// up to 16 rows, then U and V at stride S / 2 and H / 2 rows: S * H * 3 / 2 bytes.
 ///
+/// **Results.** docs/errors-and-limits.md tells for each status what became of the data and what to
+/// do next.
+///
 /// **Threads.** One thread may feed while another drains; `Create` on a third excludes both while
 /// it runs. Nothing else may run during destruction.
 class TESSERA_API IH264Decoder {
  public:
+  /// Stops the decoder and gives back all it holds; pictures not yet fetched are lost. Blocks for
+  /// the picture that the platform is working on. Objects of the factory go by `FreeH264Decoder`.
   virtual ~IH264Decoder() = default;
 
   /// Sets the decoder up for a stream, or anew for another one; pictures not yet fetched are lost.
+  ///
+  /// Blocks for as long as the platform's calls take: it stops what ran before. From any thread.
   /// @param width,height   picture size in pixels; not 0, the magnitude counts
   /// @param extraDataSize  bytes at `extraData`; used only when both are given
   /// @param extraData      codec data that precedes the stream (parameter sets, Annex B)
   /// @return true when ready for input; false after one or two lines on standard error. A further
-  ///         `Create` may follow either way.
+  ///         `Create` may follow either way
   /// @throws std::system_error when the object's mutex cannot be locked
   virtual bool Create(int width, int height, unsigned int extraDataSize,
                       const unsigned char* extraData) = 0;
@@ -78,15 +88,26 @@ class TESSERA_API IH264Decoder {
   /// @param width,height   the size given to `Create`, or the answer is CodecStreamMismatch
   /// @param flags          bit 0: decode, but hand out no picture
   /// @param timestamp      milliseconds, 0 for none; comes back with the picture
+  /// @return CodecOk: the data is with the platform. CodecTimeout: drain, then the same data again.
+  ///         CodecStreamMismatch: `Create` for this size first. CodecNoBuffer: `size` is 0.
+  ///         CodecSendFailed, CodecInvalidArgument, CodecInvalidState, CodecWaitFailed: see the
+  ///         table
   virtual CodecStatus ProcessInput(unsigned char* data, unsigned int size, int width, int height,
                                    unsigned int flags, unsigned long long timestamp) = 0;
 
-  /// Hands out the next picture in a new array. Blocks for at most 100 ms, then CodecTimeout.
+  /// Hands out the next picture in a new array.
+  ///
+  /// Blocks for at most 100 ms.
   /// @param frame         receives an array made with `new[]`; the caller frees it with `delete[]`.
   ///                      Untouched on failure
-  /// @param size          its bytes; untouched on failure
+  /// @param size          its bytes; untouched on failure. With CodecOk and a size that is not
+  ///                      `tessera::PaddedSize(width, height)` the array holds no picture: the
+  ///                      stream has another size than `Create` was told
   /// @param width,height  picture size without padding; 0 on failure
   /// @param timestamp     milliseconds as given with its data, 0 for none or on failure
+  /// @return CodecOk. CodecTimeout: none yet, feed or call again. CodecNoBuffer: call again.
+  ///         CodecInvalidArgument, CodecInvalidState, CodecWaitFailed: see the table
+  /// @throws std::bad_alloc when there is no memory for the array; that picture is lost
   virtual CodecStatus ProcessOutput(unsigned char** frame, unsigned int& size, unsigned int& width,
                                     unsigned int& height, unsigned long long& timestamp) = 0;
 
@@ -96,12 +117,14 @@ class TESSERA_API IH264Decoder {
   /// @param size      bytes of the picture; with CodecBufferTooSmall the size that was needed, and
   ///                  that picture is lost
   /// @param width,height,timestamp  as above
+  /// @return as above, or CodecBufferTooSmall
   virtual CodecStatus ProcessOutput(unsigned char* frame, unsigned int capacity, unsigned int& size,
                                     unsigned int& width, unsigned int& height,
                                     unsigned long long& timestamp) = 0;
 
   /// Makes the platform's decoder component. `CreateH264Decoder` has called it; an application that
-  /// constructs the class itself calls it once, before `Create`.
+  /// constructs the class itself calls it once, before `Create`. Blocks for as long as the platform
+  /// takes to make it.
   /// @return true on success; false after one line on standard error, or without one where the
   ///         platform reports success and gives no component
   virtual bool Initialize() = 0;

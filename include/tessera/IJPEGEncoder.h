@@ -22,13 +22,16 @@
 ///
 /// **Threads.** One caller thread at a time per object; any number of objects at once.
 ///
-/// **Time.** Each call blocks until the JPEG is complete, for at most 10 seconds without an answer
-/// of the platform; then it prints one line and fails.
+/// **Time.** Each call blocks until the JPEG is complete: with CMmalJpegEncoder for at most 10
+/// seconds, with COmxJpegEncoder for at most 10 seconds for each answer of the component. Then it
+/// prints one line and fails.
 ///
-/// **Errors.** Every failure is the result 0 and one line of text (see each class). The object
-/// stays usable: mend the arguments, or call again.
+/// **Errors.** Every failure is the result 0 and, but for a JPEG that does not fit, a line of text.
+/// docs/errors-and-limits.md tells what to do next. CMmalJpegEncoder stays usable; COmxJpegEncoder
+/// perhaps not after a command that its component refused.
 class TESSERA_API IJPEGEncoder {
  public:
+  /// Takes the platform's component down. Objects of the factory go by `ReleaseEncoderJPEG`.
   virtual ~IJPEGEncoder() = default;
 
   /// Encodes packed 4:2:2 (bytes Y0 U Y1 V for each pixel pair, 2 bytes a pixel).
@@ -52,7 +55,8 @@ class TESSERA_API IJPEGEncoder {
   /// @param jpegCapacity  bytes at `jpeg`, above 0
   /// @param jpegSize      bytes of the JPEG. When the JPEG is longer than `jpegCapacity` nothing is
   ///                      copied, the result is 0 and this is the size needed: call again with that
-  ///                      much. Untouched on any other failure.
+  ///                      much. Untouched on any other failure
+  /// @return 1 when a complete JPEG was produced and copied, else 0
   virtual int EncodeYUYV(unsigned char* frame, unsigned int frameSize, int width, int height,
                          unsigned char* jpeg, unsigned int jpegCapacity,
                          unsigned int& jpegSize) = 0;
@@ -60,10 +64,14 @@ class TESSERA_API IJPEGEncoder {
   /// Encodes 32-bit RGB, 4 bytes a pixel: R, G, B, A in memory for CMmalJpegEncoder; B, G, R, A for
   /// COmxJpegEncoder. The fourth byte is ignored. Negative sizes count by their magnitude.
   /// Allocates like the allocating `EncodeYUYV`, with a capacity of |width| x |height| x 4 bytes.
+  /// @param frame,frameSize,width,height,jpeg,jpegSize  as for `EncodeYUYV`
+  /// @return 1 when a complete JPEG was produced, else 0
   virtual int EncodeRGB32(unsigned char* frame, unsigned int frameSize, int width, int height,
                           unsigned char** jpeg, unsigned int& jpegSize) = 0;
 
   /// The same into the caller's memory, like the second `EncodeYUYV`.
+  /// @param frame,frameSize,width,height,jpeg,jpegCapacity,jpegSize  as for the second `EncodeYUYV`
+  /// @return 1 when a complete JPEG was produced and copied, else 0
   virtual int EncodeRGB32(unsigned char* frame, unsigned int frameSize, int width, int height,
                           unsigned char* jpeg, unsigned int jpegCapacity,
                           unsigned int& jpegSize) = 0;

@@ -11,7 +11,11 @@
 
 namespace {
 
+/// A component may ask for one buffer only. Then it could not decode ahead of ProcessOutput, and
+/// each picture would wait for the one before it to be fetched.
 constexpr std::uint32_t fewestBuffers = 4;
+/// Half a megabyte: a coded frame is rarely longer, and is sent in pieces if it is. Without this
+/// bound four buffers of a byte a pixel would take megabytes of the platform's memory.
 constexpr std::uint64_t largestInputBuffer = 0x80000;
 
 bool IsSupported(int width, int height, const char* operation) {

@@ -10,7 +10,7 @@ namespace {
 
 constexpr unsigned int decodeOnlyFlag = 1;
 
-/// Milliseconds with 0 for none to the platform's microseconds.
+/// From milliseconds, with 0 for none, to the platform's microseconds.
 std::int64_t ToPts(unsigned long long timestamp) {
   return timestamp == 0 ? MMAL_TIME_UNKNOWN : static_cast<std::int64_t>(timestamp * 1000);
 }
@@ -60,7 +60,8 @@ bool CMmalH264Decoder::Steps::FitsStream(int width, int height) const {
   return false;
 }
 
-/// Sends as much of the data as one buffer of the input pool takes; nothing when there is none.
+/// Sends as much of the data as one buffer of the input pool takes. Without a buffer it sends
+/// nothing, and the credit is spent.
 /// @return false when the decoder has been set up for another stream since the data came
 bool CMmalH264Decoder::Steps::SendPiece(Input& input) {
   const std::lock_guard<std::mutex> guard(decoder.lock);

@@ -84,6 +84,7 @@ MMAL_STATUS_T CMmalH264Encoder::SetOutputFormat(MMAL_COMPONENT_T* component, int
                  static_cast<unsigned int>(status));
     return status;
   }
+  // A key frame a second: whoever joins late or loses data waits no longer than that.
   const bool known = frameRateNum != 0 && frameRateDen != 0;
   mmal_port_parameter_set_uint32(port, MMAL_PARAMETER_INTRAPERIOD,
                                  known ? frameRateNum / frameRateDen : 30);

@@ -14,7 +14,7 @@ namespace {
 constexpr common::RgbFormats<unsigned int> rgbFormats{MMAL_ENCODING_RGB16, MMAL_ENCODING_RGB24,
                                                       MMAL_ENCODING_RGBA};
 
-/// Bytes of an array for the JPEG, as far as the interface can express them.
+/// Bytes of an array for the JPEG, or as many as 32 bits hold.
 unsigned int ArrayCapacity(int width, int height, unsigned int bytesPerPixel) {
   const std::uint64_t pixels = std::uint64_t{common::Magnitude(width)} * common::Magnitude(height);
   constexpr std::uint64_t most = std::numeric_limits<unsigned int>::max();

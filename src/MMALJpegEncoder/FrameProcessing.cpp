@@ -9,6 +9,7 @@
 
 namespace {
 
+/// A buffer that was refused is offered again after so long.
 constexpr unsigned int retryMs = 10;
 constexpr unsigned int retries = common::answerLimitMs / retryMs;
 
@@ -20,14 +21,14 @@ class AnswerWait {
   /// Until the component has done something. @return false when the time is up
   bool ForEvent() { return Until(deadline_); }
 
-  /// Likewise, but no longer than a moment: what was refused announces no event of its own.
+  /// Likewise, but for retryMs at most: after a refusal there may be no event to come.
   bool ForRetry() { return Until(deadline_.Within(retryMs)); }
 
  private:
   bool Until(const common::SteadyDeadline& end) {
     if (deadline_.Passed()) return false;
     if (common::SteadyWait(semaphore_, end) != common::WaitResult::Failed) return true;
-    // Without a clock or a semaphore that works the sleeps are counted.
+    // Where the clock or the semaphore does not work, it sleeps and counts.
     common::SleepMs(retryMs);
     return ++sleeps_ < retries;
   }

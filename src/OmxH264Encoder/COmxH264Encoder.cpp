@@ -49,7 +49,7 @@ bool COmxH264Encoder::Create(unsigned int pixelFormat, int width, int height,
   Steps steps(*this, "COmxH264Encoder::Create");
   if (!steps.StartExecuting()) return false;
   steps.BlackenInput(std::size_t{paddedWidth} * paddedHeight);
-  // A refusal is made up for by the first ProcessOutput.
+  // If this is refused, the first ProcessOutput asks again.
   steps.RequestFill("COmxH264Encoder::Create - OMX_FillThisBuffer failed to request filling");
   nWidth = static_cast<OMX_U32>(width);
   nHeight = static_cast<OMX_U32>(height);

@@ -139,8 +139,8 @@ OMX_ERRORTYPE COmxH264Encoder::Steps::RequestFill(const char* label) {
   return error;
 }
 
-/// Makes room for the output of the frame that comes next: what the last frame's wait was given up
-/// for must not be taken for it. A flush brings the buffer back, filled by now or not.
+/// Drops the output that a ProcessOutput gave up waiting for, so that it is not taken for the next
+/// frame's. A flush brings the buffer back, filled by now or not.
 CodecStatus COmxH264Encoder::Steps::DropOwedOutput() {
   if (!encoder.bFlushOwed) {
     if (!driver.Send(OMX_CommandFlush, encoder.nOutputPort, encoder.semFlushed,

@@ -3,8 +3,8 @@
 
 #include "common/OmxErrorLine.h"
 
-/// The H.264 encoder's own PrintOmxError: like the exported one, which is why the header that
-/// declares that is not included beside this, and knows one status more.
+/// The H.264 encoder's own PrintOmxError, which knows one status more than the exported one. Both
+/// have one signature, so no file includes this and <tessera/Diagnostics.h>.
 static inline void PrintOmxError(const char* label, OMX_ERRORTYPE error) {
   common::WriteOmxErrorLine(
       label, error,

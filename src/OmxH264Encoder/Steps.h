@@ -10,7 +10,7 @@
 
 /// What the encoder's operations are made of.
 struct COmxH264Encoder::Steps {
-  /// @param operation  as whose answers that do not come are told
+  /// @param operation  named in the line of a missing answer
   Steps(COmxH264Encoder& of, const char* operation);
 
   // Create.

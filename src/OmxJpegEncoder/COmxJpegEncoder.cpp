@@ -11,18 +11,18 @@
 
 namespace {
 
-// The component names its 24-bit words by that format, not by 24bitRGB888.
+// The component knows 24-bit pixels under the name ARGB1887, not under RGB888.
 constexpr common::RgbFormats<OMX_COLOR_FORMATTYPE> rgbFormats{
     OMX_COLOR_Format16bitRGB565, OMX_COLOR_Format24bitARGB1887, OMX_COLOR_Format32bitARGB8888};
 
-/// Bytes of an array for the JPEG; 0 when none can be made whose size can be told in 32 bits.
+/// Bytes of an array for the JPEG; 0 where 32 bits do not hold them.
 unsigned int ArrayCapacity(int width, int height, unsigned int bytesPerPixel) {
   const std::uint64_t pixels = std::uint64_t{common::Magnitude(width)} * common::Magnitude(height);
   if (pixels > std::numeric_limits<std::uint32_t>::max() / bytesPerPixel) return 0;
   return static_cast<unsigned int>(pixels * bytesPerPixel);
 }
 
-/// The nearest size that an int holds to the magnitude of one.
+/// The magnitude of a size, or the largest int where that is less.
 int PositiveSize(int size) {
   constexpr std::uint32_t largest = std::numeric_limits<int>::max();
   const std::uint32_t magnitude = common::Magnitude(size);

@@ -161,7 +161,8 @@ Answer COmxJpegEncoder::Steps::EncodePicture(const common::RawFrame& frame,
   return Answer::Done;
 }
 
-/// A refused flush or pause does not keep the component from the way back, a refused disable does.
+/// Goes on after a refused flush or pause. After a refused disable it does not: the port keeps its
+/// buffer.
 Answer COmxJpegEncoder::Steps::ReturnToIdle() {
   Answer answer =
       driver.FlushPort(encoder.nInputPort, "COmxJpegEncoder::Encode::OMX_CommandFlush::Input");

@@ -9,9 +9,12 @@
 namespace common {
 namespace {
 
+/// A component that works gives an input buffer back within a frame or two. After a second it most
+/// likely waits for its output to be fetched.
 constexpr unsigned int inputLimitMs = 1000;
+/// Longer than a frame takes, and short enough for a thread that feeds and drains in turn.
 constexpr unsigned int outputLimitMs = 100;
-/// The status of any wait that fails, by the platform's count.
+/// What the line of a failed wait prints, whatever failed: the platform's VCOS_EINVAL.
 constexpr unsigned int waitFailed = 4;
 
 CodecStatus Await(sem_t& semaphore, unsigned int limitMs, const char* operation, bool timeOutTold) {

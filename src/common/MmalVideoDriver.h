@@ -44,10 +44,10 @@ class MmalVideoDriver {
   /// Gives back everything that there is.
   void Close();
 
-  // The way of the frames. `operation` is as whose a failure is told.
+  // The way of the frames. Lines name `operation`.
 
   CodecStatus TakeInputCredit(const char* operation);
-  /// @param timeOutTold  whether nothing in time is worth a line
+  /// @param timeOutTold  whether a time-out prints a line; the decoder's does not
   CodecStatus AwaitOutput(const char* operation, bool timeOutTold);
 
   // What the ports' callbacks do.
@@ -66,7 +66,7 @@ class MmalVideoDriver {
 /// Copies what a buffer holds out. @param size  its bytes, unless memory for an array was short
 CodecStatus CopyOut(const MMAL_BUFFER_HEADER_T& buffer, OutputMemory& memory, unsigned int& size);
 
-// Steps of setting a port's format; a failure is told as the operation's.
+// Steps of setting a port's format. Lines name `operation`.
 
 /// @return MMAL_EINVAL, after a line
 MMAL_STATUS_T RefuseArguments(const char* operation, const char* what, int first, int second);

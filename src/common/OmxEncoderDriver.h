@@ -82,7 +82,8 @@ class OmxEncoderDriver {
     const char* freeHandle;
   };
 
-  /// @param stream,operation  where answers that do not come are told, and as whose
+  /// @param stream     where the line of a missing answer goes
+  /// @param operation  named in that line
   OmxEncoderDriver(const OmxEncoderFields& fields, const Labels& labels, OmxErrorPrinter print,
                    std::FILE* stream, const char* operation)
       : fields_(fields), labels_(labels), print_(print), stream_(stream), operation_(operation) {}
@@ -104,8 +105,8 @@ class OmxEncoderDriver {
   Answer FlushPort(OMX_U32 port, const char* label);
   Answer DisablePort(OMX_U32 port, OMX_BUFFERHEADERTYPE*& buffer, const char* label);
 
-  /// @param allocate  gives the port its buffer, without which it does not count as enabled. When
-  ///                  it answers false the request stays unanswered
+  /// @param allocate  gives the port its buffer, without which the component does not complete the
+  ///                  command. When it answers false, that answer stays owed
   template <typename Allocate>
   Answer EnablePort(OMX_U32 port, const char* label, Allocate allocate) {
     if (!Send(OMX_CommandPortEnable, port, fields_.semPortEnableDisable, label))
@@ -117,7 +118,7 @@ class OmxEncoderDriver {
   /// Sends a command that `answer` will be posted for. @return false after a line
   bool Send(OMX_COMMANDTYPE command, OMX_U32 parameter, sem_t& answer, const char* label);
   Answer Await(sem_t& answer, const char* request);
-  /// Makes ready for a request that is answered by a post: nothing older answers it.
+  /// Before a request: forgets earlier posts and errors, so that none is taken for its answer.
   void Expect(sem_t& answer);
 
  private:

@@ -9,7 +9,8 @@ namespace {
 
 constexpr std::int64_t nanosecondsPerSecond = 1000000000;
 constexpr std::int64_t nanosecondsPerMs = 1000000;
-/// How often a wait looks around for what posts no semaphore of its own.
+/// After so long a wait looks for what does not post its semaphore: an error event, or another
+/// semaphore. Only answers that are late or missing meet it.
 constexpr std::int64_t slice = 200 * nanosecondsPerMs;
 
 /// CLOCK_MONOTONIC in nanoseconds; negative when it does not work.
@@ -76,10 +77,10 @@ WaitResult TakePosted(sem_t& semaphore) {
 
 namespace {
 
-/// Takes the semaphore, waiting until the deadline, but for no longer than a slice of time.
+/// Takes the semaphore, waiting until the deadline or for one slice, whichever ends first.
 ///
-/// sem_timedwait would go by the wall clock: set back by half a minute while it sleeps, it sleeps
-/// half a minute longer, however short it was meant to be.
+/// Not by sem_timedwait, which goes by the wall clock: when that is set back by half a minute, it
+/// sleeps half a minute longer.
 WaitResult WaitASlice(sem_t& semaphore, const SteadyDeadline& end) {
   const std::int64_t now = SteadyNow();
   if (now < 0 || !end.Known()) return WaitResult::Failed;
@@ -89,7 +90,8 @@ WaitResult WaitASlice(sem_t& semaphore, const SteadyDeadline& end) {
     return errno == ETIMEDOUT ? WaitResult::TimedOut : WaitResult::Failed;
   }
 #ifdef __SANITIZE_THREAD__
-  // That call is unknown to the thread sanitizer, these show it what the answer comes after.
+  // The thread sanitizer does not know sem_clockwait. To post and take once more shows it that what
+  // the poster did came before.
   sem_post(&semaphore);
   return TakePosted(semaphore);
 #else
@@ -97,8 +99,8 @@ WaitResult WaitASlice(sem_t& semaphore, const SteadyDeadline& end) {
 #endif
 }
 
-/// Takes the semaphore, waiting until the deadline. `lookAround` runs after each slice that brought
-/// nothing; it may bring the deadline nearer, and ends the wait (TimedOut) by answering false.
+/// Takes the semaphore, waiting until the deadline. `lookAround` runs after each slice without a
+/// post. It may bring the deadline nearer; when it answers false the wait ends as TimedOut.
 template <typename LookAround>
 WaitResult WaitInSlices(sem_t& semaphore, const SteadyDeadline& end, LookAround lookAround) {
   for (;;) {

@@ -11,8 +11,9 @@
 
 namespace common {
 
-/// How long a component may take to answer where no other limit is set, and how long it still may
-/// once it has raised an error event, in milliseconds.
+/// How long a component may take to answer where no other limit is set, in milliseconds: many times
+/// what the largest picture takes, so that only one which has stopped ever meets it. And how long
+/// it still may once it has raised an error event, which need not be about the request.
 constexpr unsigned int answerLimitMs = 10000;
 constexpr unsigned int errorGraceMs = 1000;
 
@@ -58,8 +59,8 @@ bool AwaitAnswer(sem_t& answer, const std::atomic<bool>& errorSeen);
 /// How a wait for two semaphores ended.
 enum class Posted { First, Second, Neither };
 
-/// Waits for `first`, and looks now and then whether `second` was posted instead; takes the one
-/// that was.
+/// Waits for `first`, and looks five times a second whether `second` was posted instead; takes the
+/// one that was.
 Posted AwaitEither(sem_t& first, sem_t& second, const SteadyDeadline& end);
 
 /// Takes the semaphore without a time limit, through any number of signals.
@@ -78,7 +79,7 @@ void DestroySemaphores(Semaphores&... semaphores) {
 /// Takes the semaphore if it is posted. @return TimedOut when it is not
 WaitResult TakePosted(sem_t& semaphore);
 
-/// Takes whatever posts there are, so that none of them answers the request that follows.
+/// Takes all posts, so that none of them is taken for the answer to a later request.
 void Empty(sem_t& semaphore);
 
 /// Sleeps so long; a signal may end it sooner.

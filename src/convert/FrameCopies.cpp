@@ -29,8 +29,8 @@ struct PaddedI420 {
   }
 };
 
-/// A picture that no cache keeps until its reader comes. Measured: below this the reader gains more
-/// from finding it there than the conversion loses.
+/// From this many bytes on pictures are stored past the caches, which would not keep them until
+/// they are read. Measured: a reader of smaller ones gains more than the conversion loses.
 constexpr std::uint64_t streamedSize = 8 << 20;
 
 Stores StoresFor(std::uint64_t pictureSize) {
@@ -42,8 +42,8 @@ std::uint64_t Inside(std::uint64_t offset, std::uint64_t wanted, std::uint64_t c
   return offset < capacity ? std::min(wanted, capacity - offset) : 0;
 }
 
-/// Every `step`-th source byte, `count` times. Zero counts come with pointers that must not even be
-/// formed, hence the base and offset apart.
+/// Copies every `step`-th byte, `count` of them. The offset comes apart from its base, since with a
+/// count of 0 the two together may point outside the buffer.
 void Gather(const std::uint8_t* source, std::size_t step, std::uint8_t* destination,
             std::uint64_t offset, std::uint64_t count) {
   for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {

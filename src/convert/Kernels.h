@@ -28,8 +28,8 @@ struct SemiPlanarRows {
 };
 
 /// Streaming stores go past the caches: faster where the picture would not fit in them anyway,
-/// slower for whoever reads it next where it would. A wish: kernels that cannot, or not to these
-/// addresses, store as usual.
+/// slower for whoever reads it next where it would. A kernel that has none, or not for these
+/// addresses, stores as usual.
 enum class Stores { Cached, Streaming };
 
 /// One implementation of the inner loops. Every one of them gives the bytes of the plain one and

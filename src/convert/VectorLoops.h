@@ -114,9 +114,9 @@ class VectorLoops {
     static constexpr Stores stores = Stores::Streaming;
   };
 
-  /// Takes `count`, at least a step, in steps. What is left at the end goes to a step that overlaps
-  /// the one before it, but after streaming to `rest`: a cache line that is stored both ways costs
-  /// more than streaming saves.
+  /// Converts `count` items, at least a step's worth, step by step. Those that are left at the end
+  /// get a step that overlaps the one before it. When streaming they go to `rest` instead: to store
+  /// one cache line both ways costs more than streaming saves.
   template <std::size_t size, class Step, class Rest>
   static void Walk(std::size_t count, bool streaming, const Step& step, const Rest& rest) {
     std::size_t i = 0;
@@ -140,8 +140,8 @@ class VectorLoops {
     return false;
   }
 
-  /// Whether these places suit the streaming stores of a narrower kernel only. The narrowest want
-  /// what malloc gives.
+  /// Whether only a narrower kernel can stream to these places. The narrowest needs multiples of
+  /// 16, which malloc gives.
   static bool NarrowerStreams(std::uintptr_t places, Stores stores) {
     return Steps::alignment > 16 && stores == Stores::Streaming && !Streams(places, stores) &&
            places % 16 == 0;

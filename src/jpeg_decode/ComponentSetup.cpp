@@ -13,7 +13,9 @@
 
 namespace {
 
+/// Most pictures fit into one buffer; longer ones take several in turn.
 constexpr OMX_U32 inputBufferSize = 1024000;
+/// A first picture of this size finds its output buffer there; any other has it made anew.
 constexpr OMX_U32 firstWidth = 1280;
 constexpr OMX_U32 firstHeight = 720;
 constexpr OMX_U32 firstOutputBufferSize = firstWidth * firstHeight * 3 / 2;
@@ -48,8 +50,8 @@ bool DecoderPool::Steps::OpenComponent() {
   return true;
 }
 
-// The component completes this one only when every enabled port has its buffers, so the last of the
-// waits below is the one for it.
+// The component reaches Idle only once every enabled port has its buffers, which the steps that
+// follow see to. Nobody waits for this answer here: StartExecuting() waits for all that are owed.
 bool DecoderPool::Steps::RequestIdle() {
   pool.lastError = Send(OMX_CommandStateSet, OMX_StateIdle);
   if (pool.lastError != OMX_ErrorNone) {
@@ -186,8 +188,8 @@ bool DecoderPool::Steps::TakeDownComponent() {
   return true;
 }
 
-/// What has been answered so far answers nothing that is asked from here on. What was waited for in
-/// vain is not waited for again.
+/// Takes the answers that have come, so that none is taken for the answer to a later command. What
+/// was waited for in vain is not waited for again.
 void DecoderPool::Steps::SettleAnswers() {
   while (common::TakePosted(pool.semCommandDone) == common::WaitResult::Done)
     if (pool.nAnswersOwed > 0) --pool.nAnswersOwed;
@@ -249,7 +251,7 @@ bool DecoderPool::Steps::LeaveState() {
   if (pool.lastError != OMX_ErrorNone) return false;
   if (ReleaseLeftBuffers()) {
     AwaitCommands();
-    // An answer that was given up may have come after all, in place of the one for Loaded.
+    // A late answer to an earlier command may have been taken for the one to this.
     common::WaitWithoutLimit(pool.semLoaded);
   }
   return true;
@@ -272,7 +274,7 @@ bool DecoderPool::Steps::ReleaseLeftBuffers() {
   return released;
 }
 
-/// Whether a port that is enabled and lacks its buffers holds the change to Idle up.
+/// Whether the component cannot reach Idle, since an enabled port lacks its buffers.
 bool DecoderPool::Steps::KeptFromIdle() const {
   return pool.eIdle == Idle::Asked &&
          (pool.bInputEnabled || pool.eOutputPort != OutputPort::Disabling);

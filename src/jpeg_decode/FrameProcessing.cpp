@@ -16,11 +16,13 @@
 
 namespace {
 
+/// Nothing is posted when an input buffer comes back: its length is looked at.
 constexpr unsigned int busyInputPollMs = 10;
+/// A new size is announced as soon as the header has been read, unless the picture is damaged.
 constexpr unsigned int newSizeLimitMs = 1000;
-/// All waits of a call together: with the call's own work it stays under ten seconds.
+/// All waits of a call together; the rest of the ten seconds is for the call's own work.
 constexpr unsigned int callLimitMs = common::answerLimitMs - 50;
-/// Announcements of a size while a fill is waited for: one late, one of the picture itself.
+/// How many announcements of a size a fill may meet: a late one of the picture before, and its own.
 constexpr int mostAnnouncements = 2;
 
 /// Bytes of a 4:2:0 picture in the padded layout.
@@ -63,8 +65,8 @@ unsigned char* DecoderPool::Steps::Decode(const char* jpeg, OMX_U32 size,
   const bool sameSize = pictureSize == CurrentSize();
   common::Empty(pool.semPortSettingsChanged);
   if (!Feed(jpeg, size)) return nullptr;
-  // A picture that is no picture, or whose size was told wrong, announces no size: then the
-  // component answers to the buffer that it has been given so far.
+  // No size is announced by data that is no picture, nor by a picture that has the buffer's size
+  // when the caller told another. The fill is asked for with the buffer there is, then.
   const auto announced = common::SteadyDeadline::At(pool.nWaitsEnd).Within(newSizeLimitMs);
   if (!sameSize &&
       common::SteadyWait(pool.semPortSettingsChanged, announced) == common::WaitResult::Done &&
@@ -140,7 +142,7 @@ common::PictureSize DecoderPool::Steps::CurrentSize() const {
   return {pool.nCurrentWidth, pool.nCurrentHeight};
 }
 
-/// Should the component not tell, what was expected stands in, on a port that is enabled.
+/// Where the component does not tell, `expected` stands in, and the port counts as enabled.
 /// @return whether the component's picture has another size than the pool's buffer
 bool DecoderPool::Steps::ReadOutputSize(const common::PictureSize& expected) {
   const common::PictureSize former = CurrentSize();
@@ -244,7 +246,7 @@ bool DecoderPool::Steps::RequestFill() {
 bool DecoderPool::Steps::CatchUp() {
   if (!pool.bOutOfStep) return true;
   if (pool.eOutputPort != OutputPort::Ready) {
-    // What the buffer was to be may have been a guess.
+    // The size that the buffer was to have may have been a guess.
     ReadOutputSize(CurrentSize());
     if (!RebuildOutputBuffer()) return false;
   }
@@ -261,8 +263,8 @@ bool DecoderPool::Steps::CatchUp() {
   return true;
 }
 
-/// Waits for all commands under way. An answer that has not come by the end of the next call either
-/// is written off: the component is asked anew from then on.
+/// Waits for all commands under way. What does not come in time is waited for once more by the next
+/// call, and then written off.
 bool DecoderPool::Steps::CommandsAnswered(const char* command) {
   const bool secondChance = pool.bOutOfStep;
   for (; pool.nAnswersOwed > 0; --pool.nAnswersOwed) {

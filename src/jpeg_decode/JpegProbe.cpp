@@ -19,7 +19,7 @@ bool GetJpegWidthAndHeight(int& width, int& height, char* data, unsigned int siz
   for (std::size_t i = 2;;) {
     if (bytes[i] != 0xFF) return false;
     if (bytes[i + 1] == baselineFrame) {
-      // Only the first marker of the shortest picture lies so near to the end.
+      // Cut off: only with ten bytes and the header at offset 2.
       if (size - i < headerLength) return false;
       height = word(i + 5);
       width = word(i + 7);

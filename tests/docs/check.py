@@ -1,6 +1,8 @@
 """Checks what the pages say.
 
     check.py links FOLDER              every link of every page below FOLDER leads somewhere
+    check.py lines SOURCE              docs/lines.md and the headers list every text that src/ prints, once, and
+                                       no other
     check.py reference FOLDER NAME...  the same for the HTML in FOLDER, which explains every NAME
     check.py commands SOURCE BUILD     what needs neither a network nor minutes runs as it is printed,
                                        in a folder of its own; of the rest, scripts, options, presets,
@@ -74,6 +76,34 @@ def check_reference(folder, names):
         must(any(re.search(rf'href="\w+_8h\.html#\w+">{name}</a>', text) for text in texts), f"the reference does not explain {name}")
 
 
+def check_lines(source):
+    def found(code):
+        """The literals of C++ source, neighbours joined, line by line; what is returned is the text of a status."""
+        code = re.sub(r"^#include.*|//.*|\breturn \"[^\"]*\"", "", code, flags=re.M).replace("PRIx32", '"x"')
+        for puts, text in re.findall(r'(puts\()?((?:"(?:[^"\\\n]|\\.)*"\s*)+)', code):
+            for line in "".join(re.findall(r'"((?:[^"\\]|\\.)*)"', text)).split("\\n"):
+                if puts or re.search(" |::|%", line.strip()):
+                    yield line.strip()
+
+    source = pathlib.Path(source)
+    pattern = {text: ".+".join(map(re.escape, text.split("%s"))) for path in source.glob("src/*/*.*")
+               for text in found(path.read_text())}
+    must(len(pattern) > 150, f"only {len(pattern)} texts in src/")
+    page = (source / "docs/lines.md").read_text()
+    listed = [line.strip() for block in re.findall(r"^```\n(.*?)^```", page, re.S | re.M)
+              for line in block.splitlines()]
+    for header in source.glob("include/tessera/*.h"):
+        for named in re.findall(r"\bdocs/[\w-]+\.md", header.read_text()):
+            must((source / named).is_file(), f"{header}: no {named}")
+        for item in re.findall(r"^/// - .*(?:\n///   .*)*", header.read_text(), re.M):
+            listed += [text for text in re.findall("`(.+?)`", item) if re.search(" |::", text)]
+    for text, form in pattern.items():
+        must(any(re.search(form, line) for line in listed), f"printed but not listed: {text}")
+    for line in listed:
+        must(listed.count(line) == 1, f"listed more than once: {line}")
+        must(any(re.fullmatch(form, line) for form in pattern.values()), f"listed but not printed: {line}")
+
+
 RUN = ("ffmpeg", "tessera", "export", "c++", "cmake --install")
 PREPARE = """
 mkdir build home player
@@ -110,6 +140,10 @@ class Project:
             must(named is None or named.issuperset(words[1:]), f"{where}: a group unknown to {command}")
         elif words[0] == "build/release/bin/tessera_bench":
             known = self.text_of("bench")
+        elif words[0] == "tessera":
+            known = self.text_of("tools/tessera")
+        elif words[0] in ("ls", "sudo"):
+            known = ""
         elif words[0] in ("cmake", "ctest"):
             known = "--preset --build --test-dir"
             for before, word in zip(words, words[1:]):
@@ -123,8 +157,9 @@ class Project:
 
     def check_prose(self, where, text):
         for code in re.findall(r"`([^`\n]+)`", text):
-            if re.match(r"scripts/[\w-]+( |$)", code) and "packages.txt" not in code:
-                self.check_unrun(where, re.sub(r"\[.*", "", code))
+            if re.match(r"(scripts/[\w-]+|tessera|ctest|cmake)( |$)", code) and "packages.txt" not in code:
+                for command in re.sub(r"\[.*", "", code).split("|"):
+                    self.check_unrun(where, command)
             elif re.match(r"(src|tests|tools|docs|cmake|platform|bench|fuzz|examples|scripts)/[\w./*-]*$", code):
                 must(any(self.source.glob(code.rstrip("/"))), f"{where}: no {code}")
         everything = self.text_of("")
@@ -177,6 +212,12 @@ def check_commands(source, build):
              project.source / "tools/tessera/tessera.1"]
     count = sum(project.check_page(page) for page in pages)
     must(count > 8, f"only {count} commands were run")
+    with tempfile.TemporaryDirectory() as folder:
+        demo = subprocess.run([f"{build}/bin/tessera_demo", folder], stdout=subprocess.PIPE, text=True)
+    shown = re.search(r"^```\n(class .*?)^```", (project.source / "README.md").read_text(), re.S | re.M)[1]
+    # Times are the machine's, and so is the H.264 coder's output, by its threads.
+    table, printed = (re.sub(r" +(\d+\.\d+|\d{7})\b", " N", text) for text in (shown, demo.stdout))
+    must(table == printed, f"the demo prints\n{printed}and the README shows\n{table}")
     print(f"{count} commands run")
 
 
@@ -184,6 +225,8 @@ if __name__ == "__main__":
     command, *arguments = sys.argv[1:]
     if command == "links":
         check_links(arguments[0], "*.md", Markdown)
+    elif command == "lines":
+        check_lines(*arguments)
     elif command == "reference":
         check_reference(arguments[0], arguments[1:])
     else:
