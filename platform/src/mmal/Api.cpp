@@ -149,30 +149,3 @@ MMAL_STATUS_T mmal_port_send_buffer(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buf
       },
       [&] { return nameOrNull(port) + ", " + payload; });
 }
-
-MMAL_STATUS_T mmal_port_connect(MMAL_PORT_T* port, MMAL_PORT_T*) {
-  return onPort(
-      "mmal_port_connect", port, [](Component&, Port&) { return MMAL_ENOSYS; },
-      [&] { return nameOrNull(port); });
-}
-
-MMAL_STATUS_T mmal_port_disconnect(MMAL_PORT_T* port) {
-  return onPort(
-      "mmal_port_disconnect", port, [](Component&, Port&) { return MMAL_ENOSYS; },
-      [&] { return nameOrNull(port); });
-}
-
-uint8_t* mmal_port_payload_alloc(MMAL_PORT_T* port, uint32_t payload_size) {
-  Call call("mmal_port_payload_alloc");
-  uint8_t* const payload =
-      call.stopped() || payload_size == 0 ? nullptr : mmal::allocatePayload(payload_size);
-  return call.answer(
-      payload, [&] { return nameOrNull(port) + ", " + std::to_string(payload_size); },
-      [](const uint8_t* p) { return p != nullptr ? "memory" : "null"; });
-}
-
-void mmal_port_payload_free(MMAL_PORT_T* port, uint8_t* payload) {
-  Call call("mmal_port_payload_free");
-  if (!call.stopped()) mmal::freePayload(payload);
-  call.done([&] { return nameOrNull(port); });
-}

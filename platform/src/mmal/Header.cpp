@@ -31,7 +31,6 @@ Header::Header(Home& itsHome, Payload&& itsPayload)
 
 Header::~Header() {
   detach();
-  if (original_ != nullptr) original_->release();
 }
 
 // The holder may let go of it, to another one, while this waits for the holder's lock.
@@ -84,41 +83,14 @@ void Header::release() {
     if (!last) return;
     break;
   }
-  if (preRelease != nullptr && preRelease(this, preReleaseData) != MMAL_FALSE) return;
   goHome();
 }
 
-void Header::continueRelease() {
-  if (place() == Place::Returning) goHome();
-}
-
 void Header::goHome() {
-  if (Header* const shared = original_) {
-    original_ = nullptr;
-    data = payload_.data();
-    alloc_size = payload_.size();
-    shared->release();
-  }
   reset();
   // A header at home carries the reference of whoever gets it next.
   state_ = oneReference | static_cast<std::uint32_t>(Place::Client);
   home_.takeBack(*this);
-}
-
-MMAL_STATUS_T Header::replicate(Header& source) {
-  if (&source == this || original_ != nullptr || payload_.data() != nullptr) return MMAL_EINVAL;
-  source.acquire();
-  original_ = &source;
-  cmd = source.cmd;
-  data = source.data;
-  alloc_size = source.alloc_size;
-  length = source.length;
-  offset = source.offset;
-  flags = source.flags;
-  pts = source.pts;
-  dts = source.dts;
-  specific_ = source.specific_;
-  return MMAL_SUCCESS;
 }
 
 void HeaderList::pushBack(Header& header) {
@@ -186,29 +158,6 @@ void mmal_buffer_header_release(MMAL_BUFFER_HEADER_T* header) {
   Call call("mmal_buffer_header_release");
   if (!call.stopped() && header != nullptr) headerOf(header)->release();
   call.done();
-}
-
-void mmal_buffer_header_pre_release_cb_set(MMAL_BUFFER_HEADER_T* header,
-                                           MMAL_BH_PRE_RELEASE_CB_T cb, void* userdata) {
-  Call call("mmal_buffer_header_pre_release_cb_set");
-  if (!call.stopped() && header != nullptr) {
-    headerOf(header)->preRelease = cb;
-    headerOf(header)->preReleaseData = userdata;
-  }
-  call.done();
-}
-
-void mmal_buffer_header_release_continue(MMAL_BUFFER_HEADER_T* header) {
-  Call call("mmal_buffer_header_release_continue");
-  if (!call.stopped() && header != nullptr) headerOf(header)->continueRelease();
-  call.done();
-}
-
-MMAL_STATUS_T mmal_buffer_header_replicate(MMAL_BUFFER_HEADER_T* dest, MMAL_BUFFER_HEADER_T* src) {
-  Call call("mmal_buffer_header_replicate");
-  if (call.stopped()) return call.refuse();
-  if (dest == nullptr || src == nullptr) return call.leave(MMAL_EINVAL);
-  return call.leave(headerOf(dest)->replicate(*headerOf(src)));
 }
 
 MMAL_STATUS_T mmal_buffer_header_mem_lock(MMAL_BUFFER_HEADER_T* header) {

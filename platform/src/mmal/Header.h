@@ -39,8 +39,6 @@ struct Header final : MMAL_BUFFER_HEADER_T {
 
   void acquire();
   void release();
-  void continueRelease();
-  MMAL_STATUS_T replicate(Header& source);
   /// Takes it out of the queue or port that holds it.
   void detach();
   /// Empties the description; payload and place stay.
@@ -58,9 +56,6 @@ struct Header final : MMAL_BUFFER_HEADER_T {
   bool judged = false;
   std::chrono::steady_clock::time_point due;
 
-  MMAL_BH_PRE_RELEASE_CB_T preRelease = nullptr;
-  void* preReleaseData = nullptr;
-
  private:
   static constexpr std::uint32_t placeMask = 3;
   static constexpr std::uint32_t oneReference = 4;
@@ -69,7 +64,6 @@ struct Header final : MMAL_BUFFER_HEADER_T {
 
   Home& home_;
   Payload payload_;
-  Header* original_ = nullptr;  ///< whose payload this one shares
   MMAL_BUFFER_HEADER_TYPE_SPECIFIC_T specific_{};
   /// References and place in one word: a release and a send of the same header cannot both win.
   std::atomic<std::uint32_t> state_{oneReference};

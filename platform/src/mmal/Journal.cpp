@@ -38,6 +38,11 @@ constexpr Flag parameters[] = {
     {MMAL_PARAMETER_VIDEO_BIT_RATE, "VIDEO_BIT_RATE"},
 };
 
+const char* directionName(const Port& port) {
+  if (port.isInput()) return "in";
+  return port.isOutput() ? "out" : "ctr";
+}
+
 std::string rationalText(const MMAL_RATIONAL_T& value) {
   return std::to_string(value.num) + '/' + std::to_string(value.den);
 }
@@ -59,8 +64,7 @@ std::string nameOf(const Component& component) {
 }
 
 std::string nameOf(const Port& port) {
-  return nameOf(port.owner()) + ':' + mmal_port_type_to_string(port.type) +
-         std::to_string(port.index);
+  return nameOf(port.owner()) + ':' + directionName(port) + std::to_string(port.index);
 }
 
 std::string nameOf(MMAL_QUEUE_T* queue) {

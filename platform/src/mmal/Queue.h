@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "interface/mmal/mmal_pool.h"
 #include "interface/mmal/mmal_queue.h"
 #include "mmal/Header.h"
 

@@ -16,21 +16,6 @@ const char* mmal_status_to_string(MMAL_STATUS_T status) {
   return index < sizeof(names) / sizeof(names[0]) ? names[index] : "UNKNOWN";
 }
 
-const char* mmal_port_type_to_string(MMAL_PORT_TYPE_T type) {
-  switch (type) {
-    case MMAL_PORT_TYPE_CONTROL:
-      return "ctr";
-    case MMAL_PORT_TYPE_INPUT:
-      return "in";
-    case MMAL_PORT_TYPE_OUTPUT:
-      return "out";
-    case MMAL_PORT_TYPE_CLOCK:
-      return "clk";
-    default:
-      return "invalid";
-  }
-}
-
 char* mmal_4cc_to_string(char* buf, size_t len, uint32_t fourcc) {
   if (buf == nullptr || len == 0) return buf;
   size_t at = 0;
@@ -55,39 +40,12 @@ constexpr RowBytes rows[] = {{MMAL_ENCODING_I420, 1},
                              {MMAL_ENCODING_RGB24, 3},
                              {MMAL_ENCODING_RGBA, 4}};
 
-uint32_t bytesPerPixel(uint32_t encoding) {
-  for (const RowBytes& each : rows)
-    if (each.encoding == encoding) return each.bytesPerPixel;
-  return 0;
-}
-
 }  // namespace
 
 uint32_t mmal_encoding_width_to_stride(uint32_t encoding, uint32_t width) {
-  return width * bytesPerPixel(encoding);
-}
-
-uint32_t mmal_encoding_stride_to_width(uint32_t encoding, uint32_t stride) {
-  const uint32_t bytes = bytesPerPixel(encoding);
-  return bytes != 0 ? stride / bytes : 0;
-}
-
-MMAL_PORT_T* mmal_util_get_port(MMAL_COMPONENT_T* comp, MMAL_PORT_TYPE_T type, unsigned index) {
-  if (comp == nullptr) return nullptr;
-  for (uint32_t i = 0; i < comp->port_num; ++i)
-    if (comp->port[i]->type == type && comp->port[i]->index == index) return comp->port[i];
-  return nullptr;
-}
-
-void mmal_buffer_header_copy_header(MMAL_BUFFER_HEADER_T* dest, const MMAL_BUFFER_HEADER_T* src) {
-  if (dest == nullptr || src == nullptr) return;
-  dest->cmd = src->cmd;
-  dest->length = src->length;
-  dest->offset = src->offset;
-  dest->flags = src->flags;
-  dest->pts = src->pts;
-  dest->dts = src->dts;
-  *dest->type = *src->type;
+  for (const RowBytes& each : rows)
+    if (each.encoding == encoding) return width * each.bytesPerPixel;
+  return 0;
 }
 
 void bcm_host_init(void) {

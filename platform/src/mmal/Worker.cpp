@@ -282,7 +282,7 @@ void Component::raiseError(MMAL_STATUS_T status) {
 Header* Component::eventHeader(std::uint32_t command) try {
   Header* event = freeEvents_.get();
   if (event == nullptr) {
-    Payload payload(eventBytes, {});
+    Payload payload(eventBytes);
     if (payload.data() == nullptr) return nullptr;
     events_.push_back(std::make_unique<Header>(*this, std::move(payload)));
     event = events_.back().get();

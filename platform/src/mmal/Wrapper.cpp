@@ -66,10 +66,6 @@ MMAL_STATUS_T Wrapper::enablePort(Port& port, std::uint32_t flags) {
       (flags & MMAL_WRAPPER_FLAG_PAYLOAD_ALLOCATE) != 0 ? port.buffer_size : 0;
   auto pool = Pool::create(port.buffer_num, size);
   if (pool == nullptr) return MMAL_ENOMEM;
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    cancelled_ = false;
-  }
   poolOf(port) = std::move(pool);
   publishPools();
   const MMAL_STATUS_T result = component_.enablePort(port, onBuffer);
@@ -106,22 +102,16 @@ MMAL_STATUS_T Wrapper::getFull(Port& port, MMAL_BUFFER_HEADER_T*& buffer, bool w
 }
 
 // Buffers come back through take(), or from the client's own thread, which is then not in here: so
-// only take() and cancel() need to end a wait.
+// only take() needs to end a wait.
 MMAL_STATUS_T Wrapper::get(Queue& queue, MMAL_BUFFER_HEADER_T*& buffer, bool waiting) {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
     if (status != MMAL_SUCCESS) return status;
     buffer = queue.get();
     if (buffer != nullptr) return MMAL_SUCCESS;
-    if (!waiting || cancelled_) return MMAL_EAGAIN;
+    if (!waiting) return MMAL_EAGAIN;
     changed_.wait(lock);
   }
-}
-
-void Wrapper::cancel() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  cancelled_ = true;
-  changed_.notify_all();
 }
 
 void Wrapper::onBuffer(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer) {
@@ -245,12 +235,4 @@ MMAL_STATUS_T mmal_wrapper_buffer_get_empty(MMAL_PORT_T* port, MMAL_BUFFER_HEADE
 MMAL_STATUS_T mmal_wrapper_buffer_get_full(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T** buffer,
                                            uint32_t flags) {
   return mmal::getBuffer("mmal_wrapper_buffer_get_full", &Wrapper::getFull, port, buffer, flags);
-}
-
-MMAL_STATUS_T mmal_wrapper_cancel(MMAL_WRAPPER_T* wrapper) {
-  Call call("mmal_wrapper_cancel");
-  if (call.stopped()) return call.refuse();
-  if (wrapper == nullptr) return call.leave(MMAL_EINVAL);
-  static_cast<Wrapper*>(wrapper)->cancel();
-  return call.leave(MMAL_SUCCESS);
 }
