@@ -20,18 +20,18 @@ namespace mmal {
 ///
 /// One lock guards the ports and their lists. It is never held during codec work or a callback, so
 /// that a client's call waits for neither unless it must.
-class Component : public MMAL_COMPONENT_T, public Home {
+class Component : public MMAL_COMPONENT_T, public Home, public Holder {
  public:
-  /// Makes the component of a published name and starts it; null for an unknown name.
-  /// @throws std::bad_alloc, std::system_error without memory or thread
-  static Component* create(const std::string& name);
-
   virtual ~Component();
   Component(const Component&) = delete;
   Component& operator=(const Component&) = delete;
 
-  /// "video_encode", for the journal.
-  const char* kind() const;
+  /// Puts the defaults in place and starts the worker.
+  /// @throws std::bad_alloc, std::system_error without memory or thread
+  void start();
+
+  /// "video_encode#2", for the journal.
+  std::string journalName() const;
 
   // References. The last release gives all buffers back, ends the worker and deletes the object.
   void acquire();
@@ -48,8 +48,7 @@ class Component : public MMAL_COMPONENT_T, public Home {
   MMAL_STATUS_T setParameter(Port& port, const MMAL_PARAMETER_HEADER_T& parameter);
   MMAL_STATUS_T getParameter(Port& port, MMAL_PARAMETER_HEADER_T& parameter);
 
-  /// Takes a header that is being destroyed away from a port, once the worker is not using it.
-  void evict(Port& port, Header& header);
+  void letGo(Header& header) override;
   /// Waits until no worker is in a callback with a header any more.
   static void awaitDelivery(const Header& header);
   /// Waits until the worker has nothing left to do, at most a second.
@@ -102,7 +101,6 @@ class Component : public MMAL_COMPONENT_T, public Home {
   struct Registry;
   static Registry& registry();
 
-  void start();
   void takeDown();
   void takeBack(Header& header) override;
 
@@ -151,6 +149,10 @@ class Component : public MMAL_COMPONENT_T, public Home {
   std::thread worker_;
   tessera_platform::hooks::Watched watched_{[this] { return atRest(); }};
 };
+
+/// For the journal: "video_encode#2", "video_encode#2:in0"; "null" for null.
+std::string nameOf(MMAL_COMPONENT_T* component);
+std::string nameOf(MMAL_PORT_T* port);
 
 inline Component& componentOf(MMAL_COMPONENT_T* component) {
   return *static_cast<Component*>(component);

@@ -4,7 +4,8 @@
 #include <new>
 
 #include "interface/mmal/util/mmal_util.h"
-#include "mmal/Journal.h"
+#include "mmal/Call.h"
+#include "mmal/Text.h"
 
 namespace mmal {
 
@@ -92,13 +93,13 @@ void mmal_format_copy(MMAL_ES_FORMAT_T* destination, MMAL_ES_FORMAT_T* source) {
   Call call("mmal_format_copy");
   if (!call.stopped() && destination != nullptr && source != nullptr && destination != source)
     mmal::copyFormat(*destination, *source);
-  call.done([&] { return source != nullptr ? mmal::formatText(*source) : std::string("null"); });
+  call.done([&] { return source != nullptr ? mmal::text::format(*source) : std::string("null"); });
 }
 
 MMAL_STATUS_T mmal_format_full_copy(MMAL_ES_FORMAT_T* destination, MMAL_ES_FORMAT_T* source) {
   Call call("mmal_format_full_copy");
   const auto args = [&] {
-    return source != nullptr ? mmal::formatText(*source) : std::string("null");
+    return source != nullptr ? mmal::text::format(*source) : std::string("null");
   };
   if (call.stopped()) return call.refuse(args);
   if (destination == nullptr || source == nullptr) return call.leave(MMAL_EINVAL, args);

@@ -1,9 +1,6 @@
 #include "mmal/Header.h"
 
-#include "mmal/Component.h"
-#include "mmal/Journal.h"
-#include "mmal/Port.h"
-#include "mmal/Queue.h"
+#include "mmal/Call.h"
 
 namespace mmal {
 
@@ -36,14 +33,9 @@ Header::~Header() {
 // The holder may let go of it, to another one, while this waits for the holder's lock.
 void Header::detach() {
   for (;;) {
-    Queue* const inQueue = queue;
-    Port* const atPort = port;
-    if (place() == Place::Queue && inQueue != nullptr)
-      inQueue->remove(*this);
-    else if (place() == Place::Port && atPort != nullptr)
-      atPort->owner().evict(*atPort, *this);
-    else if (place() == Place::Client || place() == Place::Returning)
-      return;
+    Holder* const has = holder;
+    if (place() == Place::Client || place() == Place::Returning) return;
+    if (has != nullptr) has->letGo(*this);
   }
 }
 

@@ -12,8 +12,6 @@
 namespace mmal {
 
 struct Header;
-class Port;
-struct Queue;
 
 /// Who takes a header back after its last release: a pool, or a component for its event buffers.
 class Home {
@@ -25,6 +23,16 @@ class Home {
   ~Home() = default;
 };
 
+/// Who has a header for the moment: a queue, or a component in one of its ports.
+class Holder {
+ public:
+  /// Takes a header that is being destroyed out, as soon as nothing here uses it.
+  virtual void letGo(Header& header) = 0;
+
+ protected:
+  ~Holder() = default;
+};
+
 /// Where a header is. Only a header that the client has may be put, sent or finally released;
 /// everything else is a mistake (or an injected double callback) and changes nothing.
 enum class Place : std::uint32_t { Client, Queue, Port, Returning };
@@ -32,14 +40,14 @@ enum class Place : std::uint32_t { Client, Queue, Port, Returning };
 /// A buffer header with what the platform keeps about it.
 struct Header final : MMAL_BUFFER_HEADER_T {
   Header(Home& itsHome, Payload&& itsPayload);
-  /// Leaves the queue or port that still holds it, so that neither keeps a dead pointer.
+  /// Leaves the queue or port that still has it, so that neither keeps a dead pointer.
   ~Header();
   Header(const Header&) = delete;
   Header& operator=(const Header&) = delete;
 
   void acquire();
   void release();
-  /// Takes it out of the queue or port that holds it.
+  /// Takes it out of the queue or port that has it.
   void detach();
   /// Empties the description; payload and place stay.
   void reset();
@@ -48,9 +56,8 @@ struct Header final : MMAL_BUFFER_HEADER_T {
   /// Goes from one place to another, unless it is somewhere else.
   bool move(Place from, Place to);
 
-  // Set by the queue or port that the header moves into, under its lock.
-  std::atomic<Queue*> queue{nullptr};
-  std::atomic<Port*> port{nullptr};
+  /// Set by whoever the header moves to, under its lock; null while the client has it.
+  std::atomic<Holder*> holder{nullptr};
 
   // While a port has it: the callback was asked for already, and is due then.
   bool judged = false;

@@ -43,7 +43,7 @@ constexpr std::uint32_t defaultOutput = 64 * 1024;
 
 }  // namespace
 
-ImageEncode::ImageEncode() : Component("vc.ril.image_encode") {
+ImageEncode::ImageEncode() : Component(publishedName) {
   input0().committed.encoding = MMAL_ENCODING_YUYV;
   output0().committed.encoding = MMAL_ENCODING_JPEG;
 }

@@ -11,6 +11,8 @@ namespace mmal {
 /// in the next ones, and the last carries the flag.
 class ImageEncode final : public Component {
  public:
+  static constexpr char publishedName[] = "vc.ril.image_encode";
+
   ImageEncode();
 
  private:

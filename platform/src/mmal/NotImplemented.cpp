@@ -1,6 +1,6 @@
 #include "interface/mmal/mmal.h"
 #include "interface/mmal/util/mmal_component_wrapper.h"
-#include "mmal/Journal.h"
+#include "mmal/Call.h"
 
 // What a program for the board may link to and the software platform does not do. Each is journaled
 // and open to faults like any other call, changes nothing, and says so.

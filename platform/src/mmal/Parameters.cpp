@@ -1,11 +1,10 @@
 #include "interface/mmal/util/mmal_util_params.h"
 #include "mmal/PortCall.h"
+#include "mmal/Text.h"
 
 // Parameters of one plain value: the published calls for each type.
 
 namespace {
-
-using mmal::nameOrNull;
 
 /// All of them look like this.
 template <typename Value>
@@ -22,7 +21,7 @@ MMAL_STATUS_T set(const char* entry, MMAL_PORT_T* port, uint32_t id, Value value
   return mmal::onPort(
       entry, port,
       [&](mmal::Component& c, mmal::Port& p) { return c.setParameter(p, parameter.hdr); },
-      [&] { return nameOrNull(port) + ", " + mmal::parameterText(parameter.hdr); });
+      [&] { return mmal::nameOf(port) + ", " + mmal::text::parameter(parameter.hdr); });
 }
 
 template <typename Value>
@@ -36,7 +35,7 @@ MMAL_STATUS_T get(const char* entry, MMAL_PORT_T* port, uint32_t id, Value* valu
         if (status == MMAL_SUCCESS) *value = parameter.value;
         return status;
       },
-      [&] { return nameOrNull(port) + ", " + mmal::parameterText(parameter.hdr); });
+      [&] { return mmal::nameOf(port) + ", " + mmal::text::parameter(parameter.hdr); });
 }
 
 }  // namespace

@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "interface/mmal/util/mmal_util.h"
+#include "mmal/Call.h"
 #include "mmal/Component.h"
-#include "mmal/Journal.h"
 
 namespace mmal {
 

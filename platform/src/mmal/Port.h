@@ -26,10 +26,9 @@ class Port final : public MMAL_PORT_T {
   bool isOutput() const { return type == MMAL_PORT_TYPE_OUTPUT; }
   /// Buffers may be worked on: enabled, and not about to go back.
   bool open() const { return is_enabled != 0 && asked == answered; }
+  /// Takes a header out of whichever list it is in. @return false when it is in none
+  bool remove(Header& header);
   void require(std::uint32_t num, std::uint32_t size, std::uint32_t sizeMin);
-
-  /// Links a header into one of the lists below.
-  void hold(HeaderList& list, Header& header);
 
   Format committed;  ///< what the codec works with; `format` is the client's to scribble on
   MMAL_PORT_BH_CB_T callback = nullptr;

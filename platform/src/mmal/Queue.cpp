@@ -2,7 +2,7 @@
 
 #include <new>
 
-#include "mmal/Journal.h"
+#include "mmal/Call.h"
 
 namespace mmal {
 
@@ -14,7 +14,7 @@ Queue::~Queue() {
 void Queue::put(Header& header, bool atFront) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (SecondCallback::concerns(header) || !header.move(Place::Client, Place::Queue)) return;
-  header.queue = this;
+  header.holder = this;
   if (atFront)
     headers_.pushFront(header);
   else
@@ -26,7 +26,7 @@ void Queue::put(Header& header, bool atFront) {
 Header* Queue::take() {
   Header* const header = headers_.popFront();
   if (header == nullptr) return nullptr;
-  header->queue = nullptr;
+  header->holder = nullptr;
   header->move(Place::Queue, Place::Client);
   return header;
 }
@@ -57,11 +57,21 @@ unsigned Queue::length() {
   return headers_.size();
 }
 
-void Queue::remove(Header& header) {
+void Queue::letGo(Header& header) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (!headers_.remove(header)) return;
-  header.queue = nullptr;
+  header.holder = nullptr;
   header.move(Place::Queue, Place::Client);
+}
+
+std::string nameOf(MMAL_QUEUE_T* queue) {
+  if (queue == nullptr) return "null";
+  const MMAL_POOL_T* const pool = queueOf(queue).pool;
+  return pool != nullptr ? nameOf(pool) : tessera_platform::hooks::nameOf(queue, "queue");
+}
+
+std::string nameOf(const MMAL_POOL_T* pool) {
+  return tessera_platform::hooks::nameOf(pool, "pool");
 }
 
 }  // namespace mmal

@@ -2,9 +2,10 @@
 
 #include "bcm_host.h"
 #include "interface/mmal/mmal_encodings.h"
+#include "interface/mmal/mmal_events.h"
 #include "interface/mmal/util/mmal_util.h"
 #include "interface/vcos/vcos.h"
-#include "mmal/Journal.h"
+#include "mmal/Call.h"
 
 // Helpers without state: names, strides, the host's bring-up.
 
@@ -46,6 +47,13 @@ uint32_t mmal_encoding_width_to_stride(uint32_t encoding, uint32_t width) {
   for (const RowBytes& each : rows)
     if (each.encoding == encoding) return width * each.bytesPerPixel;
   return 0;
+}
+
+MMAL_EVENT_FORMAT_CHANGED_T* mmal_event_format_changed_get(MMAL_BUFFER_HEADER_T* buffer) {
+  if (buffer == nullptr || buffer->cmd != MMAL_EVENT_FORMAT_CHANGED) return nullptr;
+  if (buffer->data == nullptr || buffer->length < sizeof(MMAL_EVENT_FORMAT_CHANGED_T))
+    return nullptr;
+  return reinterpret_cast<MMAL_EVENT_FORMAT_CHANGED_T*>(buffer->data);
 }
 
 void bcm_host_init(void) {

@@ -73,7 +73,7 @@ void describe(FormatChanged& change, unsigned width, unsigned height) {
 
 }  // namespace
 
-VideoDecode::VideoDecode() : Component("vc.ril.video_decode") {
+VideoDecode::VideoDecode() : Component(publishedName) {
   input0().committed.encoding = MMAL_ENCODING_H264;
   output0().committed.encoding = MMAL_ENCODING_I420;
 }
@@ -252,10 +252,3 @@ void VideoDecode::drop(Port& target) {
 }
 
 }  // namespace mmal
-
-MMAL_EVENT_FORMAT_CHANGED_T* mmal_event_format_changed_get(MMAL_BUFFER_HEADER_T* buffer) {
-  if (buffer == nullptr || buffer->cmd != MMAL_EVENT_FORMAT_CHANGED) return nullptr;
-  if (buffer->data == nullptr || buffer->length < sizeof(MMAL_EVENT_FORMAT_CHANGED_T))
-    return nullptr;
-  return reinterpret_cast<MMAL_EVENT_FORMAT_CHANGED_T*>(buffer->data);
-}

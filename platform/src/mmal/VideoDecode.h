@@ -16,6 +16,8 @@ namespace mmal {
 /// the declared size come as before.
 class VideoDecode final : public Component {
  public:
+  static constexpr char publishedName[] = "vc.ril.video_decode";
+
   VideoDecode();
 
  private:

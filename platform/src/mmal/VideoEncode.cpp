@@ -44,7 +44,7 @@ unsigned positive(std::int32_t value) {
 
 }  // namespace
 
-VideoEncode::VideoEncode() : Component("vc.ril.video_encode") {
+VideoEncode::VideoEncode() : Component(publishedName) {
   input0().committed.encoding = MMAL_ENCODING_I420;
   output0().committed.encoding = MMAL_ENCODING_H264;
 }

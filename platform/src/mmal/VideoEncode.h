@@ -12,6 +12,8 @@ namespace mmal {
 /// buffers, input is held: nothing is dropped and nothing piles up.
 class VideoEncode final : public Component {
  public:
+  static constexpr char publishedName[] = "vc.ril.video_encode";
+
   VideoEncode();
 
  private:

@@ -2,9 +2,9 @@
 #include <cstring>
 
 #include "interface/mmal/mmal_events.h"
+#include "mmal/Call.h"
 #include "mmal/Component.h"
-#include "mmal/Journal.h"
-#include "mmal/Wrapper.h"
+#include "mmal/Text.h"
 
 // The component's worker thread, and how clients and worker wait for each other.
 
@@ -29,14 +29,10 @@ const char* completionName(const Port& port) {
 hooks::Completion judge(Port& port, Header& header) {
   header.judged = true;
   return hooks::completion(completionName(port),
-                           [&] { return nameOf(port) + ", " + payloadText(header); });
+                           [&] { return nameOf(&port) + ", " + text::payload(header); });
 }
 
 }  // namespace
-
-bool onWorkerThread() {
-  return workerOf != nullptr;
-}
 
 bool Component::onOwnWorker() const {
   return workerOf == this;
@@ -57,12 +53,12 @@ void Component::giveBack(Lock& held, Port& target) {
   changed_.wait(held, [&] { return static_cast<int>(target.answered - ticket) >= 0; });
 }
 
-void Component::evict(Port& holder, Header& header) {
+void Component::letGo(Header& header) {
   Lock held(mutex_);
   if (!onOwnWorker()) changed_.wait(held, [this] { return !stepping_; });
-  for (HeaderList* list : {&holder.pending, &holder.finished, &holder.parked, &holder.returning}) {
-    if (!list->remove(header)) continue;
-    header.port = nullptr;
+  for (Port* each : ports_) {
+    if (!each->remove(header)) continue;
+    header.holder = nullptr;
     header.move(Place::Port, Place::Client);
   }
 }
@@ -90,7 +86,7 @@ bool Component::atRest() {
 
 void Component::run() {
   workerOf = this;
-  hooks::onWorker = true;
+  becomeWorkerThread();
   Lock held(mutex_);
   for (;;) {
     if (serveRequests(held) || deliverDue(held)) continue;
@@ -216,7 +212,7 @@ void Component::deliver(Lock& held, Port& target, Header& header, bool twice) {
   const bool inStep = stepping_;
   stepping_ = true;
   delivering_ = &header;
-  header.port = nullptr;
+  header.holder = nullptr;
   header.move(Place::Port, Place::Client);
   held.unlock();
   callback(&target, &header);
@@ -267,7 +263,7 @@ void Component::raise(Port& target, Header& event) {
   }
   event.move(Place::Client, Place::Port);
   event.judged = false;
-  event.port = &target;
+  event.holder = this;
   if (target.finished.empty())
     conclude(held, target, event);
   else
