@@ -1,13 +1,10 @@
-#include <cerrno>
+#include <cstddef>
 
-#include "bcm_host.h"
 #include "interface/mmal/mmal_encodings.h"
 #include "interface/mmal/mmal_events.h"
 #include "interface/mmal/util/mmal_util.h"
-#include "interface/vcos/vcos.h"
-#include "mmal/Call.h"
 
-// Helpers without state: names, strides, the host's bring-up.
+// Helpers without state: names, strides, a look into an event.
 
 const char* mmal_status_to_string(MMAL_STATUS_T status) {
   static const char* const names[] = {
@@ -54,42 +51,4 @@ MMAL_EVENT_FORMAT_CHANGED_T* mmal_event_format_changed_get(MMAL_BUFFER_HEADER_T*
   if (buffer->data == nullptr || buffer->length < sizeof(MMAL_EVENT_FORMAT_CHANGED_T))
     return nullptr;
   return reinterpret_cast<MMAL_EVENT_FORMAT_CHANGED_T*>(buffer->data);
-}
-
-void bcm_host_init(void) {
-  const mmal::Call call("bcm_host_init");
-  call.done();
-}
-
-void bcm_host_deinit(void) {
-  const mmal::Call call("bcm_host_deinit");
-  call.done();
-}
-
-VCOS_STATUS_T vcos_pthreads_map_errno(void) {
-  switch (errno) {
-    case 0:
-      return VCOS_SUCCESS;
-    case EAGAIN:
-      return VCOS_EAGAIN;
-    case ENOENT:
-      return VCOS_ENOENT;
-    case ENOSPC:
-      return VCOS_ENOSPC;
-    case EACCES:
-    case EPERM:
-      return VCOS_EACCESS;
-    case ENOMEM:
-      return VCOS_ENOMEM;
-    case ENOSYS:
-      return VCOS_ENOSYS;
-    case EEXIST:
-      return VCOS_EEXIST;
-    case ENXIO:
-      return VCOS_ENXIO;
-    case EINTR:
-      return VCOS_EINTR;
-    default:
-      return VCOS_EINVAL;
-  }
 }
