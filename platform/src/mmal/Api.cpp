@@ -38,6 +38,20 @@ MMAL_STATUS_T releaseReference(const char* entry, MMAL_COMPONENT_T* component) {
   return call.leave(MMAL_SUCCESS, args);
 }
 
+template <typename Parameter>
+MMAL_STATUS_T onParameter(const char* entry, MMAL_PORT_T* port, Parameter* parameter,
+                          MMAL_STATUS_T (Component::*work)(Port&, Parameter&)) {
+  return onPort(
+      entry, port,
+      [&](Component& c, Port& p) {
+        return parameter != nullptr ? (c.*work)(p, *parameter) : MMAL_EINVAL;
+      },
+      [&] {
+        return nameOf(port) +
+               (parameter != nullptr ? ", " + mmal::text::parameter(*parameter) : "");
+      });
+}
+
 }  // namespace
 
 MMAL_STATUS_T mmal_component_create(const char* name, MMAL_COMPONENT_T** component) {
@@ -106,25 +120,11 @@ MMAL_STATUS_T mmal_port_flush(MMAL_PORT_T* port) {
 }
 
 MMAL_STATUS_T mmal_port_parameter_set(MMAL_PORT_T* port, const MMAL_PARAMETER_HEADER_T* param) {
-  return onPort(
-      "mmal_port_parameter_set", port,
-      [param](Component& c, Port& p) {
-        return param != nullptr ? c.setParameter(p, *param) : MMAL_EINVAL;
-      },
-      [&] {
-        return nameOf(port) + (param != nullptr ? ", " + mmal::text::parameter(*param) : "");
-      });
+  return onParameter(__func__, port, param, &Component::setParameter);
 }
 
 MMAL_STATUS_T mmal_port_parameter_get(MMAL_PORT_T* port, MMAL_PARAMETER_HEADER_T* param) {
-  return onPort(
-      "mmal_port_parameter_get", port,
-      [param](Component& c, Port& p) {
-        return param != nullptr ? c.getParameter(p, *param) : MMAL_EINVAL;
-      },
-      [&] {
-        return nameOf(port) + (param != nullptr ? ", " + mmal::text::parameter(*param) : "");
-      });
+  return onParameter(__func__, port, param, &Component::getParameter);
 }
 
 MMAL_STATUS_T mmal_port_send_buffer(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer) {

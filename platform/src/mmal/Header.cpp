@@ -134,22 +134,26 @@ void HeaderList::splice(HeaderList& other) {
 using mmal::Call;
 using mmal::headerOf;
 
-void mmal_buffer_header_acquire(MMAL_BUFFER_HEADER_T* header) {
-  Call call("mmal_buffer_header_acquire");
-  if (!call.stopped() && header != nullptr) headerOf(header)->acquire();
+namespace {
+
+void onHeader(const char* entry, MMAL_BUFFER_HEADER_T* header, void (mmal::Header::*work)()) {
+  const Call call(entry);
+  if (!call.stopped() && header != nullptr) (headerOf(header)->*work)();
   call.done();
+}
+
+}  // namespace
+
+void mmal_buffer_header_acquire(MMAL_BUFFER_HEADER_T* header) {
+  onHeader(__func__, header, &mmal::Header::acquire);
 }
 
 void mmal_buffer_header_reset(MMAL_BUFFER_HEADER_T* header) {
-  Call call("mmal_buffer_header_reset");
-  if (!call.stopped() && header != nullptr) headerOf(header)->reset();
-  call.done();
+  onHeader(__func__, header, &mmal::Header::reset);
 }
 
 void mmal_buffer_header_release(MMAL_BUFFER_HEADER_T* header) {
-  Call call("mmal_buffer_header_release");
-  if (!call.stopped() && header != nullptr) headerOf(header)->release();
-  call.done();
+  onHeader(__func__, header, &mmal::Header::release);
 }
 
 MMAL_STATUS_T mmal_buffer_header_mem_lock(MMAL_BUFFER_HEADER_T* header) {
