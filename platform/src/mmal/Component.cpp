@@ -113,10 +113,10 @@ void Component::takeDown() {
   for (Port* each : ports_) {
     if (each->is_enabled == 0) continue;
     each->is_enabled = 0;
-    ++each->asked;
+    ++each->recalls;
     tessera_platform::hooks::count(Kind::EnabledPort, -1);
   }
-  quit_ = true;
+  stopping_ = true;
   orphaned_ = onOwnWorker();
   const bool mine = !orphaned_;
   wake(held);
@@ -128,7 +128,7 @@ void Component::takeDown() {
 MMAL_STATUS_T Component::enable() {
   Lock held(mutex_);
   is_enabled = 1;
-  stirred_ = true;
+  workDue_ = true;
   wake(held);
   return MMAL_SUCCESS;
 }
@@ -136,7 +136,7 @@ MMAL_STATUS_T Component::enable() {
 MMAL_STATUS_T Component::disable() {
   Lock held(mutex_);
   is_enabled = 0;
-  if (!onOwnWorker()) changed_.wait(held, [this] { return !stepping_; });
+  if (!onOwnWorker()) changed_.wait(held, [this] { return !working_; });
   return MMAL_SUCCESS;
 }
 
@@ -153,15 +153,15 @@ MMAL_STATUS_T Component::commitFormat(Port& target) {
 MMAL_STATUS_T Component::enablePort(Port& target, MMAL_PORT_BH_CB_T callback) {
   Lock held(mutex_);
   // A disable from inside a callback may still have buffers on their way back.
-  if (onOwnWorker() && target.asked != target.answered) return MMAL_ENOTREADY;
-  changed_.wait(held, [&] { return target.asked == target.answered; });
+  if (onOwnWorker() && target.recalled()) return MMAL_ENOTREADY;
+  changed_.wait(held, [&] { return !target.recalled(); });
   if (target.is_enabled != 0 || callback == nullptr) return MMAL_EINVAL;
   if (target.buffer_num < target.buffer_num_min || target.buffer_size < target.buffer_size_min)
     return MMAL_EINVAL;
   target.callback = callback;
   target.is_enabled = 1;
   tessera_platform::hooks::count(Kind::EnabledPort, 1);
-  stirred_ = true;
+  workDue_ = true;
   wake(held);
   return MMAL_SUCCESS;
 }
@@ -171,13 +171,13 @@ MMAL_STATUS_T Component::disablePort(Port& target) {
   if (target.is_enabled == 0) return MMAL_EINVAL;
   target.is_enabled = 0;
   tessera_platform::hooks::count(Kind::EnabledPort, -1);
-  giveBack(held, target);
+  recall(held, target);
   return MMAL_SUCCESS;
 }
 
 MMAL_STATUS_T Component::flushPort(Port& target) {
   Lock held(mutex_);
-  if (target.is_enabled != 0) giveBack(held, target);
+  if (target.is_enabled != 0) recall(held, target);
   return MMAL_SUCCESS;
 }
 
@@ -193,7 +193,7 @@ MMAL_STATUS_T Component::sendBuffer(Port& target, Header& header) {
   header.judged = false;
   header.holder = this;
   target.pending.pushBack(header);
-  stirred_ = true;
+  workDue_ = true;
   wake(held);
   return MMAL_SUCCESS;
 }

@@ -71,20 +71,20 @@ class Component : public MMAL_COMPONENT_T, public Home, public Holder {
   // What a subclass does on the worker.
   /// One piece of work, without the lock, that ends with at most one callback.
   /// @return false when it can do nothing until a buffer, a request or an enable comes
-  virtual bool step() = 0;
+  virtual bool work() = 0;
   /// The port was flushed or disabled: what the codec holds of its stream is void. With the lock
-  /// held; the work itself is for the next step().
-  virtual void drop(Port& port) = 0;
-  /// There was no memory, or thread, for a step(): what it worked on is lost. Gives the oldest
+  /// held; anything that takes long is for the next work().
+  virtual void discard(Port& port) = 0;
+  /// A work() had no memory, or thread: what it worked on is lost. Gives the oldest
   /// input buffer back, without the lock; an error event follows.
   virtual void lose();
 
   // What a subclass uses on the worker, without the lock.
-  /// The oldest buffer of a port, which stays there until finish(); null when there is none.
+  /// The oldest buffer of a port, which stays there until giveBack(); null when there is none.
   Header* front(Port& port);
   /// Hands the oldest buffer back through the callback.
-  void finish(Port& port);
-  /// Makes the worker try step() again at that time, though nothing may have come until then.
+  void giveBack(Port& port);
+  /// Makes the worker try work() again at that time, though nothing may have come until then.
   void tryAgainAt(std::chrono::steady_clock::time_point time);
   /// Hands out an event. Ports that are not enabled get none.
   void raise(Port& port, Header& event);
@@ -106,21 +106,22 @@ class Component : public MMAL_COMPONENT_T, public Home, public Holder {
 
   // Client's side.
   void wake(Lock& held);
-  void giveBack(Lock& held, Port& port);
+  void recall(Lock& held, Port& port);
   bool onOwnWorker() const;
 
   // Worker's side.
   void run();
-  bool tryStep();
-  bool serveRequests(Lock& held);
-  void serve(Lock& held, Port& port);
+  bool tryWork();
+  bool serveRecalls(Lock& held);
+  void giveBackAll(Lock& held, Port& port);
   bool deliverDue(Lock& held);
   bool busy() const;
   bool atRest();
   Clock::time_point nextDue() const;
   void sleep(Lock& held);
-  void conclude(Lock& held, Port& port, Header& header);
-  void concludeUnused(Lock& held, Port& port, Header& header);
+  void giveBack(Lock& held, Port& port, Header& header);
+  void giveBackInTurn(Lock& held, Port& port, Header& header);
+  void giveBackUnused(Lock& held, Port& port, Header& header);
   void deliver(Lock& held, Port& port, Header& header, bool twice = false);
   void deliverError(Lock& held, Port& port, std::uint32_t status);
 
@@ -136,13 +137,13 @@ class Component : public MMAL_COMPONENT_T, public Home, public Holder {
   std::atomic<unsigned> references_{1};
   std::mutex mutex_;
   std::condition_variable wake_;     ///< the worker waits on it
-  std::condition_variable changed_;  ///< clients wait on it: requests served, work ended
-  bool stirred_ = false;             ///< something came that step() has not seen
+  std::condition_variable changed_;  ///< clients wait on it: buffers given back, work ended
+  bool workDue_ = false;             ///< something came that work() has not seen
   Clock::time_point alarm_ = never;
-  bool stepping_ = false;
+  bool working_ = false;
   const Header* delivering_ = nullptr;  ///< whose callback is under way
   bool asleep_ = false;
-  bool quit_ = false;
+  bool stopping_ = false;
   bool orphaned_ = false;  ///< released for the last time by its own worker
   tessera_platform::hooks::Counted counted_{tessera_platform::hooks::Kind::Component};
   tessera_platform::hooks::Counted thread_{tessera_platform::hooks::Kind::Thread};

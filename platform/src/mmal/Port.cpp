@@ -26,7 +26,7 @@ void Port::require(std::uint32_t num, std::uint32_t size, std::uint32_t sizeMin)
 }
 
 bool Port::remove(Header& header) {
-  for (HeaderList* list : {&pending, &finished, &parked, &returning})
+  for (HeaderList* list : {&pending, &finished, &withheld, &returning})
     if (list->remove(header)) return true;
   return false;
 }

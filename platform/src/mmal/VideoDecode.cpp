@@ -101,7 +101,7 @@ std::vector<MMAL_FOURCC_T> VideoDecode::encodings(const Port& target) const {
   return {target.isInput() ? MMAL_ENCODING_H264 : MMAL_ENCODING_I420};
 }
 
-bool VideoDecode::step() {
+bool VideoDecode::work() {
   if (restart_ == Restart::No && takePicture()) return show();
   complain();
   if (ending_) {
@@ -109,14 +109,14 @@ bool VideoDecode::step() {
     if (out == nullptr) return false;
     out->flags = MMAL_BUFFER_HEADER_FLAG_EOS;
     ending_ = false;
-    finish(output0());
+    giveBack(output0());
     return true;
   }
   Header* const in = front(input0());
   if (in == nullptr) return false;
   if (restart_ != Restart::No && !restart()) throw std::bad_alloc();
   feed(*in);
-  finish(input0());
+  giveBack(input0());
   return true;
 }
 
@@ -186,7 +186,7 @@ bool VideoDecode::show() {
   if (out == nullptr) return false;
   write(*out, stride, sliceHeight);
   held_ = announced_ = false;
-  finish(output0());
+  giveBack(output0());
   return true;
 }
 
@@ -243,7 +243,7 @@ void VideoDecode::feed(const Header& in) {
 
 // A gap in the input starts the stream anew. Giving the output buffers back loses no picture: that
 // is how a client follows a change of size.
-void VideoDecode::drop(Port& target) {
+void VideoDecode::discard(Port& target) {
   if (target.isInput()) {
     restart_ = Restart::Anew;
     held_ = ending_ = false;

@@ -24,8 +24,8 @@ class VideoDecode final : public Component {
   MMAL_STATUS_T checkFormat(const Port& target, const MMAL_ES_FORMAT_T& format) const override;
   void setRequirements() override;
   std::vector<MMAL_FOURCC_T> encodings(const Port& target) const override;
-  bool step() override;
-  void drop(Port& target) override;
+  bool work() override;
+  void discard(Port& target) override;
   void lose() override;
 
   bool restart();
