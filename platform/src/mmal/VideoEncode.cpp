@@ -199,23 +199,29 @@ bool VideoEncode::open() {
   return true;
 }
 
+// With the lock held.
+codec::ConstPlanes VideoEncode::planesIn(const Header& in) {
+  const MMAL_VIDEO_FORMAT_T& raw = input0().committed.video();
+  const MMAL_RECT_T crop = pictureOf(raw);
+  const std::size_t x = static_cast<std::size_t>(crop.x) & ~std::size_t{1};
+  const std::size_t y = static_cast<std::size_t>(crop.y) & ~std::size_t{1};
+  // A buffer whose data starts so late that the frame would not fit is read from its start.
+  const std::uint32_t frame = rawFrameBytes(MMAL_ENCODING_I420, raw.width, raw.height);
+  const std::uint32_t offset = in.alloc_size - in.offset >= frame ? in.offset : 0;
+  auto planes = codec::planesOf<const std::uint8_t>(in.data + offset, raw.width, raw.height);
+  planes.y += y * planes.yStride + x;
+  planes.u += y / 2 * planes.uvStride + x / 2;
+  planes.v += y / 2 * planes.uvStride + x / 2;
+  return planes;
+}
+
 bool VideoEncode::encode(const Header& in) {
   bool forceKeyFrame;
   codec::ConstPlanes planes;
   {
     const auto held = lock();
     forceKeyFrame = std::exchange(keyFrameWanted_, false);
-    const MMAL_VIDEO_FORMAT_T& raw = input0().committed.video();
-    const MMAL_RECT_T crop = pictureOf(raw);
-    const std::size_t x = static_cast<std::size_t>(crop.x) & ~std::size_t{1};
-    const std::size_t y = static_cast<std::size_t>(crop.y) & ~std::size_t{1};
-    // A buffer whose data starts so late that the frame would not fit is read from its start.
-    const std::uint32_t frame = rawFrameBytes(MMAL_ENCODING_I420, raw.width, raw.height);
-    const std::uint32_t offset = in.alloc_size - in.offset >= frame ? in.offset : 0;
-    planes = codec::planesOf<const std::uint8_t>(in.data + offset, raw.width, raw.height);
-    planes.y += y * planes.yStride + x;
-    planes.u += y / 2 * planes.uvStride + x / 2;
-    planes.v += y / 2 * planes.uvStride + x / 2;
+    planes = planesIn(in);
   }
   if (!encoder_->encode(planes, in.pts, forceKeyFrame)) {
     // What the encoder has lost no later frame may refer to.

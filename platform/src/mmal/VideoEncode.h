@@ -38,6 +38,7 @@ class VideoEncode final : public Component {
 
   MMAL_STATUS_T setProfile(const MMAL_PARAMETER_HEADER_T& parameter);
   bool open();
+  codec::ConstPlanes planesIn(const Header& in);
   bool encode(const Header& in);
   bool write(Outgoing& outgoing);
 

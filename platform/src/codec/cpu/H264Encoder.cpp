@@ -104,6 +104,7 @@ struct H264Encoder::Impl {
   bool start();
   bool readParameterSets();
   const std::uint8_t* padLuma(const ConstPlanes& frame);
+  void describe(const ConstPlanes& frame, x264_picture_t& picture);
   void setOutput(const std::uint8_t* payload, std::size_t bytes);
 };
 
@@ -174,6 +175,21 @@ const std::uint8_t* H264Encoder::Impl::padLuma(const ConstPlanes& frame) {
   return paddedLuma.data();
 }
 
+void H264Encoder::Impl::describe(const ConstPlanes& frame, x264_picture_t& picture) {
+  x264_picture_init(&picture);
+  x264_image_t& image = picture.img;
+  image.i_csp = X264_CSP_I420;
+  image.i_plane = 3;
+  const bool odd = config.width % 2 != 0 || config.height % 2 != 0;
+  const std::uint8_t* luma = odd ? padLuma(frame) : frame.y;
+  // x264 only reads them; its interface merely lacks the const.
+  image.plane[0] = const_cast<std::uint8_t*>(luma);
+  image.plane[1] = const_cast<std::uint8_t*>(frame.u);
+  image.plane[2] = const_cast<std::uint8_t*>(frame.v);
+  image.i_stride[0] = static_cast<int>(odd ? roundUp(config.width, 2) : frame.yStride);
+  image.i_stride[1] = image.i_stride[2] = static_cast<int>(frame.uvStride);
+}
+
 void H264Encoder::Impl::setOutput(const std::uint8_t* payload, std::size_t bytes) {
   data = payload;
   size = bytes;
@@ -221,17 +237,7 @@ bool H264Encoder::encode(const ConstPlanes& frame, std::int64_t pts, bool forceK
     return impl.fail("a plane is missing");
 
   x264_picture_t in, out;
-  x264_picture_init(&in);
-  in.img.i_csp = X264_CSP_I420;
-  in.img.i_plane = 3;
-  const bool odd = impl.config.width % 2 != 0 || impl.config.height % 2 != 0;
-  const std::uint8_t* luma = odd ? impl.padLuma(frame) : frame.y;
-  // x264 only reads them; its interface merely lacks the const.
-  in.img.plane[0] = const_cast<std::uint8_t*>(luma);
-  in.img.plane[1] = const_cast<std::uint8_t*>(frame.u);
-  in.img.plane[2] = const_cast<std::uint8_t*>(frame.v);
-  in.img.i_stride[0] = static_cast<int>(odd ? roundUp(impl.config.width, 2) : frame.yStride);
-  in.img.i_stride[1] = in.img.i_stride[2] = static_cast<int>(frame.uvStride);
+  impl.describe(frame, in);
   // A time stamp of our own: the caller's may be anything, even the same twice.
   in.i_pts = impl.frames;
   in.i_type = forceKeyFrame ? X264_TYPE_IDR : X264_TYPE_AUTO;
