@@ -123,7 +123,7 @@ bool VideoDecode::work() {
 // What the decoder had of the stream went with the memory: it goes on with the next key frame.
 void VideoDecode::lose() {
   if (restart_ == Restart::No) restart_ = Restart::KnowingItsSets;
-  held_ = false;
+  pictureWaits_ = false;
   const Header* const in = front(input0());
   ending_ = ending_ || (in != nullptr && (in->flags & MMAL_BUFFER_HEADER_FLAG_EOS) != 0);
   Component::lose();
@@ -161,9 +161,9 @@ void VideoDecode::complain() {
 
 // Makes picture_ the next to go out. @return false when the decoder has none
 bool VideoDecode::takePicture() {
-  while (!held_) {
+  while (!pictureWaits_) {
     if (!decoder_->next(picture_)) return false;
-    held_ = !picture_.decodeOnly;
+    pictureWaits_ = !picture_.decodeOnly;
   }
   return true;
 }
@@ -185,7 +185,7 @@ bool VideoDecode::show() {
   Header* const out = front(output0());
   if (out == nullptr) return false;
   write(*out, stride, sliceHeight);
-  held_ = announced_ = false;
+  pictureWaits_ = announced_ = false;
   giveBack(output0());
   return true;
 }
@@ -196,7 +196,7 @@ bool VideoDecode::keepOrLeaveOut() {
     tryAgainAt(patience_);
     return false;
   }
-  held_ = false;
+  pictureWaits_ = false;
   return true;
 }
 
@@ -246,7 +246,7 @@ void VideoDecode::feed(const Header& in) {
 void VideoDecode::discard(Port& target) {
   if (target.isInput()) {
     restart_ = Restart::Anew;
-    held_ = ending_ = false;
+    pictureWaits_ = ending_ = false;
   }
   if (target.isOutput()) announced_ = false;
 }
