@@ -48,15 +48,11 @@ unsigned fittingBitrate(FrameSize size, const Ratio& rate) {
 
 Plan makePlan(const Arguments& arguments, InputFile& input) {
   Plan plan;
-  const bool y4m = Y4mReader::recognises(input);
-  Ending().check(0);
-  if (y4m) {
-    auto reader = std::make_unique<Y4mReader>(input);
+  if (auto reader = openY4m(arguments, input)) {
     plan.rate = reader->rate().value_or(Ratio{25, 1});
     plan.aspect = reader->aspect().value_or(Ratio{1, 1});
     plan.range = reader->range().value_or(plan.range);
     plan.interlaced = reader->interlaced();
-    checkY4m(arguments, *reader, input.name());
     plan.source = std::move(reader);
   } else {
     if (!arguments.size || !arguments.format) throw rawNeedsSize(input.name(), "i420|yuyv");

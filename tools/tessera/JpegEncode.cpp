@@ -96,11 +96,7 @@ void checkSize(PixelFormat format, FrameSize size) {
 
 Plan makePlan(const Arguments& arguments, InputFile& input) {
   Plan plan;
-  const bool y4m = Y4mReader::recognises(input);
-  Ending().check(0);
-  if (y4m) {
-    auto reader = std::make_unique<Y4mReader>(input);
-    checkY4m(arguments, *reader, input.name());
+  if (auto reader = openY4m(arguments, input)) {
     checkSize(PixelFormat::Yuyv, reader->size());
     plan.range = reader->range().value_or(plan.range);
     plan.source = std::make_unique<YuyvOfPlanes>(std::move(reader));

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "Arguments.h"
+#include "Ending.h"
 #include "Failure.h"
 #include "Interrupt.h"
 
@@ -83,10 +84,15 @@ void Y4mReader::checkColours(const std::string& tag) const {
                 "yuv420p -f yuv4mpegpipe -");
 }
 
-void checkY4m(const Arguments& arguments, const Y4mReader& reader, const std::string& input) {
-  if (arguments.size && *arguments.size != reader.size())
-    throw UsageFailure(input + " is Y4M of " + reader.size().text() + ", not " +
+std::unique_ptr<Y4mReader> openY4m(const Arguments& arguments, InputFile& input) {
+  const bool y4m = Y4mReader::recognises(input);
+  Ending().check(0);
+  if (!y4m) return nullptr;
+  auto reader = std::make_unique<Y4mReader>(input);
+  if (arguments.size && *arguments.size != reader->size())
+    throw UsageFailure(input.name() + " is Y4M of " + reader->size().text() + ", not " +
                        arguments.size->text() + "; leave --size and --format out");
+  return reader;
 }
 
 UsageFailure rawNeedsSize(const std::string& input, const std::string& formats) {

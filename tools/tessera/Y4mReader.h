@@ -1,6 +1,7 @@
 #ifndef TESSERA_TOOLS_Y4MREADER_H
 #define TESSERA_TOOLS_Y4MREADER_H
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -45,8 +46,9 @@ class Y4mReader : public FrameSource {
   std::uint64_t frames_ = 0;
 };
 
-/// The input tells its size; another one on the command line is a UsageFailure.
-void checkY4m(const Arguments& arguments, const Y4mReader& reader, const std::string& input);
+/// Opens an input that is Y4M, null where it is not. It tells its size; another one on the command
+/// line is a UsageFailure.
+std::unique_ptr<Y4mReader> openY4m(const Arguments& arguments, InputFile& input);
 
 /// For raw frames of which the command line does not tell enough.
 UsageFailure rawNeedsSize(const std::string& input, const std::string& formats);

@@ -77,21 +77,6 @@ void expand1887(const std::uint8_t* from, unsigned width, std::uint8_t* rgb) {
 
 }  // namespace
 
-unsigned bytesPerPixel(PixelFormat format) {
-  switch (format) {
-    case PixelFormat::Yuyv:
-    case PixelFormat::Rgb565:
-      return 2;
-    case PixelFormat::Rgb24:
-    case PixelFormat::Argb1887:
-      return 3;
-    case PixelFormat::Rgba32:
-    case PixelFormat::Bgra32:
-      return 4;
-  }
-  return 0;
-}
-
 PackedRows::PackedRows(const PackedPicture& picture) : picture_(picture) {
   const std::size_t rowBytes = std::size_t{picture.width} * bytesPerPixel(picture.format);
   if (picture.data == nullptr || rowBytes == 0 || picture.size < rowBytes) return;

@@ -30,7 +30,7 @@ bool readList(BitReader& bits, unsigned size) {
   return true;
 }
 
-/// libavcodec complains of a wrong list on the application's standard error.
+/// libavcodec is not shown a wrong list: it complains on the application's standard error.
 bool readLists(BitReader& bits, unsigned longLists) {
   if (bits.bit() == 0) return true;
   for (unsigned i = 0; i < shortLists + longLists; ++i)
@@ -42,7 +42,19 @@ unsigned longListsOf(unsigned chromaFormat) {
   return chromaFormat == 3 ? 6 : 2;
 }
 
-/// The same of a size that it cannot allocate.
+/// Steps over how pictures are put in order.
+void skipOrder(BitReader& bits) {
+  const std::uint32_t type = bits.ue();
+  if (type == 0) bits.ue();
+  if (type != 1) return;
+  bits.bit();
+  bits.se();
+  bits.se();
+  const std::uint32_t cycle = bits.ue();
+  for (std::uint32_t i = 0; i < cycle && !bits.overrun(); ++i) bits.se();
+}
+
+/// Nor a size that it cannot allocate.
 bool sizeFits(std::uint64_t widthInMbs, std::uint64_t heightInMbs) {
   const std::uint64_t stride = 8 * 16 * widthInMbs + 1024, rows = 16 * heightInMbs + 128;
   return stride < INT_MAX && rows < INT_MAX && stride * rows < INT_MAX;
@@ -67,16 +79,7 @@ bool SequenceSet::parse(const std::vector<std::uint8_t>& unit) {
     if (!readLists(bits, longListsOf(chromaFormat))) return false;
   }
   frameNumberBits = bits.ue() + 4;
-  const std::uint32_t orderType = bits.ue();
-  if (orderType == 0) {
-    bits.ue();
-  } else if (orderType == 1) {
-    bits.bit();
-    bits.se();
-    bits.se();
-    const std::uint32_t cycle = bits.ue();
-    for (std::uint32_t i = 0; i < cycle && !bits.overrun(); ++i) bits.se();
-  }
+  skipOrder(bits);
   bits.ue();  // reference pictures
   bits.bit();
   const std::uint64_t width = bits.ue() + std::uint64_t{1}, units = bits.ue() + std::uint64_t{1};

@@ -87,6 +87,23 @@ bool match(std::vector<Armed<Fault>>& armed, std::string Fault::*name, const cha
   return found;
 }
 
+template <typename Fault>
+void arm(std::vector<Armed<Fault>> State::*faults, const Fault& fault) {
+  State& s = state();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  (s.*faults).push_back({fault});
+  hooks::faultsArmed = true;
+}
+
+std::vector<std::string> linesOf(Lines which, std::string Line::*what) {
+  State& s = state();
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  std::vector<std::string> texts;
+  for (const Line& line : s.lines)
+    if (wanted(line, which)) texts.push_back(line.*what);
+  return texts;
+}
+
 }  // namespace
 
 void startJournal() {
@@ -103,35 +120,19 @@ void stopJournal() {
 }
 
 std::vector<std::string> journal(Lines which) {
-  State& s = state();
-  const std::lock_guard<std::mutex> lock(s.mutex);
-  std::vector<std::string> texts;
-  for (const Line& line : s.lines)
-    if (wanted(line, which)) texts.push_back(line.text);
-  return texts;
+  return linesOf(which, &Line::text);
 }
 
 std::vector<std::string> journalNames(Lines which) {
-  State& s = state();
-  const std::lock_guard<std::mutex> lock(s.mutex);
-  std::vector<std::string> names;
-  for (const Line& line : s.lines)
-    if (wanted(line, which)) names.push_back(line.name);
-  return names;
+  return linesOf(which, &Line::name);
 }
 
 void inject(const CallFault& fault) {
-  State& s = state();
-  const std::lock_guard<std::mutex> lock(s.mutex);
-  s.callFaults.push_back({fault});
-  hooks::faultsArmed = true;
+  arm(&State::callFaults, fault);
 }
 
 void inject(const CompletionFault& fault) {
-  State& s = state();
-  const std::lock_guard<std::mutex> lock(s.mutex);
-  s.completionFaults.push_back({fault});
-  hooks::faultsArmed = true;
+  arm(&State::completionFaults, fault);
 }
 
 void clearFaults() {

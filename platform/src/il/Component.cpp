@@ -199,7 +199,7 @@ OMX_ERRORTYPE Component::getParameter(OMX_INDEXTYPE index, OMX_PTR structure) {
     std::memcpy(role.cRole, kind_.role, std::strlen(kind_.role) + 1);
     return OMX_ErrorNone;
   }
-  return getSetting(index, structure);
+  return getOwnParameter(index, structure);
 }
 
 OMX_ERRORTYPE Component::setParameter(OMX_INDEXTYPE index, OMX_PTR structure) {
@@ -217,7 +217,7 @@ OMX_ERRORTYPE Component::setParameter(OMX_INDEXTYPE index, OMX_PTR structure) {
     return setPortFormat<OMX_IMAGE_PARAM_PORTFORMATTYPE>(structure);
   if (index == OMX_IndexParamVideoPortFormat && video)
     return setPortFormat<OMX_VIDEO_PARAM_PORTFORMATTYPE>(structure);
-  return setSetting(index, structure);
+  return setOwnParameter(index, structure);
 }
 
 OMX_ERRORTYPE Component::setConfig(OMX_INDEXTYPE index, OMX_PTR structure) {
@@ -226,14 +226,14 @@ OMX_ERRORTYPE Component::setConfig(OMX_INDEXTYPE index, OMX_PTR structure) {
   if (index != OMX_IndexConfigVideoIntraVOPRefresh) return OMX_ErrorUnsupportedIndex;
   const Lock lock(mutex_);
   if (state_ == OMX_StateInvalid) return OMX_ErrorInvalidState;
-  return setSetting(index, structure);
+  return setOwnParameter(index, structure);
 }
 
-OMX_ERRORTYPE Component::getSetting(OMX_INDEXTYPE, OMX_PTR) {
+OMX_ERRORTYPE Component::getOwnParameter(OMX_INDEXTYPE, OMX_PTR) {
   return OMX_ErrorUnsupportedIndex;
 }
 
-OMX_ERRORTYPE Component::setSetting(OMX_INDEXTYPE, OMX_PTR) {
+OMX_ERRORTYPE Component::setOwnParameter(OMX_INDEXTYPE, OMX_PTR) {
   return OMX_ErrorUnsupportedIndex;
 }
 
@@ -288,8 +288,8 @@ OMX_ERRORTYPE Component::addBuffer(OMX_BUFFERHEADERTYPE** header, OMX_U32 portIn
 }
 
 /// Whether nothing of the worker still points to a buffer, and none of its callbacks is to come.
-bool Component::free(const Port& port, const Buffer& buffer) const {
-  if (returning_ == &buffer) return false;
+bool Component::isFree(const Port& port, const Buffer& buffer) const {
+  if (delivering_ == &buffer) return false;
   if (buffer.place == Buffer::Place::Client) return true;
   // A command on its way hands the buffer back properly.
   const OMX_U32 index = port.definition.nPortIndex;
@@ -297,7 +297,7 @@ bool Component::free(const Port& port, const Buffer& buffer) const {
     if (!commands_[i].begun && !blocked(i) &&
         (commands_[i].kind == OMX_CommandStateSet || commands_[i].parameter == index))
       return stopping_;
-  return buffer.place != Buffer::Place::Working || parked_;
+  return buffer.place != Buffer::Place::Working || asleep_;
 }
 
 OMX_ERRORTYPE Component::freeBuffer(OMX_U32 portIndex, OMX_BUFFERHEADERTYPE* header) {
@@ -307,14 +307,14 @@ OMX_ERRORTYPE Component::freeBuffer(OMX_U32 portIndex, OMX_BUFFERHEADERTYPE* hea
   Buffer* const buffer = port->find(header);
   if (buffer == nullptr) return OMX_ErrorBadParameter;
   if (!onWorker()) {
-    rest_.wait(lock, [&] { return free(*port, *buffer); });
+    changed_.wait(lock, [&] { return isFree(*port, *buffer); });
   } else if (buffer->place == Buffer::Place::Working) {
     return OMX_ErrorIncorrectStateOperation;
   }
   makeRoom(0);
   const bool expected = !port->enabled() || commanded(OMX_CommandPortDisable, portIndex) ||
                         commanded(OMX_CommandStateSet, OMX_StateLoaded);
-  if (buffer->place == Buffer::Place::Working) forget(lock, *port, OMX_CommandFlush);
+  if (buffer->place == Buffer::Place::Working) discard(lock, *port, OMX_CommandFlush);
   port->erase(*buffer);
   if (!expected) raiseError(OMX_ErrorPortUnpopulated, portIndex);
   wake();

@@ -30,8 +30,8 @@ struct Kind {
 /// waits for it. Commands are carried out in their order, but one that waits for buffers does not
 /// keep later ones from being carried out, unless they concern the same port (or the state).
 ///
-/// A derived component says how its ports react to settings (adapt), does one step of its work at a
-/// time (work), and forgets what it holds of a port when told to (forget).
+/// A derived component says how its ports react to settings (adapt), does one piece of its work at a
+/// time (work), and discards what it holds of a port when told to (discard).
 class Component {
  public:
   Component(const Kind& kind, const OMX_CALLBACKTYPE& callbacks, OMX_PTR appData,
@@ -86,15 +86,15 @@ class Component {
   /// buffer size to what is needed, or refuses. The port still has its former definition.
   virtual OMX_ERRORTYPE adapt(const Port& port, OMX_PARAM_PORTDEFINITIONTYPE& definition) = 0;
   /// Parameters beyond ports and formats; the structure's header and port are checked already.
-  virtual OMX_ERRORTYPE getSetting(OMX_INDEXTYPE index, OMX_PTR structure);
-  virtual OMX_ERRORTYPE setSetting(OMX_INDEXTYPE index, OMX_PTR structure);
+  virtual OMX_ERRORTYPE getOwnParameter(OMX_INDEXTYPE index, OMX_PTR structure);
+  virtual OMX_ERRORTYPE setOwnParameter(OMX_INDEXTYPE index, OMX_PTR structure);
 
-  /// One step of the work, in Executing. @return false when there is nothing to do
+  /// One piece of work, in Executing. @return false when there is nothing to do
   virtual bool work(Lock& lock) = 0;
   /// All of the port's buffers go back to the client, for a flush, a disable, or the way to Idle:
   /// keep no pointer to any of them. Buffers of another port that are then of no more use go back
   /// from here.
-  virtual void forget(Lock& lock, Port& port, OMX_COMMANDTYPE reason) = 0;
+  virtual void discard(Lock& lock, Port& port, OMX_COMMANDTYPE reason) = 0;
 
   Port& input() { return ports_[0]; }
   Port& output() { return ports_[1]; }
@@ -138,28 +138,28 @@ class Component {
   template <typename Structure>
   OMX_ERRORTYPE setPortFormat(OMX_PTR structure);
   bool mayAddTo(const Port& port) const;
-  bool free(const Port& port, const Buffer& buffer) const;
+  bool isFree(const Port& port, const Buffer& buffer) const;
   bool atRest() const;
 
   // The worker's half.
   void run();
   void wake();
   void makeRoom(std::size_t commands);
-  void park(Lock& lock);
+  void sleep(Lock& lock);
   Clock::time_point nextDue() const;
   bool advance(Lock& lock);
   bool blocked(std::size_t position) const;
   void begin(Lock& lock, std::size_t position);
   void beginStateSet(Lock& lock, std::size_t position);
-  bool complete(const Command& command) const;
-  void finish(const Command& command);
+  bool isComplete(const Command& command) const;
+  void complete(const Command& command);
   void giveBackAll(Lock& lock, Port& port, OMX_COMMANDTYPE reason);
   void deliver(Lock& lock, Port& port, Buffer& buffer, bool twice);
   void announce(Lock& lock, const Event& event);
   bool announceNext(Lock& lock);
   bool keepLate(const Event& event);
-  bool releaseDue(Lock& lock);
-  bool step(Lock& lock);
+  bool deliverDue(Lock& lock);
+  bool tryWork(Lock& lock);
   std::string describe(const Event& event) const;
   std::string describe(const Port& port, const Buffer& buffer) const;
 
@@ -167,15 +167,15 @@ class Component {
   OMX_COMPONENTTYPE table_{};
   OMX_CALLBACKTYPE callbacks_;
   mutable std::mutex mutex_;
-  std::condition_variable work_;  ///< for the worker
-  std::condition_variable rest_;  ///< the worker has let go of a buffer, or parks
+  std::condition_variable wake_;     ///< for the worker
+  std::condition_variable changed_;  ///< the worker has let go of a buffer, or sleeps
   OMX_STATETYPE state_ = OMX_StateLoaded;
   std::vector<Port> ports_;
   std::vector<Command> commands_;  ///< accepted and not completed, in order
   std::vector<Event> events_;      ///< raised and not called back
   std::vector<Event> lateEvents_;
-  const Buffer* returning_ = nullptr;  ///< whose callback runs
-  bool parked_ = false;
+  const Buffer* delivering_ = nullptr;  ///< whose callback runs
+  bool asleep_ = false;
   bool stopping_ = false;
   std::thread worker_;
   tessera_platform::hooks::Counted counted_{tessera_platform::hooks::Kind::Handle};

@@ -11,14 +11,12 @@ constexpr OMX_U32 inputPort = 320;
 constexpr OMX_U32 outputPort = 321;
 constexpr OMX_U32 inputBuffers = 3;
 constexpr OMX_U32 defaultInputBytes = 80 * 1024;
-constexpr OMX_U32 defaultWidth = 640;
-constexpr OMX_U32 defaultHeight = 480;
 constexpr unsigned strideMultiple = 32;
 constexpr unsigned sliceMultiple = 16;
 
 /// Beyond any picture within the decoder's limits.
 constexpr std::size_t mostBytes = std::size_t{64} << 20;
-constexpr unsigned mostPixelsPerSide = 65535;
+constexpr unsigned largestSide = 65535;
 
 std::vector<Port> ports() {
   std::vector<Port> both;
@@ -73,9 +71,8 @@ OMX_ERRORTYPE ImageDecode::adapt(const Port& port, OMX_PARAM_PORTDEFINITIONTYPE&
     return OMX_ErrorNone;
   }
   OMX_IMAGE_PORTDEFINITIONTYPE& image = definition.format.image;
-  if (image.nFrameWidth > mostPixelsPerSide || image.nFrameHeight > mostPixelsPerSide ||
-      image.nStride > 4 * static_cast<OMX_S32>(mostPixelsPerSide) ||
-      image.nSliceHeight > mostPixelsPerSide)
+  if (image.nFrameWidth > largestSide || image.nFrameHeight > largestSide ||
+      image.nStride > 4 * static_cast<OMX_S32>(largestSide) || image.nSliceHeight > largestSide)
     return OMX_ErrorUnsupportedSetting;
   const auto asked = static_cast<OMX_U32>(std::max(image.nStride, OMX_S32{0}));
   const OMX_U32 stride = codec::roundUp(std::max(asked, image.nFrameWidth), strideMultiple);
@@ -182,7 +179,7 @@ bool ImageDecode::fill(Lock& lock) {
   buffer.header.nFlags = OMX_BUFFERFLAG_EOS | OMX_BUFFERFLAG_ENDOFFRAME |
                          (decoded ? 0u : OMX_U32{OMX_BUFFERFLAG_DATACORRUPT});
   buffer.header.nTimeStamp = timeStamp_;
-  dropPicture();
+  discardPicture();
   returnInput(lock);
   giveBack(lock, output(), buffer);
   return true;
@@ -194,7 +191,7 @@ void ImageDecode::returnInput(Lock& lock) {
   if (buffer != nullptr) giveBack(lock, input(), *buffer);
 }
 
-void ImageDecode::forget(Lock& lock, Port& port, OMX_COMMANDTYPE reason) {
+void ImageDecode::discard(Lock& lock, Port& port, OMX_COMMANDTYPE reason) {
   if (!port.isInput()) {
     if (reason != OMX_CommandFlush) reshaping_ = false;
     // A picture that is not yet complete is the input port's.
@@ -202,10 +199,10 @@ void ImageDecode::forget(Lock& lock, Port& port, OMX_COMMANDTYPE reason) {
     returnInput(lock);
   }
   input_ = nullptr;
-  dropPicture();
+  discardPicture();
 }
 
-void ImageDecode::dropPicture() {
+void ImageDecode::discardPicture() {
   picture_ = Picture::None;
   gathered_.clear();
   oversized_ = false;

@@ -36,7 +36,7 @@ class ImageDecode : public Component {
  protected:
   OMX_ERRORTYPE adapt(const Port& port, OMX_PARAM_PORTDEFINITIONTYPE& definition) override;
   bool work(Lock& lock) override;
-  void forget(Lock& lock, Port& port, OMX_COMMANDTYPE reason) override;
+  void discard(Lock& lock, Port& port, OMX_COMMANDTYPE reason) override;
 
  private:
   enum class Picture {
@@ -52,7 +52,7 @@ class ImageDecode : public Component {
   void announceShape();
   bool fill(Lock& lock);
   void returnInput(Lock& lock);
-  void dropPicture();
+  void discardPicture();
   OMX_U32 neededBytes();
 
   const std::unique_ptr<codec::ImageDecoder> decoder_ = codec::makeImageDecoder();

@@ -8,11 +8,9 @@ namespace {
 
 constexpr OMX_U32 inputPort = 340;
 constexpr OMX_U32 outputPort = 341;
-constexpr OMX_U32 defaultWidth = 640;
-constexpr OMX_U32 defaultHeight = 480;
 
 /// What libjpeg takes.
-constexpr OMX_U32 mostPixelsPerSide = 65500;
+constexpr OMX_U32 largestSide = 65500;
 
 /// A JPEG at its worst: four bytes a pixel of the whole blocks, and its headers.
 constexpr std::uint64_t worstBytesPerPixel = 4;
@@ -87,12 +85,12 @@ ImageEncode::ImageEncode(const OMX_CALLBACKTYPE& callbacks, OMX_PTR appData)
 
 OMX_ERRORTYPE ImageEncode::adapt(const Port& port, OMX_PARAM_PORTDEFINITIONTYPE& definition) {
   const OMX_IMAGE_PORTDEFINITIONTYPE& image = definition.format.image;
-  if (image.nFrameWidth > mostPixelsPerSide || image.nFrameHeight > mostPixelsPerSide)
+  if (image.nFrameWidth > largestSide || image.nFrameHeight > largestSide)
     return OMX_ErrorUnsupportedSetting;
   return port.isInput() ? adaptInput(definition) : adaptOutput(port, definition);
 }
 
-OMX_ERRORTYPE ImageEncode::getSetting(OMX_INDEXTYPE index, OMX_PTR structure) {
+OMX_ERRORTYPE ImageEncode::getOwnParameter(OMX_INDEXTYPE index, OMX_PTR structure) {
   if (index != OMX_IndexParamQFactor) return OMX_ErrorUnsupportedIndex;
   const OMX_ERRORTYPE error = check<OMX_IMAGE_PARAM_QFACTORTYPE>(structure, &output());
   if (error == OMX_ErrorNone)
@@ -100,7 +98,7 @@ OMX_ERRORTYPE ImageEncode::getSetting(OMX_INDEXTYPE index, OMX_PTR structure) {
   return error;
 }
 
-OMX_ERRORTYPE ImageEncode::setSetting(OMX_INDEXTYPE index, OMX_PTR structure) {
+OMX_ERRORTYPE ImageEncode::setOwnParameter(OMX_INDEXTYPE index, OMX_PTR structure) {
   if (index != OMX_IndexParamQFactor) return OMX_ErrorUnsupportedIndex;
   const OMX_ERRORTYPE error = check<OMX_IMAGE_PARAM_QFACTORTYPE>(structure, &output());
   if (error != OMX_ErrorNone) return error;

@@ -20,10 +20,10 @@ class ImageEncode : public Component {
 
  protected:
   OMX_ERRORTYPE adapt(const Port& port, OMX_PARAM_PORTDEFINITIONTYPE& definition) override;
-  OMX_ERRORTYPE getSetting(OMX_INDEXTYPE index, OMX_PTR structure) override;
-  OMX_ERRORTYPE setSetting(OMX_INDEXTYPE index, OMX_PTR structure) override;
+  OMX_ERRORTYPE getOwnParameter(OMX_INDEXTYPE index, OMX_PTR structure) override;
+  OMX_ERRORTYPE setOwnParameter(OMX_INDEXTYPE index, OMX_PTR structure) override;
   bool work(Lock& lock) override;
-  void forget(Lock&, Port&, OMX_COMMANDTYPE) override {}
+  void discard(Lock&, Port&, OMX_COMMANDTYPE) override {}
 
  private:
   codec::PackedPicture pictureIn(const Buffer& buffer);

@@ -84,7 +84,7 @@ Buffer* Port::nextLeaving() const {
   if (Buffer* const working = at(Buffer::Place::Working)) return working;
   for (Buffer* const queued : queue)
     if (queued->leaving) return queued;
-  return at(Buffer::Place::Held);
+  return at(Buffer::Place::Withheld);
 }
 
 Format formatOf(const OMX_PARAM_PORTDEFINITIONTYPE& definition) {

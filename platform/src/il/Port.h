@@ -17,9 +17,9 @@ using Clock = std::chrono::steady_clock;
 struct Buffer {
   enum class Place {
     Client,
-    Queued,   ///< in its port's queue
-    Working,  ///< taken from the queue by the component's work
-    Held,     ///< done, but its callback is held back by a fault
+    Queued,    ///< in its port's queue
+    Working,   ///< taken from the queue by the component's work
+    Withheld,  ///< done, but its callback is held back by a fault
   };
 
   struct Release {
@@ -37,7 +37,7 @@ struct Buffer {
   OMX_BUFFERHEADERTYPE header{};
   Place place = Place::Client;
   bool leaving = false;     ///< on its way back with all others of its port
-  Clock::time_point due{};  ///< while Held: when it goes back by itself
+  Clock::time_point due{};  ///< while Withheld: when it goes back by itself
 
  private:
   std::unique_ptr<OMX_U8[], Release> owned_;
@@ -86,6 +86,10 @@ struct Port {
 /// The format members of a definition, whichever domain it has.
 Format formatOf(const OMX_PARAM_PORTDEFINITIONTYPE& definition);
 void setFormat(OMX_PARAM_PORTDEFINITIONTYPE& definition, const Format& format);
+
+/// Of every port, until the client says otherwise.
+constexpr OMX_U32 defaultWidth = 640;
+constexpr OMX_U32 defaultHeight = 480;
 
 /// Fills in a structure's size and version.
 template <typename Structure>

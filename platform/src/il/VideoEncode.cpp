@@ -11,16 +11,14 @@ namespace {
 
 constexpr OMX_U32 inputPort = 200;
 constexpr OMX_U32 outputPort = 201;
-constexpr OMX_U32 defaultWidth = 640;
-constexpr OMX_U32 defaultHeight = 480;
 constexpr OMX_U32 defaultBitrate = 2000000;
 constexpr OMX_U32 oneFrameASecond = 1u << 16;
 constexpr OMX_U32 defaultRate = 30 * oneFrameASecond;
-constexpr OMX_U32 mostPixelsPerSide = 16384;
+constexpr OMX_U32 largestSide = 16384;
 
 /// Parameter sets always fit; frames are split.
-constexpr OMX_U32 leastOutputBytes = 4096;
-constexpr OMX_U32 defaultOutputBytes = 256 * 1024;
+constexpr OMX_U32 smallestOutput = 4096;
+constexpr OMX_U32 defaultOutput = 256 * 1024;
 
 struct Level {
   OMX_VIDEO_AVCLEVELTYPE level;
@@ -80,7 +78,7 @@ VideoEncode::VideoEncode(const OMX_CALLBACKTYPE& callbacks, OMX_PTR appData)
     video.nFrameHeight = defaultHeight;
     video.xFramerate = defaultRate;
     video.nBitrate = port->isInput() ? 0 : defaultBitrate;
-    port->definition.nBufferSize = port->isInput() ? 0 : defaultOutputBytes;
+    port->definition.nBufferSize = port->isInput() ? 0 : defaultOutput;
     VideoEncode::adapt(*port, port->definition);
   }
   stamp(avc_);
@@ -90,15 +88,14 @@ VideoEncode::VideoEncode(const OMX_CALLBACKTYPE& callbacks, OMX_PTR appData)
 }
 
 OMX_ERRORTYPE VideoEncode::adapt(const Port& port, OMX_PARAM_PORTDEFINITIONTYPE& definition) {
-  started_ = false;
+  reopen_ = true;
   OMX_VIDEO_PORTDEFINITIONTYPE& video = definition.format.video;
   if (!port.isInput()) {
-    definition.nBufferSize = std::max(definition.nBufferSize, leastOutputBytes);
+    definition.nBufferSize = std::max(definition.nBufferSize, smallestOutput);
     return OMX_ErrorNone;
   }
-  if (video.nFrameWidth > mostPixelsPerSide || video.nFrameHeight > mostPixelsPerSide ||
-      video.nSliceHeight > mostPixelsPerSide ||
-      video.nStride > static_cast<OMX_S32>(mostPixelsPerSide))
+  if (video.nFrameWidth > largestSide || video.nFrameHeight > largestSide ||
+      video.nSliceHeight > largestSide || video.nStride > static_cast<OMX_S32>(largestSide))
     return OMX_ErrorUnsupportedSetting;
   if (!codec::board::takesVideo(video.nFrameWidth, video.nFrameHeight) ||
       !codec::board::takesRate(video.nFrameWidth, video.nFrameHeight,
@@ -113,7 +110,7 @@ OMX_ERRORTYPE VideoEncode::adapt(const Port& port, OMX_PARAM_PORTDEFINITIONTYPE&
   return OMX_ErrorNone;
 }
 
-OMX_ERRORTYPE VideoEncode::getSetting(OMX_INDEXTYPE index, OMX_PTR structure) {
+OMX_ERRORTYPE VideoEncode::getOwnParameter(OMX_INDEXTYPE index, OMX_PTR structure) {
   if (index == OMX_IndexParamVideoBitrate) {
     const OMX_ERRORTYPE error = check<OMX_VIDEO_PARAM_BITRATETYPE>(structure, &output());
     if (error != OMX_ErrorNone) return error;
@@ -130,7 +127,7 @@ OMX_ERRORTYPE VideoEncode::getSetting(OMX_INDEXTYPE index, OMX_PTR structure) {
   return OMX_ErrorUnsupportedIndex;
 }
 
-OMX_ERRORTYPE VideoEncode::setSetting(OMX_INDEXTYPE index, OMX_PTR structure) {
+OMX_ERRORTYPE VideoEncode::setOwnParameter(OMX_INDEXTYPE index, OMX_PTR structure) {
   OMX_ERRORTYPE error = OMX_ErrorUnsupportedIndex;
   switch (index) {
     case OMX_IndexParamVideoBitrate:
@@ -145,7 +142,7 @@ OMX_ERRORTYPE VideoEncode::setSetting(OMX_INDEXTYPE index, OMX_PTR structure) {
     case OMX_IndexConfigVideoIntraVOPRefresh:
       error = check<OMX_CONFIG_INTRAREFRESHVOPTYPE>(structure, &output());
       if (error == OMX_ErrorNone)
-        keyFrameAsked_ = static_cast<OMX_CONFIG_INTRAREFRESHVOPTYPE*>(structure)->IntraRefreshVOP;
+        keyFrameWanted_ = static_cast<OMX_CONFIG_INTRAREFRESHVOPTYPE*>(structure)->IntraRefreshVOP;
       return error;
     default:
       return error;
@@ -159,7 +156,7 @@ OMX_ERRORTYPE VideoEncode::setRate(const OMX_VIDEO_PARAM_BITRATETYPE& rate) {
     return OMX_ErrorUnsupportedSetting;
   controlRate_ = rate.eControlRate;
   output().video().nBitrate = rate.nTargetBitrate;
-  started_ = false;
+  reopen_ = true;
   return OMX_ErrorNone;
 }
 
@@ -167,7 +164,7 @@ OMX_ERRORTYPE VideoEncode::setAvc(const OMX_VIDEO_PARAM_AVCTYPE& avc) {
   if (!knownProfile(avc.eProfile) || levelNumber(avc.eLevel) == 0 || avc.nBFrames != 0)
     return OMX_ErrorUnsupportedSetting;
   avc_ = avc;
-  started_ = false;
+  reopen_ = true;
   return OMX_ErrorNone;
 }
 
@@ -190,13 +187,13 @@ codec::VideoEncoder::Config VideoEncode::config() {
 }
 
 bool VideoEncode::work(Lock& lock) {
-  if (parameterSets_.left > 0) return handOut(lock, parameterSets_);
-  if (frame_.left > 0) return handOut(lock, frame_);
+  if (parameterSets_.left > 0) return write(lock, parameterSets_);
+  if (frame_.left > 0) return write(lock, frame_);
   return takeFrame(lock);
 }
 
 bool VideoEncode::takeFrame(Lock& lock) {
-  if (!started_ && !input().queue.empty()) return start(lock);
+  if (reopen_ && !input().queue.empty()) return open(lock);
   Buffer* const buffer = input().take();
   if (buffer == nullptr) return false;
   if (buffer->header.nFilledLen > 0) encode(lock, *buffer);
@@ -205,11 +202,11 @@ bool VideoEncode::takeFrame(Lock& lock) {
 }
 
 /// Opens the encoder for the frame that waits; one that cannot be opened costs the frame.
-bool VideoEncode::start(Lock& lock) {
+bool VideoEncode::open(Lock& lock) {
   const codec::VideoEncoder::Config wanted = config();
   timeStamp_ = input().queue.front()->header.nTimeStamp;
-  // A setting that changes while the encoder opens clears it again.
-  started_ = true;
+  // A setting that changes while the encoder opens sets it again.
+  reopen_ = false;
   bool opened = false;
   {
     const Unlocked unlocked(lock);
@@ -221,7 +218,7 @@ bool VideoEncode::start(Lock& lock) {
                       OMX_BUFFERFLAG_ENDOFFRAME};
     return true;
   }
-  started_ = false;
+  reopen_ = true;
   raiseError(OMX_ErrorUnsupportedSetting, inputPort);
   Buffer* const refused = input().take();
   if (refused != nullptr) giveBack(lock, input(), *refused);
@@ -236,8 +233,8 @@ void VideoEncode::encode(Lock& lock, Buffer& buffer) {
     return;
   }
   const auto planes = codec::planesOf<const OMX_U8>(buffer.data(), stride, video.nSliceHeight);
-  const bool keyFrame = keyFrameAsked_;
-  keyFrameAsked_ = false;
+  const bool keyFrame = keyFrameWanted_;
+  keyFrameWanted_ = false;
   bool encoded = false;
   {
     const Unlocked unlocked(lock);
@@ -245,7 +242,7 @@ void VideoEncode::encode(Lock& lock, Buffer& buffer) {
   }
   if (!encoded) {
     // What the encoder has lost no later frame may refer to.
-    started_ = false;
+    reopen_ = true;
     raiseError(OMX_ErrorUndefined, inputPort);
     return;
   }
@@ -256,26 +253,26 @@ void VideoEncode::encode(Lock& lock, Buffer& buffer) {
 }
 
 /// Fills the next output buffer with as much as it takes.
-bool VideoEncode::handOut(Lock& lock, Pending& pending) {
+bool VideoEncode::write(Lock& lock, Outgoing& outgoing) {
   Buffer* const buffer = output().take();
   if (buffer == nullptr) return false;
   buffer->prepare();
   const auto size =
-      static_cast<OMX_U32>(std::min<std::size_t>(pending.left, buffer->header.nAllocLen));
-  std::memcpy(buffer->header.pBuffer, pending.data, size);
-  pending.data += size;
-  pending.left -= size;
+      static_cast<OMX_U32>(std::min<std::size_t>(outgoing.left, buffer->header.nAllocLen));
+  std::memcpy(buffer->header.pBuffer, outgoing.data, size);
+  outgoing.data += size;
+  outgoing.left -= size;
   buffer->header.nFilledLen = size;
-  buffer->header.nFlags = pending.flags | (pending.left == 0 ? pending.lastFlags : 0);
+  buffer->header.nFlags = outgoing.flags | (outgoing.left == 0 ? outgoing.lastFlags : 0);
   buffer->header.nTimeStamp = timeStamp_;
   giveBack(lock, output(), *buffer);
   return true;
 }
 
 /// A flush drops the bytes that wait; the way to Idle ends the stream.
-void VideoEncode::forget(Lock&, Port& port, OMX_COMMANDTYPE reason) {
+void VideoEncode::discard(Lock&, Port& port, OMX_COMMANDTYPE reason) {
   if (!port.isInput() || reason == OMX_CommandStateSet) parameterSets_ = frame_ = {};
-  if (reason == OMX_CommandStateSet) started_ = false;
+  if (reason == OMX_CommandStateSet) reopen_ = true;
 }
 
 }  // namespace il

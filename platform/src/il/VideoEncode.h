@@ -25,14 +25,14 @@ class VideoEncode : public Component {
 
  protected:
   OMX_ERRORTYPE adapt(const Port& port, OMX_PARAM_PORTDEFINITIONTYPE& definition) override;
-  OMX_ERRORTYPE getSetting(OMX_INDEXTYPE index, OMX_PTR structure) override;
-  OMX_ERRORTYPE setSetting(OMX_INDEXTYPE index, OMX_PTR structure) override;
+  OMX_ERRORTYPE getOwnParameter(OMX_INDEXTYPE index, OMX_PTR structure) override;
+  OMX_ERRORTYPE setOwnParameter(OMX_INDEXTYPE index, OMX_PTR structure) override;
   bool work(Lock& lock) override;
-  void forget(Lock& lock, Port& port, OMX_COMMANDTYPE reason) override;
+  void discard(Lock& lock, Port& port, OMX_COMMANDTYPE reason) override;
 
  private:
   /// Bytes that wait for output buffers.
-  struct Pending {
+  struct Outgoing {
     const OMX_U8* data = nullptr;
     std::size_t left = 0;
     OMX_U32 flags = 0;      ///< on every buffer
@@ -40,21 +40,21 @@ class VideoEncode : public Component {
   };
 
   bool takeFrame(Lock& lock);
-  bool start(Lock& lock);
+  bool open(Lock& lock);
   void encode(Lock& lock, Buffer& buffer);
-  bool handOut(Lock& lock, Pending& pending);
+  bool write(Lock& lock, Outgoing& outgoing);
   OMX_ERRORTYPE setRate(const OMX_VIDEO_PARAM_BITRATETYPE& rate);
   OMX_ERRORTYPE setAvc(const OMX_VIDEO_PARAM_AVCTYPE& avc);
   codec::VideoEncoder::Config config();
 
   const std::unique_ptr<codec::VideoEncoder> encoder_ = codec::makeVideoEncoder();
-  bool started_ = false;  ///< the encoder is open with the settings as they are
-  Pending parameterSets_;
-  Pending frame_;
+  bool reopen_ = true;  ///< the settings are not the encoder's yet
+  Outgoing parameterSets_;
+  Outgoing frame_;
   OMX_TICKS timeStamp_{};  ///< of the bytes that wait
   OMX_VIDEO_CONTROLRATETYPE controlRate_ = OMX_Video_ControlRateVariable;
   OMX_VIDEO_PARAM_AVCTYPE avc_{};
-  bool keyFrameAsked_ = false;
+  bool keyFrameWanted_ = false;
 };
 
 }  // namespace il

@@ -55,14 +55,14 @@ void Component::stop() {
     const Lock lock(mutex_);
     stopping_ = true;
     wake();
-    rest_.notify_all();
+    changed_.notify_all();
   }
   if (worker_.joinable()) worker_.join();
 }
 
 void Component::wake() {
-  parked_ = false;
-  work_.notify_one();
+  asleep_ = false;
+  wake_.notify_one();
 }
 
 void Component::run() {
@@ -70,15 +70,14 @@ void Component::run() {
   for (;;) {
     if (announceNext(lock)) continue;
     if (stopping_) return;
-    if (advance(lock) || releaseDue(lock)) continue;
-    if (state_ == OMX_StateExecuting && step(lock)) continue;
-    park(lock);
+    if (advance(lock) || deliverDue(lock)) continue;
+    if (state_ == OMX_StateExecuting && tryWork(lock)) continue;
+    sleep(lock);
   }
 }
 
-/// One step of the component's work. The memory or thread that a codec lacks ends the step, not the
-/// process.
-bool Component::step(Lock& lock) {
+/// One piece of work. The memory or thread that a codec lacks ends that, not the process.
+bool Component::tryWork(Lock& lock) {
   try {
     return work(lock);
   } catch (const std::exception&) {
@@ -88,22 +87,22 @@ bool Component::step(Lock& lock) {
 }
 
 /// Sleeps until something happens, or something that a fault holds back is due.
-void Component::park(Lock& lock) {
-  parked_ = true;
-  rest_.notify_all();
+void Component::sleep(Lock& lock) {
+  asleep_ = true;
+  changed_.notify_all();
   hooks::wentToRest();
-  const auto awake = [this] { return !parked_; };
+  const auto awake = [this] { return !asleep_; };
   const Clock::time_point due = nextDue();
   if (due == never)
-    work_.wait(lock, awake);
+    wake_.wait(lock, awake);
   else
-    work_.wait_until(lock, due, awake);
-  parked_ = false;
+    wake_.wait_until(lock, due, awake);
+  asleep_ = false;
 }
 
 bool Component::atRest() const {
   const Lock lock(mutex_);
-  return parked_ && nextDue() > Clock::now();
+  return asleep_ && nextDue() > Clock::now();
 }
 
 Clock::time_point Component::nextDue() const {
@@ -111,11 +110,11 @@ Clock::time_point Component::nextDue() const {
   for (const Event& event : lateEvents_) due = std::min(due, event.due);
   for (const Port& port : ports_)
     for (const auto& buffer : port.buffers)
-      if (buffer->place == Buffer::Place::Held) due = std::min(due, buffer->due);
+      if (buffer->place == Buffer::Place::Withheld) due = std::min(due, buffer->due);
   return due;
 }
 
-bool Component::releaseDue(Lock& lock) {
+bool Component::deliverDue(Lock& lock) {
   const Clock::time_point now = Clock::now();
   for (std::size_t i = 0; i < lateEvents_.size(); ++i) {
     if (lateEvents_[i].due > now) continue;
@@ -126,7 +125,7 @@ bool Component::releaseDue(Lock& lock) {
   }
   for (Port& port : ports_)
     for (const auto& buffer : port.buffers)
-      if (buffer->place == Buffer::Place::Held && buffer->due <= now) {
+      if (buffer->place == Buffer::Place::Withheld && buffer->due <= now) {
         deliver(lock, port, *buffer, false);
         return true;
       }
@@ -136,7 +135,7 @@ bool Component::releaseDue(Lock& lock) {
 void Component::settle() {
   if (onWorker()) return;
   Lock lock(mutex_);
-  rest_.wait_for(lock, settleLimit, [this] { return parked_ || stopping_; });
+  changed_.wait_for(lock, settleLimit, [this] { return asleep_ || stopping_; });
 }
 
 // --------------------------------------------------------------------------------- commands
@@ -148,17 +147,17 @@ bool Component::advance(Lock& lock) {
       begin(lock, i);
       moved = true;
     }
-    if (!complete(commands_[i])) {
+    if (!isComplete(commands_[i])) {
       ++i;
       continue;
     }
-    finish(commands_[i]);
+    complete(commands_[i]);
     commands_.erase(commands_.begin() + static_cast<std::ptrdiff_t>(i));
     // What waited before it may now be complete.
     i = 0;
     moved = true;
   }
-  if (moved) rest_.notify_all();
+  if (moved) changed_.notify_all();
   return moved;
 }
 
@@ -201,7 +200,7 @@ void Component::beginStateSet(Lock& lock, std::size_t position) {
   }
 }
 
-bool Component::complete(const Command& command) const {
+bool Component::isComplete(const Command& command) const {
   if (!command.begun) return false;
   if (command.error != OMX_ErrorNone) return true;
   const auto populated = [](const Port& port) { return !port.enabled() || port.populated(); };
@@ -222,7 +221,7 @@ bool Component::complete(const Command& command) const {
   }
 }
 
-void Component::finish(const Command& command) {
+void Component::complete(const Command& command) {
   if (command.error != OMX_ErrorNone) {
     raiseError(command.error, 0);
     return;
@@ -294,7 +293,7 @@ void Component::giveBack(Lock& lock, Port& port, Buffer& buffer) {
                         [&] { return describe(port, buffer); });
   if (verdict.is(CompletionFault::Drop) || verdict.is(CompletionFault::Delay) ||
       verdict.is(CompletionFault::ErrorEvent)) {
-    buffer.place = Buffer::Place::Held;
+    buffer.place = Buffer::Place::Withheld;
     buffer.due = dueOf(verdict.fault);
     if (verdict.is(CompletionFault::ErrorEvent))
       raiseError(static_cast<OMX_ERRORTYPE>(verdict.fault.code), port.definition.nPortIndex);
@@ -310,7 +309,7 @@ void Component::deliver(Lock& lock, Port& port, Buffer& buffer, bool twice) {
   OMX_BUFFERHEADERTYPE* const header = &buffer.header;
   const auto done = port.isInput() ? callbacks.EmptyBufferDone : callbacks.FillBufferDone;
   buffer.place = Buffer::Place::Client;
-  returning_ = &buffer;
+  delivering_ = &buffer;
   // From here on the client may refill and resubmit the buffer, even before its callback.
   if (port.isInput()) __atomic_store_n(&header->nFilledLen, 0u, __ATOMIC_RELEASE);
   for (int time = 0; done != nullptr && time < (twice ? 2 : 1); ++time) {
@@ -318,20 +317,20 @@ void Component::deliver(Lock& lock, Port& port, Buffer& buffer, bool twice) {
     const Unlocked unlocked(lock);
     done(&table_, appData, header);
   }
-  returning_ = nullptr;
-  rest_.notify_all();
+  delivering_ = nullptr;
+  changed_.notify_all();
 }
 
 /// Hands back everything that a port holds: what is being worked on, what waits, and what a fault
 /// holds back. A callback may free or submit buffers: what leaves is marked before the first of
 /// them, and looked up again each time.
 void Component::giveBackAll(Lock& lock, Port& port, OMX_COMMANDTYPE reason) {
-  forget(lock, port, reason);
+  discard(lock, port, reason);
   for (const auto& buffer : port.buffers) buffer->leaving = buffer->place != Buffer::Place::Client;
   while (Buffer* const buffer = port.nextLeaving()) {
     buffer->leaving = false;
     // A buffer that a fault has kept back so far meets no second one.
-    if (buffer->place == Buffer::Place::Held) {
+    if (buffer->place == Buffer::Place::Withheld) {
       deliver(lock, port, *buffer, false);
       continue;
     }

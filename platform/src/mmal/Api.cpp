@@ -1,28 +1,24 @@
-#include <system_error>
-
 #include "interface/mmal/mmal.h"
+#include "mmal/Factory.h"
 #include "mmal/PortCall.h"
+#include "mmal/Text.h"
 
 // The published entry points of components and ports.
 
 using mmal::Call;
 using mmal::Component;
 using mmal::componentOf;
-using mmal::nameOrNull;
+using mmal::nameOf;
 using mmal::onPort;
 using mmal::Port;
 using mmal::portOf;
 
 namespace {
 
-std::string nameOrNull(MMAL_COMPONENT_T* component) {
-  return component != nullptr ? nameOf(componentOf(component)) : std::string("null");
-}
-
 template <typename Work>
 MMAL_STATUS_T onComponent(const char* entry, MMAL_COMPONENT_T* component, Work&& work) {
   Call call(entry);
-  const auto args = [&] { return nameOrNull(component); };
+  const auto args = [&] { return nameOf(component); };
   if (call.stopped()) return call.refuse(args);
   if (component == nullptr) return call.leave(MMAL_EINVAL, args);
   const MMAL_STATUS_T status = work(componentOf(component));
@@ -35,20 +31,25 @@ MMAL_STATUS_T releaseReference(const char* entry, MMAL_COMPONENT_T* component) {
   Call call(entry);
   std::string name;
   const auto args = [&] { return name; };
-  if (tessera_platform::hooks::recording) name = nameOrNull(component);
+  if (tessera_platform::hooks::recording) name = nameOf(component);
   if (call.stopped()) return call.refuse(args);
   if (component == nullptr) return call.leave(MMAL_EINVAL, args);
   componentOf(component).release();
   return call.leave(MMAL_SUCCESS, args);
 }
 
-MMAL_STATUS_T createComponent(const char* name, MMAL_COMPONENT_T*& component) try {
-  component = Component::create(name);
-  return component != nullptr ? MMAL_SUCCESS : MMAL_ENOSYS;
-} catch (const std::bad_alloc&) {
-  return MMAL_ENOMEM;
-} catch (const std::system_error&) {
-  return MMAL_ENOMEM;
+template <typename Parameter>
+MMAL_STATUS_T onParameter(const char* entry, MMAL_PORT_T* port, Parameter* parameter,
+                          MMAL_STATUS_T (Component::*work)(Port&, Parameter&)) {
+  return onPort(
+      entry, port,
+      [&](Component& c, Port& p) {
+        return parameter != nullptr ? (c.*work)(p, *parameter) : MMAL_EINVAL;
+      },
+      [&] {
+        return nameOf(port) +
+               (parameter != nullptr ? ", " + mmal::text::parameter(*parameter) : "");
+      });
 }
 
 }  // namespace
@@ -59,13 +60,16 @@ MMAL_STATUS_T mmal_component_create(const char* name, MMAL_COMPONENT_T** compone
   if (component != nullptr) *component = nullptr;
   if (call.stopped()) return call.refuse(args);
   if (name == nullptr || component == nullptr) return call.leave(MMAL_EINVAL, args);
-  return call.leave(createComponent(name, *component), args);
+  Component* made = nullptr;
+  const MMAL_STATUS_T status = mmal::makeComponent(name, made);
+  *component = made;
+  return call.leave(status, args);
 }
 
 void mmal_component_acquire(MMAL_COMPONENT_T* component) {
   Call call("mmal_component_acquire");
   if (!call.stopped() && component != nullptr) componentOf(component).acquire();
-  call.done([&] { return nameOrNull(component); });
+  call.done([&] { return nameOf(component); });
 }
 
 MMAL_STATUS_T mmal_component_release(MMAL_COMPONENT_T* component) {
@@ -88,7 +92,7 @@ MMAL_STATUS_T mmal_port_format_commit(MMAL_PORT_T* port) {
   return onPort(
       "mmal_port_format_commit", port, [](Component& c, Port& p) { return c.commitFormat(p); },
       [&] {
-        return nameOrNull(port) + (port != nullptr ? ", " + mmal::formatText(*port->format) : "");
+        return nameOf(port) + (port != nullptr ? ", " + mmal::text::format(*port->format) : "");
       });
 }
 
@@ -96,8 +100,8 @@ MMAL_STATUS_T mmal_port_enable(MMAL_PORT_T* port, MMAL_PORT_BH_CB_T cb) {
   return onPort(
       "mmal_port_enable", port, [cb](Component& c, Port& p) { return c.enablePort(p, cb); },
       [&] {
-        if (port == nullptr) return nameOrNull(port);
-        return nameOrNull(port) + ", " + std::to_string(port->buffer_num) + " x " +
+        if (port == nullptr) return nameOf(port);
+        return nameOf(port) + ", " + std::to_string(port->buffer_num) + " x " +
                std::to_string(port->buffer_size) +
                (port->userdata == nullptr ? ", no user data" : "");
       });
@@ -106,73 +110,32 @@ MMAL_STATUS_T mmal_port_enable(MMAL_PORT_T* port, MMAL_PORT_BH_CB_T cb) {
 MMAL_STATUS_T mmal_port_disable(MMAL_PORT_T* port) {
   return onPort(
       "mmal_port_disable", port, [](Component& c, Port& p) { return c.disablePort(p); },
-      [&] { return nameOrNull(port); });
+      [&] { return nameOf(port); });
 }
 
 MMAL_STATUS_T mmal_port_flush(MMAL_PORT_T* port) {
   return onPort(
       "mmal_port_flush", port, [](Component& c, Port& p) { return c.flushPort(p); },
-      [&] { return nameOrNull(port); });
+      [&] { return nameOf(port); });
 }
 
 MMAL_STATUS_T mmal_port_parameter_set(MMAL_PORT_T* port, const MMAL_PARAMETER_HEADER_T* param) {
-  return onPort(
-      "mmal_port_parameter_set", port,
-      [param](Component& c, Port& p) {
-        return param != nullptr ? c.setParameter(p, *param) : MMAL_EINVAL;
-      },
-      [&] {
-        return nameOrNull(port) + (param != nullptr ? ", " + mmal::parameterText(*param) : "");
-      });
+  return onParameter(__func__, port, param, &Component::setParameter);
 }
 
 MMAL_STATUS_T mmal_port_parameter_get(MMAL_PORT_T* port, MMAL_PARAMETER_HEADER_T* param) {
-  return onPort(
-      "mmal_port_parameter_get", port,
-      [param](Component& c, Port& p) {
-        return param != nullptr ? c.getParameter(p, *param) : MMAL_EINVAL;
-      },
-      [&] {
-        return nameOrNull(port) + (param != nullptr ? ", " + mmal::parameterText(*param) : "");
-      });
+  return onParameter(__func__, port, param, &Component::getParameter);
 }
 
 MMAL_STATUS_T mmal_port_send_buffer(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer) {
   // What is sent is told as it was before the component had it.
   std::string payload;
   if (tessera_platform::hooks::recording && buffer != nullptr)
-    payload = port != nullptr && portOf(port).isOutput() ? "empty" : mmal::payloadText(*buffer);
+    payload = port != nullptr && portOf(port).isOutput() ? "empty" : mmal::text::payload(*buffer);
   return onPort(
       "mmal_port_send_buffer", port,
       [buffer](Component& c, Port& p) {
         return buffer != nullptr ? c.sendBuffer(p, *mmal::headerOf(buffer)) : MMAL_EINVAL;
       },
-      [&] { return nameOrNull(port) + ", " + payload; });
-}
-
-MMAL_STATUS_T mmal_port_connect(MMAL_PORT_T* port, MMAL_PORT_T*) {
-  return onPort(
-      "mmal_port_connect", port, [](Component&, Port&) { return MMAL_ENOSYS; },
-      [&] { return nameOrNull(port); });
-}
-
-MMAL_STATUS_T mmal_port_disconnect(MMAL_PORT_T* port) {
-  return onPort(
-      "mmal_port_disconnect", port, [](Component&, Port&) { return MMAL_ENOSYS; },
-      [&] { return nameOrNull(port); });
-}
-
-uint8_t* mmal_port_payload_alloc(MMAL_PORT_T* port, uint32_t payload_size) {
-  Call call("mmal_port_payload_alloc");
-  uint8_t* const payload =
-      call.stopped() || payload_size == 0 ? nullptr : mmal::allocatePayload(payload_size);
-  return call.answer(
-      payload, [&] { return nameOrNull(port) + ", " + std::to_string(payload_size); },
-      [](const uint8_t* p) { return p != nullptr ? "memory" : "null"; });
-}
-
-void mmal_port_payload_free(MMAL_PORT_T* port, uint8_t* payload) {
-  Call call("mmal_port_payload_free");
-  if (!call.stopped()) mmal::freePayload(payload);
-  call.done([&] { return nameOrNull(port); });
+      [&] { return nameOf(port) + ", " + payload; });
 }

@@ -5,10 +5,7 @@
 #include <system_error>
 
 #include "interface/mmal/mmal_events.h"
-#include "mmal/ImageEncode.h"
 #include "mmal/Parameter.h"
-#include "mmal/VideoDecode.h"
-#include "mmal/VideoEncode.h"
 
 namespace mmal {
 
@@ -18,43 +15,6 @@ namespace {
 constexpr char namePrefix[] = "vc.ril.";
 constexpr std::size_t namePrefixLength = sizeof(namePrefix) - 1;
 }  // namespace
-
-Port::Port(Component& owner, MMAL_PORT_TYPE_T portType, std::uint16_t itsIndex,
-           std::uint16_t indexAll, std::string itsName)
-    : MMAL_PORT_T{}, owner_(owner), name_(std::move(itsName)) {
-  name = name_.c_str();
-  type = portType;
-  index = itsIndex;
-  index_all = indexAll;
-  format = &format_;
-  format_.type = committed.type =
-      portType == MMAL_PORT_TYPE_CONTROL ? MMAL_ES_TYPE_CONTROL : MMAL_ES_TYPE_VIDEO;
-  component = &owner;
-  capabilities = MMAL_PORT_CAPABILITY_SUPPORTS_EVENT_FORMAT_CHANGE;
-}
-
-void Port::require(std::uint32_t num, std::uint32_t size, std::uint32_t sizeMin) {
-  buffer_num_min = 1;
-  buffer_num_recommended = num;
-  buffer_size_min = sizeMin;
-  buffer_size_recommended = size;
-  buffer_alignment_min = 1;
-}
-
-void Port::hold(HeaderList& list, Header& header) {
-  header.port = this;
-  list.pushBack(header);
-}
-
-Component* Component::create(const std::string& name) {
-  std::unique_ptr<Component> made;
-  if (name == "vc.ril.image_encode") made = std::make_unique<ImageEncode>();
-  if (name == "vc.ril.video_encode") made = std::make_unique<VideoEncode>();
-  if (name == "vc.ril.video_decode") made = std::make_unique<VideoDecode>();
-  if (made == nullptr) return nullptr;
-  made->start();
-  return made.release();
-}
 
 Component::Component(std::string itsName)
     : MMAL_COMPONENT_T{},
@@ -73,6 +33,7 @@ Component::Component(std::string itsName)
   output = outputs_;
   port_num = 3;
   port = all_;
+  for (Port* each : ports_) each->component = this;
 }
 
 /// All components that live. Never destroyed: a pool may be destroyed while the process ends.
@@ -124,8 +85,19 @@ void Component::start() {
   worker_ = std::thread([this] { run(); });
 }
 
-const char* Component::kind() const {
-  return name_.c_str() + namePrefixLength;
+std::string Component::journalName() const {
+  return tessera_platform::hooks::nameOf(this, name_.c_str() + namePrefixLength);
+}
+
+std::string nameOf(MMAL_COMPONENT_T* component) {
+  return component != nullptr ? componentOf(component).journalName() : "null";
+}
+
+std::string nameOf(MMAL_PORT_T* port) {
+  if (port == nullptr) return "null";
+  const Port& known = portOf(port);
+  const char* const direction = known.isInput() ? ":in" : known.isOutput() ? ":out" : ":ctr";
+  return known.owner().journalName() + direction + std::to_string(known.index);
 }
 
 void Component::acquire() {
@@ -141,10 +113,10 @@ void Component::takeDown() {
   for (Port* each : ports_) {
     if (each->is_enabled == 0) continue;
     each->is_enabled = 0;
-    ++each->asked;
+    ++each->recalls;
     tessera_platform::hooks::count(Kind::EnabledPort, -1);
   }
-  quit_ = true;
+  stopping_ = true;
   orphaned_ = onOwnWorker();
   const bool mine = !orphaned_;
   wake(held);
@@ -156,7 +128,7 @@ void Component::takeDown() {
 MMAL_STATUS_T Component::enable() {
   Lock held(mutex_);
   is_enabled = 1;
-  stirred_ = true;
+  workDue_ = true;
   wake(held);
   return MMAL_SUCCESS;
 }
@@ -164,7 +136,7 @@ MMAL_STATUS_T Component::enable() {
 MMAL_STATUS_T Component::disable() {
   Lock held(mutex_);
   is_enabled = 0;
-  if (!onOwnWorker()) changed_.wait(held, [this] { return !stepping_; });
+  if (!onOwnWorker()) changed_.wait(held, [this] { return !working_; });
   return MMAL_SUCCESS;
 }
 
@@ -181,15 +153,15 @@ MMAL_STATUS_T Component::commitFormat(Port& target) {
 MMAL_STATUS_T Component::enablePort(Port& target, MMAL_PORT_BH_CB_T callback) {
   Lock held(mutex_);
   // A disable from inside a callback may still have buffers on their way back.
-  if (onOwnWorker() && target.asked != target.answered) return MMAL_ENOTREADY;
-  changed_.wait(held, [&] { return target.asked == target.answered; });
+  if (onOwnWorker() && target.recalled()) return MMAL_ENOTREADY;
+  changed_.wait(held, [&] { return !target.recalled(); });
   if (target.is_enabled != 0 || callback == nullptr) return MMAL_EINVAL;
   if (target.buffer_num < target.buffer_num_min || target.buffer_size < target.buffer_size_min)
     return MMAL_EINVAL;
   target.callback = callback;
   target.is_enabled = 1;
   tessera_platform::hooks::count(Kind::EnabledPort, 1);
-  stirred_ = true;
+  workDue_ = true;
   wake(held);
   return MMAL_SUCCESS;
 }
@@ -199,13 +171,13 @@ MMAL_STATUS_T Component::disablePort(Port& target) {
   if (target.is_enabled == 0) return MMAL_EINVAL;
   target.is_enabled = 0;
   tessera_platform::hooks::count(Kind::EnabledPort, -1);
-  giveBack(held, target);
+  recall(held, target);
   return MMAL_SUCCESS;
 }
 
 MMAL_STATUS_T Component::flushPort(Port& target) {
   Lock held(mutex_);
-  if (target.is_enabled != 0) giveBack(held, target);
+  if (target.is_enabled != 0) recall(held, target);
   return MMAL_SUCCESS;
 }
 
@@ -219,8 +191,9 @@ MMAL_STATUS_T Component::sendBuffer(Port& target, Header& header) {
   if (!header.move(Place::Client, Place::Port)) return MMAL_EINVAL;
   if (target.isOutput()) header.reset();
   header.judged = false;
-  target.hold(target.pending, header);
-  stirred_ = true;
+  header.holder = this;
+  target.pending.pushBack(header);
+  workDue_ = true;
   wake(held);
   return MMAL_SUCCESS;
 }

@@ -20,18 +20,18 @@ namespace mmal {
 ///
 /// One lock guards the ports and their lists. It is never held during codec work or a callback, so
 /// that a client's call waits for neither unless it must.
-class Component : public MMAL_COMPONENT_T, public Home {
+class Component : public MMAL_COMPONENT_T, public Home, public Holder {
  public:
-  /// Makes the component of a published name and starts it; null for an unknown name.
-  /// @throws std::bad_alloc, std::system_error without memory or thread
-  static Component* create(const std::string& name);
-
   virtual ~Component();
   Component(const Component&) = delete;
   Component& operator=(const Component&) = delete;
 
-  /// "video_encode", for the journal.
-  const char* kind() const;
+  /// Puts the defaults in place and starts the worker.
+  /// @throws std::bad_alloc, std::system_error without memory or thread
+  void start();
+
+  /// "video_encode#2", for the journal.
+  std::string journalName() const;
 
   // References. The last release gives all buffers back, ends the worker and deletes the object.
   void acquire();
@@ -48,8 +48,7 @@ class Component : public MMAL_COMPONENT_T, public Home {
   MMAL_STATUS_T setParameter(Port& port, const MMAL_PARAMETER_HEADER_T& parameter);
   MMAL_STATUS_T getParameter(Port& port, MMAL_PARAMETER_HEADER_T& parameter);
 
-  /// Takes a header that is being destroyed away from a port, once the worker is not using it.
-  void evict(Port& port, Header& header);
+  void letGo(Header& header) override;
   /// Waits until no worker is in a callback with a header any more.
   static void awaitDelivery(const Header& header);
   /// Waits until the worker has nothing left to do, at most a second.
@@ -72,20 +71,20 @@ class Component : public MMAL_COMPONENT_T, public Home {
   // What a subclass does on the worker.
   /// One piece of work, without the lock, that ends with at most one callback.
   /// @return false when it can do nothing until a buffer, a request or an enable comes
-  virtual bool step() = 0;
+  virtual bool work() = 0;
   /// The port was flushed or disabled: what the codec holds of its stream is void. With the lock
-  /// held; the work itself is for the next step().
-  virtual void drop(Port& port) = 0;
-  /// There was no memory, or thread, for a step(): what it worked on is lost. Gives the oldest
+  /// held; anything that takes long is for the next work().
+  virtual void discard(Port& port) = 0;
+  /// A work() had no memory, or thread: what it worked on is lost. Gives the oldest
   /// input buffer back, without the lock; an error event follows.
   virtual void lose();
 
   // What a subclass uses on the worker, without the lock.
-  /// The oldest buffer of a port, which stays there until finish(); null when there is none.
+  /// The oldest buffer of a port, which stays there until giveBack(); null when there is none.
   Header* front(Port& port);
   /// Hands the oldest buffer back through the callback.
-  void finish(Port& port);
-  /// Makes the worker try step() again at that time, though nothing may have come until then.
+  void giveBack(Port& port);
+  /// Makes the worker try work() again at that time, though nothing may have come until then.
   void tryAgainAt(std::chrono::steady_clock::time_point time);
   /// Hands out an event. Ports that are not enabled get none.
   void raise(Port& port, Header& event);
@@ -102,27 +101,27 @@ class Component : public MMAL_COMPONENT_T, public Home {
   struct Registry;
   static Registry& registry();
 
-  void start();
   void takeDown();
   void takeBack(Header& header) override;
 
   // Client's side.
   void wake(Lock& held);
-  void giveBack(Lock& held, Port& port);
+  void recall(Lock& held, Port& port);
   bool onOwnWorker() const;
 
   // Worker's side.
   void run();
-  bool tryStep();
-  bool serveRequests(Lock& held);
-  void serve(Lock& held, Port& port);
+  bool tryWork();
+  bool serveRecalls(Lock& held);
+  void giveBackAll(Lock& held, Port& port);
   bool deliverDue(Lock& held);
   bool busy() const;
   bool atRest();
   Clock::time_point nextDue() const;
   void sleep(Lock& held);
-  void conclude(Lock& held, Port& port, Header& header);
-  void concludeUnused(Lock& held, Port& port, Header& header);
+  void giveBack(Lock& held, Port& port, Header& header);
+  void giveBackInTurn(Lock& held, Port& port, Header& header);
+  void giveBackUnused(Lock& held, Port& port, Header& header);
   void deliver(Lock& held, Port& port, Header& header, bool twice = false);
   void deliverError(Lock& held, Port& port, std::uint32_t status);
 
@@ -138,19 +137,23 @@ class Component : public MMAL_COMPONENT_T, public Home {
   std::atomic<unsigned> references_{1};
   std::mutex mutex_;
   std::condition_variable wake_;     ///< the worker waits on it
-  std::condition_variable changed_;  ///< clients wait on it: requests served, work ended
-  bool stirred_ = false;             ///< something came that step() has not seen
+  std::condition_variable changed_;  ///< clients wait on it: buffers given back, work ended
+  bool workDue_ = false;             ///< something came that work() has not seen
   Clock::time_point alarm_ = never;
-  bool stepping_ = false;
+  bool working_ = false;
   const Header* delivering_ = nullptr;  ///< whose callback is under way
   bool asleep_ = false;
-  bool quit_ = false;
+  bool stopping_ = false;
   bool orphaned_ = false;  ///< released for the last time by its own worker
   tessera_platform::hooks::Counted counted_{tessera_platform::hooks::Kind::Component};
   tessera_platform::hooks::Counted thread_{tessera_platform::hooks::Kind::Thread};
   std::thread worker_;
   tessera_platform::hooks::Watched watched_{[this] { return atRest(); }};
 };
+
+/// For the journal: "video_encode#2", "video_encode#2:in0"; "null" for null.
+std::string nameOf(MMAL_COMPONENT_T* component);
+std::string nameOf(MMAL_PORT_T* port);
 
 inline Component& componentOf(MMAL_COMPONENT_T* component) {
   return *static_cast<Component*>(component);

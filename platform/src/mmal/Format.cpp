@@ -4,7 +4,8 @@
 #include <new>
 
 #include "interface/mmal/util/mmal_util.h"
-#include "mmal/Journal.h"
+#include "mmal/Call.h"
+#include "mmal/Text.h"
 
 namespace mmal {
 
@@ -61,44 +62,6 @@ bool rawGeometryFits(const MMAL_VIDEO_FORMAT_T& video) {
          std::int64_t{crop.y} + crop.height <= std::int64_t{video.height};
 }
 
-namespace {
-
-bool same(const MMAL_RATIONAL_T& a, const MMAL_RATIONAL_T& b) {
-  return std::int64_t{a.num} * b.den == std::int64_t{b.num} * a.den;
-}
-
-bool sameExtraData(const MMAL_ES_FORMAT_T& a, const MMAL_ES_FORMAT_T& b) {
-  if (a.extradata_size != b.extradata_size) return false;
-  return a.extradata_size == 0 || std::memcmp(a.extradata, b.extradata, a.extradata_size) == 0;
-}
-
-std::uint32_t compareVideo(const MMAL_VIDEO_FORMAT_T& a, const MMAL_VIDEO_FORMAT_T& b) {
-  std::uint32_t difference = 0;
-  if (a.width != b.width || a.height != b.height)
-    difference |= MMAL_ES_FORMAT_COMPARE_FLAG_VIDEO_RESOLUTION;
-  if (std::memcmp(&a.crop, &b.crop, sizeof(a.crop)) != 0)
-    difference |= MMAL_ES_FORMAT_COMPARE_FLAG_VIDEO_CROPPING;
-  if (!same(a.frame_rate, b.frame_rate)) difference |= MMAL_ES_FORMAT_COMPARE_FLAG_VIDEO_FRAME_RATE;
-  if (!same(a.par, b.par)) difference |= MMAL_ES_FORMAT_COMPARE_FLAG_VIDEO_ASPECT_RATIO;
-  if (a.color_space != b.color_space) difference |= MMAL_ES_FORMAT_COMPARE_FLAG_VIDEO_COLOR_SPACE;
-  return difference;
-}
-
-std::uint32_t compare(const MMAL_ES_FORMAT_T& a, const MMAL_ES_FORMAT_T& b) {
-  if (a.type != b.type) return MMAL_ES_FORMAT_COMPARE_FLAG_TYPE;
-  std::uint32_t difference = 0;
-  if (a.encoding != b.encoding) difference |= MMAL_ES_FORMAT_COMPARE_FLAG_ENCODING;
-  if (a.bitrate != b.bitrate) difference |= MMAL_ES_FORMAT_COMPARE_FLAG_BITRATE;
-  if (a.flags != b.flags) difference |= MMAL_ES_FORMAT_COMPARE_FLAG_FLAGS;
-  if (!sameExtraData(a, b)) difference |= MMAL_ES_FORMAT_COMPARE_FLAG_EXTRADATA;
-  if (a.type == MMAL_ES_TYPE_VIDEO) difference |= compareVideo(a.es->video, b.es->video);
-  // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison): what is not used of the union is zero
-  else if (std::memcmp(a.es, b.es, sizeof(*a.es)) != 0)
-    difference |= MMAL_ES_FORMAT_COMPARE_FLAG_ES_OTHER;
-  return difference;
-}
-
-}  // namespace
 }  // namespace mmal
 
 using mmal::Call;
@@ -130,25 +93,15 @@ void mmal_format_copy(MMAL_ES_FORMAT_T* destination, MMAL_ES_FORMAT_T* source) {
   Call call("mmal_format_copy");
   if (!call.stopped() && destination != nullptr && source != nullptr && destination != source)
     mmal::copyFormat(*destination, *source);
-  call.done([&] { return source != nullptr ? mmal::formatText(*source) : std::string("null"); });
+  call.done([&] { return source != nullptr ? mmal::text::format(*source) : std::string("null"); });
 }
 
 MMAL_STATUS_T mmal_format_full_copy(MMAL_ES_FORMAT_T* destination, MMAL_ES_FORMAT_T* source) {
   Call call("mmal_format_full_copy");
   const auto args = [&] {
-    return source != nullptr ? mmal::formatText(*source) : std::string("null");
+    return source != nullptr ? mmal::text::format(*source) : std::string("null");
   };
   if (call.stopped()) return call.refuse(args);
   if (destination == nullptr || source == nullptr) return call.leave(MMAL_EINVAL, args);
   return call.leave(static_cast<Format*>(destination)->copyAll(*source), args);
-}
-
-uint32_t mmal_format_compare(MMAL_ES_FORMAT_T* a, MMAL_ES_FORMAT_T* b) {
-  Call call("mmal_format_compare");
-  std::uint32_t difference = 0;
-  if (!call.stopped())
-    difference =
-        a != nullptr && b != nullptr ? mmal::compare(*a, *b) : MMAL_ES_FORMAT_COMPARE_FLAG_TYPE;
-  return call.answer(
-      difference, [] { return std::string(); }, [](std::uint32_t d) { return std::to_string(d); });
 }

@@ -1,9 +1,6 @@
 #include "mmal/Header.h"
 
-#include "mmal/Component.h"
-#include "mmal/Journal.h"
-#include "mmal/Port.h"
-#include "mmal/Queue.h"
+#include "mmal/Call.h"
 
 namespace mmal {
 
@@ -31,20 +28,14 @@ Header::Header(Home& itsHome, Payload&& itsPayload)
 
 Header::~Header() {
   detach();
-  if (original_ != nullptr) original_->release();
 }
 
 // The holder may let go of it, to another one, while this waits for the holder's lock.
 void Header::detach() {
   for (;;) {
-    Queue* const inQueue = queue;
-    Port* const atPort = port;
-    if (place() == Place::Queue && inQueue != nullptr)
-      inQueue->remove(*this);
-    else if (place() == Place::Port && atPort != nullptr)
-      atPort->owner().evict(*atPort, *this);
-    else if (place() == Place::Client || place() == Place::Returning)
-      return;
+    Holder* const has = holder;
+    if (place() == Place::Client || place() == Place::Returning) return;
+    if (has != nullptr) has->letGo(*this);
   }
 }
 
@@ -84,41 +75,14 @@ void Header::release() {
     if (!last) return;
     break;
   }
-  if (preRelease != nullptr && preRelease(this, preReleaseData) != MMAL_FALSE) return;
   goHome();
 }
 
-void Header::continueRelease() {
-  if (place() == Place::Returning) goHome();
-}
-
 void Header::goHome() {
-  if (Header* const shared = original_) {
-    original_ = nullptr;
-    data = payload_.data();
-    alloc_size = payload_.size();
-    shared->release();
-  }
   reset();
   // A header at home carries the reference of whoever gets it next.
   state_ = oneReference | static_cast<std::uint32_t>(Place::Client);
   home_.takeBack(*this);
-}
-
-MMAL_STATUS_T Header::replicate(Header& source) {
-  if (&source == this || original_ != nullptr || payload_.data() != nullptr) return MMAL_EINVAL;
-  source.acquire();
-  original_ = &source;
-  cmd = source.cmd;
-  data = source.data;
-  alloc_size = source.alloc_size;
-  length = source.length;
-  offset = source.offset;
-  flags = source.flags;
-  pts = source.pts;
-  dts = source.dts;
-  specific_ = source.specific_;
-  return MMAL_SUCCESS;
 }
 
 void HeaderList::pushBack(Header& header) {
@@ -170,45 +134,26 @@ void HeaderList::splice(HeaderList& other) {
 using mmal::Call;
 using mmal::headerOf;
 
-void mmal_buffer_header_acquire(MMAL_BUFFER_HEADER_T* header) {
-  Call call("mmal_buffer_header_acquire");
-  if (!call.stopped() && header != nullptr) headerOf(header)->acquire();
+namespace {
+
+void onHeader(const char* entry, MMAL_BUFFER_HEADER_T* header, void (mmal::Header::*work)()) {
+  const Call call(entry);
+  if (!call.stopped() && header != nullptr) (headerOf(header)->*work)();
   call.done();
+}
+
+}  // namespace
+
+void mmal_buffer_header_acquire(MMAL_BUFFER_HEADER_T* header) {
+  onHeader(__func__, header, &mmal::Header::acquire);
 }
 
 void mmal_buffer_header_reset(MMAL_BUFFER_HEADER_T* header) {
-  Call call("mmal_buffer_header_reset");
-  if (!call.stopped() && header != nullptr) headerOf(header)->reset();
-  call.done();
+  onHeader(__func__, header, &mmal::Header::reset);
 }
 
 void mmal_buffer_header_release(MMAL_BUFFER_HEADER_T* header) {
-  Call call("mmal_buffer_header_release");
-  if (!call.stopped() && header != nullptr) headerOf(header)->release();
-  call.done();
-}
-
-void mmal_buffer_header_pre_release_cb_set(MMAL_BUFFER_HEADER_T* header,
-                                           MMAL_BH_PRE_RELEASE_CB_T cb, void* userdata) {
-  Call call("mmal_buffer_header_pre_release_cb_set");
-  if (!call.stopped() && header != nullptr) {
-    headerOf(header)->preRelease = cb;
-    headerOf(header)->preReleaseData = userdata;
-  }
-  call.done();
-}
-
-void mmal_buffer_header_release_continue(MMAL_BUFFER_HEADER_T* header) {
-  Call call("mmal_buffer_header_release_continue");
-  if (!call.stopped() && header != nullptr) headerOf(header)->continueRelease();
-  call.done();
-}
-
-MMAL_STATUS_T mmal_buffer_header_replicate(MMAL_BUFFER_HEADER_T* dest, MMAL_BUFFER_HEADER_T* src) {
-  Call call("mmal_buffer_header_replicate");
-  if (call.stopped()) return call.refuse();
-  if (dest == nullptr || src == nullptr) return call.leave(MMAL_EINVAL);
-  return call.leave(headerOf(dest)->replicate(*headerOf(src)));
+  onHeader(__func__, header, &mmal::Header::release);
 }
 
 MMAL_STATUS_T mmal_buffer_header_mem_lock(MMAL_BUFFER_HEADER_T* header) {

@@ -12,8 +12,6 @@
 namespace mmal {
 
 struct Header;
-class Port;
-struct Queue;
 
 /// Who takes a header back after its last release: a pool, or a component for its event buffers.
 class Home {
@@ -25,6 +23,16 @@ class Home {
   ~Home() = default;
 };
 
+/// Who has a header for the moment: a queue, or a component in one of its ports.
+class Holder {
+ public:
+  /// Takes a header that is being destroyed out, as soon as nothing here uses it.
+  virtual void letGo(Header& header) = 0;
+
+ protected:
+  ~Holder() = default;
+};
+
 /// Where a header is. Only a header that the client has may be put, sent or finally released;
 /// everything else is a mistake (or an injected double callback) and changes nothing.
 enum class Place : std::uint32_t { Client, Queue, Port, Returning };
@@ -32,16 +40,14 @@ enum class Place : std::uint32_t { Client, Queue, Port, Returning };
 /// A buffer header with what the platform keeps about it.
 struct Header final : MMAL_BUFFER_HEADER_T {
   Header(Home& itsHome, Payload&& itsPayload);
-  /// Leaves the queue or port that still holds it, so that neither keeps a dead pointer.
+  /// Leaves the queue or port that still has it, so that neither keeps a dead pointer.
   ~Header();
   Header(const Header&) = delete;
   Header& operator=(const Header&) = delete;
 
   void acquire();
   void release();
-  void continueRelease();
-  MMAL_STATUS_T replicate(Header& source);
-  /// Takes it out of the queue or port that holds it.
+  /// Takes it out of the queue or port that has it.
   void detach();
   /// Empties the description; payload and place stay.
   void reset();
@@ -50,16 +56,12 @@ struct Header final : MMAL_BUFFER_HEADER_T {
   /// Goes from one place to another, unless it is somewhere else.
   bool move(Place from, Place to);
 
-  // Set by the queue or port that the header moves into, under its lock.
-  std::atomic<Queue*> queue{nullptr};
-  std::atomic<Port*> port{nullptr};
+  /// Set by whoever the header moves to, under its lock; null while the client has it.
+  std::atomic<Holder*> holder{nullptr};
 
   // While a port has it: the callback was asked for already, and is due then.
   bool judged = false;
   std::chrono::steady_clock::time_point due;
-
-  MMAL_BH_PRE_RELEASE_CB_T preRelease = nullptr;
-  void* preReleaseData = nullptr;
 
  private:
   static constexpr std::uint32_t placeMask = 3;
@@ -69,7 +71,6 @@ struct Header final : MMAL_BUFFER_HEADER_T {
 
   Home& home_;
   Payload payload_;
-  Header* original_ = nullptr;  ///< whose payload this one shares
   MMAL_BUFFER_HEADER_TYPE_SPECIFIC_T specific_{};
   /// References and place in one word: a release and a send of the same header cannot both win.
   std::atomic<std::uint32_t> state_{oneReference};

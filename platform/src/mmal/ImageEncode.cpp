@@ -43,7 +43,7 @@ constexpr std::uint32_t defaultOutput = 64 * 1024;
 
 }  // namespace
 
-ImageEncode::ImageEncode() : Component("vc.ril.image_encode") {
+ImageEncode::ImageEncode() : Component(publishedName) {
   input0().committed.encoding = MMAL_ENCODING_YUYV;
   output0().committed.encoding = MMAL_ENCODING_JPEG;
 }
@@ -84,12 +84,12 @@ std::vector<MMAL_FOURCC_T> ImageEncode::encodings(const Port& target) const {
   return codes;
 }
 
-bool ImageEncode::step() {
+bool ImageEncode::work() {
   if (ready_) {
     Header* const out = front(output0());
     if (out == nullptr) return false;
     write(*out);
-    finish(output0());
+    giveBack(output0());
     return true;
   }
   Header* const in = front(input0());
@@ -97,7 +97,7 @@ bool ImageEncode::step() {
   const bool wanted = in->length > 0;
   // A shortage costs the picture, whose buffer goes out empty; an error event would be for good.
   ready_ = wanted && (encode(*in) || encoder_->lacksMemory());
-  finish(input0());
+  giveBack(input0());
   if (wanted && !ready_) raiseError(MMAL_EIO);
   return true;
 }
@@ -141,7 +141,7 @@ void ImageEncode::write(Header& out) {
 }
 
 // A JPEG that nobody has fetched is not the answer to a later picture.
-void ImageEncode::drop(Port&) {
+void ImageEncode::discard(Port&) {
   ready_ = false;
 }
 

@@ -11,6 +11,8 @@ namespace mmal {
 /// in the next ones, and the last carries the flag.
 class ImageEncode final : public Component {
  public:
+  static constexpr char publishedName[] = "vc.ril.image_encode";
+
   ImageEncode();
 
  private:
@@ -19,8 +21,8 @@ class ImageEncode final : public Component {
   MMAL_STATUS_T setOwnParameter(Port& target, const MMAL_PARAMETER_HEADER_T& parameter) override;
   MMAL_STATUS_T getOwnParameter(Port& target, MMAL_PARAMETER_HEADER_T& parameter) override;
   std::vector<MMAL_FOURCC_T> encodings(const Port& target) const override;
-  bool step() override;
-  void drop(Port& target) override;
+  bool work() override;
+  void discard(Port& target) override;
 
   bool encode(const Header& in);
   void write(Header& out);

@@ -1,11 +1,10 @@
 #include "interface/mmal/util/mmal_util_params.h"
 #include "mmal/PortCall.h"
+#include "mmal/Text.h"
 
 // Parameters of one plain value: the published calls for each type.
 
 namespace {
-
-using mmal::nameOrNull;
 
 /// All of them look like this.
 template <typename Value>
@@ -13,9 +12,8 @@ struct Plain {
   MMAL_PARAMETER_HEADER_T hdr;
   Value value;
 };
-static_assert(sizeof(Plain<uint64_t>) == sizeof(MMAL_PARAMETER_UINT64_T), "layout");
+static_assert(sizeof(Plain<uint32_t>) == sizeof(MMAL_PARAMETER_UINT32_T), "layout");
 static_assert(sizeof(Plain<MMAL_BOOL_T>) == sizeof(MMAL_PARAMETER_BOOLEAN_T), "layout");
-static_assert(sizeof(Plain<MMAL_RATIONAL_T>) == sizeof(MMAL_PARAMETER_RATIONAL_T), "layout");
 
 template <typename Value>
 MMAL_STATUS_T set(const char* entry, MMAL_PORT_T* port, uint32_t id, Value value) {
@@ -23,7 +21,7 @@ MMAL_STATUS_T set(const char* entry, MMAL_PORT_T* port, uint32_t id, Value value
   return mmal::onPort(
       entry, port,
       [&](mmal::Component& c, mmal::Port& p) { return c.setParameter(p, parameter.hdr); },
-      [&] { return nameOrNull(port) + ", " + mmal::parameterText(parameter.hdr); });
+      [&] { return mmal::nameOf(port) + ", " + mmal::text::parameter(parameter.hdr); });
 }
 
 template <typename Value>
@@ -37,7 +35,7 @@ MMAL_STATUS_T get(const char* entry, MMAL_PORT_T* port, uint32_t id, Value* valu
         if (status == MMAL_SUCCESS) *value = parameter.value;
         return status;
       },
-      [&] { return nameOrNull(port) + ", " + mmal::parameterText(parameter.hdr); });
+      [&] { return mmal::nameOf(port) + ", " + mmal::text::parameter(parameter.hdr); });
 }
 
 }  // namespace
@@ -48,35 +46,9 @@ MMAL_STATUS_T mmal_port_parameter_set_boolean(MMAL_PORT_T* port, uint32_t id, MM
 MMAL_STATUS_T mmal_port_parameter_get_boolean(MMAL_PORT_T* port, uint32_t id, MMAL_BOOL_T* value) {
   return get("mmal_port_parameter_get_boolean", port, id, value);
 }
-MMAL_STATUS_T mmal_port_parameter_set_uint64(MMAL_PORT_T* port, uint32_t id, uint64_t value) {
-  return set("mmal_port_parameter_set_uint64", port, id, value);
-}
-MMAL_STATUS_T mmal_port_parameter_get_uint64(MMAL_PORT_T* port, uint32_t id, uint64_t* value) {
-  return get("mmal_port_parameter_get_uint64", port, id, value);
-}
-MMAL_STATUS_T mmal_port_parameter_set_int64(MMAL_PORT_T* port, uint32_t id, int64_t value) {
-  return set("mmal_port_parameter_set_int64", port, id, value);
-}
-MMAL_STATUS_T mmal_port_parameter_get_int64(MMAL_PORT_T* port, uint32_t id, int64_t* value) {
-  return get("mmal_port_parameter_get_int64", port, id, value);
-}
 MMAL_STATUS_T mmal_port_parameter_set_uint32(MMAL_PORT_T* port, uint32_t id, uint32_t value) {
   return set("mmal_port_parameter_set_uint32", port, id, value);
 }
 MMAL_STATUS_T mmal_port_parameter_get_uint32(MMAL_PORT_T* port, uint32_t id, uint32_t* value) {
   return get("mmal_port_parameter_get_uint32", port, id, value);
-}
-MMAL_STATUS_T mmal_port_parameter_set_int32(MMAL_PORT_T* port, uint32_t id, int32_t value) {
-  return set("mmal_port_parameter_set_int32", port, id, value);
-}
-MMAL_STATUS_T mmal_port_parameter_get_int32(MMAL_PORT_T* port, uint32_t id, int32_t* value) {
-  return get("mmal_port_parameter_get_int32", port, id, value);
-}
-MMAL_STATUS_T mmal_port_parameter_set_rational(MMAL_PORT_T* port, uint32_t id,
-                                               MMAL_RATIONAL_T value) {
-  return set("mmal_port_parameter_set_rational", port, id, value);
-}
-MMAL_STATUS_T mmal_port_parameter_get_rational(MMAL_PORT_T* port, uint32_t id,
-                                               MMAL_RATIONAL_T* value) {
-  return get("mmal_port_parameter_get_rational", port, id, value);
 }

@@ -25,11 +25,12 @@ class Port final : public MMAL_PORT_T {
   bool isInput() const { return type == MMAL_PORT_TYPE_INPUT; }
   bool isOutput() const { return type == MMAL_PORT_TYPE_OUTPUT; }
   /// Buffers may be worked on: enabled, and not about to go back.
-  bool open() const { return is_enabled != 0 && asked == answered; }
+  bool open() const { return is_enabled != 0 && !recalled(); }
+  /// Takes a header out of whichever list it is in. @return false when it is in none
+  bool remove(Header& header);
+  /// The client waits for all its buffers.
+  bool recalled() const { return recalls != recallsServed; }
   void require(std::uint32_t num, std::uint32_t size, std::uint32_t sizeMin);
-
-  /// Links a header into one of the lists below.
-  void hold(HeaderList& list, Header& header);
 
   Format committed;  ///< what the codec works with; `format` is the client's to scribble on
   MMAL_PORT_BH_CB_T callback = nullptr;
@@ -37,12 +38,12 @@ class Port final : public MMAL_PORT_T {
 
   HeaderList pending;    ///< sent by the client, oldest first
   HeaderList finished;   ///< callback is due later
-  HeaderList parked;     ///< callback does not come (injected)
+  HeaderList withheld;   ///< callback is held back by a fault
   HeaderList returning;  ///< on their way back unused
 
-  // Requests to give everything back, and how many of them have been carried out.
-  unsigned asked = 0;
-  unsigned answered = 0;
+  // How often the client has asked for all its buffers, and how often it has got them.
+  unsigned recalls = 0;
+  unsigned recallsServed = 0;
 
  private:
   Component& owner_;

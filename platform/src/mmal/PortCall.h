@@ -1,16 +1,10 @@
 #ifndef TESSERA_PLATFORM_SRC_MMAL_PORTCALL_H
 #define TESSERA_PLATFORM_SRC_MMAL_PORTCALL_H
 
-#include <string>
-
+#include "mmal/Call.h"
 #include "mmal/Component.h"
-#include "mmal/Journal.h"
 
 namespace mmal {
-
-inline std::string nameOrNull(MMAL_PORT_T* port) {
-  return port != nullptr ? nameOf(portOf(port)) : std::string("null");
-}
 
 /// A published call on a port: `work` does it, `args` tells the arguments.
 template <typename Work, typename Args>

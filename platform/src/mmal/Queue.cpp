@@ -2,7 +2,7 @@
 
 #include <new>
 
-#include "mmal/Journal.h"
+#include "mmal/Call.h"
 
 namespace mmal {
 
@@ -14,7 +14,7 @@ Queue::~Queue() {
 void Queue::put(Header& header, bool atFront) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (SecondCallback::concerns(header) || !header.move(Place::Client, Place::Queue)) return;
-  header.queue = this;
+  header.holder = this;
   if (atFront)
     headers_.pushFront(header);
   else
@@ -26,7 +26,7 @@ void Queue::put(Header& header, bool atFront) {
 Header* Queue::take() {
   Header* const header = headers_.popFront();
   if (header == nullptr) return nullptr;
-  header->queue = nullptr;
+  header->holder = nullptr;
   header->move(Place::Queue, Place::Client);
   return header;
 }
@@ -57,77 +57,82 @@ unsigned Queue::length() {
   return headers_.size();
 }
 
-void Queue::remove(Header& header) {
+void Queue::letGo(Header& header) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (!headers_.remove(header)) return;
-  header.queue = nullptr;
+  header.holder = nullptr;
   header.move(Place::Queue, Place::Client);
+}
+
+std::string nameOf(MMAL_QUEUE_T* queue) {
+  if (queue == nullptr) return "null";
+  const MMAL_POOL_T* const pool = queueOf(queue).pool;
+  return pool != nullptr ? nameOf(pool) : tessera_platform::hooks::nameOf(queue, "queue");
+}
+
+std::string nameOf(const MMAL_POOL_T* pool) {
+  return tessera_platform::hooks::nameOf(pool, "pool");
 }
 
 }  // namespace mmal
 
 using mmal::Call;
 using mmal::headerOf;
+using mmal::Queue;
 using mmal::queueOf;
 
 namespace {
 
-const char* bufferResult(const MMAL_BUFFER_HEADER_T* buffer) {
-  return buffer != nullptr ? "buffer" : "null";
+void putInto(const char* entry, MMAL_QUEUE_T* queue, MMAL_BUFFER_HEADER_T* buffer, bool atFront) {
+  const Call call(entry);
+  if (!call.stopped() && queue != nullptr && buffer != nullptr)
+    queueOf(queue).put(*headerOf(buffer), atFront);
+  call.done([&] { return mmal::nameOf(queue); });
 }
 
-MMAL_BUFFER_HEADER_T* noBuffer() {
-  return nullptr;
+template <typename Take>
+MMAL_BUFFER_HEADER_T* takeFrom(const char* entry, MMAL_QUEUE_T* queue, Take take,
+                               const std::string& limit) {
+  const Call call(entry);
+  MMAL_BUFFER_HEADER_T* buffer = nullptr;
+  if (!call.stopped() && queue != nullptr) buffer = take(queueOf(queue));
+  return call.answer(
+      buffer, [&] { return mmal::nameOf(queue) + limit; },
+      [](const MMAL_BUFFER_HEADER_T* taken) { return taken != nullptr ? "buffer" : "null"; });
 }
 
 }  // namespace
 
 MMAL_QUEUE_T* mmal_queue_create(void) {
   Call call("mmal_queue_create");
-  MMAL_QUEUE_T* const queue = call.stopped() ? nullptr : new (std::nothrow) mmal::Queue;
+  MMAL_QUEUE_T* const queue = call.stopped() ? nullptr : new (std::nothrow) Queue;
   if (queue != nullptr) tessera_platform::hooks::count(tessera_platform::hooks::Kind::Queue, 1);
   return call.answer(
       queue, [] { return std::string(); }, [](MMAL_QUEUE_T* q) { return mmal::nameOf(q); });
 }
 
 void mmal_queue_put(MMAL_QUEUE_T* queue, MMAL_BUFFER_HEADER_T* buffer) {
-  Call call("mmal_queue_put");
-  if (!call.stopped() && queue != nullptr && buffer != nullptr)
-    queueOf(queue).put(*headerOf(buffer));
-  call.done([&] { return mmal::nameOf(queue); });
+  putInto(__func__, queue, buffer, false);
 }
 
 void mmal_queue_put_back(MMAL_QUEUE_T* queue, MMAL_BUFFER_HEADER_T* buffer) {
-  Call call("mmal_queue_put_back");
-  if (!call.stopped() && queue != nullptr && buffer != nullptr)
-    queueOf(queue).put(*headerOf(buffer), true);
-  call.done([&] { return mmal::nameOf(queue); });
+  putInto(__func__, queue, buffer, true);
 }
 
 MMAL_BUFFER_HEADER_T* mmal_queue_get(MMAL_QUEUE_T* queue) {
-  Call call("mmal_queue_get");
-  MMAL_BUFFER_HEADER_T* const buffer =
-      call.stopped() || queue == nullptr ? noBuffer() : queueOf(queue).get();
-  return call.answer(
-      buffer, [&] { return mmal::nameOf(queue); }, bufferResult);
+  return takeFrom(
+      __func__, queue, [](Queue& q) { return q.get(); }, "");
 }
 
 MMAL_BUFFER_HEADER_T* mmal_queue_wait(MMAL_QUEUE_T* queue) {
-  Call call("mmal_queue_wait");
-  MMAL_BUFFER_HEADER_T* const buffer =
-      call.stopped() || queue == nullptr ? noBuffer() : queueOf(queue).wait();
-  return call.answer(
-      buffer, [&] { return mmal::nameOf(queue); }, bufferResult);
+  return takeFrom(
+      __func__, queue, [](Queue& q) { return q.wait(); }, "");
 }
 
 MMAL_BUFFER_HEADER_T* mmal_queue_timedwait(MMAL_QUEUE_T* queue, VCOS_UNSIGNED timeout) {
-  Call call("mmal_queue_timedwait");
-  MMAL_BUFFER_HEADER_T* const buffer =
-      call.stopped() || queue == nullptr ? noBuffer()
-                                         : queueOf(queue).wait(std::chrono::milliseconds(timeout));
-  return call.answer(
-      buffer, [&] { return mmal::nameOf(queue) + ", " + std::to_string(timeout) + " ms"; },
-      bufferResult);
+  return takeFrom(
+      __func__, queue, [&](Queue& q) { return q.wait(std::chrono::milliseconds(timeout)); },
+      ", " + std::to_string(timeout) + " ms");
 }
 
 unsigned int mmal_queue_length(MMAL_QUEUE_T* queue) {

@@ -3,7 +3,9 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <string>
 
+#include "interface/mmal/mmal_pool.h"
 #include "interface/mmal/mmal_queue.h"
 #include "mmal/Header.h"
 
@@ -12,7 +14,7 @@ struct MMAL_QUEUE_T {};
 namespace mmal {
 
 /// A queue of headers. Entry points and the platform's own code share these operations.
-struct Queue final : MMAL_QUEUE_T {
+struct Queue final : MMAL_QUEUE_T, Holder {
   /// @param itsPool  the pool whose free queue this is, for the journal
   explicit Queue(const MMAL_POOL_T* itsPool = nullptr) : pool(itsPool) {}
   /// Headers that are still in it become the client's again.
@@ -26,7 +28,7 @@ struct Queue final : MMAL_QUEUE_T {
   Header* wait();
   Header* wait(std::chrono::milliseconds limit);
   unsigned length();
-  void remove(Header& header);
+  void letGo(Header& header) override;
 
   const MMAL_POOL_T* const pool;
 
@@ -38,6 +40,10 @@ struct Queue final : MMAL_QUEUE_T {
   unsigned waiters_ = 0;
   HeaderList headers_;
 };
+
+/// For the journal. A pool's queue goes by the name of its pool.
+std::string nameOf(MMAL_QUEUE_T* queue);
+std::string nameOf(const MMAL_POOL_T* pool);
 
 inline Queue& queueOf(MMAL_QUEUE_T* queue) {
   return *static_cast<Queue*>(queue);

@@ -1,12 +1,10 @@
-#include <cerrno>
+#include <cstddef>
 
-#include "bcm_host.h"
 #include "interface/mmal/mmal_encodings.h"
+#include "interface/mmal/mmal_events.h"
 #include "interface/mmal/util/mmal_util.h"
-#include "interface/vcos/vcos.h"
-#include "mmal/Journal.h"
 
-// Helpers without state: names, strides, the host's bring-up.
+// Helpers without state: names, strides, a look into an event.
 
 const char* mmal_status_to_string(MMAL_STATUS_T status) {
   static const char* const names[] = {
@@ -14,21 +12,6 @@ const char* mmal_status_to_string(MMAL_STATUS_T status) {
       "ESPIPE",  "ECORRUPT", "ENOTREADY", "ECONFIG", "EISCONN", "ENOTCONN", "EAGAIN", "EFAULT"};
   const auto index = static_cast<std::size_t>(status);
   return index < sizeof(names) / sizeof(names[0]) ? names[index] : "UNKNOWN";
-}
-
-const char* mmal_port_type_to_string(MMAL_PORT_TYPE_T type) {
-  switch (type) {
-    case MMAL_PORT_TYPE_CONTROL:
-      return "ctr";
-    case MMAL_PORT_TYPE_INPUT:
-      return "in";
-    case MMAL_PORT_TYPE_OUTPUT:
-      return "out";
-    case MMAL_PORT_TYPE_CLOCK:
-      return "clk";
-    default:
-      return "invalid";
-  }
 }
 
 char* mmal_4cc_to_string(char* buf, size_t len, uint32_t fourcc) {
@@ -55,75 +38,17 @@ constexpr RowBytes rows[] = {{MMAL_ENCODING_I420, 1},
                              {MMAL_ENCODING_RGB24, 3},
                              {MMAL_ENCODING_RGBA, 4}};
 
-uint32_t bytesPerPixel(uint32_t encoding) {
-  for (const RowBytes& each : rows)
-    if (each.encoding == encoding) return each.bytesPerPixel;
-  return 0;
-}
-
 }  // namespace
 
 uint32_t mmal_encoding_width_to_stride(uint32_t encoding, uint32_t width) {
-  return width * bytesPerPixel(encoding);
+  for (const RowBytes& each : rows)
+    if (each.encoding == encoding) return width * each.bytesPerPixel;
+  return 0;
 }
 
-uint32_t mmal_encoding_stride_to_width(uint32_t encoding, uint32_t stride) {
-  const uint32_t bytes = bytesPerPixel(encoding);
-  return bytes != 0 ? stride / bytes : 0;
-}
-
-MMAL_PORT_T* mmal_util_get_port(MMAL_COMPONENT_T* comp, MMAL_PORT_TYPE_T type, unsigned index) {
-  if (comp == nullptr) return nullptr;
-  for (uint32_t i = 0; i < comp->port_num; ++i)
-    if (comp->port[i]->type == type && comp->port[i]->index == index) return comp->port[i];
-  return nullptr;
-}
-
-void mmal_buffer_header_copy_header(MMAL_BUFFER_HEADER_T* dest, const MMAL_BUFFER_HEADER_T* src) {
-  if (dest == nullptr || src == nullptr) return;
-  dest->cmd = src->cmd;
-  dest->length = src->length;
-  dest->offset = src->offset;
-  dest->flags = src->flags;
-  dest->pts = src->pts;
-  dest->dts = src->dts;
-  *dest->type = *src->type;
-}
-
-void bcm_host_init(void) {
-  const mmal::Call call("bcm_host_init");
-  call.done();
-}
-
-void bcm_host_deinit(void) {
-  const mmal::Call call("bcm_host_deinit");
-  call.done();
-}
-
-VCOS_STATUS_T vcos_pthreads_map_errno(void) {
-  switch (errno) {
-    case 0:
-      return VCOS_SUCCESS;
-    case EAGAIN:
-      return VCOS_EAGAIN;
-    case ENOENT:
-      return VCOS_ENOENT;
-    case ENOSPC:
-      return VCOS_ENOSPC;
-    case EACCES:
-    case EPERM:
-      return VCOS_EACCESS;
-    case ENOMEM:
-      return VCOS_ENOMEM;
-    case ENOSYS:
-      return VCOS_ENOSYS;
-    case EEXIST:
-      return VCOS_EEXIST;
-    case ENXIO:
-      return VCOS_ENXIO;
-    case EINTR:
-      return VCOS_EINTR;
-    default:
-      return VCOS_EINVAL;
-  }
+MMAL_EVENT_FORMAT_CHANGED_T* mmal_event_format_changed_get(MMAL_BUFFER_HEADER_T* buffer) {
+  if (buffer == nullptr || buffer->cmd != MMAL_EVENT_FORMAT_CHANGED) return nullptr;
+  if (buffer->data == nullptr || buffer->length < sizeof(MMAL_EVENT_FORMAT_CHANGED_T))
+    return nullptr;
+  return reinterpret_cast<MMAL_EVENT_FORMAT_CHANGED_T*>(buffer->data);
 }

@@ -73,7 +73,7 @@ void describe(FormatChanged& change, unsigned width, unsigned height) {
 
 }  // namespace
 
-VideoDecode::VideoDecode() : Component("vc.ril.video_decode") {
+VideoDecode::VideoDecode() : Component(publishedName) {
   input0().committed.encoding = MMAL_ENCODING_H264;
   output0().committed.encoding = MMAL_ENCODING_I420;
 }
@@ -101,7 +101,7 @@ std::vector<MMAL_FOURCC_T> VideoDecode::encodings(const Port& target) const {
   return {target.isInput() ? MMAL_ENCODING_H264 : MMAL_ENCODING_I420};
 }
 
-bool VideoDecode::step() {
+bool VideoDecode::work() {
   if (restart_ == Restart::No && takePicture()) return show();
   complain();
   if (ending_) {
@@ -109,21 +109,21 @@ bool VideoDecode::step() {
     if (out == nullptr) return false;
     out->flags = MMAL_BUFFER_HEADER_FLAG_EOS;
     ending_ = false;
-    finish(output0());
+    giveBack(output0());
     return true;
   }
   Header* const in = front(input0());
   if (in == nullptr) return false;
   if (restart_ != Restart::No && !restart()) throw std::bad_alloc();
   feed(*in);
-  finish(input0());
+  giveBack(input0());
   return true;
 }
 
 // What the decoder had of the stream went with the memory: it goes on with the next key frame.
 void VideoDecode::lose() {
   if (restart_ == Restart::No) restart_ = Restart::KnowingItsSets;
-  held_ = false;
+  pictureWaits_ = false;
   const Header* const in = front(input0());
   ending_ = ending_ || (in != nullptr && (in->flags & MMAL_BUFFER_HEADER_FLAG_EOS) != 0);
   Component::lose();
@@ -161,9 +161,9 @@ void VideoDecode::complain() {
 
 // Makes picture_ the next to go out. @return false when the decoder has none
 bool VideoDecode::takePicture() {
-  while (!held_) {
+  while (!pictureWaits_) {
     if (!decoder_->next(picture_)) return false;
-    held_ = !picture_.decodeOnly;
+    pictureWaits_ = !picture_.decodeOnly;
   }
   return true;
 }
@@ -185,8 +185,8 @@ bool VideoDecode::show() {
   Header* const out = front(output0());
   if (out == nullptr) return false;
   write(*out, stride, sliceHeight);
-  held_ = announced_ = false;
-  finish(output0());
+  pictureWaits_ = announced_ = false;
+  giveBack(output0());
   return true;
 }
 
@@ -196,7 +196,7 @@ bool VideoDecode::keepOrLeaveOut() {
     tryAgainAt(patience_);
     return false;
   }
-  held_ = false;
+  pictureWaits_ = false;
   return true;
 }
 
@@ -243,19 +243,12 @@ void VideoDecode::feed(const Header& in) {
 
 // A gap in the input starts the stream anew. Giving the output buffers back loses no picture: that
 // is how a client follows a change of size.
-void VideoDecode::drop(Port& target) {
+void VideoDecode::discard(Port& target) {
   if (target.isInput()) {
     restart_ = Restart::Anew;
-    held_ = ending_ = false;
+    pictureWaits_ = ending_ = false;
   }
   if (target.isOutput()) announced_ = false;
 }
 
 }  // namespace mmal
-
-MMAL_EVENT_FORMAT_CHANGED_T* mmal_event_format_changed_get(MMAL_BUFFER_HEADER_T* buffer) {
-  if (buffer == nullptr || buffer->cmd != MMAL_EVENT_FORMAT_CHANGED) return nullptr;
-  if (buffer->data == nullptr || buffer->length < sizeof(MMAL_EVENT_FORMAT_CHANGED_T))
-    return nullptr;
-  return reinterpret_cast<MMAL_EVENT_FORMAT_CHANGED_T*>(buffer->data);
-}

@@ -16,14 +16,16 @@ namespace mmal {
 /// the declared size come as before.
 class VideoDecode final : public Component {
  public:
+  static constexpr char publishedName[] = "vc.ril.video_decode";
+
   VideoDecode();
 
  private:
   MMAL_STATUS_T checkFormat(const Port& target, const MMAL_ES_FORMAT_T& format) const override;
   void setRequirements() override;
   std::vector<MMAL_FOURCC_T> encodings(const Port& target) const override;
-  bool step() override;
-  void drop(Port& target) override;
+  bool work() override;
+  void discard(Port& target) override;
   void lose() override;
 
   bool restart();
@@ -37,8 +39,8 @@ class VideoDecode final : public Component {
 
   const std::unique_ptr<codec::VideoDecoder> decoder_ = codec::makeVideoDecoder();
   codec::VideoDecoder::Picture picture_;
-  bool held_ = false;       ///< picture_ waits to go out
-  bool announced_ = false;  ///< its size was told; the output port has not been set up since
+  bool pictureWaits_ = false;  ///< picture_ waits to go out
+  bool announced_ = false;     ///< its size was told; the output port has not been set up since
   std::chrono::steady_clock::time_point patience_;  ///< how long it is kept
   bool ending_ = false;      ///< the end of the stream is yet to be passed on
   bool failed_ = false;      ///< the decoder, and that was told

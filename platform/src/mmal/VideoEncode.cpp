@@ -12,23 +12,26 @@ namespace {
 
 using Profile = codec::VideoEncoder::Profile;
 
+struct Published {
+  MMAL_VIDEO_PROFILE_T published;
+  Profile profile;
+};
+
+constexpr Published profiles[] = {
+    {MMAL_VIDEO_PROFILE_H264_BASELINE, Profile::Baseline},
+    {MMAL_VIDEO_PROFILE_H264_CONSTRAINED_BASELINE, Profile::ConstrainedBaseline},
+    {MMAL_VIDEO_PROFILE_H264_MAIN, Profile::Main},
+    {MMAL_VIDEO_PROFILE_H264_HIGH, Profile::High},
+};
+
+/// @return false for one that the encoder does not have
 bool profileOf(MMAL_VIDEO_PROFILE_T published, Profile& profile) {
-  switch (published) {
-    case MMAL_VIDEO_PROFILE_H264_BASELINE:
-      profile = Profile::Baseline;
-      return true;
-    case MMAL_VIDEO_PROFILE_H264_CONSTRAINED_BASELINE:
-      profile = Profile::ConstrainedBaseline;
-      return true;
-    case MMAL_VIDEO_PROFILE_H264_MAIN:
-      profile = Profile::Main;
-      return true;
-    case MMAL_VIDEO_PROFILE_H264_HIGH:
-      profile = Profile::High;
-      return true;
-    default:
-      return false;
+  for (const Published& each : profiles) {
+    if (each.published != published) continue;
+    profile = each.profile;
+    return true;
   }
+  return false;
 }
 
 /// Ten times the level's number, from MMAL_VIDEO_LEVEL_H264_1 on; 9 is level 1b.
@@ -44,7 +47,7 @@ unsigned positive(std::int32_t value) {
 
 }  // namespace
 
-VideoEncode::VideoEncode() : Component("vc.ril.video_encode") {
+VideoEncode::VideoEncode() : Component(publishedName) {
   input0().committed.encoding = MMAL_ENCODING_I420;
   output0().committed.encoding = MMAL_ENCODING_H264;
 }
@@ -142,7 +145,7 @@ std::vector<MMAL_FOURCC_T> VideoEncode::encodings(const Port& target) const {
   return {target.isInput() ? MMAL_ENCODING_I420 : MMAL_ENCODING_H264};
 }
 
-bool VideoEncode::step() {
+bool VideoEncode::work() {
   if (config_.waiting) return write(config_);
   if (frame_.waiting) return write(frame_);
   Header* const in = front(input0());
@@ -156,7 +159,7 @@ bool VideoEncode::step() {
     frame_.waiting = true;
   }
   frame_.last = last;
-  finish(input0());
+  giveBack(input0());
   if (!good) raiseError(MMAL_EIO);
   return true;
 }
@@ -196,23 +199,29 @@ bool VideoEncode::open() {
   return true;
 }
 
+// With the lock held.
+codec::ConstPlanes VideoEncode::planesIn(const Header& in) {
+  const MMAL_VIDEO_FORMAT_T& raw = input0().committed.video();
+  const MMAL_RECT_T crop = pictureOf(raw);
+  const std::size_t x = static_cast<std::size_t>(crop.x) & ~std::size_t{1};
+  const std::size_t y = static_cast<std::size_t>(crop.y) & ~std::size_t{1};
+  // A buffer whose data starts so late that the frame would not fit is read from its start.
+  const std::uint32_t frame = rawFrameBytes(MMAL_ENCODING_I420, raw.width, raw.height);
+  const std::uint32_t offset = in.alloc_size - in.offset >= frame ? in.offset : 0;
+  auto planes = codec::planesOf<const std::uint8_t>(in.data + offset, raw.width, raw.height);
+  planes.y += y * planes.yStride + x;
+  planes.u += y / 2 * planes.uvStride + x / 2;
+  planes.v += y / 2 * planes.uvStride + x / 2;
+  return planes;
+}
+
 bool VideoEncode::encode(const Header& in) {
   bool forceKeyFrame;
   codec::ConstPlanes planes;
   {
     const auto held = lock();
     forceKeyFrame = std::exchange(keyFrameWanted_, false);
-    const MMAL_VIDEO_FORMAT_T& raw = input0().committed.video();
-    const MMAL_RECT_T crop = pictureOf(raw);
-    const std::size_t x = static_cast<std::size_t>(crop.x) & ~std::size_t{1};
-    const std::size_t y = static_cast<std::size_t>(crop.y) & ~std::size_t{1};
-    // A buffer whose data starts so late that the frame would not fit is read from its start.
-    const std::uint32_t frame = rawFrameBytes(MMAL_ENCODING_I420, raw.width, raw.height);
-    const std::uint32_t offset = in.alloc_size - in.offset >= frame ? in.offset : 0;
-    planes = codec::planesOf<const std::uint8_t>(in.data + offset, raw.width, raw.height);
-    planes.y += y * planes.yStride + x;
-    planes.u += y / 2 * planes.uvStride + x / 2;
-    planes.v += y / 2 * planes.uvStride + x / 2;
+    planes = planesIn(in);
   }
   if (!encoder_->encode(planes, in.pts, forceKeyFrame)) {
     // What the encoder has lost no later frame may refer to.
@@ -247,13 +256,13 @@ bool VideoEncode::write(Outgoing& outgoing) {
     if (outgoing.last) out->flags |= MMAL_BUFFER_HEADER_FLAG_EOS;
     outgoing.waiting = false;
   }
-  finish(output0());
+  giveBack(output0());
   return true;
 }
 
 // After a gap in either stream it goes on with a key frame after its parameter sets; a frame that
 // had not gone out whole is void.
-void VideoEncode::drop(Port&) {
+void VideoEncode::discard(Port&) {
   config_.waiting = false;
   frame_.waiting = false;
   reopen_ = true;

@@ -12,6 +12,8 @@ namespace mmal {
 /// buffers, input is held: nothing is dropped and nothing piles up.
 class VideoEncode final : public Component {
  public:
+  static constexpr char publishedName[] = "vc.ril.video_encode";
+
   VideoEncode();
 
  private:
@@ -31,11 +33,12 @@ class VideoEncode final : public Component {
   MMAL_STATUS_T setOwnParameter(Port& target, const MMAL_PARAMETER_HEADER_T& parameter) override;
   MMAL_STATUS_T getOwnParameter(Port& target, MMAL_PARAMETER_HEADER_T& parameter) override;
   std::vector<MMAL_FOURCC_T> encodings(const Port& target) const override;
-  bool step() override;
-  void drop(Port& target) override;
+  bool work() override;
+  void discard(Port& target) override;
 
   MMAL_STATUS_T setProfile(const MMAL_PARAMETER_HEADER_T& parameter);
   bool open();
+  codec::ConstPlanes planesIn(const Header& in);
   bool encode(const Header& in);
   bool write(Outgoing& outgoing);
 

@@ -2,9 +2,9 @@
 #include <cstring>
 
 #include "interface/mmal/mmal_events.h"
+#include "mmal/Call.h"
 #include "mmal/Component.h"
-#include "mmal/Journal.h"
-#include "mmal/Wrapper.h"
+#include "mmal/Text.h"
 
 // The component's worker thread, and how clients and worker wait for each other.
 
@@ -29,14 +29,10 @@ const char* completionName(const Port& port) {
 hooks::Completion judge(Port& port, Header& header) {
   header.judged = true;
   return hooks::completion(completionName(port),
-                           [&] { return nameOf(port) + ", " + payloadText(header); });
+                           [&] { return nameOf(&port) + ", " + text::payload(header); });
 }
 
 }  // namespace
-
-bool onWorkerThread() {
-  return workerOf != nullptr;
-}
 
 bool Component::onOwnWorker() const {
   return workerOf == this;
@@ -49,20 +45,20 @@ void Component::wake(Lock& held) {
   if (needed) wake_.notify_one();
 }
 
-void Component::giveBack(Lock& held, Port& target) {
-  const unsigned ticket = ++target.asked;
+void Component::recall(Lock& held, Port& target) {
+  const unsigned ticket = ++target.recalls;
   // The worker itself serves the request as soon as the callback that it is in returns.
   if (onOwnWorker()) return;
   wake_.notify_one();
-  changed_.wait(held, [&] { return static_cast<int>(target.answered - ticket) >= 0; });
+  changed_.wait(held, [&] { return static_cast<int>(target.recallsServed - ticket) >= 0; });
 }
 
-void Component::evict(Port& holder, Header& header) {
+void Component::letGo(Header& header) {
   Lock held(mutex_);
-  if (!onOwnWorker()) changed_.wait(held, [this] { return !stepping_; });
-  for (HeaderList* list : {&holder.pending, &holder.finished, &holder.parked, &holder.returning}) {
-    if (!list->remove(header)) continue;
-    header.port = nullptr;
+  if (!onOwnWorker()) changed_.wait(held, [this] { return !working_; });
+  for (Port* each : ports_) {
+    if (!each->remove(header)) continue;
+    header.holder = nullptr;
     header.move(Place::Port, Place::Client);
   }
 }
@@ -75,37 +71,37 @@ void Component::settle() {
 
 bool Component::busy() const {
   for (const Port* each : ports_)
-    if (each->asked != each->answered || !each->finished.empty()) return true;
-  return is_enabled != 0 && stirred_;
+    if (each->recalled() || !each->finished.empty()) return true;
+  return is_enabled != 0 && workDue_;
 }
 
 // Unlike for busy(), a callback that a fault delays is nothing to do until it is due.
 bool Component::atRest() {
   const Lock held(mutex_);
   for (const Port* each : ports_)
-    if (each->asked != each->answered) return false;
-  const bool stirred = is_enabled != 0 && stirred_;
-  return asleep_ && !quit_ && !stirred && nextDue() > Clock::now();
+    if (each->recalled()) return false;
+  const bool workDue = is_enabled != 0 && workDue_;
+  return asleep_ && !stopping_ && !workDue && nextDue() > Clock::now();
 }
 
 void Component::run() {
   workerOf = this;
-  hooks::onWorker = true;
+  becomeWorkerThread();
   Lock held(mutex_);
   for (;;) {
-    if (serveRequests(held) || deliverDue(held)) continue;
-    if (quit_) break;
-    if (is_enabled == 0 || !stirred_) {
+    if (serveRecalls(held) || deliverDue(held)) continue;
+    if (stopping_) break;
+    if (is_enabled == 0 || !workDue_) {
       sleep(held);
       continue;
     }
-    stirred_ = false;
-    stepping_ = true;
+    workDue_ = false;
+    working_ = true;
     held.unlock();
-    const bool more = tryStep();
+    const bool more = tryWork();
     held.lock();
-    stepping_ = false;
-    stirred_ = stirred_ || more;
+    working_ = false;
+    workDue_ = workDue_ || more;
     changed_.notify_all();
   }
   held.unlock();
@@ -114,14 +110,14 @@ void Component::run() {
   delete this;
 }
 
-bool Component::tryStep() try { return step(); } catch (const std::exception&) {
+bool Component::tryWork() try { return work(); } catch (const std::exception&) {
   lose();
   raiseError(MMAL_ENOMEM);
   return true;
 }
 
 void Component::lose() {
-  if (front(*inputPort_) != nullptr) finish(*inputPort_);
+  if (front(*inputPort_) != nullptr) giveBack(*inputPort_);
 }
 
 Component::Clock::time_point Component::nextDue() const {
@@ -145,29 +141,29 @@ void Component::sleep(Lock& held) {
   asleep_ = false;
   if (alarm_ > Clock::now()) return;
   alarm_ = never;
-  stirred_ = true;
+  workDue_ = true;
 }
 
-bool Component::serveRequests(Lock& held) {
+bool Component::serveRecalls(Lock& held) {
   bool any = false;
   for (Port* each : ports_) {
-    if (each->asked == each->answered) continue;
-    serve(held, *each);
+    if (!each->recalled()) continue;
+    giveBackAll(held, *each);
     any = true;
   }
   return any;
 }
 
-void Component::serve(Lock& held, Port& target) {
-  const unsigned ticket = target.asked;
-  drop(target);
+void Component::giveBackAll(Lock& held, Port& target) {
+  const unsigned ticket = target.recalls;
+  discard(target);
   target.returning.splice(target.finished);
-  target.returning.splice(target.parked);
+  target.returning.splice(target.withheld);
   target.returning.splice(target.pending);
-  while (Header* const header = target.returning.popFront()) concludeUnused(held, target, *header);
-  target.answered = ticket;
-  if (target.is_enabled == 0 && target.asked == ticket) target.callback = nullptr;
-  stirred_ = true;
+  while (Header* const header = target.returning.popFront()) giveBackUnused(held, target, *header);
+  target.recallsServed = ticket;
+  if (target.is_enabled == 0 && target.recalls == ticket) target.callback = nullptr;
+  workDue_ = true;
   changed_.notify_all();
 }
 
@@ -179,22 +175,22 @@ bool Component::deliverDue(Lock& held) {
     if (header->judged)
       deliver(held, *each, *header);
     else
-      conclude(held, *each, *header);
+      giveBack(held, *each, *header);
     return true;
   }
   return false;
 }
 
 // Asks what is to become of the callback, and lets it come.
-void Component::conclude(Lock& held, Port& target, Header& header) {
+void Component::giveBack(Lock& held, Port& target, Header& header) {
   const hooks::Completion verdict = judge(target, header);
   if (verdict.is(CompletionFault::Drop)) {
-    target.parked.pushBack(header);
+    target.withheld.pushBack(header);
   } else if (verdict.is(CompletionFault::Delay)) {
     header.due = Clock::now() + std::chrono::milliseconds(verdict.fault.delayMs);
     target.finished.pushFront(header);
   } else if (verdict.is(CompletionFault::ErrorEvent)) {
-    target.parked.pushBack(header);
+    target.withheld.pushBack(header);
     deliverError(held, target, verdict.fault.code);
   } else {
     if (verdict.is(CompletionFault::ZeroLength)) header.length = 0;
@@ -203,7 +199,7 @@ void Component::conclude(Lock& held, Port& target, Header& header) {
 }
 
 // A flush or disable keeps nothing back, whatever is injected.
-void Component::concludeUnused(Lock& held, Port& target, Header& header) {
+void Component::giveBackUnused(Lock& held, Port& target, Header& header) {
   if (header.judged) return deliver(held, target, header);
   const hooks::Completion verdict = judge(target, header);
   if (verdict.is(CompletionFault::ErrorEvent)) deliverError(held, target, verdict.fault.code);
@@ -213,10 +209,10 @@ void Component::concludeUnused(Lock& held, Port& target, Header& header) {
 
 void Component::deliver(Lock& held, Port& target, Header& header, bool twice) {
   const MMAL_PORT_BH_CB_T callback = target.callback;
-  const bool inStep = stepping_;
-  stepping_ = true;
+  const bool wasWorking = working_;
+  working_ = true;
   delivering_ = &header;
-  header.port = nullptr;
+  header.holder = nullptr;
   header.move(Place::Port, Place::Client);
   held.unlock();
   callback(&target, &header);
@@ -225,7 +221,7 @@ void Component::deliver(Lock& held, Port& target, Header& header, bool twice) {
     callback(&target, &header);
   }
   held.lock();
-  stepping_ = inStep;
+  working_ = wasWorking;
   delivering_ = nullptr;
   changed_.notify_all();
 }
@@ -243,14 +239,19 @@ Header* Component::front(Port& target) {
   return target.open() ? target.pending.front() : nullptr;
 }
 
-void Component::finish(Port& target) {
+void Component::giveBack(Port& target) {
   Lock held(mutex_);
   Header* const header = target.pending.popFront();
   if (header == nullptr) return;
+  giveBackInTurn(held, target, *header);
+}
+
+// Behind one that is late.
+void Component::giveBackInTurn(Lock& held, Port& target, Header& header) {
   if (target.finished.empty())
-    conclude(held, target, *header);
+    giveBack(held, target, header);
   else
-    target.finished.pushBack(*header);  // in turn behind one that is late
+    target.finished.pushBack(header);
 }
 
 void Component::tryAgainAt(Clock::time_point time) {
@@ -267,11 +268,8 @@ void Component::raise(Port& target, Header& event) {
   }
   event.move(Place::Client, Place::Port);
   event.judged = false;
-  event.port = &target;
-  if (target.finished.empty())
-    conclude(held, target, event);
-  else
-    target.finished.pushBack(event);
+  event.holder = this;
+  giveBackInTurn(held, target, event);
 }
 
 void Component::raiseError(MMAL_STATUS_T status) {
@@ -282,7 +280,7 @@ void Component::raiseError(MMAL_STATUS_T status) {
 Header* Component::eventHeader(std::uint32_t command) try {
   Header* event = freeEvents_.get();
   if (event == nullptr) {
-    Payload payload(eventBytes, {});
+    Payload payload(eventBytes);
     if (payload.data() == nullptr) return nullptr;
     events_.push_back(std::make_unique<Header>(*this, std::move(payload)));
     event = events_.back().get();

@@ -2,10 +2,11 @@
 
 #include <chrono>
 #include <cstring>
-#include <system_error>
+#include <new>
 
 #include "interface/mmal/mmal_events.h"
-#include "mmal/Journal.h"
+#include "mmal/Call.h"
+#include "mmal/Factory.h"
 
 namespace mmal {
 
@@ -66,10 +67,6 @@ MMAL_STATUS_T Wrapper::enablePort(Port& port, std::uint32_t flags) {
       (flags & MMAL_WRAPPER_FLAG_PAYLOAD_ALLOCATE) != 0 ? port.buffer_size : 0;
   auto pool = Pool::create(port.buffer_num, size);
   if (pool == nullptr) return MMAL_ENOMEM;
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    cancelled_ = false;
-  }
   poolOf(port) = std::move(pool);
   publishPools();
   const MMAL_STATUS_T result = component_.enablePort(port, onBuffer);
@@ -106,22 +103,16 @@ MMAL_STATUS_T Wrapper::getFull(Port& port, MMAL_BUFFER_HEADER_T*& buffer, bool w
 }
 
 // Buffers come back through take(), or from the client's own thread, which is then not in here: so
-// only take() and cancel() need to end a wait.
+// only take() needs to end a wait.
 MMAL_STATUS_T Wrapper::get(Queue& queue, MMAL_BUFFER_HEADER_T*& buffer, bool waiting) {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
     if (status != MMAL_SUCCESS) return status;
     buffer = queue.get();
     if (buffer != nullptr) return MMAL_SUCCESS;
-    if (!waiting || cancelled_) return MMAL_EAGAIN;
+    if (!waiting) return MMAL_EAGAIN;
     changed_.wait(lock);
   }
-}
-
-void Wrapper::cancel() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  cancelled_ = true;
-  changed_.notify_all();
 }
 
 void Wrapper::onBuffer(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer) {
@@ -145,27 +136,21 @@ void Wrapper::take(Port& port, Header& header) {
 
 namespace {
 
-MMAL_STATUS_T createWrapper(const char* name, MMAL_WRAPPER_T*& wrapper) try {
-  const auto start = std::chrono::steady_clock::now();
-  Component* const component = Component::create(name);
-  if (component == nullptr) return MMAL_ENOSYS;
-  wrapper = new (std::nothrow) Wrapper(*component);
-  if (wrapper == nullptr) {
-    component->release();
-    return MMAL_ENOMEM;
+MMAL_STATUS_T createWrapper(const char* name, MMAL_WRAPPER_T*& wrapper) {
+  std::int64_t setup = 0;
+  {
+    const Stopwatch watch(setup);
+    Component* component = nullptr;
+    const MMAL_STATUS_T status = makeComponent(name, component);
+    if (status != MMAL_SUCCESS) return status;
+    wrapper = new (std::nothrow) Wrapper(*component);
+    if (wrapper == nullptr) {
+      component->release();
+      return MMAL_ENOMEM;
+    }
   }
-  wrapper->time_setup = std::chrono::duration_cast<std::chrono::microseconds>(
-                            std::chrono::steady_clock::now() - start)
-                            .count();
+  wrapper->time_setup = setup;
   return MMAL_SUCCESS;
-} catch (const std::bad_alloc&) {
-  return MMAL_ENOMEM;
-} catch (const std::system_error&) {
-  return MMAL_ENOMEM;
-}
-
-std::string portArgs(MMAL_PORT_T* port) {
-  return port != nullptr ? nameOf(portOf(port)) : std::string("null");
 }
 
 /// Both ways to take a buffer through the wrapper.
@@ -173,7 +158,7 @@ MMAL_STATUS_T getBuffer(const char* entry,
                         MMAL_STATUS_T (Wrapper::*get)(Port&, MMAL_BUFFER_HEADER_T*&, bool),
                         MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T** buffer, uint32_t flags) {
   Call call(entry);
-  const auto args = [&] { return portArgs(port); };
+  const auto args = [&] { return nameOf(port); };
   if (buffer != nullptr) *buffer = nullptr;
   if (call.stopped()) return call.refuse(args);
   if (port == nullptr || buffer == nullptr || portOf(port).wrapper == nullptr)
@@ -186,6 +171,7 @@ MMAL_STATUS_T getBuffer(const char* entry,
 }  // namespace mmal
 
 using mmal::Call;
+using mmal::nameOf;
 using mmal::portOf;
 using mmal::Wrapper;
 
@@ -202,8 +188,7 @@ MMAL_STATUS_T mmal_wrapper_destroy(MMAL_WRAPPER_T* wrapper) {
   Call call("mmal_wrapper_destroy");
   std::string name;
   const auto args = [&] { return name; };
-  if (tessera_platform::hooks::recording && wrapper != nullptr)
-    name = nameOf(mmal::componentOf(wrapper->component));
+  if (tessera_platform::hooks::recording && wrapper != nullptr) name = nameOf(wrapper->component);
   if (call.stopped()) return call.refuse(args);
   if (wrapper == nullptr) return call.leave(MMAL_EINVAL, args);
   delete static_cast<Wrapper*>(wrapper);
@@ -213,7 +198,7 @@ MMAL_STATUS_T mmal_wrapper_destroy(MMAL_WRAPPER_T* wrapper) {
 MMAL_STATUS_T mmal_wrapper_port_enable(MMAL_PORT_T* port, uint32_t flags) {
   Call call("mmal_wrapper_port_enable");
   const auto args = [&] {
-    return mmal::portArgs(port) + ", " + std::to_string(port->buffer_num) + " x " +
+    return nameOf(port) + ", " + std::to_string(port->buffer_num) + " x " +
            std::to_string(port->buffer_size) + ", flags " + std::to_string(flags);
   };
   if (port == nullptr) return MMAL_EINVAL;
@@ -227,7 +212,7 @@ MMAL_STATUS_T mmal_wrapper_port_enable(MMAL_PORT_T* port, uint32_t flags) {
 
 MMAL_STATUS_T mmal_wrapper_port_disable(MMAL_PORT_T* port) {
   Call call("mmal_wrapper_port_disable");
-  const auto args = [&] { return mmal::portArgs(port); };
+  const auto args = [&] { return nameOf(port); };
   if (call.stopped()) return call.refuse(args);
   if (port == nullptr) return call.leave(MMAL_EINVAL, args);
   Wrapper* const wrapper = portOf(port).wrapper;
@@ -245,12 +230,4 @@ MMAL_STATUS_T mmal_wrapper_buffer_get_empty(MMAL_PORT_T* port, MMAL_BUFFER_HEADE
 MMAL_STATUS_T mmal_wrapper_buffer_get_full(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T** buffer,
                                            uint32_t flags) {
   return mmal::getBuffer("mmal_wrapper_buffer_get_full", &Wrapper::getFull, port, buffer, flags);
-}
-
-MMAL_STATUS_T mmal_wrapper_cancel(MMAL_WRAPPER_T* wrapper) {
-  Call call("mmal_wrapper_cancel");
-  if (call.stopped()) return call.refuse();
-  if (wrapper == nullptr) return call.leave(MMAL_EINVAL);
-  static_cast<Wrapper*>(wrapper)->cancel();
-  return call.leave(MMAL_SUCCESS);
 }

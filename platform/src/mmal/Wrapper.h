@@ -24,7 +24,6 @@ class Wrapper final : public MMAL_WRAPPER_T {
   MMAL_STATUS_T disablePort(Port& port);
   MMAL_STATUS_T getEmpty(Port& port, MMAL_BUFFER_HEADER_T*& buffer, bool waiting);
   MMAL_STATUS_T getFull(Port& port, MMAL_BUFFER_HEADER_T*& buffer, bool waiting);
-  void cancel();
 
  private:
   static void onBuffer(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer);
@@ -40,9 +39,8 @@ class Wrapper final : public MMAL_WRAPPER_T {
   MMAL_POOL_T* outPools_[1] = {nullptr};
   MMAL_QUEUE_T* outQueues_[1] = {&filled_};
 
-  std::mutex mutex_;  ///< guards status and cancelled_
+  std::mutex mutex_;  ///< guards status
   std::condition_variable changed_;
-  bool cancelled_ = false;
   tessera_platform::hooks::Counted counted_{tessera_platform::hooks::Kind::Wrapper};
 };
 

@@ -65,21 +65,7 @@ MMAL_API void mmal_buffer_header_reset(MMAL_BUFFER_HEADER_T* header);
 /// are ignored. Any thread, port callbacks included; does not block.
 MMAL_API void mmal_buffer_header_release(MMAL_BUFFER_HEADER_T* header);
 
-/// Called when the last reference goes, before the header goes back.
-/// @return MMAL_FALSE to go on; MMAL_TRUE to keep the header until
-///         mmal_buffer_header_release_continue()
-typedef MMAL_BOOL_T (*MMAL_BH_PRE_RELEASE_CB_T)(MMAL_BUFFER_HEADER_T* header, void* userdata);
-
-/// Sets (or with null takes away) a header's own pre-release callback.
-MMAL_API void mmal_buffer_header_pre_release_cb_set(MMAL_BUFFER_HEADER_T* header,
-                                                    MMAL_BH_PRE_RELEASE_CB_T cb, void* userdata);
-
-/// Completes a release that a pre-release callback has kept back.
-MMAL_API void mmal_buffer_header_release_continue(MMAL_BUFFER_HEADER_T* header);
-
-/// Makes dest share the payload of src and copies its description. src is held (one reference)
-/// until dest is released for the last time.
-/// @return MMAL_EINVAL when dest already has a payload of its own or shares another's
+/// Headers that share a payload are not offered here: MMAL_ENOSYS.
 MMAL_API MMAL_STATUS_T mmal_buffer_header_replicate(MMAL_BUFFER_HEADER_T* dest,
                                                     MMAL_BUFFER_HEADER_T* src);
 

@@ -28,28 +28,8 @@ typedef struct {
 
 typedef struct {
   MMAL_PARAMETER_HEADER_T hdr;
-  uint64_t value;
-} MMAL_PARAMETER_UINT64_T;
-
-typedef struct {
-  MMAL_PARAMETER_HEADER_T hdr;
-  int64_t value;
-} MMAL_PARAMETER_INT64_T;
-
-typedef struct {
-  MMAL_PARAMETER_HEADER_T hdr;
   uint32_t value;
 } MMAL_PARAMETER_UINT32_T;
-
-typedef struct {
-  MMAL_PARAMETER_HEADER_T hdr;
-  int32_t value;
-} MMAL_PARAMETER_INT32_T;
-
-typedef struct {
-  MMAL_PARAMETER_HEADER_T hdr;
-  MMAL_RATIONAL_T value;
-} MMAL_PARAMETER_RATIONAL_T;
 
 /// As many encodings as hdr.size says.
 typedef struct {

@@ -20,7 +20,7 @@ typedef enum {
 } MMAL_PORT_TYPE_T;
 
 #define MMAL_PORT_CAPABILITY_PASSTHROUGH 0x01
-#define MMAL_PORT_CAPABILITY_ALLOCATION 0x02  ///< payloads come from mmal_port_payload_alloc()
+#define MMAL_PORT_CAPABILITY_ALLOCATION 0x02
 #define MMAL_PORT_CAPABILITY_SUPPORTS_EVENT_FORMAT_CHANGE 0x04
 
 struct MMAL_COMPONENT_T;
@@ -63,8 +63,7 @@ MMAL_API MMAL_STATUS_T mmal_port_format_commit(MMAL_PORT_T* port);
 
 /// Opens the port for buffers; they come back through cb.
 /// @return MMAL_EINVAL when enabled already, without cb, or with buffer_num or buffer_size below
-/// the
-///         minimum
+///         the minimum
 MMAL_API MMAL_STATUS_T mmal_port_enable(MMAL_PORT_T* port, MMAL_PORT_BH_CB_T cb);
 
 /// Closes the port. Every buffer that it held has come back through the callback by the time this
@@ -97,10 +96,6 @@ MMAL_API MMAL_STATUS_T mmal_port_send_buffer(MMAL_PORT_T* port, MMAL_BUFFER_HEAD
 /// Connections between ports are not offered here: MMAL_ENOSYS.
 MMAL_API MMAL_STATUS_T mmal_port_connect(MMAL_PORT_T* port, MMAL_PORT_T* other_port);
 MMAL_API MMAL_STATUS_T mmal_port_disconnect(MMAL_PORT_T* port);
-
-/// Payload memory that suits the port best. Free it with mmal_port_payload_free().
-MMAL_API uint8_t* mmal_port_payload_alloc(MMAL_PORT_T* port, uint32_t payload_size);
-MMAL_API void mmal_port_payload_free(MMAL_PORT_T* port, uint8_t* payload);
 
 #ifdef __cplusplus
 }

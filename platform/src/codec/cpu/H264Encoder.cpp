@@ -86,8 +86,8 @@ struct H264Encoder::Impl {
   Config config;
   std::int64_t frames = 0;
   std::vector<std::uint8_t> parameterSets;
-  std::vector<std::uint8_t> evened;  // luma of an odd-sized picture with its edge repeated
-  std::vector<std::uint8_t> joined;  // a key frame behind its parameter sets
+  std::vector<std::uint8_t> paddedLuma;  // luma of an odd-sized picture with its edge repeated
+  std::vector<std::uint8_t> joined;      // a key frame behind its parameter sets
   const std::uint8_t* data = nullptr;
   std::size_t size = 0;
   bool keyFrame = false;
@@ -103,8 +103,9 @@ struct H264Encoder::Impl {
   void close();
   bool start();
   bool readParameterSets();
-  const std::uint8_t* evenLuma(const ConstPlanes& frame);
-  void hand(const std::uint8_t* payload, std::size_t bytes);
+  const std::uint8_t* padLuma(const ConstPlanes& frame);
+  void describe(const ConstPlanes& frame, x264_picture_t& picture);
+  void setOutput(const std::uint8_t* payload, std::size_t bytes);
 };
 
 void H264Encoder::Impl::close() {
@@ -160,21 +161,36 @@ bool H264Encoder::Impl::readParameterSets() {
 }
 
 /// x264 takes even sizes only and would read the column and row that an odd one lacks.
-const std::uint8_t* H264Encoder::Impl::evenLuma(const ConstPlanes& frame) {
+const std::uint8_t* H264Encoder::Impl::padLuma(const ConstPlanes& frame) {
   const std::size_t stride = roundUp(config.width, 2);
   const unsigned rows = roundUp(config.height, 2);
-  evened.resize(stride * rows);
+  paddedLuma.resize(stride * rows);
   for (unsigned y = 0; y < rows; ++y) {
     const std::uint8_t* from =
         frame.y + std::size_t{std::min(y, config.height - 1)} * frame.yStride;
-    std::uint8_t* to = &evened[y * stride];
+    std::uint8_t* to = &paddedLuma[y * stride];
     std::memcpy(to, from, config.width);
     to[stride - 1] = from[config.width - 1];
   }
-  return evened.data();
+  return paddedLuma.data();
 }
 
-void H264Encoder::Impl::hand(const std::uint8_t* payload, std::size_t bytes) {
+void H264Encoder::Impl::describe(const ConstPlanes& frame, x264_picture_t& picture) {
+  x264_picture_init(&picture);
+  x264_image_t& image = picture.img;
+  image.i_csp = X264_CSP_I420;
+  image.i_plane = 3;
+  const bool odd = config.width % 2 != 0 || config.height % 2 != 0;
+  const std::uint8_t* luma = odd ? padLuma(frame) : frame.y;
+  // x264 only reads them; its interface merely lacks the const.
+  image.plane[0] = const_cast<std::uint8_t*>(luma);
+  image.plane[1] = const_cast<std::uint8_t*>(frame.u);
+  image.plane[2] = const_cast<std::uint8_t*>(frame.v);
+  image.i_stride[0] = static_cast<int>(odd ? roundUp(config.width, 2) : frame.yStride);
+  image.i_stride[1] = image.i_stride[2] = static_cast<int>(frame.uvStride);
+}
+
+void H264Encoder::Impl::setOutput(const std::uint8_t* payload, std::size_t bytes) {
   data = payload;
   size = bytes;
   if (!keyFrame || frames == 0) return;
@@ -221,17 +237,7 @@ bool H264Encoder::encode(const ConstPlanes& frame, std::int64_t pts, bool forceK
     return impl.fail("a plane is missing");
 
   x264_picture_t in, out;
-  x264_picture_init(&in);
-  in.img.i_csp = X264_CSP_I420;
-  in.img.i_plane = 3;
-  const bool odd = impl.config.width % 2 != 0 || impl.config.height % 2 != 0;
-  const std::uint8_t* luma = odd ? impl.evenLuma(frame) : frame.y;
-  // x264 only reads them; its interface merely lacks the const.
-  in.img.plane[0] = const_cast<std::uint8_t*>(luma);
-  in.img.plane[1] = const_cast<std::uint8_t*>(frame.u);
-  in.img.plane[2] = const_cast<std::uint8_t*>(frame.v);
-  in.img.i_stride[0] = static_cast<int>(odd ? roundUp(impl.config.width, 2) : frame.yStride);
-  in.img.i_stride[1] = in.img.i_stride[2] = static_cast<int>(frame.uvStride);
+  impl.describe(frame, in);
   // A time stamp of our own: the caller's may be anything, even the same twice.
   in.i_pts = impl.frames;
   in.i_type = forceKeyFrame ? X264_TYPE_IDR : X264_TYPE_AUTO;
@@ -243,7 +249,7 @@ bool H264Encoder::encode(const ConstPlanes& frame, std::int64_t pts, bool forceK
   impl.pts = pts;
   impl.keyFrame = bytes > 0 && out.b_keyframe != 0;
   // x264 lays the units of a frame one behind the other.
-  if (bytes > 0) impl.hand(nals[0].p_payload, static_cast<std::size_t>(bytes));
+  if (bytes > 0) impl.setOutput(nals[0].p_payload, static_cast<std::size_t>(bytes));
   ++impl.frames;
   return true;
 } catch (const std::bad_alloc&) {

@@ -51,7 +51,7 @@ MMAL_API MMAL_STATUS_T mmal_wrapper_port_disable(MMAL_PORT_T* port);
 /// Takes an empty buffer of the port's pool.
 /// @param flags  MMAL_WRAPPER_FLAG_WAIT, or 0 to return at once
 /// @return MMAL_EAGAIN when there is none now, MMAL_EINVAL for a disabled port, or the wrapper's
-///         status after an error or mmal_wrapper_cancel()
+///         status after an error
 MMAL_API MMAL_STATUS_T mmal_wrapper_buffer_get_empty(MMAL_PORT_T* port,
                                                      MMAL_BUFFER_HEADER_T** buffer, uint32_t flags);
 
@@ -59,8 +59,7 @@ MMAL_API MMAL_STATUS_T mmal_wrapper_buffer_get_empty(MMAL_PORT_T* port,
 MMAL_API MMAL_STATUS_T mmal_wrapper_buffer_get_full(MMAL_PORT_T* port,
                                                     MMAL_BUFFER_HEADER_T** buffer, uint32_t flags);
 
-/// Ends every wait in buffer_get with MMAL_EAGAIN, those under way and later ones, until a port is
-/// enabled again.
+/// A wait in buffer_get ends with a buffer or an error and is not cut short: MMAL_ENOSYS.
 MMAL_API MMAL_STATUS_T mmal_wrapper_cancel(MMAL_WRAPPER_T* wrapper);
 
 #ifdef __cplusplus

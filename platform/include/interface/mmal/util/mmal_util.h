@@ -12,24 +12,11 @@ extern "C" {
 /// A status by name: "SUCCESS", "EINVAL"; "UNKNOWN" for a value outside the list.
 MMAL_API const char* mmal_status_to_string(MMAL_STATUS_T status);
 
-/// Kind of a port in short: "ctr", "in", "out", "clk", "invalid".
-MMAL_API const char* mmal_port_type_to_string(MMAL_PORT_TYPE_T type);
-
 /// Writes a four-character code as text of at most len - 1 characters. @return buf
 MMAL_API char* mmal_4cc_to_string(char* buf, size_t len, uint32_t fourcc);
 
-/// Bytes from row to row for a width in pixels, and back; 0 for an encoding without rows.
+/// Bytes from row to row for a width in pixels; 0 for an encoding without rows.
 MMAL_API uint32_t mmal_encoding_width_to_stride(uint32_t encoding, uint32_t width);
-MMAL_API uint32_t mmal_encoding_stride_to_width(uint32_t encoding, uint32_t stride);
-
-/// The index-th port of a type, or null.
-MMAL_API MMAL_PORT_T* mmal_util_get_port(MMAL_COMPONENT_T* comp, MMAL_PORT_TYPE_T type,
-                                         unsigned index);
-
-/// Copies a header's description (command, place and length of the data, flags, time stamps), not
-/// its payload.
-MMAL_API void mmal_buffer_header_copy_header(MMAL_BUFFER_HEADER_T* dest,
-                                             const MMAL_BUFFER_HEADER_T* src);
 
 /// mmal_pool_create() with payloads that suit the port, and its undoing.
 MMAL_API MMAL_POOL_T* mmal_port_pool_create(MMAL_PORT_T* port, unsigned int headers,

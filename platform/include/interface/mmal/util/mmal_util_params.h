@@ -13,24 +13,10 @@ MMAL_API MMAL_STATUS_T mmal_port_parameter_set_boolean(MMAL_PORT_T* port, uint32
                                                        MMAL_BOOL_T value);
 MMAL_API MMAL_STATUS_T mmal_port_parameter_get_boolean(MMAL_PORT_T* port, uint32_t id,
                                                        MMAL_BOOL_T* value);
-MMAL_API MMAL_STATUS_T mmal_port_parameter_set_uint64(MMAL_PORT_T* port, uint32_t id,
-                                                      uint64_t value);
-MMAL_API MMAL_STATUS_T mmal_port_parameter_get_uint64(MMAL_PORT_T* port, uint32_t id,
-                                                      uint64_t* value);
-MMAL_API MMAL_STATUS_T mmal_port_parameter_set_int64(MMAL_PORT_T* port, uint32_t id, int64_t value);
-MMAL_API MMAL_STATUS_T mmal_port_parameter_get_int64(MMAL_PORT_T* port, uint32_t id,
-                                                     int64_t* value);
 MMAL_API MMAL_STATUS_T mmal_port_parameter_set_uint32(MMAL_PORT_T* port, uint32_t id,
                                                       uint32_t value);
 MMAL_API MMAL_STATUS_T mmal_port_parameter_get_uint32(MMAL_PORT_T* port, uint32_t id,
                                                       uint32_t* value);
-MMAL_API MMAL_STATUS_T mmal_port_parameter_set_int32(MMAL_PORT_T* port, uint32_t id, int32_t value);
-MMAL_API MMAL_STATUS_T mmal_port_parameter_get_int32(MMAL_PORT_T* port, uint32_t id,
-                                                     int32_t* value);
-MMAL_API MMAL_STATUS_T mmal_port_parameter_set_rational(MMAL_PORT_T* port, uint32_t id,
-                                                        MMAL_RATIONAL_T value);
-MMAL_API MMAL_STATUS_T mmal_port_parameter_get_rational(MMAL_PORT_T* port, uint32_t id,
-                                                        MMAL_RATIONAL_T* value);
 
 #ifdef __cplusplus
 }

@@ -1,31 +1,18 @@
-#ifndef TESSERA_PLATFORM_SRC_MMAL_JOURNAL_H
-#define TESSERA_PLATFORM_SRC_MMAL_JOURNAL_H
+#ifndef TESSERA_PLATFORM_SRC_MMAL_CALL_H
+#define TESSERA_PLATFORM_SRC_MMAL_CALL_H
 
 #include <optional>
 #include <string>
 
 #include "control/Hooks.h"
-#include "interface/mmal/mmal.h"
+#include "interface/mmal/util/mmal_util.h"
 
 namespace mmal {
 
-class Component;
-class Port;
-
-// How things read in the journal.
-const char* statusName(MMAL_STATUS_T status);
-std::string fourccText(std::uint32_t code);
-std::string nameOf(const Component& component);
-std::string nameOf(const Port& port);
-std::string nameOf(MMAL_QUEUE_T* queue);
-std::string nameOf(const MMAL_POOL_T* pool);
-/// "I420 640x480 crop 640x480 at 30/1", "H264 2000000 bit/s".
-std::string formatText(const MMAL_ES_FORMAT_T& format);
-std::string payloadText(const MMAL_BUFFER_HEADER_T& buffer);
-std::string parameterText(const MMAL_PARAMETER_HEADER_T& parameter);
-
-/// True on a component's worker thread, which runs nothing but port callbacks of the client's.
+/// True on a component's worker thread, which runs nothing of the client's but port callbacks.
 bool onWorkerThread();
+/// Makes the calling thread such a one.
+void becomeWorkerThread();
 
 /// One call of an entry point. Calls that the client makes from inside its callbacks race with
 /// those of its own thread; they are neither journaled nor counted for faults, so that both stay
@@ -42,7 +29,8 @@ class Call {
 
   template <typename Args>
   MMAL_STATUS_T leave(MMAL_STATUS_T status, Args&& args) const {
-    return scope_ && status != MMAL_EAGAIN ? scope_->leave(status, args, statusName) : status;
+    return scope_ && status != MMAL_EAGAIN ? scope_->leave(status, args, mmal_status_to_string)
+                                           : status;
   }
   MMAL_STATUS_T leave(MMAL_STATUS_T status) const { return leave(status, noText); }
 
@@ -71,4 +59,4 @@ class Call {
 
 }  // namespace mmal
 
-#endif  // TESSERA_PLATFORM_SRC_MMAL_JOURNAL_H
+#endif  // TESSERA_PLATFORM_SRC_MMAL_CALL_H

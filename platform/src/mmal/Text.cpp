@@ -1,12 +1,10 @@
-#include "mmal/Journal.h"
+#include "mmal/Text.h"
 
 #include <sstream>
 
 #include "interface/mmal/util/mmal_util.h"
-#include "mmal/Component.h"
-#include "mmal/Queue.h"
 
-namespace mmal {
+namespace mmal::text {
 
 namespace {
 
@@ -38,50 +36,27 @@ constexpr Flag parameters[] = {
     {MMAL_PARAMETER_VIDEO_BIT_RATE, "VIDEO_BIT_RATE"},
 };
 
-std::string rationalText(const MMAL_RATIONAL_T& value) {
+std::string rational(const MMAL_RATIONAL_T& value) {
   return std::to_string(value.num) + '/' + std::to_string(value.den);
 }
 
-}  // namespace
-
-const char* statusName(MMAL_STATUS_T status) {
-  return mmal_status_to_string(status);
-}
-
-std::string fourccText(std::uint32_t code) {
+std::string fourcc(std::uint32_t code) {
   if (code == 0) return "none";
   char text[5];
   return mmal_4cc_to_string(text, sizeof(text), code);
 }
 
-std::string nameOf(const Component& component) {
-  return tessera_platform::hooks::nameOf(&component, component.kind());
-}
+}  // namespace
 
-std::string nameOf(const Port& port) {
-  return nameOf(port.owner()) + ':' + mmal_port_type_to_string(port.type) +
-         std::to_string(port.index);
-}
-
-std::string nameOf(MMAL_QUEUE_T* queue) {
-  if (queue == nullptr) return "null";
-  const MMAL_POOL_T* const pool = queueOf(queue).pool;
-  return pool != nullptr ? nameOf(pool) : tessera_platform::hooks::nameOf(queue, "queue");
-}
-
-std::string nameOf(const MMAL_POOL_T* pool) {
-  return tessera_platform::hooks::nameOf(pool, "pool");
-}
-
-std::string formatText(const MMAL_ES_FORMAT_T& format) {
+std::string format(const MMAL_ES_FORMAT_T& format) {
   std::ostringstream text;
-  text << fourccText(format.encoding);
-  if (format.encoding_variant != 0) text << " variant " << fourccText(format.encoding_variant);
+  text << fourcc(format.encoding);
+  if (format.encoding_variant != 0) text << " variant " << fourcc(format.encoding_variant);
   if (format.type == MMAL_ES_TYPE_VIDEO && format.es != nullptr) {
     const MMAL_VIDEO_FORMAT_T& video = format.es->video;
     text << ' ' << video.width << 'x' << video.height << " crop " << video.crop.x << ','
          << video.crop.y << ' ' << video.crop.width << 'x' << video.crop.height << " rate "
-         << rationalText(video.frame_rate) << " aspect " << rationalText(video.par);
+         << rational(video.frame_rate) << " aspect " << rational(video.par);
   }
   if (format.bitrate != 0) text << ' ' << format.bitrate << " bit/s";
   if ((format.flags & MMAL_ES_FORMAT_FLAG_FRAMED) != 0) text << " framed";
@@ -89,8 +64,8 @@ std::string formatText(const MMAL_ES_FORMAT_T& format) {
   return text.str();
 }
 
-std::string payloadText(const MMAL_BUFFER_HEADER_T& buffer) {
-  if (buffer.cmd != 0) return "event " + fourccText(buffer.cmd);
+std::string payload(const MMAL_BUFFER_HEADER_T& buffer) {
+  if (buffer.cmd != 0) return "event " + fourcc(buffer.cmd);
   std::string text = std::to_string(buffer.length) + " bytes";
   char separator = ' ';
   for (const Flag& flag : bufferFlags) {
@@ -104,7 +79,7 @@ std::string payloadText(const MMAL_BUFFER_HEADER_T& buffer) {
   return text;
 }
 
-std::string parameterText(const MMAL_PARAMETER_HEADER_T& parameter) {
+std::string parameter(const MMAL_PARAMETER_HEADER_T& parameter) {
   std::ostringstream text;
   const Flag* known = nullptr;
   for (const Flag& each : parameters)
@@ -118,4 +93,4 @@ std::string parameterText(const MMAL_PARAMETER_HEADER_T& parameter) {
   return text.str();
 }
 
-}  // namespace mmal
+}  // namespace mmal::text
