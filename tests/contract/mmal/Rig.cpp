@@ -1,9 +1,17 @@
 #include "Rig.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
-#include <cstring>
+#include <chrono>
+#include <vector>
 
 namespace contract {
+namespace {
+
+constexpr std::chrono::seconds patience{20};
+
+}  // namespace
 
 void describe(MMAL_PORT_T& port, std::uint32_t encoding, int width, int height) {
   port.format->type = MMAL_ES_TYPE_VIDEO;
@@ -19,7 +27,6 @@ void describe(MMAL_PORT_T& port, std::uint32_t encoding, int width, int height) 
 Rig::Rig(const char* name) {
   bcm_host_init();
   EXPECT_EQ(mmal_component_create(name, &component), MMAL_SUCCESS);
-  filled = mmal_queue_create();
   in().userdata = out().userdata = reinterpret_cast<MMAL_PORT_USERDATA_T*>(this);
 }
 
@@ -27,24 +34,18 @@ Rig::~Rig() {
   stop();
   mmal_component_disable(component);
   EXPECT_EQ(mmal_component_destroy(component), MMAL_SUCCESS);
-  mmal_queue_destroy(filled);
   if (inPool != nullptr) mmal_pool_destroy(inPool);
   if (outPool != nullptr) mmal_pool_destroy(outPool);
-  EXPECT_FALSE(onCaller) << "a callback came from inside the client's own call";
-  EXPECT_LE(threads.size(), 1u) << "callbacks of one component came on several threads";
 }
 
-void Rig::setUp(int width, int height, std::uint32_t inEncoding, std::uint32_t outEncoding,
-                std::uint32_t bitrate) {
-  describe(in(), inEncoding, width, height);
-  ASSERT_EQ(mmal_port_format_commit(&in()), MMAL_SUCCESS);
-  in().buffer_num = in().buffer_num_min;
-  in().buffer_size = std::max(in().buffer_size_recommended, in().buffer_size_min);
-  describe(out(), outEncoding, width, height);
-  out().format->bitrate = bitrate;
-  ASSERT_EQ(mmal_port_format_commit(&out()), MMAL_SUCCESS);
-  out().buffer_num = out().buffer_num_min;
-  out().buffer_size = out().buffer_size_recommended;
+void Rig::setUpVideo(int width, int height) {
+  describe(in(), MMAL_ENCODING_I420, width, height);
+  describe(out(), MMAL_ENCODING_H264, width, height);
+  for (MMAL_PORT_T* const port : {&in(), &out()}) {
+    ASSERT_EQ(mmal_port_format_commit(port), MMAL_SUCCESS);
+    port->buffer_num = port->buffer_num_min;
+    port->buffer_size = port->buffer_size_recommended;
+  }
 }
 
 void Rig::makePools() {
@@ -59,60 +60,62 @@ void Rig::enablePorts() {
   ASSERT_EQ(mmal_port_enable(&out(), onOutput), MMAL_SUCCESS);
 }
 
-void Rig::start(int outputs) {
+void Rig::start() {
   enablePorts();
   makePools();
   ASSERT_EQ(mmal_component_enable(component), MMAL_SUCCESS);
-  sendOutputs(outputs);
+  sendOutputs();
 }
 
-void Rig::sendOutputs(int count) {
-  for (; count != 0; --count) {
-    MMAL_BUFFER_HEADER_T* const buffer = mmal_queue_get(outPool->queue);
-    if (buffer == nullptr) return;
+void Rig::sendOutputs() {
+  while (MMAL_BUFFER_HEADER_T* const buffer = mmal_queue_get(outPool->queue))
     ASSERT_EQ(mmal_port_send_buffer(&out(), buffer), MMAL_SUCCESS);
+}
+
+void Rig::feedScene(int t) {
+  MMAL_BUFFER_HEADER_T* buffer = nullptr;
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    ASSERT_TRUE(arrived_.wait_for(
+        lock, patience, [&] { return (buffer = mmal_queue_get(inPool->queue)) != nullptr; }));
   }
-}
-
-bool Rig::feed(const Bytes& data, std::uint32_t flags, std::int64_t pts, unsigned limitMs) {
-  MMAL_BUFFER_HEADER_T* const buffer = mmal_queue_timedwait(inPool->queue, limitMs);
-  if (buffer == nullptr) return false;
-  EXPECT_LE(data.size(), buffer->alloc_size);
-  if (!data.empty()) std::memcpy(buffer->data, data.data(), data.size());
-  buffer->length = static_cast<std::uint32_t>(data.size());
-  buffer->flags = flags;
-  buffer->pts = pts;
-  EXPECT_EQ(mmal_port_send_buffer(&in(), buffer), MMAL_SUCCESS);
-  return true;
-}
-
-bool Rig::feedScene(int t, unsigned limitMs) {
   const MMAL_RECT_T& crop = in().format->es->video.crop;
-  const support::Image scene = support::scene(crop.width, crop.height, t);
-  return feed(support::padded(support::toYuv(scene)), MMAL_BUFFER_HEADER_FLAG_FRAME, t * 40000,
-              limitMs);
+  const support::Bytes frame =
+      support::padded(support::toYuv(support::scene(crop.width, crop.height, t)));
+  std::copy(frame.begin(), frame.end(), buffer->data);
+  buffer->length = static_cast<std::uint32_t>(frame.size());
+  buffer->flags = MMAL_BUFFER_HEADER_FLAG_FRAME;
+  buffer->pts = t;
+  EXPECT_EQ(mmal_port_send_buffer(&in(), buffer), MMAL_SUCCESS);
+}
+
+Output Rig::take() {
+  Output output;
+  std::unique_lock<std::mutex> lock(mutex_);
+  EXPECT_TRUE(arrived_.wait_for(lock, patience, [this] { return !filled_.empty(); }));
+  if (!filled_.empty()) {
+    output = filled_.front();
+    filled_.pop_front();
+  }
+  lock.unlock();
+  sendOutputs();
+  return output;
+}
+
+void Rig::expectAll(MMAL_POOL_T& pool) {
+  std::vector<MMAL_BUFFER_HEADER_T*> there;
+  while (MMAL_BUFFER_HEADER_T* const buffer = mmal_queue_get(pool.queue)) there.push_back(buffer);
+  EXPECT_EQ(there.size(), pool.headers_num);
+  for (MMAL_BUFFER_HEADER_T* const buffer : there) mmal_buffer_header_release(buffer);
+}
+
+void Rig::expectInputsBack(unsigned times) {
+  expectAll(*inPool);
+  EXPECT_EQ(inputsBack_, times);
 }
 
 void Rig::expectOutputsBack() {
-  while (take(0, false).came) {
-  }
-  EXPECT_EQ(mmal_queue_length(outPool->queue), out().buffer_num);
-}
-
-Output Rig::take(unsigned limitMs, bool recycle) {
-  Output output;
-  while (MMAL_BUFFER_HEADER_T* const buffer = mmal_queue_timedwait(filled, limitMs)) {
-    // What a flush gives back unused is empty and bears no mark.
-    output.came = buffer->length != 0 || buffer->flags != 0;
-    output.cmd = buffer->cmd;
-    output.flags = buffer->flags;
-    output.pts = buffer->pts;
-    output.data.assign(buffer->data, buffer->data + buffer->length);
-    mmal_buffer_header_release(buffer);
-    if (output.came) break;
-  }
-  if (recycle) sendOutputs();
-  return output;
+  expectAll(*outPool);
 }
 
 void Rig::stop() {
@@ -126,22 +129,30 @@ void Rig::stop() {
 }
 
 void Rig::note() {
-  if (std::this_thread::get_id() == caller_) onCaller = true;
-  threads.insert(std::this_thread::get_id());
+  const std::thread::id here = std::this_thread::get_id();
+  EXPECT_NE(here, caller_) << "from inside the client's own call";
+  EXPECT_TRUE(worker_ == std::thread::id() || worker_ == here) << "on several threads";
+  worker_ = here;
 }
 
 void Rig::onInput(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer) {
   auto& rig = *reinterpret_cast<Rig*>(port->userdata);
+  const std::lock_guard<std::mutex> lock(rig.mutex_);
   rig.note();
+  ++rig.inputsBack_;
   mmal_buffer_header_release(buffer);
-  ++rig.inputsBack;
+  rig.arrived_.notify_one();
 }
 
 void Rig::onOutput(MMAL_PORT_T* port, MMAL_BUFFER_HEADER_T* buffer) {
   auto& rig = *reinterpret_cast<Rig*>(port->userdata);
+  const std::lock_guard<std::mutex> lock(rig.mutex_);
   rig.note();
-  ++rig.outputsBack;
-  mmal_queue_put(rig.filled, buffer);
+  // What a flush gives back unused is empty and bears no mark.
+  if (buffer->length != 0 || buffer->flags != 0)
+    rig.filled_.push_back({buffer->length, buffer->flags, buffer->pts});
+  mmal_buffer_header_release(buffer);
+  rig.arrived_.notify_one();
 }
 
 }  // namespace contract
