@@ -3,6 +3,7 @@
 
 #include "Shell.h"
 #include "support/H264Oracle.h"
+#include "support/JpegOracle.h"
 
 namespace {
 
@@ -10,6 +11,7 @@ using support::Bytes;
 using support::H264Stream;
 using support::scenes;
 using support::worstPsnr;
+using testing::HasSubstr;
 
 struct Way {
   const char* name;
@@ -35,7 +37,7 @@ TEST_P(H264EncodeTest, EveryFrameComesOutInItsPlace) {
 
   const std::string told =
       succeed(std::string("tessera h264-encode --bitrate 4M ") + way.arguments + " in -o out.h264");
-  EXPECT_NE(told.find("40 frames of "), std::string::npos) << told;
+  EXPECT_THAT(told, HasSubstr("40 frames of "));
   const H264Stream stream = support::decodeH264(load("out.h264"));
   ASSERT_EQ(stream.pictures.size(), std::size_t{count});
   EXPECT_EQ(stream.pictures[0].width, way.codedWidth);
@@ -68,7 +70,7 @@ TEST_F(ToolTest, RateAspectAndCountSurviveContainers) {
     EXPECT_EQ(summary["bytes_out"], load(name).size());
     const Y4m decoded = fromY4m(load("out.y4m"));
     EXPECT_EQ(decoded.pictures.size(), 30u) << name;
-    EXPECT_NE(decoded.header.find(" F15:1 Ip A4:3 "), std::string::npos) << decoded.header;
+    EXPECT_THAT(decoded.header, HasSubstr(" F15:1 Ip A4:3 "));
     EXPECT_GT(worstPsnr(decoded.pictures, scenes(30, 160, 96)), 30) << name;
   }
 }
@@ -111,10 +113,11 @@ TEST_F(ToolTest, FramesInPiecesAreWholeAndWaitForNothing) {
     std::size_t timeOuts = 0;
     for (std::size_t at = 0; (at = told.find("timeout", at)) != std::string::npos; ++at) ++timeOuts;
     EXPECT_LT(timeOuts, 10u) << how << told;
-    EXPECT_EQ(told.find("not filled"), std::string::npos) << how << told;
-    EXPECT_NE(told.find("20 frames of"), std::string::npos) << how << told;
-    const std::string decoded = succeed("tessera h264-decode out.mkv -o out.y4m");
-    EXPECT_EQ(decoded.find("20 frames of"), 0u) << how << decoded;
+    EXPECT_THAT(told, testing::Not(HasSubstr("not filled"))) << how;
+    EXPECT_THAT(told, HasSubstr("20 frames of")) << how;
+    EXPECT_THAT(succeed("tessera h264-decode out.mkv -o out.y4m"),
+                testing::StartsWith("20 frames of"))
+        << how;
   }
 }
 
@@ -145,30 +148,31 @@ TEST_F(ToolTest, WhatIsWrongWithAStreamIsCountedAndTold) {
     save("in.264", stream);
     return succeed("tessera h264-decode in.264 -o out.y4m");
   };
-  EXPECT_NE(told(without(14, 16)).find("2 missing"), std::string::npos);
-  EXPECT_NE(told(without(0, 3)).find("7 before the first key frame"), std::string::npos);
+  EXPECT_THAT(told(without(14, 16)), HasSubstr("2 missing"));
+  EXPECT_THAT(told(without(0, 3)), HasSubstr("7 before the first key frame"));
   options.interlaced = true;
   options.height = 256;
-  EXPECT_NE(told(support::encodeH264(options).stream).find("20 interlaced"), std::string::npos);
-  EXPECT_NE(fromY4m(load("out.y4m")).header.find(" It "), std::string::npos);
-  EXPECT_EQ(told(made.stream).find("("), std::string::npos);
+  EXPECT_THAT(told(support::encodeH264(options).stream), HasSubstr("20 interlaced"));
+  EXPECT_THAT(fromY4m(load("out.y4m")).header, HasSubstr(" It "));
+  EXPECT_THAT(told(made.stream), testing::Not(HasSubstr("(")));
 }
 
-TEST_F(ToolTest, AStreamThatChangesItsSizeFitsIntoPlanesOnly) {
-  support::H264Options options;
-  options.bFrames = 2;
-  Bytes stream = support::encodeH264(options).stream;
-  options.width = 160;
-  options.height = 128;
-  const Bytes second = support::encodeH264(options).stream;
-  stream.insert(stream.end(), second.begin(), second.end());
-  save("in.264", stream);
-
-  const Result refused = run("tessera h264-decode in.264 -o out.y4m");
-  EXPECT_EQ(refused.status, 1);
-  EXPECT_NE(refused.err.find("change from 320x240 to 160x128"), std::string::npos) << refused.err;
-  succeed("tessera h264-decode in.264 -o out.i420");
-  EXPECT_EQ(load("out.i420").size(), 10u * (320 * 240 + 160 * 128) * 3 / 2);
+TEST_F(ToolTest, ChangingSizesFitIntoPlanesOnly) {
+  const auto jpeg = [](int width, int height) {
+    return support::encodeJpeg(support::scene(width, height), support::Sampling::Yuv420, 90);
+  };
+  save("in.mjpeg", jpeg(320, 240) + jpeg(160, 128));
+  save("in.264", support::encodeH264({320, 240, 10, 2}).stream +
+                     support::encodeH264({160, 128, 10, 2}).stream);
+  for (const auto& [command, count] :
+       {std::pair("jpeg-decode in.mjpeg", 1u), {"h264-decode in.264", 10u}}) {
+    const Result refused = run(std::string("tessera ") + command + " -o out.y4m");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.err, HasSubstr("change from 320x240 to 160x128"));
+    EXPECT_TRUE(load("out.y4m").empty());
+    succeed(std::string("tessera ") + command + " -o out.i420");
+    EXPECT_EQ(load("out.i420").size(), count * (320 * 240 + 160 * 128) * 3 / 2);
+  }
 }
 
 }  // namespace
