@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <map>
 
@@ -55,8 +54,6 @@ OMX_ERRORTYPE Client::onEvent(OMX_HANDLETYPE, OMX_PTR self, OMX_EVENTTYPE event,
     client.keep("done " + commandText(data1, data2));
   else if (event == OMX_EventError)
     client.keep("error " + errorText(data1));
-  else if (event == OMX_EventPortSettingsChanged)
-    client.keep("changed " + std::to_string(data1));
   return OMX_ErrorNone;
 }
 
@@ -76,12 +73,6 @@ std::string Client::next() {
   std::string text = texts_.front();
   texts_.pop_front();
   return text;
-}
-
-Texts Client::next(std::size_t count) {
-  Texts texts;
-  while (texts.size() < count) texts.push_back(next());
-  return texts;
 }
 
 Texts Client::soFar() {
@@ -146,17 +137,6 @@ void Client::run() {
   populate(part.out);
   EXPECT_EQ(next(), "done StateSet Idle");
   complete(OMX_CommandStateSet, OMX_StateExecuting);
-}
-
-OMX_ERRORTYPE Client::empty(OMX_BUFFERHEADERTYPE* buffer, const std::vector<std::uint8_t>& bytes) {
-  std::copy(bytes.begin(), bytes.end(), buffer->pBuffer);
-  buffer->nFilledLen = static_cast<OMX_U32>(bytes.size());
-  buffer->nFlags = OMX_BUFFERFLAG_EOS;
-  return OMX_EmptyThisBuffer(handle, buffer);
-}
-
-OMX_ERRORTYPE Client::fill(OMX_BUFFERHEADERTYPE* buffer) {
-  return OMX_FillThisBuffer(handle, buffer);
 }
 
 }  // namespace contract

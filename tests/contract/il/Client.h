@@ -26,7 +26,7 @@ constexpr Part videoEncode = {"OMX.broadcom.video_encode", OMX_IndexParamVideoIn
 using Texts = std::vector<std::string>;
 
 /// A handle whose callbacks are kept as texts, in their order: "done StateSet Idle",
-/// "done PortDisable 320", "error SameState", "changed 321", "emptied 320", "filled 321".
+/// "done PortDisable 320", "error SameState", "emptied 320", "filled 321".
 class Client {
  public:
   explicit Client(const Part& part);
@@ -36,8 +36,6 @@ class Client {
 
   /// The next callback, or "nothing" after a time that no platform needs.
   std::string next();
-  /// As many callbacks as are expected.
-  Texts next(std::size_t count);
   /// What came before a flush was answered that is sent now: the way to see that nothing else came.
   Texts soFar();
 
@@ -56,8 +54,8 @@ class Client {
   std::vector<OMX_BUFFERHEADERTYPE*>& of(OMX_U32 port) { return port == part.in ? in : out; }
   /// From Loaded to Executing, with every port's buffers.
   void run();
-  OMX_ERRORTYPE empty(OMX_BUFFERHEADERTYPE* buffer, const std::vector<std::uint8_t>& bytes);
-  OMX_ERRORTYPE fill(OMX_BUFFERHEADERTYPE* buffer);
+  OMX_ERRORTYPE empty(OMX_BUFFERHEADERTYPE* buffer) { return OMX_EmptyThisBuffer(handle, buffer); }
+  OMX_ERRORTYPE fill(OMX_BUFFERHEADERTYPE* buffer) { return OMX_FillThisBuffer(handle, buffer); }
 
   const Part part;
   OMX_HANDLETYPE handle = nullptr;

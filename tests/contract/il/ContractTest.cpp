@@ -1,13 +1,11 @@
-// States, ports and buffers: what is allowed when, what is refused with which error, which events
-// come, and the protocol of a new size.
+// States, ports and buffers: what is allowed when, what is refused with which error, and which
+// events come.
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
 
 #include "Client.h"
-#include "support/JpegOracle.h"
 
 namespace {
 
@@ -89,7 +87,8 @@ TEST_P(EveryPart, GivesBuffersBackBeforeACommandCompletes) {
     ASSERT_EQ(client.fill(client.out[0]), OMX_ErrorNone);
     ASSERT_EQ(client.send(command, what), OMX_ErrorNone);
     if (command == OMX_CommandPortDisable) client.vacate(out);
-    EXPECT_EQ(client.next(2), (Texts{"filled " + port, "done " + done}));
+    EXPECT_EQ(client.next(), "filled " + port);
+    EXPECT_EQ(client.next(), "done " + done);
   };
   expectBack(OMX_CommandFlush, out, "Flush " + port);
   expectBack(OMX_CommandPortDisable, out, "PortDisable " + port);
@@ -137,15 +136,15 @@ TEST_P(EveryPart, RefusesBuffersAtTheWrongTime) {
   client.send(OMX_CommandPortEnable, out);
   client.populate(out);
   EXPECT_EQ(client.next(), "done PortEnable " + port);
-  EXPECT_EQ(client.empty(client.in[0], {}), refused) << "in Idle";
+  EXPECT_EQ(client.empty(client.in[0]), refused) << "in Idle";
   EXPECT_EQ(client.fill(client.out[0]), refused) << "in Idle";
 
   client.complete(OMX_CommandStateSet, OMX_StateExecuting);
   EXPECT_EQ(client.define(client.definition(out)), refused) << "enabled and not in Loaded";
-  EXPECT_EQ(client.empty(client.out[0], {}), OMX_ErrorBadPortIndex);
+  EXPECT_EQ(client.empty(client.out[0]), OMX_ErrorBadPortIndex);
   EXPECT_EQ(client.fill(client.in[0]), OMX_ErrorBadPortIndex);
   client.in[0]->nFilledLen = client.in[0]->nAllocLen + 1;
-  EXPECT_EQ(OMX_EmptyThisBuffer(client.handle, client.in[0]), OMX_ErrorBadParameter);
+  EXPECT_EQ(client.empty(client.in[0]), OMX_ErrorBadParameter);
   EXPECT_EQ(client.fill(client.out[0]), OMX_ErrorNone);
   EXPECT_EQ(client.fill(client.out[0]), OMX_ErrorBadParameter) << "it has it already";
 }
@@ -171,46 +170,6 @@ TEST(Transitions, AreAnsweredAsTheStandardSays) {
                                                : "error IncorrectStateTransition");
       EXPECT_EQ(client.state(), OMX_StateLoaded + (answer == '+' ? to : from));
     }
-}
-
-TEST(ImageDecode, AnnouncesANewSizeAndHoldsThePictureUntilThePortIsRebuilt) {
-  Client client(contract::imageDecode);
-  const OMX_U32 out = client.part.out;
-  const Texts decoded = {"emptied 320", "filled 321"};
-  const auto request = [&](const support::Bytes& jpeg) {
-    ASSERT_EQ(client.fill(client.out[0]), OMX_ErrorNone);
-    ASSERT_EQ(client.empty(client.in[0], jpeg), OMX_ErrorNone);
-  };
-  client.run();
-  for (const auto& [width, height, bytes] :
-       {std::tuple(100, 75, 15360u), {640, 480, 460800u}, {1, 1, 768u}, {321, 241, 135168u}}) {
-    const support::Bytes jpeg =
-        support::encodeJpeg(support::scene(width, height), support::Sampling::Yuv420, 85);
-    request(jpeg);
-    EXPECT_EQ(client.next(), "changed 321");
-    const auto definition = client.definition(out);
-    const auto& image = definition.format.image;
-    EXPECT_EQ(image.nFrameWidth, static_cast<OMX_U32>(width));
-    EXPECT_EQ(image.nFrameHeight, static_cast<OMX_U32>(height));
-    EXPECT_EQ(image.nStride, support::round32(width));
-    EXPECT_EQ(image.nSliceHeight, static_cast<OMX_U32>(support::round16(height)));
-    EXPECT_EQ(definition.nBufferSize, bytes);
-    client.send(OMX_CommandPortDisable, out);
-    EXPECT_EQ(client.next(), "filled 321") << "the buffer that was there already is not used";
-    client.vacate(out);
-    EXPECT_EQ(client.next(), "done PortDisable 321");
-    client.send(OMX_CommandPortEnable, out);
-    client.populate(out);
-    EXPECT_EQ(client.next(), "done PortEnable 321");
-    ASSERT_EQ(client.fill(client.out[0]), OMX_ErrorNone);
-    ASSERT_EQ(client.next(2), decoded);
-    const OMX_BUFFERHEADERTYPE& buffer = *client.out[0];
-    EXPECT_EQ(buffer.nFlags, unsigned{OMX_BUFFERFLAG_EOS | OMX_BUFFERFLAG_ENDOFFRAME});
-    ASSERT_EQ(buffer.nFilledLen, bytes);
-    EXPECT_EQ(support::unpadded(buffer.pBuffer, width, height).y, support::decodeJpeg(jpeg).y);
-    request(jpeg);
-    EXPECT_EQ(client.next(2), decoded) << "the next of that size needs no announcement";
-  }
 }
 
 }  // namespace
