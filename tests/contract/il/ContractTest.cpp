@@ -4,6 +4,7 @@
 #include <IL/OMX_Component.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -112,6 +113,14 @@ class Client {
       EXPECT_EQ(OMX_FreeBuffer(handle, port, buffer), OMX_ErrorNone);
     of(port).clear();
   }
+  /// From Loaded to Executing, with every port's buffers.
+  void run() {
+    EXPECT_EQ(send(OMX_CommandStateSet, OMX_StateIdle), OMX_ErrorNone);
+    populate(part.in);
+    populate(part.out);
+    EXPECT_EQ(next(), "done StateSet Idle");
+    complete(OMX_CommandStateSet, OMX_StateExecuting);
+  }
   std::vector<OMX_BUFFERHEADERTYPE*>& of(OMX_U32 port) { return port == part.in ? in : out; }
   OMX_ERRORTYPE empty(OMX_BUFFERHEADERTYPE* buffer) { return OMX_EmptyThisBuffer(handle, buffer); }
   OMX_ERRORTYPE fill(OMX_BUFFERHEADERTYPE* buffer) { return OMX_FillThisBuffer(handle, buffer); }
@@ -217,11 +226,7 @@ TEST_P(EveryPart, WaitsForItsBuffersToComeAndToGo) {
 
 /// The decoder pool and the JPEG encoder free right after a disable, before its completion.
 TEST_P(EveryPart, GivesBuffersBackBeforeACommandCompletes) {
-  EXPECT_EQ(client.send(OMX_CommandStateSet, OMX_StateIdle), OMX_ErrorNone);
-  client.populate(in);
-  client.populate(out);
-  EXPECT_EQ(client.next(), "done StateSet Idle");
-  client.complete(OMX_CommandStateSet, OMX_StateExecuting);
+  client.run();
   const auto expectBack = [&](OMX_COMMANDTYPE command, OMX_U32 what, const std::string& done) {
     ASSERT_EQ(client.fill(client.out[0]), OMX_ErrorNone);
     ASSERT_EQ(client.send(command, what), OMX_ErrorNone);
@@ -309,6 +314,25 @@ TEST(Transitions, AreAnsweredAsTheStandardSays) {
                                                : "error IncorrectStateTransition");
       EXPECT_EQ(client.state(), OMX_StateLoaded + (answer == '+' ? to : from));
     }
+}
+
+TEST(VideoEncode, GivesParameterSetsFirstAndAgainAfterIdle) {
+  Client client(videoEncode);
+  client.run();
+  for (int round = 0; round < 2; ++round) {
+    OMX_BUFFERHEADERTYPE& in = *client.in[0];
+    std::fill_n(in.pBuffer, in.nAllocLen, OMX_U8{128});
+    in.nFilledLen = in.nAllocLen;
+    ASSERT_EQ(client.empty(&in), OMX_ErrorNone);
+    for (const OMX_U32 flag : {OMX_BUFFERFLAG_CODECCONFIG, OMX_BUFFERFLAG_SYNCFRAME}) {
+      ASSERT_EQ(client.fill(client.out[0]), OMX_ErrorNone);
+      const std::string text = client.next();
+      EXPECT_EQ(text == "emptied 200" ? client.next() : text, "filled 201");
+      EXPECT_EQ(client.out[0]->nFlags, flag | OMX_BUFFERFLAG_ENDOFFRAME);
+    }
+    client.complete(OMX_CommandStateSet, OMX_StateIdle);
+    client.complete(OMX_CommandStateSet, OMX_StateExecuting);
+  }
 }
 
 }  // namespace
