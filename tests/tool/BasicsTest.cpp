@@ -49,10 +49,7 @@ TEST(Basics, AccessUnitsAreCutBeforeWhatBelongsToTheNextPicture) {
 }
 
 TEST(Basics, ARealStreamIsCutWhereItsEncoderEndedTheFrames) {
-  support::H264Options options;
-  options.bFrames = 2;
-  options.slices = 3;
-  const support::H264Made made = support::encodeH264(options);
+  const support::H264Made made = support::encodeH264({320, 240, 10, 2, 3});
   std::vector<std::size_t> starts = {0};
   for (const Bytes& each : cut(made.stream)) starts.push_back(starts.back() + each.size());
   EXPECT_EQ(starts, made.units);

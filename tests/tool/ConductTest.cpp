@@ -19,24 +19,23 @@ class ConductTest : public ToolTest {
     save("in.264", support::encodeH264({}).stream);
   }
 
-  static constexpr const char* encode = "tessera jpeg-encode --size 64x48 --format yuyv ";
+  const std::string encode = "tessera jpeg-encode --size 64x48 --format yuyv ";
 };
 
 TEST_F(ConductTest, StandardOutputHasNothingButData) {
-  succeed(std::string(encode) + "in.yuyv -o out.jpg");
-  const Result result = run(std::string(encode) + "in.yuyv -o -");
+  succeed(encode + "in.yuyv -o out.jpg");
+  const Result result = run(encode + "in.yuyv -o -");
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(Bytes(result.out.begin(), result.out.end()), load("out.jpg"));
   // /dev/stdout is standard output too, not what the library's lines go to.
-  EXPECT_EQ(run(std::string(encode) + "-q in.yuyv -o /dev/stdout").out, result.out);
+  EXPECT_EQ(run(encode + "-q in.yuyv -o /dev/stdout").out, result.out);
 }
 
 TEST_F(ConductTest, TheLastLineSumsUpUnlessQuiet) {
-  EXPECT_THAT(succeed(std::string(encode) + "in.yuyv -o out.jpg"),
+  EXPECT_THAT(succeed(encode + "in.yuyv -o out.jpg"),
               testing::StartsWith("3 frames of 64x48, 18.4 kB in, "));
-  EXPECT_EQ(succeed(std::string(encode) + "-q in.yuyv -o out.jpg"), "");
-  const auto summary =
-      nlohmann::json::parse(succeed(std::string(encode) + "-q --json in.yuyv -o out.jpg"));
+  EXPECT_EQ(succeed(encode + "-q in.yuyv -o out.jpg"), "");
+  const auto summary = nlohmann::json::parse(succeed(encode + "-q --json in.yuyv -o out.jpg"));
   EXPECT_EQ(summary["frames"], 3);
   EXPECT_EQ(summary["width"], 64);
   EXPECT_EQ(summary["bytes_in"], 3 * 64 * 48 * 2);
@@ -62,7 +61,7 @@ TEST_F(ConductTest, ProgressFitsANarrowTerminal) {
 
 TEST_F(ConductTest, ABrokenPipeEndsItQuietly) {
   for (const std::string& command :
-       {std::string(encode) + "/dev/zero -o -", std::string("yes | ") + encode + "- -o -",
+       {encode + "/dev/zero -o -", std::string("yes | ") + encode + "- -o -",
         std::string("tessera h264-decode in.264 -o -")}) {
     const Result result = run("set -o pipefail; " + command + " | head -c 100 >/dev/null");
     EXPECT_EQ(result.err, "") << command;
@@ -73,16 +72,15 @@ TEST_F(ConductTest, ABrokenPipeEndsItQuietly) {
 TEST_F(ConductTest, AFailedWriteLeavesWhatWasThere) {
   save("out.jpg", {1, 2, 3});
   const auto before = files();
-  EXPECT_EQ(run("ulimit -f 1; trap '' XFSZ; cat in.yuyv in.yuyv in.yuyv | " + std::string(encode) +
-                "- -o out.jpg")
-                .status,
-            1);
+  const Result result =
+      run("ulimit -f 1; trap '' XFSZ; cat in.yuyv in.yuyv in.yuyv | " + encode + "- -o out.jpg");
+  EXPECT_EQ(result.status, 1);
   EXPECT_EQ(files(), before);
   EXPECT_EQ(load("out.jpg"), (Bytes{1, 2, 3}));
 }
 
 TEST_F(ConductTest, AnInputThatEndsInTheMiddleKeepsWhatCameBefore) {
-  const Result result = run("head -c 15000 in.yuyv | " + std::string(encode) + "- -o out.jpg");
+  const Result result = run("head -c 15000 in.yuyv | " + encode + "- -o out.jpg");
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.err, HasSubstr("ends in the middle of frame 3: 2712 bytes of the 6144"));
   EXPECT_THAT(result.err, HasSubstr("out.jpg holds the 2 frames"));
@@ -126,7 +124,7 @@ TEST_F(ConductTest, TheLibrarysLinesShowWhereSomethingFails) {
   save("bad.jpg", {0xFF, 0xD8, 0xFF, 0xC0, 0, 11, 8, 0, 8, 0, 8, 1, 1, 0x11, 0, 0xFF, 0xD9});
   EXPECT_THAT(run("tessera jpeg-decode -q bad.jpg -o out.y4m").err,
               HasSubstr("DecoderPool::DecodeJpeg - "));
-  const std::string good = std::string(encode) + "-q in.yuyv -o out.jpg && tessera jpeg-decode -q ";
+  const std::string good = encode + "-q in.yuyv -o out.jpg && tessera jpeg-decode -q ";
   EXPECT_EQ(succeed(good + "out.jpg -o out.y4m"), "");
   EXPECT_NE(succeed(good + "-v out.jpg -o out.y4m"), "");
 }
@@ -148,8 +146,8 @@ TEST_F(ConductTest, NoFrameWaitsForTheNextOne) {
 
 TEST_F(ConductTest, LinksAreFollowedAndModesKept) {
   const Result result =
-      run("touch real.jpg; chmod 640 real.jpg; ln -s real.jpg link.jpg; umask 027; " +
-          std::string(encode) + "-q in.yuyv -o link.jpg && " + encode +
+      run("touch real.jpg; chmod 640 real.jpg; ln -s real.jpg link.jpg; umask 027; " + encode +
+          "-q in.yuyv -o link.jpg && " + encode +
           "-q in.yuyv -o new.jpg && stat -c '%F %a' link.jpg real.jpg new.jpg");
   EXPECT_EQ(result.out, "symbolic link 777\nregular file 640\nregular file 640\n") << result.err;
 }
@@ -163,10 +161,7 @@ TEST_F(ConductTest, AFifoAndADeviceAreWrittenDirectly) {
 }
 
 TEST_F(ConductTest, ASlowReaderLosesNothing) {
-  support::H264Options options;
-  options.frames = 60;
-  options.bFrames = 3;
-  save("long.264", support::encodeH264(options).stream);
+  save("long.264", support::encodeH264({320, 240, 60, 3}).stream);
   // Two seconds without reading: longer than the decoder's limit for its input.
   EXPECT_EQ(succeed("tessera h264-decode long.264 -q -o - | (sleep 2; cat) >copy.y4m"), "");
   EXPECT_EQ(fromY4m(load("copy.y4m")).pictures.size(), 60u);
