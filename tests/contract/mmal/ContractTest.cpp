@@ -1,4 +1,4 @@
-// References, ports, their formats and their buffers.
+// Ports, their formats and their buffers.
 
 #include <bcm_host.h>
 #include <gtest/gtest.h>
@@ -6,10 +6,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <thread>
 #include <vector>
 
-#include "support/Pictures.h"
+#include "support/H264Oracle.h"
 
 namespace {
 
@@ -51,10 +53,10 @@ class Rig {
   MMAL_PORT_T& in() { return *component->input[0]; }
   MMAL_PORT_T& out() { return *component->output[0]; }
 
-  /// Sets both ports of an encoder up, and makes their pools.
-  void setUpVideo(int width, int height, unsigned buffers) {
-    describe(in(), MMAL_ENCODING_I420, width, height);
-    describe(out(), MMAL_ENCODING_H264, width, height);
+  /// Sets both ports up, and makes their pools.
+  void setUp(std::uint32_t from, std::uint32_t to, int width, int height, unsigned buffers) {
+    describe(in(), from, width, height);
+    describe(out(), to, width, height);
     for (MMAL_PORT_T* const port : {&in(), &out()}) {
       ASSERT_EQ(mmal_port_format_commit(port), MMAL_SUCCESS);
       port->buffer_num = buffers;
@@ -92,6 +94,7 @@ class Rig {
     EXPECT_TRUE(rig.worker_ == std::thread::id() || rig.worker_ == here) << "on several threads";
     rig.worker_ = here;
     if (port == &rig.in()) ++rig.inputsBack;
+    if (buffer->cmd == MMAL_EVENT_FORMAT_CHANGED) rig.changed.set_value(buffer->length);
     mmal_buffer_header_release(buffer);
   }
 
@@ -99,6 +102,7 @@ class Rig {
   MMAL_POOL_T* inPool = nullptr;
   MMAL_POOL_T* outPool = nullptr;
   std::atomic<unsigned> inputsBack{0};
+  std::promise<std::uint32_t> changed;  ///< bytes of an event that tells of another format
 
  private:
   const std::thread::id caller_ = std::this_thread::get_id();
@@ -111,21 +115,6 @@ void expectAll(MMAL_POOL_T& pool) {
   while (MMAL_BUFFER_HEADER_T* const buffer = mmal_queue_get(pool.queue)) there.push_back(buffer);
   EXPECT_EQ(there.size(), pool.headers_num);
   for (MMAL_BUFFER_HEADER_T* const buffer : there) mmal_buffer_header_release(buffer);
-}
-
-TEST(Components, GoWithTheirLastReference) {
-  MMAL_COMPONENT_T* component = nullptr;
-  EXPECT_NE(mmal_component_create("vc.ril.nothing_at_all", &component), MMAL_SUCCESS);
-  EXPECT_EQ(component, nullptr);
-  for (const char* name : {imageEncode, videoEncode, videoDecode}) {
-    ASSERT_EQ(mmal_component_create(name, &component), MMAL_SUCCESS) << name;
-    EXPECT_EQ(component->input[0]->type, MMAL_PORT_TYPE_INPUT);
-    EXPECT_EQ(component->output[0]->is_enabled, 0u);
-    mmal_component_acquire(component);
-    EXPECT_EQ(mmal_component_destroy(component), MMAL_SUCCESS);
-    EXPECT_EQ(mmal_component_enable(component), MMAL_SUCCESS) << "still there";
-    EXPECT_EQ(mmal_component_release(component), MMAL_SUCCESS);
-  }
 }
 
 TEST(Ports, CheckTheirFormatsAndSetTheirBuffers) {
@@ -168,7 +157,7 @@ TEST(Ports, CheckTheirFormatsAndSetTheirBuffers) {
 
 TEST(Ports, RefuseWhatDoesNotSuitTheirState) {
   Rig rig(videoEncode);
-  rig.setUpVideo(64, 48, 2);
+  rig.setUp(MMAL_ENCODING_I420, MMAL_ENCODING_H264, 64, 48, 2);
   for (int round = 0; round < 2; ++round) {
     MMAL_BUFFER_HEADER_T* const buffer = mmal_queue_get(rig.outPool->queue);
     ASSERT_NE(buffer, nullptr);
@@ -190,7 +179,7 @@ TEST_P(GivesBack, EveryBufferBeforeTheCallReturns) {
   const auto askBack = flush ? mmal_port_flush : mmal_port_disable;
   constexpr unsigned buffers = 6;
   Rig rig(videoEncode);
-  rig.setUpVideo(320, 240, buffers);
+  rig.setUp(MMAL_ENCODING_I420, MMAL_ENCODING_H264, 320, 240, buffers);
   rig.enablePorts();
   if (works) mmal_component_enable(rig.component);
   for (unsigned round = 1; round <= 3; ++round) {
@@ -207,5 +196,22 @@ TEST_P(GivesBack, EveryBufferBeforeTheCallReturns) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Ports, GivesBack, testing::Combine(testing::Bool(), testing::Bool()));
+
+TEST(Decoding, TellsOfAnotherSize) {
+  const support::Bytes stream = support::encodeH264({160, 96, 1}).stream;
+  Rig rig(videoDecode);
+  rig.setUp(MMAL_ENCODING_H264, MMAL_ENCODING_I420, 96, 64, 4);
+  rig.enablePorts();
+  mmal_component_enable(rig.component);
+  MMAL_BUFFER_HEADER_T* const buffer = mmal_queue_get(rig.inPool->queue);
+  ASSERT_GE(buffer->alloc_size, stream.size());
+  std::copy(stream.begin(), stream.end(), buffer->data);
+  buffer->length = static_cast<std::uint32_t>(stream.size());
+  buffer->flags = MMAL_BUFFER_HEADER_FLAG_FRAME;
+  ASSERT_EQ(mmal_port_send_buffer(&rig.in(), buffer), MMAL_SUCCESS);
+  auto changed = rig.changed.get_future();
+  ASSERT_EQ(changed.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  EXPECT_GE(changed.get(), sizeof(MMAL_EVENT_FORMAT_CHANGED_T));
+}
 
 }  // namespace
