@@ -22,111 +22,63 @@ static_assert(std::is_same_v<decltype(GetDecoderPool), DecoderPool*()> &&
 
 namespace {
 
-/// Walks through an object from behind the table of its virtual operations.
-template <class Class>
-class Walk {
- public:
-  /// The next fields are these, all of one type, each at the first place that suits it.
-  template <class Type>
-  Walk& next(std::initializer_list<Type Class::*> fields) {
-    for (Type Class::*const field : fields) {
-      std::ptrdiff_t offset = 0;  // which is what a pointer to a field holds
-      static_assert(sizeof offset == sizeof field);
-      std::memcpy(&offset, &field, sizeof offset);
-      const auto alignment = static_cast<std::ptrdiff_t>(alignof(Type));
-      EXPECT_EQ(offset, (end_ + alignment - 1) / alignment * alignment) << "field " << number_;
-      // NOLINTNEXTLINE(bugprone-sizeof-expression): of a pointer too
-      end_ = offset + static_cast<std::ptrdiff_t>(sizeof(Type));
-      ++number_;
-    }
-    return *this;
-  }
-
- private:
-  std::ptrdiff_t end_ = sizeof(void*);
-  int number_ = 0;
-};
-
-using CopyFrame = void (*)(unsigned char*, unsigned, unsigned, unsigned, unsigned char*, unsigned,
-                           unsigned&);
+/// Expects that an object's fields stand one after another behind the table of its virtual
+/// operations, each at the first place that suits it, and end where they do with pointers of 64 or
+/// of 32 bits.
+template <class Class, class... Types>
+void expectFields(std::size_t end64, std::size_t end32, Types Class::*... fields) {
+  std::size_t end = sizeof(void*);
+  int number = 0;
+  const auto expectNext = [&](auto field, std::size_t size, std::size_t alignment) {
+    std::size_t offset = 0;  // which is what a pointer to a field holds
+    static_assert(sizeof offset == sizeof field);
+    std::memcpy(&offset, &field, sizeof offset);
+    EXPECT_EQ(offset, (end + alignment - 1) / alignment * alignment) << "field " << number;
+    end = offset + size;
+    ++number;
+  };
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): of a pointer too
+  (expectNext(fields, sizeof(Types), alignof(Types)), ...);
+  EXPECT_EQ(end, sizeof(void*) == 8 ? end64 : end32) << number << " fields";
+}
 
 }  // namespace
 
 /// The friend of the six classes that sees their fields.
 struct TesseraTestAccess {
-  static void pool() {
-    using C = DecoderPool;
-    Walk<C>()
-        .next<sem_t>({&C::semCommandDone, &C::semFillDone, &C::semPortSettingsChanged})
-        .next<OMX_HANDLETYPE>({&C::hDecoder})
-        .next<OMX_PORT_PARAM_TYPE>({&C::portParam})
-        .next<OMX_ERRORTYPE>({&C::lastError})
-        .next<OMX_PARAM_PORTDEFINITIONTYPE>({&C::portDef})
-        .next<OMX_BUFFERHEADERTYPE*>({&C::pOutputBuffer})
-        .next<std::int32_t>({&C::nInputBuffers})
-        .next<OMX_BUFFERHEADERTYPE**>({&C::ppInputBuffers})
-        .next<std::uint32_t>({&C::nInputPort, &C::nOutputPort})
-        .next<std::int32_t>({&C::nCurrentWidth, &C::nCurrentHeight, &C::nNextInputBuffer});
-  }
-
-  static void mmalJpeg() {
-    using C = CMmalJpegEncoder;
-    Walk<C>()
-        .next<MMAL_WRAPPER_T*>({&C::pWrapper})
-        .next<MMAL_PORT_T*>({&C::pInputPort, &C::pOutputPort})
-        .next<MMAL_BUFFER_HEADER_T*>({&C::pInputBuffer, &C::pOutputBuffer})
-        .next<MMAL_STATUS_T>({&C::nLastStatus})
-        .next<sem_t>({&C::semaphore})
-        .next<std::int32_t>({&C::nWidth, &C::nHeight});
-  }
-
-  /// What both OpenMAX encoders start with.
-  template <typename C>
-  static Walk<C> omxEncoder() {
-    return Walk<C>()
-        .template next<sem_t>(
-            {&C::semStateChanged, &C::semPortEnableDisable, &C::semFlushed, &C::semOutputFilled})
-        .template next<OMX_HANDLETYPE>({&C::hEncoder})
-        .template next<OMX_BUFFERHEADERTYPE*>({&C::pInputBuffer, &C::pOutputBuffer})
-        .template next<std::uint32_t>({&C::nInputPort, &C::nOutputPort});
-  }
-
-  static void omxH264() {
-    using C = COmxH264Encoder;
-    omxEncoder<C>()
-        .next<std::uint32_t>({&C::nWidth, &C::nHeight})
-        .next<CopyFrame>({&C::pfnCopyFrame});
-  }
-
-  static void mmalH264Encoder() {
-    using C = CMmalH264Encoder;
-    Walk<C>()
-        .next<MMAL_COMPONENT_T*>({&C::pComponent})
-        .next<MMAL_QUEUE_T*>({&C::pOutputQueue})
-        .next<MMAL_POOL_T*>({&C::pInputPool, &C::pOutputPool})
-        .next<sem_t>({&C::semInput, &C::semOutput})
-        .next<std::uint32_t>({&C::nWidth, &C::nHeight})
-        .next<CopyFrame>({&C::pfnCopyFrame});
-  }
-
-  static void mmalH264Decoder() {
-    using C = CMmalH264Decoder;
-    Walk<C>()
-        .next<MMAL_COMPONENT_T*>({&C::pComponent})
-        .next<MMAL_QUEUE_T*>({&C::pFrameQueue})
-        .next<MMAL_POOL_T*>({&C::pInputPool, &C::pOutputPool})
-        .next<sem_t>({&C::semInput, &C::semOutput})
-        .next<std::int32_t>({&C::nStreamWidth, &C::nStreamHeight})
-        .next<std::uint32_t>({&C::nPictureWidth, &C::nPictureHeight})
-        .next<std::mutex>({&C::lock});
+  static void expectLayouts() {
+    using Pool = DecoderPool;
+    expectFields(292, 204, &Pool::semCommandDone, &Pool::semFillDone, &Pool::semPortSettingsChanged,
+                 &Pool::hDecoder, &Pool::portParam, &Pool::lastError, &Pool::portDef,
+                 &Pool::pOutputBuffer, &Pool::nInputBuffers, &Pool::ppInputBuffers,
+                 &Pool::nInputPort, &Pool::nOutputPort, &Pool::nCurrentWidth, &Pool::nCurrentHeight,
+                 &Pool::nNextInputBuffer);
+    using Jpeg = CMmalJpegEncoder;
+    expectFields(96, 52, &Jpeg::pWrapper, &Jpeg::pInputPort, &Jpeg::pOutputPort,
+                 &Jpeg::pInputBuffer, &Jpeg::pOutputBuffer, &Jpeg::nLastStatus, &Jpeg::semaphore,
+                 &Jpeg::nWidth, &Jpeg::nHeight);
+    using OmxJpeg = COmxJpegEncoder;
+    expectFields(168, 88, &OmxJpeg::semStateChanged, &OmxJpeg::semPortEnableDisable,
+                 &OmxJpeg::semFlushed, &OmxJpeg::semOutputFilled, &OmxJpeg::hEncoder,
+                 &OmxJpeg::pInputBuffer, &OmxJpeg::pOutputBuffer, &OmxJpeg::nInputPort,
+                 &OmxJpeg::nOutputPort);
+    using Omx = COmxH264Encoder;
+    expectFields(184, 100, &Omx::semStateChanged, &Omx::semPortEnableDisable, &Omx::semFlushed,
+                 &Omx::semOutputFilled, &Omx::hEncoder, &Omx::pInputBuffer, &Omx::pOutputBuffer,
+                 &Omx::nInputPort, &Omx::nOutputPort, &Omx::nWidth, &Omx::nHeight,
+                 &Omx::pfnCopyFrame);
+    using Mmal = CMmalH264Encoder;
+    expectFields(120, 64, &Mmal::pComponent, &Mmal::pOutputQueue, &Mmal::pInputPool,
+                 &Mmal::pOutputPool, &Mmal::semInput, &Mmal::semOutput, &Mmal::nWidth,
+                 &Mmal::nHeight, &Mmal::pfnCopyFrame);
+    using Decoder = CMmalH264Decoder;
+    expectFields(160, 92, &Decoder::pComponent, &Decoder::pFrameQueue, &Decoder::pInputPool,
+                 &Decoder::pOutputPool, &Decoder::semInput, &Decoder::semOutput,
+                 &Decoder::nStreamWidth, &Decoder::nStreamHeight, &Decoder::nPictureWidth,
+                 &Decoder::nPictureHeight, &Decoder::lock);
   }
 };
 
 TEST(Layout, FieldsOfTheClassesStandInTheirOrderBehindTheTable) {
-  TesseraTestAccess::pool();
-  TesseraTestAccess::mmalJpeg();
-  TesseraTestAccess::omxEncoder<COmxJpegEncoder>();
-  TesseraTestAccess::omxH264();
-  TesseraTestAccess::mmalH264Encoder();
-  TesseraTestAccess::mmalH264Decoder();
+  TesseraTestAccess::expectLayouts();
 }

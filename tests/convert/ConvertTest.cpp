@@ -176,49 +176,6 @@ TEST_P(EveryKernel, ClipsSizesThatOverflow) {
   }
 }
 
-// The kernels' own contract: two row pairs at all alignments, with both kinds of stores.
-TEST_P(EveryKernel, KeepsToItsRows) {
-  static GuardedMemory memory(1 << 16);
-  const Bytes content = noise(1 << 14);
-  std::mt19937 random(5);
-  for (std::size_t round = 0; round < 1200 && !HasFailure(); ++round) {
-    const auto stores = round % 2 == 0 ? convert::Stores::Cached : convert::Stores::Streaming;
-    const std::size_t groups = round / 4, pixels = 2 * groups + random() % 2;
-    const std::size_t pitch = 2 * pixels + 2, sourceSize = 3 * pitch + 2 * pixels;
-    const std::size_t stride = round % 3 == 0 ? 1024 : pixels + 1 + random() % 64;
-    const std::uint8_t* source = static_cast<std::uint8_t*>(
-        std::memcpy(memory.atEnd(sourceSize), content.data(), sourceSize));
-    Bytes picture(8 * 1024 + 64, canary), expected = picture;
-    // To 64 bytes in half of the rounds.
-    const auto misaligned = reinterpret_cast<std::uintptr_t>(picture.data()) % 64;
-    const std::size_t luma = 64 - misaligned + random() % 2 * (random() % 64);
-    const std::size_t u = luma + 4 * stride, v = u + stride / 2 * 2;
-    const auto place = [&](std::size_t offset) { return picture.data() + offset; };
-
-    for (std::size_t i = 0; i < 4 * 2 * groups; ++i) {
-      const std::size_t row = i / (2 * groups), x = i % (2 * groups);
-      expected[luma + row * stride + x] = source[row * pitch + 2 * x];
-      if (row % 2 == 1) continue;
-      const std::size_t chroma = (x % 2 == 0 ? u : v) + row / 2 * (stride / 2) + x / 2;
-      expected[chroma] = source[row * pitch + 2 * x + 1];
-    }
-    GetParam()->yuyvToPlanar({source, pitch}, {place(luma), place(u), place(v), stride}, 2, groups,
-                             stores);
-    ASSERT_EQ(picture, expected) << groups << " groups, stride " << stride;
-
-    std::fill(picture.begin(), picture.end(), canary);
-    expected = picture;
-    for (std::size_t i = 0; i < 4 * pixels; ++i) {
-      const std::size_t row = i / pixels, x = i % pixels;
-      expected[luma + row * stride + x] = source[row * pitch + 2 * x];
-      if (row % 2 == 0) expected[u + row / 2 * stride + x] = source[row * pitch + 2 * x + 1];
-    }
-    GetParam()->yuyvToSemiPlanar({source, pitch}, {place(luma), place(u), stride}, 2, pixels,
-                                 stores);
-    ASSERT_EQ(picture, expected) << pixels << " pixels, stride " << stride;
-  }
-}
-
 INSTANTIATE_TEST_SUITE_P(Here, EveryKernel, testing::ValuesIn(kernelsHere()),
                          [](const auto& kernels) { return std::string(kernels.param->name); });
 

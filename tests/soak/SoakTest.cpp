@@ -1,8 +1,8 @@
-#include <dirent.h>
 #include <tessera/tessera.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 
@@ -21,19 +21,21 @@ bool isWhole() {
   return asked != nullptr && std::string(asked) == "whole";
 }
 
-long resident() {
-  long total = 0, pages = 0;
-  std::ifstream("/proc/self/statm") >> total >> pages;
-  return pages * sysconf(_SC_PAGESIZE);
-}
+/// What the process has.
+struct Held {
+  long resident = 0;
+  std::size_t allocations = support::interpose::allocationsOfLibrary();
+  std::ptrdiff_t threads = entries("/proc/self/task"), descriptors = entries("/proc/self/fd");
 
-int entries(const char* folder) {
-  DIR* const dir = opendir(folder);
-  int count = 0;
-  while (readdir(dir) != nullptr) ++count;
-  closedir(dir);
-  return count;
-}
+  Held() {
+    long total = 0, pages = 0;
+    std::ifstream("/proc/self/statm") >> total >> pages;
+    resident = pages * sysconf(_SC_PAGESIZE);
+  }
+  static std::ptrdiff_t entries(const char* folder) {
+    return std::distance(std::filesystem::directory_iterator(folder), {});
+  }
+};
 
 unsigned length(const Bytes& bytes) {
   return static_cast<unsigned>(bytes.size());
@@ -42,10 +44,14 @@ unsigned length(const Bytes& bytes) {
 /// One class at work: an object that does one frame a call, with the caller's memory, and says
 /// whether it came out.
 using Frame = std::function<bool()>;
-struct Worker {
-  const char* name;
-  std::function<Frame()> make;
-};
+
+/// Asks for an output that may be late.
+template <typename Ask>
+bool comes(Ask ask) {
+  CodecStatus status = CodecTimeout;
+  for (int tries = 0; status == CodecTimeout && tries < 20; ++tries) status = ask();
+  return status == CodecOk;
+}
 
 Frame jpegFrame(IJPEGEncoder* made) {
   const std::shared_ptr<IJPEGEncoder> encoder(made, ReleaseEncoderJPEG);
@@ -73,14 +79,11 @@ Frame h264Frame(IH264Encoder* made) {
           data = Bytes(50000)]() mutable {
     if (encoder->ProcessInput(raw.data(), length(raw), 0, 0) != CodecOk) return false;
     unsigned size = 0, flags = 0;
+    const auto next = [&] {
+      return encoder->ProcessOutput(data.data(), length(data), size, flags);
+    };
     // The parameter sets have a buffer of their own, before every key frame.
-    do {
-      CodecStatus status = CodecTimeout;
-      for (int tries = 0; status == CodecTimeout && tries < 20; ++tries)
-        status = encoder->ProcessOutput(data.data(), length(data), size, flags);
-      if (status != CodecOk) return false;
-    } while ((data[4] & 31) == 7 && size < 64);
-    return true;
+    return comes(next) && ((data[4] & 31) != 7 || size >= 64 || comes(next));
   };
 }
 
@@ -98,13 +101,16 @@ Frame decoderFrame() {
       return false;
     unsigned size = 0, w = 0, h = 0;
     unsigned long long timestamp = 0;
-    CodecStatus status = CodecTimeout;
-    for (int tries = 0; status == CodecTimeout && tries < 20; ++tries)
-      status = decoder->ProcessOutput(picture.data(), length(picture), size, w, h, timestamp);
-    return status == CodecOk;
+    return comes([&] {
+      return decoder->ProcessOutput(picture.data(), length(picture), size, w, h, timestamp);
+    });
   };
 }
 
+struct Worker {
+  const char* name;
+  std::function<Frame()> make;
+};
 const Worker workers[] = {
     {"CMmalJpegEncoder", [] { return jpegFrame(CreateEncoderJPEG()); }},
     {"COmxJpegEncoder", [] { return jpegFrame(new COmxJpegEncoder); }},
@@ -120,54 +126,46 @@ class Soak : public support::FaultTest, public testing::WithParamInterface<Worke
 };
 
 TEST_P(Soak, FramesCostNoMemory) {
-  const int frames = whole_ ? 100000 : 2000;
-  long before = 0, after = 0;
-  std::size_t allocations = 0;
-  int done = 0, missed = 0;
+  const int frames = whole_ ? 100000 : 2000, counted = frames - frames / 10;
+  std::unique_ptr<Held> before, after;
+  int missed = 0;
   {
     const support::Capture quiet;
     const Frame frame = GetParam().make();
     ASSERT_TRUE(frame);
-    for (; done < frames; ++done) {
-      if (done == frames / 10) {
-        before = resident();
-        allocations = support::interpose::allocationsOfLibrary();
-      }
+    for (int done = 0; done < frames; ++done) {
+      if (done == frames - counted) before = std::make_unique<Held>();
       missed += !frame();
     }
-    after = resident();
-    allocations = support::interpose::allocationsOfLibrary() - allocations;
+    after = std::make_unique<Held>();
   }
-  const int counted = frames - frames / 10;
-  const double perFrame = static_cast<double>(after - before) / counted;
-  std::cout << GetParam().name << ": " << frames << " frames, " << allocations
-            << " allocations by the library, " << perFrame << " bytes resident a frame\n";
+  const double perFrame = static_cast<double>(after->resident - before->resident) / counted;
+  std::cout << GetParam().name << ": " << frames << " frames, "
+            << after->allocations - before->allocations << " allocations by the library, "
+            << perFrame << " bytes resident a frame\n";
   EXPECT_EQ(missed, 0);
-  EXPECT_EQ(allocations, 0u);
+  EXPECT_EQ(after->allocations, before->allocations);
   // The short form sees single pages; a leak of a frame's bytes would still be thousands.
   EXPECT_LE(perFrame, whole_ ? 1.0 : 200.0);
 }
 
 TEST_P(Soak, CyclesLeaveNothing) {
-  const int cycles = whole_ ? 2000 : 100;
-  long before = 0;
-  int threads = 0, descriptors = 0, missed = 0;
-  for (int i = 0; i < cycles; ++i) {
+  const int cycles = whole_ ? 2000 : 100, counted = cycles - cycles / 5;
+  std::unique_ptr<Held> before;
+  int missed = 0;
+  for (int done = 0; done < cycles; ++done) {
     const support::Capture quiet;
-    if (i == cycles / 5) {
-      before = resident();
-      threads = entries("/proc/self/task");
-      descriptors = entries("/proc/self/fd");
-    }
+    if (done == cycles - counted) before = std::make_unique<Held>();
     const Frame frame = GetParam().make();
     missed += !frame || !frame();
   }
   const support::Capture same;  // holds as many descriptors as the one in the loop
+  const Held after;
   EXPECT_EQ(missed, 0);
-  EXPECT_EQ(entries("/proc/self/task"), threads);
-  EXPECT_EQ(entries("/proc/self/fd"), descriptors);
+  EXPECT_EQ(after.threads, before->threads);
+  EXPECT_EQ(after.descriptors, before->descriptors);
   // The short form sees the allocator's arenas fill; a leak of one object's buffers is far beyond.
-  EXPECT_LE((resident() - before) / (cycles - cycles / 5), whole_ ? 2048 : 16384);
+  EXPECT_LE((after.resident - before->resident) / counted, whole_ ? 2048 : 16384);
 }
 
 INSTANTIATE_TEST_SUITE_P(Classes, Soak, testing::ValuesIn(workers), support::NameOf());

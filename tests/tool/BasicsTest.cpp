@@ -1,9 +1,6 @@
-#include <gtest/gtest.h>
 #include <tessera/Basics.h>
 
-#include <string>
-#include <vector>
-
+#include "Shell.h"
 #include "support/H264Oracle.h"
 
 namespace {
@@ -12,24 +9,9 @@ using support::Bytes;
 
 /// A NAL unit of a type, with a start code of three or four bytes. Slices begin a picture or go on.
 Bytes unit(int type, bool first = true, bool longCode = true) {
-  Bytes bytes = {0,
-                 0,
-                 1,
-                 static_cast<std::uint8_t>(0x60 | type),
-                 static_cast<std::uint8_t>(first ? 0x88 : 0x48),
-                 0x11,
-                 0,
-                 0,
-                 3,
-                 1,
-                 0x22};
-  if (longCode) bytes.insert(bytes.begin(), 0);
-  return bytes;
-}
-
-Bytes operator+(Bytes a, const Bytes& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
+  const auto header = static_cast<std::uint8_t>(0x60 | type);
+  const Bytes bytes = {0, 0, 1, header, std::uint8_t(first ? 0x88 : 0x48), 0x11, 0, 0, 3, 1, 0x22};
+  return longCode ? Bytes(1) + bytes : bytes;
 }
 
 std::vector<Bytes> cut(const Bytes& stream) {
@@ -41,16 +23,11 @@ std::vector<Bytes> cut(const Bytes& stream) {
   return units;
 }
 
-TEST(Basics, GeometryIsTheOneOfTheCodecs) {
+TEST(Basics, GeometryAndTextsAreThoseOfTheCodecs) {
   EXPECT_EQ(tessera::PaddedSize(1920, 1080), 1920u * 1088 * 3 / 2);
   EXPECT_EQ(tessera::PaddedSize(1, 1), 32u * 16 * 3 / 2);
-  EXPECT_EQ(tessera::PaddedWidth(1280), 1280);
-  EXPECT_EQ(tessera::PaddedHeight(721), 736);
   EXPECT_EQ(tessera::DecoderBufferSize(640, -480), 307200u);
   EXPECT_EQ(tessera::DecoderBufferSize(1920, 1080), 524288u);
-}
-
-TEST(Basics, EveryStatusHasItsText) {
   for (const int value : {0, -1, 0x1000, 0x1002, 0x1003, 0x1004, 0x1005, 0x1006, 0x1009})
     EXPECT_EQ(std::string(tessera::StatusText(static_cast<CodecStatus>(value))).find("Codec"), 0u);
   EXPECT_STREQ(tessera::StatusText(static_cast<CodecStatus>(7)), "unknown status");
@@ -72,14 +49,10 @@ TEST(Basics, AccessUnitsAreCutBeforeWhatBelongsToTheNextPicture) {
 }
 
 TEST(Basics, ARealStreamIsCutWhereItsEncoderEndedTheFrames) {
-  support::H264Options options;
-  options.bFrames = 2;
-  options.slices = 3;
-  const support::H264Made made = support::encodeH264(options);
-  std::vector<std::size_t> ends;
-  for (std::size_t at = 0; at < made.stream.size(); ends.push_back(at))
-    at = tessera::AccessUnitEnd(made.stream.data(), made.stream.size(), at);
-  EXPECT_EQ(ends, std::vector<std::size_t>(made.units.begin() + 1, made.units.end()));
+  const support::H264Made made = support::encodeH264({320, 240, 10, 2, 3});
+  std::vector<std::size_t> starts = {0};
+  for (const Bytes& each : cut(made.stream)) starts.push_back(starts.back() + each.size());
+  EXPECT_EQ(starts, made.units);
 }
 
 /// Frames of some lengths, out of a component with a buffer of 1000 bytes for 20 x 20 pixels.
@@ -90,13 +63,12 @@ TEST(EncodedFrames, AreToldApartWhateverPiecesTheyComeIn) {
     bytes.resize(size, 0x55);
     return bytes;
   };
-  struct Step {
+  const struct {
     Bytes data;
     bool begins;
     unsigned begun;
     bool mayGoOn;
-  };
-  const Step steps[] = {
+  } steps[] = {
       {unit(7) + unit(8), true, 0, true},  // parameter sets: the frame is still to come
       {frame(399), false, 1, false},       // shorter than a byte a pixel: complete
       {frame(700), true, 2, true},         // perhaps
@@ -109,12 +81,11 @@ TEST(EncodedFrames, AreToldApartWhateverPiecesTheyComeIn) {
       {frame(1000), true, 7, true},  // by chance just that long
       {unit(1) + unit(1, false), true, 8, false},
   };
-  int number = 0;
-  for (const Step& step : steps) {
-    EXPECT_EQ(frames.Add(step.data.data(), step.data.size()), step.begins) << number;
-    EXPECT_EQ(frames.Begun(), step.begun) << number;
-    EXPECT_EQ(frames.MayGoOn(), step.mayGoOn) << number;
-    ++number;
+  for (const auto& step : steps) {
+    SCOPED_TRACE(&step - steps);
+    EXPECT_EQ(frames.Add(step.data.data(), step.data.size()), step.begins);
+    EXPECT_EQ(frames.Begun(), step.begun);
+    EXPECT_EQ(frames.MayGoOn(), step.mayGoOn);
   }
   EXPECT_EQ(frames.BufferSize(), 1000u);
 }

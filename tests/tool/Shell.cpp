@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -18,19 +17,20 @@ std::string text(const Bytes& bytes) {
   return {bytes.begin(), bytes.end()};
 }
 
-std::size_t pictureBytes(int width, int height) {
-  const auto w = static_cast<std::size_t>(width), h = static_cast<std::size_t>(height);
-  return w * h + (w + 1) / 2 * ((h + 1) / 2) * 2;
+/// Takes a picture's planes, one after another, off the bytes from `at` on.
+Yuv takePicture(Bytes::const_iterator& at, int width, int height) {
+  Yuv picture{width, height, {}, {}, {}};
+  const int chroma = picture.chromaWidth() * picture.chromaHeight();
+  for (const auto& [plane, size] : {std::pair(&picture.y, width * height),
+                                    std::pair(&picture.u, chroma), std::pair(&picture.v, chroma)}) {
+    plane->assign(at, at + size);
+    at += size;
+  }
+  return picture;
 }
 
-Yuv pictureAt(const std::uint8_t* data, int width, int height) {
-  Yuv picture{width, height, {}, {}, {}};
-  const std::ptrdiff_t luma = std::ptrdiff_t{width} * height;
-  const std::ptrdiff_t chroma = std::ptrdiff_t{picture.chromaWidth()} * picture.chromaHeight();
-  picture.y.assign(data, data + luma);
-  picture.u.assign(data + luma, data + luma + chroma);
-  picture.v.assign(data + luma + chroma, data + luma + 2 * chroma);
-  return picture;
+int pictureBytes(int width, int height) {
+  return width * height + (width + 1) / 2 * ((height + 1) / 2) * 2;
 }
 
 }  // namespace
@@ -84,19 +84,21 @@ std::vector<std::string> ToolTest::files() const {
   return names;
 }
 
+Bytes operator+(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
 Bytes toI420(const Yuv& picture) {
-  Bytes data = picture.y;
-  data.insert(data.end(), picture.u.begin(), picture.u.end());
-  data.insert(data.end(), picture.v.begin(), picture.v.end());
-  return data;
+  return picture.y + picture.u + picture.v;
 }
 
 std::vector<Yuv> fromI420(const Bytes& data, int width, int height) {
   std::vector<Yuv> pictures;
-  const std::size_t bytes = pictureBytes(width, height);
-  EXPECT_EQ(data.size() % bytes, 0u);
-  for (std::size_t at = 0; at + bytes <= data.size(); at += bytes)
-    pictures.push_back(pictureAt(&data[at], width, height));
+  auto at = data.begin();
+  while (data.end() - at >= pictureBytes(width, height))
+    pictures.push_back(takePicture(at, width, height));
+  EXPECT_EQ(at, data.end()) << "bytes beyond the last picture";
   return pictures;
 }
 
@@ -104,11 +106,8 @@ Bytes toY4m(const std::vector<Yuv>& pictures, const std::string& header) {
   const std::string first = "YUV4MPEG2 W" + std::to_string(pictures.at(0).width) + " H" +
                             std::to_string(pictures.at(0).height) + header + "\n";
   Bytes data(first.begin(), first.end());
-  for (const Yuv& picture : pictures) {
-    for (const char c : std::string("FRAME\n")) data.push_back(static_cast<std::uint8_t>(c));
-    const Bytes planes = toI420(picture);
-    data.insert(data.end(), planes.begin(), planes.end());
-  }
+  for (const Yuv& picture : pictures)
+    data = std::move(data) + Bytes{'F', 'R', 'A', 'M', 'E', '\n'} + toI420(picture);
   return data;
 }
 
@@ -122,10 +121,9 @@ Y4m fromY4m(const Bytes& data) {
     ADD_FAILURE() << "no Y4M header: " << result.header.substr(0, 80);
     return result;
   }
-  const auto bytes = static_cast<std::ptrdiff_t>(pictureBytes(width, height));
-  for (++at; data.end() - at >= 6 + bytes; at += 6 + bytes) {
-    EXPECT_EQ(std::memcmp(&*at, "FRAME\n", 6), 0);
-    result.pictures.push_back(pictureAt(&*at + 6, width, height));
+  for (++at; data.end() - at >= 6 + pictureBytes(width, height);) {
+    EXPECT_EQ(std::string(at, at + 6), "FRAME\n");
+    result.pictures.push_back(takePicture(at += 6, width, height));
   }
   EXPECT_EQ(at, data.end()) << "bytes beyond the last frame";
   return result;

@@ -1,6 +1,7 @@
 #ifndef TESSERA_TESTS_TOOL_SHELL_H
 #define TESSERA_TESTS_TOOL_SHELL_H
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -35,14 +36,13 @@ class ToolTest : public testing::Test {
   std::string directory_;
 };
 
+support::Bytes operator+(support::Bytes a, const support::Bytes& b);
+
 /// Frames of scene() one after another, each by the function given.
 template <typename Make>
 support::Bytes frames(int count, Make make) {
   support::Bytes all;
-  for (int t = 0; t < count; ++t) {
-    const support::Bytes one = make(t);
-    all.insert(all.end(), one.begin(), one.end());
-  }
+  for (int t = 0; t < count; ++t) all = std::move(all) + make(t);
   return all;
 }
 

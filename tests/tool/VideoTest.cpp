@@ -1,8 +1,8 @@
 #include <nlohmann/json.hpp>
-#include <random>
 
 #include "Shell.h"
 #include "support/H264Oracle.h"
+#include "support/JpegOracle.h"
 
 namespace {
 
@@ -10,6 +10,7 @@ using support::Bytes;
 using support::H264Stream;
 using support::scenes;
 using support::worstPsnr;
+using testing::HasSubstr;
 
 struct Way {
   const char* name;
@@ -35,7 +36,7 @@ TEST_P(H264EncodeTest, EveryFrameComesOutInItsPlace) {
 
   const std::string told =
       succeed(std::string("tessera h264-encode --bitrate 4M ") + way.arguments + " in -o out.h264");
-  EXPECT_NE(told.find("40 frames of "), std::string::npos) << told;
+  EXPECT_THAT(told, HasSubstr("40 frames of "));
   const H264Stream stream = support::decodeH264(load("out.h264"));
   ASSERT_EQ(stream.pictures.size(), std::size_t{count});
   EXPECT_EQ(stream.pictures[0].width, way.codedWidth);
@@ -68,7 +69,7 @@ TEST_F(ToolTest, RateAspectAndCountSurviveContainers) {
     EXPECT_EQ(summary["bytes_out"], load(name).size());
     const Y4m decoded = fromY4m(load("out.y4m"));
     EXPECT_EQ(decoded.pictures.size(), 30u) << name;
-    EXPECT_NE(decoded.header.find(" F15:1 Ip A4:3 "), std::string::npos) << decoded.header;
+    EXPECT_THAT(decoded.header, HasSubstr(" F15:1 Ip A4:3 "));
     EXPECT_GT(worstPsnr(decoded.pictures, scenes(30, 160, 96)), 30) << name;
   }
 }
@@ -97,24 +98,23 @@ INSTANTIATE_TEST_SUITE_P(Streams, H264DecodeTest,
                          [](const auto& tested) { return std::string(tested.param.first); });
 
 TEST_F(ToolTest, FramesInPiecesAreWholeAndWaitForNothing) {
-  std::minstd_rand random;
-  constexpr int count = 20;
-  for (const char* how :
-       {"--size 30x14", "--size 30x14 --via omx", "--size 320x240 --via omx", "--size 320x240"}) {
-    const std::size_t bytes = how[9] == 'x' ? 30 * 14 * 2 : 320 * 240 * 2;
-    Bytes noise(bytes * count);
-    for (std::uint8_t& byte : noise) byte = static_cast<std::uint8_t>(random());
-    save("in", noise);
-    const std::string told = succeed(
-        std::string("tessera h264-encode -v --format yuyv --bitrate 60M in -o out.mkv ") + how);
+  for (const std::string how :
+       {"30x14 --via mmal", "30x14 --via omx", "320x240 --via mmal", "320x240 --via omx"}) {
+    const bool small = how[2] == 'x';
+    save("in", frames(20, [&](unsigned seed) {
+           return toYuyv(support::noise(small ? 30 : 320, small ? 14 : 240, seed));
+         }));
+    const std::string told =
+        succeed("tessera h264-encode -v --format yuyv --bitrate 60M in -o out.mkv --size " + how);
     // A busy machine may miss some limits, but not one for each frame, nor the ten seconds.
     std::size_t timeOuts = 0;
     for (std::size_t at = 0; (at = told.find("timeout", at)) != std::string::npos; ++at) ++timeOuts;
     EXPECT_LT(timeOuts, 10u) << how << told;
-    EXPECT_EQ(told.find("not filled"), std::string::npos) << how << told;
-    EXPECT_NE(told.find("20 frames of"), std::string::npos) << how << told;
-    const std::string decoded = succeed("tessera h264-decode out.mkv -o out.y4m");
-    EXPECT_EQ(decoded.find("20 frames of"), 0u) << how << decoded;
+    EXPECT_THAT(told, testing::Not(HasSubstr("not filled"))) << how;
+    EXPECT_THAT(told, HasSubstr("20 frames of")) << how;
+    EXPECT_THAT(succeed("tessera h264-decode out.mkv -o out.y4m"),
+                testing::StartsWith("20 frames of"))
+        << how;
   }
 }
 
@@ -131,44 +131,39 @@ TEST_F(ToolTest, OneThreadGivesTheSameBytesWhateverTheMachine) {
 
 /// What the last line tells of a stream that is not as it should be.
 TEST_F(ToolTest, WhatIsWrongWithAStreamIsCountedAndTold) {
-  support::H264Options options;
-  options.keyInterval = 10;
-  options.frames = 20;
-  const support::H264Made made = support::encodeH264(options);
-  const auto without = [&](std::size_t first, std::size_t last) {
-    Bytes stream = made.stream;
-    stream.erase(stream.begin() + static_cast<std::ptrdiff_t>(made.units[first]),
-                 stream.begin() + static_cast<std::ptrdiff_t>(made.units[last]));
-    return stream;
+  const support::H264Made made = support::encodeH264({320, 240, 20, 0, 1, 10});
+  const auto units = [&](std::size_t first, std::size_t last) {
+    const std::uint8_t* const stream = made.stream.data();
+    return Bytes(stream + made.units[first], stream + made.units[last]);
   };
   const auto told = [&](const Bytes& stream) {
     save("in.264", stream);
     return succeed("tessera h264-decode in.264 -o out.y4m");
   };
-  EXPECT_NE(told(without(14, 16)).find("2 missing"), std::string::npos);
-  EXPECT_NE(told(without(0, 3)).find("7 before the first key frame"), std::string::npos);
-  options.interlaced = true;
-  options.height = 256;
-  EXPECT_NE(told(support::encodeH264(options).stream).find("20 interlaced"), std::string::npos);
-  EXPECT_NE(fromY4m(load("out.y4m")).header.find(" It "), std::string::npos);
-  EXPECT_EQ(told(made.stream).find("("), std::string::npos);
+  EXPECT_THAT(told(units(0, 14) + units(16, 20)), HasSubstr("2 missing"));
+  EXPECT_THAT(told(units(3, 20)), HasSubstr("7 before the first key frame"));
+  EXPECT_THAT(told(support::encodeH264({320, 256, 20, 0, 1, 10, 24, true}).stream),
+              HasSubstr("20 interlaced"));
+  EXPECT_THAT(fromY4m(load("out.y4m")).header, HasSubstr(" It "));
+  EXPECT_THAT(told(made.stream), testing::Not(HasSubstr("(")));
 }
 
-TEST_F(ToolTest, AStreamThatChangesItsSizeFitsIntoPlanesOnly) {
-  support::H264Options options;
-  options.bFrames = 2;
-  Bytes stream = support::encodeH264(options).stream;
-  options.width = 160;
-  options.height = 128;
-  const Bytes second = support::encodeH264(options).stream;
-  stream.insert(stream.end(), second.begin(), second.end());
-  save("in.264", stream);
-
-  const Result refused = run("tessera h264-decode in.264 -o out.y4m");
-  EXPECT_EQ(refused.status, 1);
-  EXPECT_NE(refused.err.find("change from 320x240 to 160x128"), std::string::npos) << refused.err;
-  succeed("tessera h264-decode in.264 -o out.i420");
-  EXPECT_EQ(load("out.i420").size(), 10u * (320 * 240 + 160 * 128) * 3 / 2);
+TEST_F(ToolTest, ChangingSizesFitIntoPlanesOnly) {
+  const auto jpeg = [](int width, int height) {
+    return support::encodeJpeg(support::scene(width, height), support::Sampling::Yuv420, 90);
+  };
+  save("in.mjpeg", jpeg(320, 240) + jpeg(160, 128));
+  save("in.264", support::encodeH264({320, 240, 10, 2}).stream +
+                     support::encodeH264({160, 128, 10, 2}).stream);
+  for (const auto& [command, count] :
+       {std::pair("jpeg-decode in.mjpeg", 1u), {"h264-decode in.264", 10u}}) {
+    const Result refused = run(std::string("tessera ") + command + " -o out.y4m");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.err, HasSubstr("change from 320x240 to 160x128"));
+    EXPECT_TRUE(load("out.y4m").empty());
+    succeed(std::string("tessera ") + command + " -o out.i420");
+    EXPECT_EQ(load("out.i420").size(), count * (320 * 240 + 160 * 128) * 3 / 2);
+  }
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 # What the loader sees of libtessera.so.
 #
-#   check_shared_object.sh exports LIBRARY NM LIST
-#   check_shared_object.sh dynamic LIBRARY READELF
+#   check-shared-object.sh exports LIBRARY NM LIST
+#   check-shared-object.sh dynamic LIBRARY READELF
 set -eu
 check=$1
 library=$2

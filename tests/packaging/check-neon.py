@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """No NEON instruction outside the source file that is chosen at run time.
 
-check_neon.py OBJDUMP NM LIBRARY OBJECT-FILE
+check-neon.py OBJDUMP NM LIBRARY OBJECT-FILE
 
 The oldest boards have no NEON. OBJECT-FILE is the one compiled for it; what it shares with other
 files (weak symbols, of which the linker keeps one copy) must not use NEON either.
