@@ -4,6 +4,8 @@
 
 namespace {
 
+using namespace support;
+
 /// Lines with addresses left out: "[0x]".
 std::string withoutAddresses(std::string lines) {
   for (std::size_t at = 0; (at = lines.find("[0x", at)) != std::string::npos; at += 3)
@@ -49,7 +51,7 @@ TEST_P(BothH264, WrongArgumentsAndStatesAreTold) {
        out + "state [0x] [(nil)]\n"},
   };
   for (const auto& tested : table) {
-    support::Capture capture;
+    Capture capture;
     flags = 7;
     EXPECT_EQ(tested.call(), tested.status);
     const bool omx = !GetParam()->mmal && !tested.omx.empty();
@@ -83,10 +85,10 @@ TEST(MmalH264, WishesThatAreRefusedEndWhatRanBefore) {
   };
   H264Encoder encoder(mmalH264());
   for (const auto& [wish, told] : refused) {
-    support::expectAnswer<bool>([&, &wish = wish] { return encoder.create(wish); }, false, "",
-                                start + told + end);
-    const support::Capture quiet;
-    EXPECT_EQ(encoder.feed(support::scene(64, 48)), CodecInvalidState);
+    expectAnswer<bool>([&, &wish = wish] { return encoder.create(wish); }, false, "",
+                       start + told + end);
+    const Capture quiet;
+    EXPECT_EQ(encoder.feed(scene(64, 48)), CodecInvalidState);
     ASSERT_TRUE(encoder.create());
     EXPECT_TRUE(encoder.works(3));
   }
@@ -94,16 +96,16 @@ TEST(MmalH264, WishesThatAreRefusedEndWhatRanBefore) {
 
 TEST(OmxH264, RefusesAFormatAndSurvivesOddSizes) {
   H264Encoder encoder(omxH264());
-  support::expectAnswer<bool>(
+  expectAnswer<bool>(
       [&] { return encoder.create({0x12345678}); }, false, "",
       "COmxH264Encoder::SetInputFormat - input image format 0x12345678 is not supported.\n"
       "COmxH264Encoder::Create - SetInputFormat failed with 0x80001006\n");
-  const support::VirtualTime time;
-  const support::Capture quiet;
+  const VirtualTime time;
+  const Capture quiet;
   for (const int width : {0, INT_MIN, INT_MAX}) {
     H264Encoder another(omxH264());
     another.create({yuyv, width, width});
-    another.feed(support::scene(16, 16));
+    another.feed(scene(16, 16));
   }
   EXPECT_TRUE(encoder.create() && encoder.works());
 }
@@ -116,7 +118,7 @@ TEST_P(BothH264, WhatDoesNotFitIsToldAndGone) {
   EXPECT_EQ(small.status, CodecBufferTooSmall);
   EXPECT_GT(small.size, 10u);
   EXPECT_EQ(small.flags, 0u);
-  EXPECT_EQ(small.data, Bytes{0xA5});
+  EXPECT_EQ(small.data, Bytes{poison});
   // The frame, after the parameter sets.
   const Output next = encoder.take();
   EXPECT_EQ(next.status, CodecOk);

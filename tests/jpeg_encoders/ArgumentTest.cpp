@@ -5,10 +5,12 @@
 
 namespace {
 
+using namespace support;
+
 TEST_P(BothJpeg, AllocatingOverloadsHandTheArrayOver) {
   JpegEncoder encoder(*GetParam());
   for (const Bits bits : {0, 32}) {
-    const Image image = support::scene(160, 96);
+    const Image image = scene(160, 96);
     Bytes frame = encoder.raw(image, bits);
     unsigned char* array = nullptr;
     unsigned size = 0;
@@ -63,14 +65,14 @@ TEST(JpegSlots, AllocatingOverloadsGoThroughTheVirtualOnes) {
 
 TEST_P(BothJpeg, CapacityTooSmallTellsTheSizeNeeded) {
   JpegEncoder encoder(*GetParam());
-  const Bytes frame = encoder.raw(support::scene(160, 96), 0);
+  const Bytes frame = encoder.raw(scene(160, 96), 0);
   const Bytes whole = encoder.encode(frame, 0, 160, 96).jpeg;
   Encoded small;
-  support::expectAnswer<int>(
+  expectAnswer<int>(
       [&] { return (small = encoder.encode(frame, 0, 160, 96, length(whole) - 1)).result; }, 0, "",
       "");
   EXPECT_EQ(small.size, length(whole));
-  EXPECT_EQ(small.jpeg, Bytes(length(whole) - 1)) << "copied in part";
+  EXPECT_EQ(small.jpeg, Bytes(length(whole) - 1, poison)) << "copied in part";
   EXPECT_EQ(encoder.encode(frame, 0, 160, 96, length(whole)).jpeg, whole);
 }
 
@@ -85,7 +87,7 @@ struct Arguments {
 };
 
 using Case = std::tuple<const JpegClass*, Arguments>;
-class WrongArguments : public support::FaultTest, public testing::WithParamInterface<Case> {
+class WrongArguments : public FaultTest, public testing::WithParamInterface<Case> {
  protected:
   int call(IJPEGEncoder& encoder, Bytes& frame, Bytes& jpeg, unsigned char*& array,
            unsigned& size) const {
@@ -118,19 +120,19 @@ TEST_P(WrongArguments, AreToldAndTheNextCallWorks) {
   const bool array = given.call == Arguments::YuyvArray || given.call == Arguments::Rgb32Array;
   const bool emptied = array && given.jpeg != 1;
   const std::string prefix = std::string(kind->name) + "::";
-  const Image image = support::scene(64, 48);
-  Bytes frame(64 * 48 * 4), jpeg(50000, 0xA5);
+  const Image image = scene(64, 48);
+  Bytes frame(64 * 48 * 4), jpeg(50000, poison);
   JpegEncoder encoder(*kind);
   // On a new object, and on one that has a setup.
   for (int round = 0; round < 2; ++round) {
     unsigned size = 77;
     unsigned char* made = jpeg.data();
-    support::expectAnswer<int>(
+    expectAnswer<int>(
         [&] { return call(*encoder, frame, jpeg, made, size); }, 0, prefix + line,
         line == noSetup ? prefix + "Initialize - failed to commit input port format\n" : "");
     EXPECT_EQ(size, emptied ? 0u : 77u);
     EXPECT_EQ(made, emptied ? nullptr : jpeg.data());
-    EXPECT_EQ(jpeg, Bytes(50000, 0xA5));
+    EXPECT_EQ(jpeg, Bytes(50000, poison));
     EXPECT_GT(quality(encoder.encode(image).jpeg, image), 30);
   }
 }
@@ -173,21 +175,18 @@ std::vector<Case> casesOf(const JpegClass& kind) {
     if (!(kind.mmal ? each.mmal : each.omx).empty()) cases.emplace_back(&kind, each);
   return cases;
 }
-INSTANTIATE_TEST_SUITE_P(Mmal, WrongArguments, testing::ValuesIn(casesOf(mmalJpeg())),
-                         support::NameOf());
-INSTANTIATE_TEST_SUITE_P(Omx, WrongArguments, testing::ValuesIn(casesOf(omxJpeg())),
-                         support::NameOf());
+INSTANTIATE_TEST_SUITE_P(Mmal, WrongArguments, testing::ValuesIn(casesOf(mmalJpeg())), NameOf());
+INSTANTIATE_TEST_SUITE_P(Omx, WrongArguments, testing::ValuesIn(casesOf(omxJpeg())), NameOf());
 
 TEST(OmxJpeg, QualityOutsideItsRangeCountsAs75) {
   COmxJpegEncoder encoder;
   const std::pair<unsigned, unsigned> table[] = {{4, 75}, {5, 5}, {75, 75}, {100, 100}, {101, 75}};
   for (const auto& [asked, taken] : table) {
-    support::control::startJournal();
+    control::startJournal();
     EXPECT_EQ(encoder.SetupOutputPort(64, 64, asked), 1);
-    support::control::stopJournal();
-    EXPECT_NE(support::calls().find("QFactor 341: " + std::to_string(taken) + ")"),
-              std::string::npos)
-        << support::calls();
+    control::stopJournal();
+    EXPECT_NE(calls().find("QFactor 341: " + std::to_string(taken) + ")"), std::string::npos)
+        << calls();
   }
 }
 

@@ -15,13 +15,13 @@ int share() {
   return asked != nullptr ? std::atoi(asked) : 1;
 }
 
-class Sweep : public testing::TestWithParam<SubjectClass> {};
+class Sweep : public testing::TestWithParam<support::DriverClass> {};
 
 /// Every platform call and every completion of every scenario goes wrong once: the class says so,
 /// returns in time, leaves nothing behind, and it and the next object work. Time is virtual, so a
 /// scenario offers the same points in every run, and all of them are met.
 TEST_P(Sweep, EveryFaultIsTakenWell) {
-  const SubjectClass& subject = GetParam();
+  const support::DriverClass& subject = GetParam();
   int points = 0, met = 0, number = 0;
   for (const Scenario& scenario : scenarios()) {
     std::vector<Point> chosen;
@@ -40,7 +40,7 @@ TEST_P(Sweep, EveryFaultIsTakenWell) {
             << " met\n";
 }
 
-INSTANTIATE_TEST_SUITE_P(Classes, Sweep, testing::ValuesIn(subjectClasses()),
+INSTANTIATE_TEST_SUITE_P(Classes, Sweep, testing::ValuesIn(support::driverClasses()),
                          [](const auto& tested) { return std::string(tested.param.name); });
 
 }  // namespace
