@@ -88,8 +88,6 @@ std::vector<std::size_t> cutEvery(std::size_t step, std::size_t size) {
   return cuts;
 }
 
-// ----------------------------------------------------------------------- streams and their cuts
-
 // Width, height, pictures, B-frames, slices, key frame interval, quantiser, interlaced.
 const std::pair<const char*, H264Options> kinds[] = {
     {"plain", {96, 64, 12, 0, 1, 6}},

@@ -291,6 +291,10 @@ TEST_F(DecoderFaults, WaitsEndOnTimeWhateverDisturbsThem) {
   expectLimits("CMmalH264Decoder");
 }
 
+TEST_F(DecoderFaults, ObjectsDoNotDisturbEachOther) {
+  expectIndependence("CMmalH264Decoder");
+}
+
 TEST_F(DecoderFaults, BrokenWaitsAreReported) {
   const auto decoder = ready();
   for (auto* broken : {&interpose::clockGettime, &interpose::semWait}) {

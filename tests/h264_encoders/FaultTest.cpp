@@ -7,7 +7,9 @@ using namespace support;
 
 const std::string mmal = "CMmalH264Encoder::", omx = "COmxH264Encoder::";
 
-using H264FaultTest = FaultTest;
+class H264FaultTest : public FaultTest {
+  const VirtualTime time_;
+};
 
 TEST_P(BothH264, FaultsHaveTheirLinesAndTheObjectWorksAgain) {
   expectFaults(GetParam()->name);
@@ -15,6 +17,10 @@ TEST_P(BothH264, FaultsHaveTheirLinesAndTheObjectWorksAgain) {
 
 TEST_P(BothH264, WaitsEndOnTimeWhateverDisturbsThem) {
   expectLimits(GetParam()->name);
+}
+
+TEST_P(BothH264, ObjectsDoNotDisturbEachOther) {
+  expectIndependence(GetParam()->name);
 }
 
 TEST_P(BothH264, AFrameThatDoesNotGetAwayCanBeSentAgain) {
@@ -53,7 +59,41 @@ TEST_F(H264FaultTest, APortThatStaysOpenIsReported) {
   }
 }
 
-// -------------------------------------------------------------------------- waits and resources
+/// The way out of a fill that was given up is a flush; what can go wrong with it is told.
+TEST_F(H264FaultTest, AFlushForALateFillMayFail) {
+  const std::string late = omx + "ProcessInput - the late output did not come back\n";
+  const std::pair<AnyFault, std::string> table[] = {
+      {refuse("OMX_SendCommand"), omxLine(omx + "ProcessInput::OMX_CommandFlush::Output")},
+      {lose("EventHandler", 1, true), late},
+      {refuse("OMX_FillThisBuffer"), omxLine(omx + "ProcessInput - OMX_FillThisBuffer failed")}};
+  for (const auto& [fault, line] : table) {
+    H264Encoder encoder(omxH264());
+    ASSERT_TRUE(encoder.create() && encoder.works());
+    Capture capture;
+    inject(lose("FillBufferDone"));
+    encoder.feed(1);
+    EXPECT_EQ(encoder.take().status, CodecTimeout);
+    const std::size_t before = capture.err().size();
+    inject(fault);
+    const CodecStatus status = encoder.feed(2);
+    EXPECT_EQ(status == CodecOk, line.find("Fill") != std::string::npos) << line;
+    EXPECT_EQ(capture.err().substr(before, line.size()), line);
+    control::clearFaults();
+    EXPECT_TRUE(encoder.create() && encoder.works());
+  }
+}
+
+TEST_F(H264FaultTest, WhatCannotBeGivenBackIsTold) {
+  Capture capture;
+  {
+    H264Encoder encoder(omxH264());
+    ASSERT_TRUE(encoder.create());
+    for (const unsigned nth : {1u, 2u}) inject(refuse("OMX_FreeBuffer", nth));
+  }
+  EXPECT_NE(capture.err().find(omxLine(omx + "ReleaseBuffers::OMX_FreeBuffer::Input") +
+                               omxLine(omx + "ReleaseBuffers::OMX_FreeBuffer::Output")),
+            std::string::npos);
+}
 
 TEST_F(H264FaultTest, BrokenWaitsAreReported) {
   H264Encoder encoder(mmalH264());
@@ -128,8 +168,6 @@ TEST_P(BothH264, ShortOfMemoryItGoesOn) {
   ASSERT_EQ(encoder.feed(6), CodecOk);
   EXPECT_EQ(encoder.take().status, CodecOk);
 }
-
-// -------------------------------------------------------------------------------- conversation
 
 TEST_P(BothH264, TheConversationReadsLikeThis) {
   const Capture quiet;

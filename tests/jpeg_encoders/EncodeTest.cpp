@@ -1,6 +1,3 @@
-#include <set>
-#include <thread>
-
 #include "JpegEncoders.h"
 
 using namespace support;
@@ -43,25 +40,6 @@ TEST_P(BothJpeg, PicturesComeBackAsCloseAsTurboJpegs) {
       EXPECT_GE(quality(ours.jpeg, truth),
                 quality(encodeJpeg(truth, sampling, 75), truth) - (tiny ? 4.5 : 0.2));
     }
-}
-
-TEST_P(BothJpeg, EachPictureGivesItsOwnJpegAndTwoObjectsDoNotDisturbEachOther) {
-  const auto series = [](int from) {
-    JpegEncoder encoder(*GetParam());
-    std::vector<Bytes> jpegs;
-    for (int t = from; t < from + 12; ++t) jpegs.push_back(encoder.encode(scene(160, 96, t)).jpeg);
-    return jpegs;
-  };
-  const std::vector<Bytes> alone = series(0);
-  std::vector<Bytes> together;
-  std::thread first([&] { together = series(0); });
-  std::thread second([&] { series(50); });
-  first.join();
-  second.join();
-  EXPECT_EQ(together, alone);
-  for (int t = 0; t < 12; ++t)
-    EXPECT_GT(quality(alone[static_cast<std::size_t>(t)], scene(160, 96, t)), 30) << t;
-  EXPECT_EQ(std::set<Bytes>(alone.begin(), alone.end()).size(), 12u);
 }
 
 TEST(MmalJpeg, AnotherQualityIsTakenUntilTheSizeChanges) {

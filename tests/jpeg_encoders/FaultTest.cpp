@@ -57,7 +57,10 @@ TEST_P(BothJpeg, FaultsHaveTheirLinesAndTheNextCallIsNotFooled) {
   expectFaults(GetParam()->name);
 }
 
-// ------------------------------------------------------------------------- waits and resources
+TEST_P(BothJpeg, ObjectsDoNotDisturbEachOther) {
+  const VirtualTime time;
+  expectIndependence(GetParam()->name);
+}
 
 /// Ten seconds, or one after an error event.
 TEST_P(BothJpeg, ACallWithoutAnAnswerEndsOnTimeWhateverDisturbsIt) {

@@ -20,8 +20,6 @@ inline unsigned length(const Bytes& bytes) {
   return static_cast<unsigned>(bytes.size());
 }
 
-// ------------------------------------------------------------------------------ JPEG encoders
-
 /// A pixel format: 0 stands for YUYV, else bits of RGB.
 using Bits = int;
 
@@ -68,8 +66,6 @@ class JpegEncoder {
 
 /// What a JPEG keeps of the picture, in dB; 0 where it is none of that size.
 double quality(const Bytes& jpeg, const Image& picture);
-
-// ------------------------------------------------------------------------------ H.264 encoders
 
 constexpr unsigned i420 = 0x30323449, yuyv = 0x56595559;
 
@@ -130,8 +126,6 @@ class H264Encoder {
   std::unique_ptr<IH264Encoder, int (*)(IH264Encoder*)> made_;
   Wish wish_;
 };
-
-// -------------------------------------------------------------------------------- decoders
 
 /// The sizes that drivers use, and a stream of each, whose every second picture is a key picture.
 struct Size {

@@ -3,7 +3,6 @@
 #include <fstream>
 #include <iomanip>
 
-#include "support/Drivers.h"
 #include "support/FaultTest.h"
 #include "support/Limits.h"
 
@@ -74,9 +73,10 @@ void goOn(Driver& driver, const std::string& then) {
   EXPECT_LE(right, then == "never" ? 0 : 6);
 }
 
-void expectRow(const DriverClass& kind, const Row& row) {
+void expectRow(const DriverClass& kind, const Row& row,
+               const std::function<void(std::unique_ptr<Driver>)>& instead) {
   Capture capture;
-  const std::unique_ptr<Driver> driver = kind.make();
+  std::unique_ptr<Driver> driver = kind.make();
   const bool fresh = row.when == "fresh";
   if (!fresh) {
     EXPECT_TRUE(driver->make().good && driver->frame(0).good);
@@ -92,6 +92,7 @@ void expectRow(const DriverClass& kind, const Row& row) {
   EXPECT_EQ(outcome.good, row.works);
   EXPECT_GE(control::faultsHit(), 1u);
   control::clearFaults();
+  if (instead) return instead(std::move(driver));
   if (!setUp.good) {
     EXPECT_FALSE(driver->frame(0).good) << "it goes on without a setup";
   }
@@ -118,10 +119,11 @@ std::chrono::milliseconds disturb(Disturbance how, const Limit& its) {
 
 }  // namespace
 
-void expectFaults(const std::string& name) {
+void expectFaults(const std::string& name,
+                  const std::function<void(std::unique_ptr<Driver>)>& instead) {
   for (const Row& row : rowsOf(name)) {
     SCOPED_TRACE(row.fault);
-    expectRow(driverClass(name), row);
+    expectRow(driverClass(name), row, instead);
   }
 }
 
@@ -141,6 +143,21 @@ void expectLimits(const std::string& name) {
     const Capture quiet;  // a pool's end
     limits.clear();
   }
+}
+
+void expectIndependence(const std::string& name) {
+  const Capture quiet;
+  const auto work = [&](int first) {
+    const std::unique_ptr<Driver> driver = driverClass(name).make();
+    Outcome outcome = driver->make();
+    for (int round = 0; round < 4; ++round) {
+      if (outcome.good) outcome = driver->resize((first + round) % 2);
+      for (int i = 0; i < 4 && outcome.good; ++i) outcome = driver->frame(i);
+    }
+    EXPECT_TRUE(outcome.good) << outcome.problem;
+  };
+  ClientThread one([&] { work(0); });
+  ClientThread other([&] { work(1); });
 }
 
 }  // namespace support

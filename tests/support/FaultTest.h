@@ -7,7 +7,6 @@
 #include <chrono>
 #include <functional>
 #include <string>
-#include <tuple>
 #include <variant>
 #include <vector>
 
@@ -69,7 +68,7 @@ class FaultTest : public testing::Test {
   }
 };
 
-/// Names the rows of a table, classes, or rows combined with the class that they are for.
+/// Names the rows of a table, or classes.
 struct NameOf {
   template <typename Case>
   std::string operator()(const testing::TestParamInfo<Case>& tested) const {
@@ -84,10 +83,6 @@ struct NameOf {
   template <typename Class>
   static std::string of(const Class* kind) {
     return kind->name;
-  }
-  template <typename With, typename Row>
-  static std::string of(const std::tuple<With, Row>& combined) {
-    return std::get<1>(combined).name;
   }
 };
 

@@ -21,13 +21,13 @@ class Sweep : public testing::TestWithParam<support::DriverClass> {};
 /// returns in time, leaves nothing behind, and it and the next object work. Time is virtual, so a
 /// scenario offers the same points in every run, and all of them are met.
 TEST_P(Sweep, EveryFaultIsTakenWell) {
-  const support::DriverClass& subject = GetParam();
+  const support::DriverClass& kind = GetParam();
   int points = 0, met = 0, number = 0;
   for (const Scenario& scenario : scenarios()) {
     std::vector<Point> chosen;
-    for (const Point& point : record(subject, scenario))
+    for (const Point& point : record(kind, scenario))
       if (number++ % share() == 0) chosen.push_back(point);
-    for (const Verdict& verdict : sweep(subject, scenario, chosen)) {
+    for (const Verdict& verdict : sweep(kind, scenario, chosen)) {
       ++points;
       met += verdict.met;
       EXPECT_TRUE(verdict.problem.empty())
@@ -36,7 +36,7 @@ TEST_P(Sweep, EveryFaultIsTakenWell) {
     }
   }
   EXPECT_GT(number, 500) << "hardly a sweep";
-  std::cout << subject.name << ": " << number << " points offered, " << points << " tried, " << met
+  std::cout << kind.name << ": " << number << " points offered, " << points << " tried, " << met
             << " met\n";
 }
 
