@@ -295,19 +295,6 @@ TEST_F(DecoderFaults, ObjectsDoNotDisturbEachOther) {
   expectIndependence("CMmalH264Decoder");
 }
 
-TEST_F(DecoderFaults, BrokenWaitsAreReported) {
-  const auto decoder = ready();
-  for (auto* broken : {&interpose::clockGettime, &interpose::semWait}) {
-    broken->arm(1, true);
-    expectAnswer<CodecStatus>([&] { return feed(*decoder); }, CodecWaitFailed,
-                              name + "ProcessInput - wait failed [0x4]\n", "");
-    expectAnswer<CodecStatus>([&] { return take(*decoder).status; }, CodecWaitFailed,
-                              name + "ProcessOutput - wait failed [0x4]\n", "");
-    broken->disarm();
-  }
-  expectWorks(*decoder);
-}
-
 /// The Create gives the lost buffer back. It leaves no pool for the next piece, or another size.
 TEST_F(DecoderFaults, APieceThatWaitsOutlivesACreate) {
   for (const bool fails : {true, false}) {

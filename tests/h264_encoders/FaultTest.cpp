@@ -41,24 +41,6 @@ TEST_P(BothH264, AFrameThatDoesNotGetAwayCanBeSentAgain) {
   EXPECT_TRUE(encoder.works(3));
 }
 
-TEST_F(H264FaultTest, APortThatStaysOpenIsReported) {
-  for (const unsigned nth : {1u, 2u}) {
-    H264Encoder encoder(mmalH264());
-    ASSERT_TRUE(encoder.create() && encoder.works());
-    Capture capture;
-    inject(refuse("mmal_port_disable", nth));
-    control::startJournal();
-    encoder.create({i420, 32, 32});
-    control::stopJournal();
-    EXPECT_NE(calls().find("\nport_flush("), std::string::npos) << "the pool goes with its buffers";
-    const std::string line = nth == 1 ? "SetInputFormat" : "SetOutputFormat";
-    EXPECT_EQ(capture.err().find(mmal + line + " - failed to disable input port. Error code [0x7]"),
-              0u);
-    control::clearFaults();
-    EXPECT_TRUE(encoder.create() && encoder.works(3));
-  }
-}
-
 /// The way out of a fill that was given up is a flush; what can go wrong with it is told.
 TEST_F(H264FaultTest, AFlushForALateFillMayFail) {
   const std::string late = omx + "ProcessInput - the late output did not come back\n";
@@ -93,20 +75,6 @@ TEST_F(H264FaultTest, WhatCannotBeGivenBackIsTold) {
   EXPECT_NE(capture.err().find(omxLine(omx + "ReleaseBuffers::OMX_FreeBuffer::Input") +
                                omxLine(omx + "ReleaseBuffers::OMX_FreeBuffer::Output")),
             std::string::npos);
-}
-
-TEST_F(H264FaultTest, BrokenWaitsAreReported) {
-  H264Encoder encoder(mmalH264());
-  ASSERT_TRUE(encoder.create());
-  for (auto* broken : {&interpose::clockGettime, &interpose::semWait}) {
-    broken->arm(1, true);
-    expectAnswer<CodecStatus>([&] { return encoder.feed(); }, CodecWaitFailed,
-                              mmal + "ProcessInput - wait failed [0x4]\n", "");
-    expectAnswer<CodecStatus>([&] { return encoder.take().status; }, CodecWaitFailed,
-                              mmal + "ProcessOutput - wait failed [0x4]\n", "");
-    broken->disarm();
-  }
-  EXPECT_TRUE(encoder.works(3));
 }
 
 TEST_F(H264FaultTest, WhatCannotBeMadeIsReported) {

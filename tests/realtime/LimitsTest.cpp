@@ -71,7 +71,7 @@ struct Waiter {
     const bool began = limit.before();
     const Storm storm;
     const auto start = Clock::now();
-    asExpected = limit.wait() && began;
+    asExpected = limit.wait() == limit.result && began;
     took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
     handled = signals;
   }

@@ -1,5 +1,7 @@
 #include "support/FaultTable.h"
 
+#include <tessera/CodecStatus.h>
+
 #include <fstream>
 #include <iomanip>
 
@@ -137,7 +139,13 @@ void expectLimits(const std::string& name) {
     for (const Limit& its : limits) {
       EXPECT_TRUE(its.before());
       const auto tookMs = disturb(how, its).count();
-      expectAnswer<bool>(its.wait, true, its.out, its.err, static_cast<int>(tookMs));
+      expectAnswer<int>(its.wait, its.result, its.out, its.err, static_cast<int>(tookMs));
+      for (auto* const failing : {&interpose::clockGettime, &interpose::semWait}) {
+        if (its.broken.empty()) break;
+        failing->arm(1, true);
+        expectAnswer<int>(its.wait, CodecWaitFailed, its.broken, "", 0);
+        failing->disarm();
+      }
     }
     control::clearFaults();
     const Capture quiet;  // a pool's end

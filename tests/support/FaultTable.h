@@ -16,7 +16,7 @@ void expectFaults(const std::string& name,
                   const std::function<void(std::unique_ptr<Driver>)>& instead = {});
 
 /// The class's waits end on time in virtual time, too, while CLOCK_REALTIME is set, unless they go
-/// by it.
+/// by it; and at once where clock or semaphores do not work.
 void expectLimits(const std::string& name);
 
 /// Two objects at work on two threads do not disturb each other.

@@ -33,7 +33,7 @@ std::vector<Limit> h264Limits(const std::string& name) {
   const Object fed = h264Object(name), drained = h264Object(name);
   std::vector<Limit> limits;
   const auto add = [&](const char* way, auto limit, LimitBy clock) -> Limit& {
-    return limits.emplace_back(Limit{name + way, limit, clock, "", "", {}});
+    return limits.emplace_back(Limit{name + way, limit, clock, "", "", CodecTimeout, {}});
   };
   const std::string input = name + "::ProcessInput - ", output = name + "::ProcessOutput - ";
   if (name == omxH264().name) {
@@ -43,10 +43,12 @@ std::vector<Limit> h264Limits(const std::string& name) {
     add(" in", 1s, LimitBy::WallClock).out = input + "timeout\n";
     add(" out", 100ms, LimitBy::WallClock).out =
         name == mmalH264().name ? output + "timeout\n" : "";
+    limits[0].broken = input + "wait failed [0x4]\n";
+    limits[1].broken = output + "wait failed [0x4]\n";
   }
   limits[0].before = [=] { return fed.feed() == CodecOk; };
-  limits[0].wait = [=] { return fed.feed() == CodecTimeout; };
-  limits[1].wait = [=] { return drained.take() == CodecTimeout; };
+  limits[0].wait = [=] { return fed.feed(); };
+  limits[1].wait = [=] { return drained.take(); };
   return limits;
 }
 
@@ -56,13 +58,13 @@ std::vector<Limit> limitsOf(const std::string& name) {
   if (name.find("H264") != std::string::npos) return h264Limits(name);
   const std::shared_ptr<Driver> driver = driverClass(name).make();
   const bool works = driver->make().good && driver->frame(0).good;
-  const auto wait = [=] { return works && !driver->frame(1).good; };
+  const auto wait = [=] { return !works || driver->frame(1).good; };
   const std::string unfilled = " - no answer to OMX_FillThisBuffer\n";
   if (name == mmalJpeg().name)
-    return {{name, 10s, LimitBy::SteadyClock, name + "::Encode - timeout\n", "", wait}};
+    return {{name, 10s, LimitBy::SteadyClock, name + "::Encode - timeout\n", "", 0, wait}};
   if (name == omxJpeg().name)
-    return {{name, 10s, LimitBy::SteadyClock, name + "::Encode" + unfilled, "", wait}};
-  return {{name, 9950ms, LimitBy::SteadyClock, name + "::DecodeJpeg" + unfilled, "", wait}};
+    return {{name, 10s, LimitBy::SteadyClock, name + "::Encode" + unfilled, "", 0, wait}};
+  return {{name, 9950ms, LimitBy::SteadyClock, name + "::DecodeJpeg" + unfilled, "", 0, wait}};
 }
 
 void loseAnswers() {

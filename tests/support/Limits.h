@@ -11,15 +11,18 @@ namespace support {
 /// Which clock a wait's limit goes by.
 enum class LimitBy { WallClock, SteadyClock };
 
-/// One wait that nobody ends: what goes before it, and the wait itself. Either says whether it went
-/// as expected.
+/// One wait that nobody ends: what goes before it, and the wait itself with its result.
 struct Limit {
   std::string name;
   std::chrono::milliseconds limit;
   LimitBy clock;
   std::string out, err;  ///< its lines
-  std::function<bool()> wait;
+  int result;
+  std::function<int()> wait;
+  /// Whether it went well.
   std::function<bool()> before = [] { return true; };
+  /// The line with which it ends at once where clock or semaphores do not work.
+  std::string broken = {};
 };
 
 /// The waits of a class, on objects that have worked so far.
