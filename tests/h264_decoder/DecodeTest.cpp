@@ -107,49 +107,38 @@ void expectPictures(const std::vector<Shown>& seen, const std::vector<Yuv>& expe
   for (std::size_t i = 0; i < seen.size(); ++i) EXPECT_TRUE(same(seen[i].yuv, expected[i])) << i;
 }
 
-TEST_F(Decoder, GivesTheSamePicturesHoweverAStreamIsCut) {
+/// Cuts it into access units, NAL units and pieces of each size.
+void expectSameHoweverCut(const H264Made& made, int width, int height, std::size_t pictures,
+                          std::initializer_list<std::size_t> steps) {
   const support::Capture quiet;  // a piece longer than a buffer has a line
+  const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
+  ASSERT_EQ(expected.size(), pictures);
+  std::vector<std::vector<std::size_t>> cuts{made.units, support::nalStarts(made.stream)};
+  for (const std::size_t step : steps) cuts.push_back(cutEvery(step, made.stream.size()));
+  for (const auto& places : cuts) {
+    SCOPED_TRACE(testing::Message() << places.size() << " pieces, from " << places[1]);
+    Player player(width, height);
+    expectPictures(player.play(made.stream, places, pictures), expected);
+  }
+}
+
+TEST_F(Decoder, GivesTheSamePicturesHoweverAStreamIsCut) {
   for (const auto& [kind, options] : kinds) {
-    const H264Made made = support::encodeH264(options);
-    const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
-    ASSERT_EQ(expected.size(), static_cast<std::size_t>(options.frames));
-    const std::size_t size = made.stream.size();
-    const std::pair<const char*, std::vector<std::size_t>> cuts[] = {
-        {"access units", made.units},         {"NAL units", support::nalStarts(made.stream)},
-        {"1 byte", cutEvery(1, size)},        {"17 bytes", cutEvery(17, size)},
-        {"4096 bytes", cutEvery(4096, size)}, {"whole", {0, size}},
-    };
-    for (const auto& [name, places] : cuts) {
-      SCOPED_TRACE(testing::Message() << kind << " by " << name);
-      Player player(options.width, options.height);
-      expectPictures(player.play(made.stream, places, expected.size()), expected);
-    }
+    SCOPED_TRACE(kind);
+    expectSameHoweverCut(support::encodeH264(options), options.width, options.height,
+                         static_cast<std::size_t>(options.frames), {1, 17, 4096, 1 << 20});
   }
 }
 
 /// Fields are access units of their own, and a picture shows only when both have gone in.
 TEST_F(Decoder, GivesTheSamePicturesHoweverAFieldStreamIsCut) {
-  const support::Capture quiet;  // a piece longer than a buffer has a line
-  const struct {
-    const char* letters;
-    int slices;
-    std::size_t pictures;
-  } rows[] = {{"itbtbtbitbtb", 1, 5},   {"ibtbtbtibtbt", 1, 5}, {"itbttbtbtb", 1, 4},
-              {"itbfftbftbitbf", 1, 8}, {"itbtbftb", 2, 4},     {"iftbtb", 2, 3}};
-  for (const auto& row : rows) {
-    const H264Made made = made::pictures(row.letters, true, row.slices);
-    const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
-    EXPECT_EQ(expected.size(), row.pictures) << row.letters;
-    const std::size_t size = made.stream.size();
-    std::vector<std::vector<std::size_t>> cuts{made.units, support::nalStarts(made.stream)};
-    for (const std::size_t step : {17, 100, 500, 800, 900, 1000, 1100, 1600, 2500, 20000})
-      cuts.push_back(cutEvery(step, size));
-    for (const auto& places : cuts) {
-      SCOPED_TRACE(testing::Message()
-                   << row.letters << " in " << places.size() << " pieces, from " << places[1]);
-      Player player(made::side, made::side);
-      expectPictures(player.play(made.stream, places, expected.size()), expected);
-    }
+  const std::tuple<const char*, int, std::size_t> rows[] = {
+      {"itbtbtbitbtb", 1, 5},   {"ibtbtbtibtbt", 1, 5}, {"itbttbtbtb", 1, 4},
+      {"itbfftbftbitbf", 1, 8}, {"itbtbftb", 2, 4},     {"iftbtb", 2, 3}};
+  for (const auto& [letters, slices, count] : rows) {
+    SCOPED_TRACE(letters);
+    expectSameHoweverCut(made::pictures(letters, true, slices), made::side, made::side, count,
+                         {17, 100, 500, 800, 900, 1000, 1100, 1600, 2500, 20000});
   }
 }
 

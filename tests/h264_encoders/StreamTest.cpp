@@ -25,23 +25,6 @@ std::function<Image(int)> sceneOf(const Wish& wish) {
   return [=](int t) { return scene(std::abs(wish.width), std::abs(wish.height), t); };
 }
 
-Bytes cropped(const Bytes& plane, int stride, int width, int height) {
-  Bytes result;
-  for (int y = 0; y < height; ++y)
-    result.insert(result.end(), plane.begin() + y * stride, plane.begin() + y * stride + width);
-  return result;
-}
-
-/// The worst plane of a picture that may have padding, in dB.
-double quality(const Yuv& seen, const Yuv& truth) {
-  const auto plane = [&](const Bytes& theirs, const Bytes& ours) {
-    return psnr(cropped(theirs, seen.chromaWidth(), truth.chromaWidth(), truth.chromaHeight()),
-                ours);
-  };
-  const Bytes luma = cropped(seen.y, seen.width, truth.width, truth.height);
-  return std::min({psnr(luma, truth.y), plane(seen.u, truth.u), plane(seen.v, truth.v)});
-}
-
 void expectStream(const H264Class* kind, Wish wish) {
   // The OpenMAX IL class takes whole frames a second, and as many as it is told.
   if (!kind->mmal && wish.rateNum == 30000) wish.rateNum = 30;
@@ -67,7 +50,7 @@ void expectStream(const H264Class* kind, Wish wish) {
     ASSERT_EQ(seen.pictures[i].width, kind->mmal ? (width + 1) & ~1 : round32(width));
     ASSERT_EQ(seen.pictures[i].height, kind->mmal ? (height + 1) & ~1 : round16(height));
     const Yuv& picture = seen.pictures[i];
-    EXPECT_GT(quality(picture, toYuv(sceneOf(wish)(t))), 30) << t;
+    EXPECT_GT(worstPsnr({picture}, {toYuv(sceneOf(wish)(t))}), 30) << t;
     if (kind->mmal || wish.format != yuyv || picture.width == width) continue;
     EXPECT_NEAR(picture.y.back(), 16, 6) << "the padding is black";
     EXPECT_NEAR(picture.u.back(), 128, 6);

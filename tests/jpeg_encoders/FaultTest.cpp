@@ -162,18 +162,6 @@ TEST_F(JpegThreads, ABufferWithoutTheEndOfFrameFlagIsNoPicture) {
   EXPECT_EQ(encoder.encode(picture).result, 1);
 }
 
-TEST_F(JpegFaultTest, AnErrorOfTheMmalComponentEndsTheProcess) {
-  const auto work = [](const AnyFault& fault) {
-    JpegEncoder encoder(mmalJpeg());
-    inject(fault);
-    encoder.encode(picture);
-  };
-  const char* const line = "^CMmalJpegEncoder::Encode - failed to get full buffer\n$";
-  EXPECT_EXIT(work(refuse("mmal_wrapper_buffer_get_full")), testing::ExitedWithCode(1), line);
-  EXPECT_EXIT(work(mangle("wrapper", CompletionFault::ErrorEvent)), testing::ExitedWithCode(1),
-              line);
-}
-
 TEST_F(JpegFaultTest, WithoutASemaphoreThereIsNoSetup) {
   JpegEncoder encoder(mmalJpeg());
   interpose::semInit.arm(1);
