@@ -180,37 +180,32 @@ TEST_F(Faults, WaitsEndOnTimeWhateverDisturbsThem) {
   control::clearFaults();
 }
 
-class Teardown : public Faults {
- protected:
-  static std::string release(const AnyFault& fault) {
-    DecoderPool* made;
-    {
-      const Capture capture;
-      made = GetDecoderPool();
-    }
-    inject(fault);
-    Capture capture;
-    ReleaseDecoderPool(made);
-    EXPECT_EQ(control::faultsHit(), 1u);
-    control::clearFaults();
-    EXPECT_EQ(control::describe(control::census()), "nothing");
-    return capture.out();
-  }
-};
+using Teardown = Faults;
 
 TEST_F(Teardown, GoesOnAfterARefusedCall) {
   EXPECT_EQ(ReleaseDecoderPool(nullptr), 0);
   const std::string start = "DecoderPool::~DecoderPool \nsem get is [0] \nSending command!\n",
-                    end = "Finished waiting!\n" + idle + "State changed to: OMX_StateLoaded\n";
-  const auto contains = [](const std::string& lines, const std::string& part) {
-    EXPECT_NE(lines.find(part), std::string::npos) << lines;
-  };
-  EXPECT_EQ(release(refuse("OMX_FreeBuffer", 1)),
-            start + "Finished waiting!\nOMX_FreeBuffer input port error: " + noResources + " !\n" +
-                idle + "State changed to: OMX_StateLoaded\n");
-  contains(release(refuse("OMX_FreeBuffer", 4)),
-           "OMX_FreeBuffer output port error: " + noResources + " !\n");
-  for (const unsigned nth : {1u, 2u, 3u}) contains(release(refuse("OMX_SendCommand", nth)), end);
+                    end = "Finished waiting!\n",
+                    loaded = idle + "State changed to: OMX_StateLoaded\n",
+                    error = " port error: " + noResources + " !\n";
+  const std::pair<AnyFault, std::string> table[] = {
+      {refuse("OMX_FreeBuffer", 1), start + end + "OMX_FreeBuffer input" + error + loaded},
+      {refuse("OMX_FreeBuffer", 4), "OMX_FreeBuffer output" + error},
+      {refuse("OMX_SendCommand", 1), end + loaded},
+      {refuse("OMX_SendCommand", 2), end + loaded},
+      {refuse("OMX_SendCommand", 3), end + loaded}};
+  for (const auto& [fault, lines] : table) {
+    Capture capture;
+    DecoderPool* const made = GetDecoderPool();
+    const std::size_t before = capture.out().size();
+    inject(fault);
+    ReleaseDecoderPool(made);
+    EXPECT_EQ(control::faultsHit(), 1u);
+    control::clearFaults();
+    EXPECT_EQ(control::describe(control::census()), "nothing");
+    const std::string out = capture.out().substr(before);
+    EXPECT_NE(out.find(lines), std::string::npos) << out;
+  }
 }
 
 /// Whatever was refused, came late or is owed from before. Only who waits for it sees Loaded

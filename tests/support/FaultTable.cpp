@@ -101,9 +101,9 @@ void expectRow(const DriverClass& kind, const Row& row,
   goOn(*driver, row.then);
 }
 
-/// What happens 50 ms after the start of a wait: nothing, or CLOCK_REALTIME is set an hour ahead,
-/// or back.
-enum class Disturbance { None, ClockAhead, ClockBack };
+/// What happens 50 ms after the start of a wait: nothing, or a signal, or CLOCK_REALTIME is set an
+/// hour ahead, or back.
+enum class Disturbance { None, Signal, ClockAhead, ClockBack };
 using namespace std::chrono_literals;
 
 /// Has it happen in the wait that follows.
@@ -113,7 +113,8 @@ std::chrono::milliseconds disturb(Disturbance how, const Limit& its) {
   const bool wall = its.clock == LimitBy::WallClock;
   // Little where the wait takes as much longer.
   const auto ahead = how == Disturbance::ClockAhead ? 3600000ms : wall ? -300ms : -30000ms;
-  if (how == Disturbance::None) return its.limit;
+  if (how == Disturbance::Signal) VirtualTime::interrupt(50ms);
+  if (how == Disturbance::None || how == Disturbance::Signal) return its.limit;
   VirtualTime::setWallClock(ahead, 50ms);
   if (!wall) return its.limit;
   return how == Disturbance::ClockAhead ? 50ms : its.limit - ahead;
@@ -130,7 +131,8 @@ void expectFaults(const std::string& name,
 }
 
 void expectLimits(const std::string& name) {
-  for (const auto how : {Disturbance::None, Disturbance::ClockAhead, Disturbance::ClockBack}) {
+  for (const auto how :
+       {Disturbance::None, Disturbance::Signal, Disturbance::ClockAhead, Disturbance::ClockBack}) {
     std::vector<Limit> limits = [&] {
       const Capture quiet;
       return limitsOf(name);
