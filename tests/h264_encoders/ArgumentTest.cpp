@@ -1,4 +1,6 @@
 #include <climits>
+#include <fstream>
+#include <iomanip>
 
 #include "H264Encoders.h"
 
@@ -13,57 +15,38 @@ std::string withoutAddresses(std::string lines) {
   return lines;
 }
 
+/// Each row of the file beside has a call, null or memory for it, a number of bytes, what is wrong
+/// with it and the line of each class.
 TEST_P(BothH264, WrongArgumentsAndStatesAreTold) {
   H264Encoder made(*GetParam());
   IH264Encoder& encoder = *made;
   Bytes data(100);
-  unsigned size = 7, flags = 7;
-  using Call = std::function<CodecStatus()>;
-  const auto input = [&](unsigned char* from, unsigned bytes) -> Call {
-    return [=, &encoder] { return encoder.ProcessInput(from, bytes, 0, 0); };
-  };
-  const auto output = [&](unsigned char* to, unsigned capacity) -> Call {
-    return
-        [=, &encoder, &size, &flags] { return encoder.ProcessOutput(to, capacity, size, flags); };
-  };
-  const auto array = [&](unsigned char** to) -> Call {
-    return [=, &encoder, &size, &flags] { return encoder.ProcessOutput(to, size, flags); };
-  };
-  unsigned char* old = data.data();
-  const std::string in = "::ProcessInput - invalid ", out = "::ProcessOutput - invalid ";
-  const struct {
-    Call call;
-    CodecStatus status;
-    std::string mmal, omx;
-  } table[] = {
-      {input(nullptr, 0), CodecInvalidArgument, in + "input arguments [(nil)][0]\n", ""},
-      {input(nullptr, 5), CodecInvalidArgument, in + "input arguments [(nil)][5]\n", ""},
-      {input(data.data(), 5), CodecInvalidState, in + "state [0x] [(nil)]\n", ""},
-      {array(nullptr), CodecInvalidArgument, out + "input argument\n",
-       out + "input arguments [(nil)]\n"},
-      {array(&old), CodecInvalidState, out + "state [0x] [(nil)][0x]\n",
-       out + "state [0x] [(nil)]\n"},
-      {output(nullptr, 9), CodecInvalidArgument, out + "input parameters [(nil)][9]\n",
-       out + "input arguments [(nil)] [9]\n"},
-      {output(data.data(), 0), CodecInvalidArgument, out + "input parameters [0x][0]\n",
-       out + "input arguments [0x] [0]\n"},
-      {output(data.data(), 9), CodecInvalidState, out + "state [0x] [(nil)][0x]\n",
-       out + "state [0x] [(nil)]\n"},
-  };
-  for (const auto& tested : table) {
+  std::ifstream file(TESSERA_H264_ARGUMENTS);
+  std::string call, memory, wrong, mmal, omx;
+  unsigned bytes = 0;
+  int rows = 0;
+  for (; file >> call >> memory >> bytes >> wrong >> std::quoted(mmal) >> std::quoted(omx);
+       ++rows) {
+    unsigned char* const at = memory == "null" ? nullptr : data.data();
+    unsigned char* array = data.data();
+    unsigned size = 7, flags = 7;
     Capture capture;
-    flags = 7;
-    EXPECT_EQ(tested.call(), tested.status);
-    const bool omx = !GetParam()->mmal && !tested.omx.empty();
-    const std::string line = GetParam()->name + (omx ? tested.omx : tested.mmal);
-    EXPECT_EQ(withoutAddresses(capture.err()), line);
+    EXPECT_EQ(call == "input" ? encoder.ProcessInput(at, bytes, 0, 0)
+              : call == "output"
+                  ? encoder.ProcessOutput(at, bytes, size, flags)
+                  : encoder.ProcessOutput(at == nullptr ? nullptr : &array, size, flags),
+              wrong == "state" ? CodecInvalidState : CodecInvalidArgument);
+    EXPECT_EQ(withoutAddresses(capture.err()),
+              GetParam()->name + (GetParam()->mmal ? mmal : omx) + '\n');
     EXPECT_EQ(capture.out(), "");
     EXPECT_EQ(size, 7u);
-    EXPECT_EQ(flags, line.find(in) == std::string::npos ? 0u : 7u);
-    EXPECT_EQ(old, data.data());
+    EXPECT_EQ(flags, call == "input" ? 7u : 0u);
+    EXPECT_EQ(array, data.data());
   }
+  EXPECT_EQ(rows, 8);
   ASSERT_TRUE(made.create());
-  EXPECT_EQ(input(data.data(), 0)(), CodecOk) << "no data is encoded as far as it goes";
+  EXPECT_EQ(encoder.ProcessInput(data.data(), 0, 0, 0), CodecOk)
+      << "no data is encoded as far as it goes";
   EXPECT_EQ(ReleaseEncoderH264(nullptr), 0);
 }
 

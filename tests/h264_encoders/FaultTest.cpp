@@ -26,7 +26,7 @@ TEST_P(BothH264, ObjectsDoNotDisturbEachOther) {
 TEST_P(BothH264, AFrameThatDoesNotGetAwayCanBeSentAgain) {
   const bool isMmal = GetParam()->mmal;
   H264Encoder encoder(*GetParam());
-  ASSERT_TRUE(encoder.create());
+  ASSERT_TRUE(encoder.create() && encoder.works());
   inject(refuse(isMmal ? "mmal_port_send_buffer" : "OMX_EmptyThisBuffer"));
   {
     const Capture quiet;
@@ -39,6 +39,25 @@ TEST_P(BothH264, AFrameThatDoesNotGetAwayCanBeSentAgain) {
   }
   control::clearFaults();
   EXPECT_TRUE(encoder.works(3));
+}
+
+/// Two lost or late fills: each a time-out, and afterwards the frame fed last is the one that comes
+/// out.
+TEST_F(H264FaultTest, ALateFillIsNeverTheNextFrames) {
+  for (const unsigned delayMs : {0u, 10100u})
+    for (const unsigned nth : {1u, 2u, 4u}) {
+      SCOPED_TRACE(testing::Message() << "fill " << nth << ", " << delayMs << " ms late");
+      const Capture quiet;
+      const std::unique_ptr<Driver> driver = driverClass(omxH264().name).make();
+      EXPECT_TRUE(driver->make().good);
+      for (const unsigned each : {nth, nth + 3})
+        inject(delayMs == 0 ? lose("FillBufferDone", each)
+                            : delay("FillBufferDone", each, delayMs));
+      for (int t = 0; t < 8; ++t) EXPECT_EQ(driver->frame(t).problem, "") << t;
+      EXPECT_EQ(control::faultsHit(), 2u);
+      control::clearFaults();
+      EXPECT_TRUE(driver->goOn(false).good);
+    }
 }
 
 /// The way out of a fill that was given up is a flush; what can go wrong with it is told.

@@ -258,8 +258,10 @@ Verdict conclude(const DriverClass& kind, const Point& point, Child& child) {
   } else if (WEXITSTATUS(status) != 0) {
     verdict.problem = "ended with status " + std::to_string(WEXITSTATUS(status)) + ": " +
                       contents(child.out) + contents(child.err);
-  } else if (!verdict.problem.empty() && verdict.problem[0] == '-') {
-    verdict.met = false;
+  } else if (verdict.problem.empty()) {
+    verdict.problem = "ended as if all were well";
+  } else {
+    verdict.met = verdict.problem[0] == '+';
     verdict.problem.erase(0, 1);
   }
   return verdict;
@@ -274,7 +276,7 @@ void warmUp(const DriverClass& kind, const Scenario& scenario) {
 std::string oneRun(const DriverClass& kind, const Scenario& scenario, const Point& point) {
   Run run(kind);
   run.go(scenario, &point);
-  return (run.met ? "" : "-") + run.problem;
+  return (run.met ? "+" : "-") + run.problem;
 }
 
 /// Offers a fault at one place, once and from then on, and, where it is met before the object is
