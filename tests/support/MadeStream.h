@@ -1,5 +1,5 @@
-#ifndef TESSERA_TESTS_H264_DECODER_MADESTREAM_H
-#define TESSERA_TESTS_H264_DECODER_MADESTREAM_H
+#ifndef TESSERA_TESTS_SUPPORT_MADESTREAM_H
+#define TESSERA_TESTS_SUPPORT_MADESTREAM_H
 
 #include <string>
 
@@ -45,4 +45,4 @@ support::H264Made pictures(const std::string& letters, bool fields, int slices =
 
 }  // namespace made
 
-#endif  // TESSERA_TESTS_H264_DECODER_MADESTREAM_H
+#endif  // TESSERA_TESTS_SUPPORT_MADESTREAM_H
