@@ -1,10 +1,8 @@
-#include <tessera/CMmalH264Decoder.h>
-
 #include <algorithm>
 #include <random>
 
+#include "support/Calls.h"
 #include "support/FaultTest.h"
-#include "support/H264Oracle.h"
 #include "support/MadeStream.h"
 
 namespace {
@@ -12,15 +10,12 @@ namespace {
 using support::Bytes;
 using support::H264Made;
 using support::H264Options;
+using support::length;
 using support::Yuv;
 
 const Bytes endOfSequence{0, 0, 0, 1, 10};
 
-unsigned int length(const Bytes& bytes) {
-  return static_cast<unsigned int>(bytes.size());
-}
-
-struct Picture {
+struct Shown {
   Yuv yuv;
   unsigned long long timestamp = 0;
 };
@@ -41,8 +36,8 @@ class Player {
   /// Ends with the expected number of pictures, when none comes any more, or, if asked to, with the
   /// picture of the last piece.
   /// @param cuts  where the pieces start, the stream's size last; piece i is stamped (i + 1) * 40
-  std::vector<Picture> play(Bytes stream, std::vector<std::size_t> cuts, std::size_t expected,
-                            int decodeOnly = -1, bool stopAtLast = false) {
+  std::vector<Shown> play(Bytes stream, std::vector<std::size_t> cuts, std::size_t expected,
+                          int decodeOnly = -1, bool stopAtLast = false) {
     stream.insert(stream.end(), endOfSequence.begin(), endOfSequence.end());
     cuts.push_back(stream.size());
     support::ClientThread feeder([&] {
@@ -55,7 +50,7 @@ class Player {
             << "piece " << i;
       }
     });
-    std::vector<Picture> pictures;
+    std::vector<Shown> pictures;
     const unsigned long long last = (cuts.size() - 2) * 40;  // of the piece before the end
     while (pictures.size() < expected &&
            (stopAtLast ? pictures.empty() || pictures.back().timestamp != last : true) &&
@@ -65,19 +60,15 @@ class Player {
     return pictures;
   }
 
-  bool take(std::vector<Picture>& pictures) {
-    unsigned char* frame = nullptr;
-    unsigned int size = 0, width = 0, height = 0;
-    unsigned long long timestamp = 0;
-    CodecStatus status = CodecNoBuffer;  // after another Create
-    while (status == CodecNoBuffer)
-      status = decoder_->ProcessOutput(&frame, size, width, height, timestamp);
-    if (status != CodecOk) return false;
-    EXPECT_EQ(static_cast<int>(width), width_);
-    EXPECT_EQ(static_cast<int>(height), height_);
-    EXPECT_EQ(static_cast<int>(size), support::round32(width_) * support::round16(height_) * 3 / 2);
-    pictures.push_back({support::unpadded(frame, width_, height_), timestamp});
-    delete[] frame;
+  bool take(std::vector<Shown>& pictures) {
+    support::Picture out{CodecNoBuffer, {}};  // after another Create
+    while (out.status == CodecNoBuffer) out = support::takeArray(*decoder_);
+    if (out.status != CodecOk) return false;
+    EXPECT_EQ(static_cast<int>(out.width), width_);
+    EXPECT_EQ(static_cast<int>(out.height), height_);
+    EXPECT_EQ(static_cast<int>(out.size),
+              support::round32(width_) * support::round16(height_) * 3 / 2);
+    pictures.push_back({support::unpadded(out.data.data(), width_, height_), out.timestamp});
     return true;
   }
 
@@ -97,8 +88,6 @@ std::vector<std::size_t> cutEvery(std::size_t step, std::size_t size) {
   return cuts;
 }
 
-// ----------------------------------------------------------------------- streams and their cuts
-
 // Width, height, pictures, B-frames, slices, key frame interval, quantiser, interlaced.
 const std::pair<const char*, H264Options> kinds[] = {
     {"plain", {96, 64, 12, 0, 1, 6}},
@@ -113,54 +102,43 @@ class Decoder : public support::FaultTest {
   const support::VirtualTime time_;
 };
 
-void expectPictures(const std::vector<Picture>& seen, const std::vector<Yuv>& expected) {
+void expectPictures(const std::vector<Shown>& seen, const std::vector<Yuv>& expected) {
   ASSERT_EQ(seen.size(), expected.size());
   for (std::size_t i = 0; i < seen.size(); ++i) EXPECT_TRUE(same(seen[i].yuv, expected[i])) << i;
 }
 
-TEST_F(Decoder, GivesTheSamePicturesHoweverAStreamIsCut) {
+/// Cuts it into access units, NAL units and pieces of each size.
+void expectSameHoweverCut(const H264Made& made, int width, int height, std::size_t pictures,
+                          std::initializer_list<std::size_t> steps) {
   const support::Capture quiet;  // a piece longer than a buffer has a line
+  const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
+  ASSERT_EQ(expected.size(), pictures);
+  std::vector<std::vector<std::size_t>> cuts{made.units, support::nalStarts(made.stream)};
+  for (const std::size_t step : steps) cuts.push_back(cutEvery(step, made.stream.size()));
+  for (const auto& places : cuts) {
+    SCOPED_TRACE(testing::Message() << places.size() << " pieces, from " << places[1]);
+    Player player(width, height);
+    expectPictures(player.play(made.stream, places, pictures), expected);
+  }
+}
+
+TEST_F(Decoder, GivesTheSamePicturesHoweverAStreamIsCut) {
   for (const auto& [kind, options] : kinds) {
-    const H264Made made = support::encodeH264(options);
-    const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
-    ASSERT_EQ(expected.size(), static_cast<std::size_t>(options.frames));
-    const std::size_t size = made.stream.size();
-    const std::pair<const char*, std::vector<std::size_t>> cuts[] = {
-        {"access units", made.units},         {"NAL units", support::nalStarts(made.stream)},
-        {"1 byte", cutEvery(1, size)},        {"17 bytes", cutEvery(17, size)},
-        {"4096 bytes", cutEvery(4096, size)}, {"whole", {0, size}},
-    };
-    for (const auto& [name, places] : cuts) {
-      SCOPED_TRACE(testing::Message() << kind << " by " << name);
-      Player player(options.width, options.height);
-      expectPictures(player.play(made.stream, places, expected.size()), expected);
-    }
+    SCOPED_TRACE(kind);
+    expectSameHoweverCut(support::encodeH264(options), options.width, options.height,
+                         static_cast<std::size_t>(options.frames), {1, 17, 4096, 1 << 20});
   }
 }
 
 /// Fields are access units of their own, and a picture shows only when both have gone in.
 TEST_F(Decoder, GivesTheSamePicturesHoweverAFieldStreamIsCut) {
-  const support::Capture quiet;  // a piece longer than a buffer has a line
-  const struct {
-    const char* letters;
-    int slices;
-    std::size_t pictures;
-  } rows[] = {{"itbtbtbitbtb", 1, 5},   {"ibtbtbtibtbt", 1, 5}, {"itbttbtbtb", 1, 4},
-              {"itbfftbftbitbf", 1, 8}, {"itbtbftb", 2, 4},     {"iftbtb", 2, 3}};
-  for (const auto& row : rows) {
-    const H264Made made = made::pictures(row.letters, true, row.slices);
-    const std::vector<Yuv> expected = support::decodeH264(made.stream).pictures;
-    EXPECT_EQ(expected.size(), row.pictures) << row.letters;
-    const std::size_t size = made.stream.size();
-    std::vector<std::vector<std::size_t>> cuts{made.units, support::nalStarts(made.stream)};
-    for (const std::size_t step : {17, 100, 500, 800, 900, 1000, 1100, 1600, 2500, 20000})
-      cuts.push_back(cutEvery(step, size));
-    for (const auto& places : cuts) {
-      SCOPED_TRACE(testing::Message()
-                   << row.letters << " in " << places.size() << " pieces, from " << places[1]);
-      Player player(made::side, made::side);
-      expectPictures(player.play(made.stream, places, expected.size()), expected);
-    }
+  const std::tuple<const char*, int, std::size_t> rows[] = {
+      {"itbtbtbitbtb", 1, 5},   {"ibtbtbtibtbt", 1, 5}, {"itbttbtbtb", 1, 4},
+      {"itbfftbftbitbf", 1, 8}, {"itbtbftb", 2, 4},     {"iftbtb", 2, 3}};
+  for (const auto& [letters, slices, count] : rows) {
+    SCOPED_TRACE(letters);
+    expectSameHoweverCut(made::pictures(letters, true, slices), made::side, made::side, count,
+                         {17, 100, 500, 800, 900, 1000, 1100, 1600, 2500, 20000});
   }
 }
 
@@ -292,14 +270,12 @@ TEST_F(Decoder, DamageDoesNotOutliveTheNextKeyFrame) {
 }
 
 TEST_F(Decoder, AStreamOfAnotherSizeIsNoCatastrophe) {
-  Bytes big = support::encodeH264({160, 96, 4, 0, 1, 6}).stream, frame(1 << 16);
+  Bytes big = support::encodeH264({160, 96, 4, 0, 1, 6}).stream;
   const H264Made made = support::encodeH264({96, 64, 3, 0, 1, 6});
   Player player(96, 64);
   // The component says that the format has changed, and waits for a Create.
   EXPECT_EQ(player.decoder().ProcessInput(big.data(), length(big), 96, 64, 0, 0), CodecOk);
-  unsigned int size = 0, width = 0, height = 0;
-  unsigned long long timestamp = 0;
-  player.decoder().ProcessOutput(frame.data(), length(frame), size, width, height, timestamp);
+  support::take(player.decoder(), 1 << 16);
   ASSERT_TRUE(player.decoder().Create(96, 64, 0, nullptr));
   expectPictures(player.play(made.stream, made.units, 3),
                  support::decodeH264(made.stream).pictures);

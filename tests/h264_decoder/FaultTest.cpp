@@ -1,6 +1,5 @@
 #include "support/FaultTest.h"
 
-#include <tessera/CMmalH264Decoder.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -8,7 +7,8 @@
 #include <numeric>
 #include <thread>
 
-#include "support/H264Oracle.h"
+#include "support/Calls.h"
+#include "support/FaultTable.h"
 
 namespace {
 
@@ -17,47 +17,15 @@ using Decoder = CMmalH264Decoder;
 
 const std::string name = "CMmalH264Decoder::";
 
-const H264Made& clip() {
-  static const H264Made made = encodeH264({64, 48, 3});
-  return made;
-}
-
-CodecStatus feed(IH264Decoder& decoder, std::size_t unit = 0) {
-  Bytes stream = clip().stream;
-  const std::size_t from = clip().units[unit], to = clip().units[unit + 1];
-  return decoder.ProcessInput(&stream[from], static_cast<unsigned int>(to - from), 64, 48, 0,
-                              unit + 40);
-}
-
-/// What ProcessOutput left in its arguments.
-struct Output {
-  unsigned int size = 77, width = 9, height = 9;
-  unsigned long long timestamp = 9;
-
-  CodecStatus take(IH264Decoder& decoder, unsigned char* frame, unsigned int capacity) {
-    return decoder.ProcessOutput(frame, capacity, size, width, height, timestamp);
-  }
-  bool empty() const { return width + height + timestamp == 0; }
-};
-
-CodecStatus take(IH264Decoder& decoder) {
-  unsigned char frame[64 * 48 * 3 / 2];
-  Output out;
-  const CodecStatus status = out.take(decoder, frame, sizeof frame);
-  EXPECT_EQ(out.empty(), status != CodecOk);
-  return status;
-}
+constexpr unsigned frameBytes = 64 * 48 * 3 / 2;
 
 void expectWorks(IH264Decoder& decoder) {
-  unsigned char frame[64 * 48 * 3 / 2];
-  for (std::size_t unit = 0; unit < 3; ++unit) {
+  for (int unit = 0; unit < 3; ++unit) {
     ASSERT_EQ(feed(decoder, unit), CodecOk);
-    Output out;
-    ASSERT_EQ(out.take(decoder, frame, sizeof frame), CodecOk);
-    EXPECT_EQ(out.size, sizeof frame);
-    EXPECT_EQ(out.width, 64u);
-    EXPECT_EQ(out.height, 48u);
-    EXPECT_EQ(out.timestamp, unit + 40) << "each unit's picture comes out at once";
+    const Picture out = take(decoder);
+    ASSERT_EQ(out.status, CodecOk);
+    EXPECT_EQ(std::tie(out.size, out.width, out.height), std::make_tuple(frameBytes, 64u, 48u));
+    EXPECT_EQ(out.timestamp, unit * 40u + 40) << "each unit's picture comes out at once";
   }
 }
 
@@ -105,49 +73,22 @@ TEST_F(DecoderFaults, TheFactoryReportsAMissingComponent) {
   EXPECT_EQ(FreeH264Decoder(decoder), 1);
 }
 
-const std::string code = "failed. Error code [0x7]\n", pool = "Create - creating pool for ",
-                  format = " - failed to set format for input port[0x7]\n";
-const FaultCase createFaults[] = {
-    {"InputFormat", refuse("mmal_port_format_commit"), "",
-     name + "SetInputFormat" + format + name + "Create - SetInputFormat failed with 0x7\n"},
-    {"OutputFormat", refuse("mmal_port_format_commit", 2), "",
-     name + "SetOutputFormat" + format + name + "Create - SetOutputFormat failed with 0x7\n"},
-    {"InputPort", refuse("mmal_port_enable"), "", name + "Create - enable input port " + code},
-    {"InputPool", refuse("mmal_pool_create"), "",
-     name + pool + "input port failed. Params(4, 3072)\n"},
-    {"OutputPort", refuse("mmal_port_enable", 2), "", name + "Create - enable output port " + code},
-    {"OutputPool", refuse("mmal_pool_create", 2), "",
-     name + pool + "output port failed. Params(4, 4608)\n"},
-    {"Enable", refuse("mmal_component_enable"), "", name + "Create - enabling decoder " + code},
-    {"ExtraData", refuse("mmal_format_extradata_alloc"), "", "", true},
-    {"NullExtraData", nullResult("mmal_format_extradata_alloc"), "", "", true},
-};
+TEST_F(DecoderFaults, HaveTheirLinesAndTheNextCreateWorks) {
+  expectFaults("CMmalH264Decoder");
+}
 
-class CreateFaults : public DecoderFaults, public testing::WithParamInterface<FaultCase> {};
-
-TEST_P(CreateFaults, HaveTheirLinesAndTheNextCreateWorks) {
-  const FaultCase& its = GetParam();
-  static const unsigned char extra[] = {0, 0, 0, 1, 10};
-  for (const bool ranBefore : {false, true}) {
-    const auto decoder = ready(ranBefore);
-    if (ranBefore) {
-      ASSERT_EQ(feed(*decoder), CodecOk);
-    }
-    inject(its.fault);
-    expectAnswer<bool>([&] { return decoder->Create(64, 48, sizeof extra, extra); }, its.works,
-                       its.out, its.err);
+TEST_F(DecoderFaults, ExtraDataThatCannotBeKeptIsLeftOut) {
+  const unsigned char extra[] = {0, 0, 0, 1, 10};
+  for (const AnyFault& fault :
+       {refuse("mmal_format_extradata_alloc"), nullResult("mmal_format_extradata_alloc")}) {
+    const auto decoder = ready(false);
+    inject(fault);
+    EXPECT_TRUE(decoder->Create(64, 48, sizeof extra, extra));
     EXPECT_EQ(control::faultsHit(), 1u);
     control::clearFaults();
-    if (!its.works) {
-      const Capture quiet;
-      EXPECT_EQ(feed(*decoder), ranBefore ? CodecInvalidState : CodecStreamMismatch);
-      EXPECT_EQ(take(*decoder), CodecInvalidState);
-      ASSERT_TRUE(decoder->Create(64, 48, 0, nullptr));
-    }
     expectWorks(*decoder);
   }
 }
-INSTANTIATE_TEST_SUITE_P(Table, CreateFaults, testing::ValuesIn(createFaults), NameOf());
 
 TEST_F(DecoderFaults, APortThatStaysOpenIsReported) {
   for (const unsigned nth : {1u, 2u}) {
@@ -181,7 +122,7 @@ TEST_F(DecoderFaults, SemaphoresThatCannotBeMadeAreReported) {
 TEST_F(DecoderFaults, BadArgumentsAndStates) {
   Decoder decoder;
   unsigned char byte = 0;
-  Output out;
+  Picture out;
   const auto expectInput = [&](unsigned char* data, unsigned int count, int width, int height,
                                CodecStatus status, const std::string& line) {
     expectAnswer<CodecStatus>(
@@ -190,13 +131,15 @@ TEST_F(DecoderFaults, BadArgumentsAndStates) {
   };
   const auto expectOutput = [&](unsigned char* data, unsigned int capacity, CodecStatus status,
                                 const std::string& line) {
-    Output left;
+    Picture left;
     Capture capture;
-    EXPECT_EQ(left.take(decoder, data, capacity), status);
+    EXPECT_EQ(
+        decoder.ProcessOutput(data, capacity, left.size, left.width, left.height, left.timestamp),
+        status);
     EXPECT_EQ(capture.err().rfind(name + "ProcessOutput - invalid " + line, 0), 0u)
         << capture.err();
-    EXPECT_TRUE(left.empty());
-    EXPECT_EQ(left.size, 77u);
+    EXPECT_TRUE(left.untold());
+    EXPECT_EQ(left.size, poisonedNumber);
   };
   const auto expectFalse = [&](const std::function<bool()>& call, const std::string& lines) {
     expectAnswer<bool>(call, false, "", lines);
@@ -216,7 +159,7 @@ TEST_F(DecoderFaults, BadArgumentsAndStates) {
         return decoder.ProcessOutput(nullptr, out.size, out.width, out.height, out.timestamp);
       },
       CodecInvalidArgument, "", name + "ProcessOutput - invalid input argument\n");
-  EXPECT_TRUE(out.empty());
+  EXPECT_TRUE(out.untold());
   decoder.ResetResources();
   ASSERT_TRUE(decoder.Initialize() && decoder.Initialize());
   expectFalse([&] { return decoder.Create(0, 480, 0, nullptr); },
@@ -247,7 +190,7 @@ TEST_F(DecoderFaults, CallbacksWithoutAnObjectOrAQueueReleaseTheBuffer) {
   }
   mmal_pool_destroy(buffers);
   ASSERT_TRUE(decoder.Initialize() && decoder.Create(64, 48, 0, nullptr));
-  EXPECT_EQ(take(decoder), CodecNoBuffer);
+  EXPECT_EQ(take(decoder).status, CodecNoBuffer);
   EXPECT_EQ(credits(decoder), 2);
 }
 
@@ -284,7 +227,7 @@ TEST_F(DecoderFaults, AnotherCreateLeavesTheCounts) {
   inject(refuse("mmal_port_send_buffer", 1, true));
   ASSERT_TRUE(decoder->Create(64, 48, 0, nullptr));
   control::clearFaults();
-  for (int buffer = 0; buffer < 4; ++buffer) EXPECT_EQ(take(*decoder), CodecNoBuffer);
+  for (int buffer = 0; buffer < 4; ++buffer) EXPECT_EQ(take(*decoder).status, CodecNoBuffer);
   expectWorks(*decoder);
   EXPECT_EQ(credits(*decoder), 2);
 }
@@ -309,10 +252,9 @@ TEST_F(DecoderFaults, WhatTheComponentGivesIsHandedOutAsItIs) {
     buffer->length = 2;
     std::tie(buffer->cmd, buffer->offset, buffer->pts) = std::tie(row.cmd, row.offset, row.pts);
     OutputDecH264Callback(&port, buffer);
-    unsigned char frame[2] = {};
-    Output out;
-    EXPECT_EQ(out.take(*decoder, frame, 2), CodecOk);
-    EXPECT_EQ(std::tie(out.size, out.width, out.height, out.timestamp, frame[0]),
+    const Picture out = take(*decoder, 2);
+    EXPECT_EQ(out.status, CodecOk);
+    EXPECT_EQ(std::tie(out.size, out.width, out.height, out.timestamp, out.data[0]),
               std::make_tuple(2u, 64u, 48u, row.timestamp, 7));
   }
   mmal_pool_destroy(buffers);
@@ -321,14 +263,13 @@ TEST_F(DecoderFaults, WhatTheComponentGivesIsHandedOutAsItIs) {
 TEST_F(DecoderFaults, WhatDoesNotFitIsToldAndGone) {
   const auto decoder = ready();
   ASSERT_EQ(feed(*decoder), CodecOk);
-  unsigned char byte = 0xA5, frame[64 * 48 * 3 / 2];
-  Output out;
-  EXPECT_EQ(out.take(*decoder, &byte, 1), CodecBufferTooSmall);
-  EXPECT_EQ(out.size, sizeof frame);
-  EXPECT_TRUE(out.empty());
-  EXPECT_EQ(byte, 0xA5);
+  const Picture out = take(*decoder, frameBytes - 1);
+  EXPECT_EQ(out.status, CodecBufferTooSmall);
+  EXPECT_EQ(out.size, frameBytes);
+  EXPECT_TRUE(out.untold());
+  EXPECT_EQ(out.data, Bytes(frameBytes - 1, poison));
   ASSERT_EQ(feed(*decoder, 1), CodecOk);
-  EXPECT_EQ(out.take(*decoder, frame, sizeof frame), CodecOk);
+  EXPECT_EQ(take(*decoder, frameBytes).status, CodecOk);
 }
 
 TEST_F(DecoderFaults, ShortOfMemoryItGivesTheBufferBack) {
@@ -336,43 +277,22 @@ TEST_F(DecoderFaults, ShortOfMemoryItGivesTheBufferBack) {
   for (int round = 0; round < 8; ++round) {  // more often than there are buffers
     ASSERT_EQ(feed(*decoder), CodecOk);
     unsigned char* frame = nullptr;
-    Output out;
+    Picture out;
     interpose::allocation.arm(1);
     EXPECT_THROW(decoder->ProcessOutput(&frame, out.size, out.width, out.height, out.timestamp),
                  std::bad_alloc);
     EXPECT_EQ(frame, nullptr);
-    EXPECT_EQ(out.size, 77u);
+    EXPECT_EQ(out.size, poisonedNumber);
   }
   expectWorks(*decoder);
 }
 
 TEST_F(DecoderFaults, WaitsEndOnTimeWhateverDisturbsThem) {
-  const auto decoder = ready();
-  inject(lose("input", 1, true));
-  inject(lose("output", 1, true));
-  ASSERT_EQ(feed(*decoder), CodecOk);
-  for (const Disturbance how : disturbances) {
-    disturb(how, LimitBy::WallClock);
-    expectAnswer<CodecStatus>([&] { return feed(*decoder, 1); }, CodecTimeout,
-                              name + "ProcessInput - timeout\n", "",
-                              disturbedMs(how, LimitBy::WallClock, 1000));
-    disturb(how, LimitBy::WallClock);
-    expectAnswer<CodecStatus>([&] { return take(*decoder); }, CodecTimeout, "", "",
-                              disturbedMs(how, LimitBy::WallClock, 100));
-  }
+  expectLimits("CMmalH264Decoder");
 }
 
-TEST_F(DecoderFaults, BrokenWaitsAreReported) {
-  const auto decoder = ready();
-  for (auto* broken : {&interpose::clockGettime, &interpose::semWait}) {
-    broken->arm(1, true);
-    expectAnswer<CodecStatus>([&] { return feed(*decoder); }, CodecWaitFailed,
-                              name + "ProcessInput - wait failed [0x4]\n", "");
-    expectAnswer<CodecStatus>([&] { return take(*decoder); }, CodecWaitFailed,
-                              name + "ProcessOutput - wait failed [0x4]\n", "");
-    broken->disarm();
-  }
-  expectWorks(*decoder);
+TEST_F(DecoderFaults, ObjectsDoNotDisturbEachOther) {
+  expectIndependence("CMmalH264Decoder");
 }
 
 /// The Create gives the lost buffer back. It leaves no pool for the next piece, or another size.
@@ -433,13 +353,9 @@ TEST_F(DecoderThreads, CreateWaitsForAPictureThatIsBeingCopied) {
       still = thread != 0 && sleeps(thread) && control::quiet() ? still + 1 : 0;
     EXPECT_FALSE(created) << "the picture's pool is gone";
   };
-  unsigned char* frame = nullptr;
-  Output out;
   CodecStatus status = CodecTimeout;
-  while (status == CodecTimeout)
-    status = decoder->ProcessOutput(&frame, out.size, out.width, out.height, out.timestamp);
+  while (status == CodecTimeout) status = takeArray(*decoder).status;
   EXPECT_EQ(status, CodecOk);
-  delete[] frame;
   creator.join();
   EXPECT_TRUE(created);
   decoder.reset();

@@ -1,8 +1,12 @@
 #include <climits>
+#include <fstream>
+#include <iomanip>
 
 #include "H264Encoders.h"
 
 namespace {
+
+using namespace support;
 
 /// Lines with addresses left out: "[0x]".
 std::string withoutAddresses(std::string lines) {
@@ -11,57 +15,38 @@ std::string withoutAddresses(std::string lines) {
   return lines;
 }
 
+/// Each row of the file beside has a call, null or memory for it, a number of bytes, what is wrong
+/// with it and the line of each class.
 TEST_P(BothH264, WrongArgumentsAndStatesAreTold) {
   H264Encoder made(*GetParam());
   IH264Encoder& encoder = *made;
   Bytes data(100);
-  unsigned size = 7, flags = 7;
-  using Call = std::function<CodecStatus()>;
-  const auto input = [&](unsigned char* from, unsigned bytes) -> Call {
-    return [=, &encoder] { return encoder.ProcessInput(from, bytes, 0, 0); };
-  };
-  const auto output = [&](unsigned char* to, unsigned capacity) -> Call {
-    return
-        [=, &encoder, &size, &flags] { return encoder.ProcessOutput(to, capacity, size, flags); };
-  };
-  const auto array = [&](unsigned char** to) -> Call {
-    return [=, &encoder, &size, &flags] { return encoder.ProcessOutput(to, size, flags); };
-  };
-  unsigned char* old = data.data();
-  const std::string in = "::ProcessInput - invalid ", out = "::ProcessOutput - invalid ";
-  const struct {
-    Call call;
-    CodecStatus status;
-    std::string mmal, omx;
-  } table[] = {
-      {input(nullptr, 0), CodecInvalidArgument, in + "input arguments [(nil)][0]\n", ""},
-      {input(nullptr, 5), CodecInvalidArgument, in + "input arguments [(nil)][5]\n", ""},
-      {input(data.data(), 5), CodecInvalidState, in + "state [0x] [(nil)]\n", ""},
-      {array(nullptr), CodecInvalidArgument, out + "input argument\n",
-       out + "input arguments [(nil)]\n"},
-      {array(&old), CodecInvalidState, out + "state [0x] [(nil)][0x]\n",
-       out + "state [0x] [(nil)]\n"},
-      {output(nullptr, 9), CodecInvalidArgument, out + "input parameters [(nil)][9]\n",
-       out + "input arguments [(nil)] [9]\n"},
-      {output(data.data(), 0), CodecInvalidArgument, out + "input parameters [0x][0]\n",
-       out + "input arguments [0x] [0]\n"},
-      {output(data.data(), 9), CodecInvalidState, out + "state [0x] [(nil)][0x]\n",
-       out + "state [0x] [(nil)]\n"},
-  };
-  for (const auto& tested : table) {
-    support::Capture capture;
-    flags = 7;
-    EXPECT_EQ(tested.call(), tested.status);
-    const bool omx = !GetParam()->mmal && !tested.omx.empty();
-    const std::string line = GetParam()->name + (omx ? tested.omx : tested.mmal);
-    EXPECT_EQ(withoutAddresses(capture.err()), line);
+  std::ifstream file(TESSERA_H264_ARGUMENTS);
+  std::string call, memory, wrong, mmal, omx;
+  unsigned bytes = 0;
+  int rows = 0;
+  for (; file >> call >> memory >> bytes >> wrong >> std::quoted(mmal) >> std::quoted(omx);
+       ++rows) {
+    unsigned char* const at = memory == "null" ? nullptr : data.data();
+    unsigned char* array = data.data();
+    unsigned size = 7, flags = 7;
+    Capture capture;
+    EXPECT_EQ(call == "input" ? encoder.ProcessInput(at, bytes, 0, 0)
+              : call == "output"
+                  ? encoder.ProcessOutput(at, bytes, size, flags)
+                  : encoder.ProcessOutput(at == nullptr ? nullptr : &array, size, flags),
+              wrong == "state" ? CodecInvalidState : CodecInvalidArgument);
+    EXPECT_EQ(withoutAddresses(capture.err()),
+              GetParam()->name + (GetParam()->mmal ? mmal : omx) + '\n');
     EXPECT_EQ(capture.out(), "");
     EXPECT_EQ(size, 7u);
-    EXPECT_EQ(flags, line.find(in) == std::string::npos ? 0u : 7u);
-    EXPECT_EQ(old, data.data());
+    EXPECT_EQ(flags, call == "input" ? 7u : 0u);
+    EXPECT_EQ(array, data.data());
   }
+  EXPECT_EQ(rows, 8);
   ASSERT_TRUE(made.create());
-  EXPECT_EQ(input(data.data(), 0)(), CodecOk) << "no data is encoded as far as it goes";
+  EXPECT_EQ(encoder.ProcessInput(data.data(), 0, 0, 0), CodecOk)
+      << "no data is encoded as far as it goes";
   EXPECT_EQ(ReleaseEncoderH264(nullptr), 0);
 }
 
@@ -83,10 +68,10 @@ TEST(MmalH264, WishesThatAreRefusedEndWhatRanBefore) {
   };
   H264Encoder encoder(mmalH264());
   for (const auto& [wish, told] : refused) {
-    support::expectAnswer<bool>([&, &wish = wish] { return encoder.create(wish); }, false, "",
-                                start + told + end);
-    const support::Capture quiet;
-    EXPECT_EQ(encoder.feed(support::scene(64, 48)), CodecInvalidState);
+    expectAnswer<bool>([&, &wish = wish] { return encoder.create(wish); }, false, "",
+                       start + told + end);
+    const Capture quiet;
+    EXPECT_EQ(encoder.feed(scene(64, 48)), CodecInvalidState);
     ASSERT_TRUE(encoder.create());
     EXPECT_TRUE(encoder.works(3));
   }
@@ -94,16 +79,16 @@ TEST(MmalH264, WishesThatAreRefusedEndWhatRanBefore) {
 
 TEST(OmxH264, RefusesAFormatAndSurvivesOddSizes) {
   H264Encoder encoder(omxH264());
-  support::expectAnswer<bool>(
+  expectAnswer<bool>(
       [&] { return encoder.create({0x12345678}); }, false, "",
       "COmxH264Encoder::SetInputFormat - input image format 0x12345678 is not supported.\n"
       "COmxH264Encoder::Create - SetInputFormat failed with 0x80001006\n");
-  const support::VirtualTime time;
-  const support::Capture quiet;
+  const VirtualTime time;
+  const Capture quiet;
   for (const int width : {0, INT_MIN, INT_MAX}) {
     H264Encoder another(omxH264());
     another.create({yuyv, width, width});
-    another.feed(support::scene(16, 16));
+    another.feed(scene(16, 16));
   }
   EXPECT_TRUE(encoder.create() && encoder.works());
 }
@@ -116,7 +101,7 @@ TEST_P(BothH264, WhatDoesNotFitIsToldAndGone) {
   EXPECT_EQ(small.status, CodecBufferTooSmall);
   EXPECT_GT(small.size, 10u);
   EXPECT_EQ(small.flags, 0u);
-  EXPECT_EQ(small.data, Bytes{0xA5});
+  EXPECT_EQ(small.data, Bytes{poison});
   // The frame, after the parameter sets.
   const Output next = encoder.take();
   EXPECT_EQ(next.status, CodecOk);

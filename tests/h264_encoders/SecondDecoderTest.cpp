@@ -4,6 +4,8 @@
 
 namespace {
 
+using support::Bytes;
+
 struct Closer {
   void operator()(ISVCDecoder* decoder) const {
     decoder->Uninitialize();
@@ -11,45 +13,41 @@ struct Closer {
   }
 };
 
-/// The cropped luma of each picture that OpenH264 makes of a stream, which it takes by NAL units.
-std::vector<Bytes> decodeWithOpenH264(const Bytes& stream) {
+TEST_P(BothH264, TwoDecodersOfDifferentMakeAgreeOnTheStream) {
+  support::H264Encoder encoder(*GetParam());
+  support::Video video;
+  ASSERT_TRUE(encoder.create({support::i420, 152, 100}));
+  for (int t = 0; t < 12; ++t) ASSERT_TRUE(encoder.feed(t) == CodecOk && encoder.collect(video));
+  const std::vector<support::Yuv> expected = support::decodeH264(video.stream).pictures;
+  ASSERT_EQ(expected.size(), 12u);
   ISVCDecoder* made = nullptr;
-  EXPECT_EQ(WelsCreateDecoder(&made), 0);
+  ASSERT_EQ(WelsCreateDecoder(&made), 0);
   const std::unique_ptr<ISVCDecoder, Closer> decoder(made);
   SDecodingParam param{};
   param.sVideoProperty.eVideoBsType = VIDEO_BITSTREAM_AVC;
-  EXPECT_EQ(decoder->Initialize(&param), 0);
-  std::vector<Bytes> pictures;
-  const std::vector<std::size_t> cuts = support::nalStarts(stream);
+  ASSERT_EQ(decoder->Initialize(&param), 0);
+  // OpenH264 takes a stream by NAL units; what it holds back then is flushed.
+  const std::vector<std::size_t> cuts = support::nalStarts(video.stream);
+  std::size_t picture = 0;
   for (std::size_t i = 0; i < cuts.size(); ++i) {
     unsigned char* planes[3] = {};
     SBufferInfo info{};
-    const bool more = i + 1 < cuts.size();  // else the picture that is held back comes out
+    const bool more = i + 1 < cuts.size();
     const int size = more ? static_cast<int>(cuts[i + 1] - cuts[i]) : 0;
-    EXPECT_EQ(more ? decoder->DecodeFrameNoDelay(&stream[cuts[i]], size, planes, &info)
+    ASSERT_EQ(more ? decoder->DecodeFrameNoDelay(&video.stream[cuts[i]], size, planes, &info)
                    : decoder->FlushFrame(planes, &info),
               dsErrorFree);
     if (info.iBufferStatus != 1) continue;
     const SSysMEMBuffer& layout = info.UsrData.sSystemBuffer;
-    Bytes& luma = pictures.emplace_back();
+    Bytes luma;
     for (int y = 0; y < layout.iHeight; ++y) {
       const unsigned char* const row = planes[0] + std::ptrdiff_t{y} * layout.iStride[0];
       luma.insert(luma.end(), row, row + layout.iWidth);
     }
+    ASSERT_LT(picture, expected.size());
+    EXPECT_EQ(luma, expected[picture++].y);
   }
-  return pictures;
-}
-
-TEST_P(BothH264, TwoDecodersOfDifferentMakeAgreeOnTheStream) {
-  H264Encoder encoder(*GetParam());
-  const Bytes stream = encode(encoder, {i420, 152, 100}, 12, [](int t) {
-                         return support::scene(152, 100, t);
-                       }).stream;
-  const support::H264Stream expected = support::decodeH264(stream);
-  const std::vector<Bytes> seen = decodeWithOpenH264(stream);
-  ASSERT_EQ(expected.pictures.size(), 12u);
-  ASSERT_EQ(seen.size(), 12u);
-  for (std::size_t i = 0; i < seen.size(); ++i) EXPECT_EQ(seen[i], expected.pictures[i].y) << i;
+  EXPECT_EQ(picture, 12u);
 }
 
 }  // namespace

@@ -98,7 +98,13 @@ TEST_F(BadInput, EachKindGetsItsAnswer) {
       {"hierarchical", surgery::withHeader(small_, 1, {0xC5}), false, false},
       {"no size", surgery::withSize(small_, 0, 0), false, false},
       {"no height", surgery::withSize(small_, 48, 0), false, false},
-      {"no width", surgery::withSize(small_, 0, 32), false, false}};
+      {"no width", surgery::withSize(small_, 0, 32), false, false},
+      // What the header claims, the data never holds: the limits come before the memory.
+      {"65535 x 1", surgery::withSize(small_, 65535, 1), false, false},
+      {"1 x 65535", surgery::withSize(small_, 1, 65535), false, false},
+      {"16385 x 8", surgery::withSize(small_, 16385, 8), false, false},
+      {"16384 x 16384", surgery::withSize(small_, 16384, 16384), false, false},
+      {"8200 x 8200", surgery::withSize(small_, 8200, 8200), false, false}};
   const std::string call = "DecoderPool::DecodeJpeg - ";
   EXPECT_EQ(take({}), "");
   EXPECT_EQ(take({}, 48, 32), call + "no data\n");
@@ -131,16 +137,6 @@ TEST_F(BadInput, EveryByteFlipped) {
     flipped[i] = static_cast<std::uint8_t>(~flipped[i]);
     tryOut(flipped);
   }
-}
-
-TEST_F(BadInput, SizesOfAllKindsInAShortFile) {
-  // What the header claims, the data never holds: the limits come before the memory.
-  for (const auto& [width, height] : {std::pair(65535, 1), std::pair(1, 65535), std::pair(16385, 8),
-                                      std::pair(16384, 16384), std::pair(8200, 8200)}) {
-    SCOPED_TRACE(width);
-    EXPECT_FALSE(tryOut(surgery::withSize(small_, width, height)));
-  }
-  EXPECT_TRUE(tryOut(surgery::withSize(small_, 640, 480)));
 }
 
 }  // namespace

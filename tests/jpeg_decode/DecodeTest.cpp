@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <array>
-#include <random>
-#include <thread>
 
 #include "PoolFixture.h"
 #include "support/JpegSurgery.h"
@@ -13,8 +11,6 @@ namespace {
 
 using support::Bytes;
 using support::Sampling;
-
-// -------------------------------------------------------------------------- kinds of pictures
 
 const Sampling samplings[] = {Sampling::Yuv420, Sampling::Yuv422, Sampling::Yuv444,
                               Sampling::Yuv440, Sampling::Yuv411, Sampling::Grey};
@@ -30,19 +26,6 @@ TEST(Decode, PicturesOfAnySamplingAndSizeAreWhatTurboJpegSees) {
       EXPECT_EQ(difference(decode(*pool, jpeg), jpeg), "")
           << width << "x" << height << ", sampling " << static_cast<int>(sampling);
     }
-}
-
-TEST(Decode, AThousandPicturesOfChangingSizesAreEachRight) {
-  std::vector<Bytes> jpegs;
-  for (const auto& [width, height] : {std::pair(64, 48), {65, 48}, {64, 49}, {160, 120}, {7, 9}})
-    for (const Sampling sampling : {Sampling::Yuv420, Sampling::Yuv422})
-      jpegs.push_back(jpegOf(width, height, 0, sampling));
-  QuietPool pool;
-  std::mt19937 random(2024);
-  for (int i = 0; i < 1000; ++i) {
-    const Bytes& jpeg = jpegs[random() % jpegs.size()];
-    ASSERT_EQ(difference(decode(*pool, jpeg), jpeg), "") << "picture " << i;
-  }
 }
 
 TEST(Decode, PaddingRepeatsTheEdge) {
@@ -109,8 +92,6 @@ TEST(Decode, APictureMayTakeManyInputBuffers) {
   EXPECT_EQ(difference(decode(*pool, large), large), "");
 }
 
-// -------------------------------------------------------------------------- sizes in a row
-
 TEST(Decode, OneSizeKeepsOneBufferAndAnotherSizeTakesAnother) {
   QuietPool pool;
   const std::pair<std::pair<int, int>, OMX_U32> table[] = {
@@ -126,30 +107,6 @@ TEST(Decode, OneSizeKeepsOneBufferAndAnotherSizeTakesAnother) {
     EXPECT_EQ(first.lines + second.lines, "") << "nothing is printed on the good path";
   }
   EXPECT_EQ(TesseraTestAccess::counts(*pool), (std::vector<int>{0, 0, 0}));
-}
-
-TEST(Decode, PoolsDoNotDisturbEachOther) {
-  const auto work = [](int width, std::string& worst) {
-    DecoderPool pool;
-    for (int t = 0; t < 20; ++t) {
-      Bytes jpeg = jpegOf(width + t % 3, 90, t);
-      Decoded seen;
-      seen.data = pool.DecodeJpeg(reinterpret_cast<char*>(jpeg.data()),
-                                  static_cast<unsigned int>(jpeg.size()), seen.width, seen.height);
-      worst += difference(seen, jpeg);
-    }
-  };
-  std::string first, second;
-  const support::Capture capture;
-  std::thread a([&] { work(120, first); });
-  std::thread b([&] { work(200, second); });
-  a.join();
-  b.join();
-  EXPECT_EQ(first + second, "");
-}
-
-TEST(Decode, ReleaseTakesNull) {
-  EXPECT_EQ(ReleaseDecoderPool(nullptr), 0);
 }
 
 }  // namespace

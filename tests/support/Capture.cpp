@@ -20,20 +20,24 @@ void flushAll() {
 
 }  // namespace
 
+std::string contents(int file) {
+  std::string text;
+  char block[4096];
+  off_t at = 0;
+  for (ssize_t n; (n = pread(file, block, sizeof block, at)) > 0; at += n)
+    text.append(block, static_cast<std::size_t>(n));
+  return text;
+}
+
+std::string printedText() {
+  flushAll();
+  return contents(STDOUT_FILENO) + contents(STDERR_FILENO);
+}
+
 Capture::Stream Capture::redirect(int target) {
   const Stream stream{target, dup(target), memfd_create("capture", MFD_CLOEXEC)};
   if (stream.saved < 0 || stream.file < 0 || dup2(stream.file, target) < 0) std::abort();
   return stream;
-}
-
-std::string Capture::read(const Stream& stream) {
-  flushAll();
-  std::string text;
-  char block[4096];
-  off_t at = 0;
-  for (ssize_t n; (n = pread(stream.file, block, sizeof block, at)) > 0; at += n)
-    text.append(block, static_cast<std::size_t>(n));
-  return text;
 }
 
 void Capture::restore(const Stream& stream) {
@@ -58,10 +62,12 @@ Capture::~Capture() {
 }
 
 std::string Capture::out() {
-  return read(out_);
+  flushAll();
+  return contents(out_.file);
 }
 std::string Capture::err() {
-  return read(err_);
+  flushAll();
+  return contents(err_.file);
 }
 
 }  // namespace support

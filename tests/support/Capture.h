@@ -25,12 +25,17 @@ class Capture {
     int file;
   };
   static Stream redirect(int target);
-  static std::string read(const Stream& stream);
   static void restore(const Stream& stream);
 
   Stream out_;
   Stream err_;
 };
+
+/// All that a file holds.
+std::string contents(int file);
+/// What the process has printed, first on standard output and then on standard error, where these
+/// are files.
+std::string printedText();
 
 }  // namespace support
 

@@ -59,25 +59,4 @@ void expectConversation(const std::string& file) {
   EXPECT_EQ(calls(), text);
 }
 
-namespace {
-using namespace std::chrono_literals;
-constexpr auto disturbedAfter = 50ms;
-/// Little where the wait takes as much longer.
-std::chrono::milliseconds setBackBy(LimitBy clock) {
-  return clock == LimitBy::WallClock ? 300ms : 30000ms;
-}
-}  // namespace
-
-void disturb(Disturbance how, LimitBy clock) {
-  if (how == Disturbance::ClockAhead) VirtualTime::setWallClock(1h, disturbedAfter);
-  if (how == Disturbance::ClockBack) VirtualTime::setWallClock(-setBackBy(clock), disturbedAfter);
-}
-
-int disturbedMs(Disturbance how, LimitBy clock, int limitMs) {
-  if (clock == LimitBy::SteadyClock) return limitMs;
-  if (how == Disturbance::ClockAhead) return disturbedAfter / 1ms;
-  return how == Disturbance::ClockBack ? limitMs + static_cast<int>(setBackBy(clock) / 1ms)
-                                       : limitMs;
-}
-
 }  // namespace support

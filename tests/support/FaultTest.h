@@ -7,7 +7,6 @@
 #include <chrono>
 #include <functional>
 #include <string>
-#include <tuple>
 #include <variant>
 #include <vector>
 
@@ -29,16 +28,6 @@ AnyFault delay(const std::string& completion, unsigned nth, unsigned delayMs, bo
 AnyFault mangle(const std::string& completion, control::CompletionFault::Action action,
                 unsigned nth = 1, std::uint32_t code = 7);
 void inject(const AnyFault& fault);
-
-/// One fault, and what a class makes of it.
-struct FaultCase {
-  std::string name;
-  AnyFault fault;
-  std::string out;     ///< its lines on standard output
-  std::string err;     ///< and on standard error
-  bool works = false;  ///< the operation succeeds all the same
-  bool again = true;   ///< the next one on the same object succeeds
-};
 
 /// "label - 0x80001000:...", as PrintOmxError tells a refused call.
 std::string omxLine(const std::string& label);
@@ -79,7 +68,7 @@ class FaultTest : public testing::Test {
   }
 };
 
-/// Names the rows of a table, classes, or rows combined with the class that they are for.
+/// Names the rows of a table, or classes.
 struct NameOf {
   template <typename Case>
   std::string operator()(const testing::TestParamInfo<Case>& tested) const {
@@ -95,33 +84,7 @@ struct NameOf {
   static std::string of(const Class* kind) {
     return kind->name;
   }
-  template <typename With, typename Row>
-  static std::string of(const std::tuple<With, Row>& combined) {
-    return std::get<1>(combined).name;
-  }
 };
-
-/// The rows of a table, each with the class (or whatever else) that they are for.
-template <typename For, typename Rows>
-auto rowsFor(const For& what, const Rows& rows) {
-  return testing::Combine(testing::Values(what), testing::ValuesIn(rows));
-}
-
-/// What happens 50 ms after the start of a wait: nothing, or CLOCK_REALTIME is set an hour ahead,
-/// or a little back.
-enum class Disturbance { None, ClockAhead, ClockBack };
-constexpr Disturbance disturbances[] = {Disturbance::None, Disturbance::ClockAhead,
-                                        Disturbance::ClockBack};
-
-/// Which clock a wait's limit goes by.
-enum class LimitBy { WallClock, SteadyClock };
-
-/// Has it happen in the wait that follows, in virtual time.
-void disturb(Disturbance how, LimitBy clock);
-
-/// How long a disturbed wait takes, in milliseconds. One that goes by the steady clock takes as
-/// long as it would in peace.
-int disturbedMs(Disturbance how, LimitBy clock, int limitMs);
 
 }  // namespace support
 

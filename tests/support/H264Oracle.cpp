@@ -5,7 +5,7 @@ extern "C" {
 }
 #include <x264.h>
 
-#include <cstring>
+#include <algorithm>
 #include <memory>
 
 namespace support {
@@ -148,6 +148,19 @@ std::vector<std::size_t> nalStarts(const Bytes& stream) {
       starts.push_back(i > 0 && stream[i - 1] == 0 ? i - 1 : i);
   starts.push_back(stream.size());
   return starts;
+}
+
+std::vector<int> nalTypes(const Bytes& stream) {
+  std::vector<int> types;
+  for (const std::size_t start : nalStarts(stream))
+    if (start + 5 <= stream.size())
+      types.push_back(stream[start + (stream[start + 2] == 1 ? 3 : 4)] & 31);
+  return types;
+}
+
+bool holdsSlice(const Bytes& stream) {
+  const std::vector<int> types = nalTypes(stream);
+  return std::any_of(types.begin(), types.end(), [](int type) { return type == 1 || type == 5; });
 }
 
 }  // namespace support

@@ -43,6 +43,9 @@ H264Made encodeH264(const H264Options& options);
 
 /// Offsets of the start codes (of the byte before a 3-byte one where that is zero), size last.
 std::vector<std::size_t> nalStarts(const Bytes& stream);
+/// The types of its NAL units, and whether one of them is a slice.
+std::vector<int> nalTypes(const Bytes& stream);
+bool holdsSlice(const Bytes& stream);
 
 }  // namespace support
 

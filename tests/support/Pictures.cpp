@@ -170,11 +170,14 @@ double lumaPsnr(const Yuv& a, const Yuv& b) {
 double worstPsnr(const std::vector<Yuv>& seen, const std::vector<Yuv>& pictures) {
   double worst = 99;
   for (std::size_t i = 0; i < std::min(seen.size(), pictures.size()); ++i) {
-    const Yuv& whole = pictures[i];
-    if (seen[i].width < whole.width || seen[i].height < whole.height) return 0;
+    const Yuv &its = seen[i], &whole = pictures[i];
+    if (its.width < whole.width || its.height < whole.height) return 0;
     worst = std::min(
-        worst,
-        psnr(takePlane(seen[i].y.data(), whole.width, whole.height, seen[i].width), whole.y));
+        {worst, psnr(takePlane(its.y.data(), whole.width, whole.height, its.width), whole.y),
+         psnr(takePlane(its.u.data(), whole.chromaWidth(), whole.chromaHeight(), its.chromaWidth()),
+              whole.u),
+         psnr(takePlane(its.v.data(), whole.chromaWidth(), whole.chromaHeight(), its.chromaWidth()),
+              whole.v)});
   }
   return worst;
 }

@@ -67,7 +67,7 @@ Yuv unpadded(const std::uint8_t* data, int width, int height);
 double psnr(const Bytes& a, const Bytes& b);
 /// Of the luma planes of two pictures of one size.
 double lumaPsnr(const Yuv& a, const Yuv& b);
-/// The worst of a series, as far as both go. Where what was seen is larger, the pictures' part of
+/// The worst plane of a series, as far as both go. Where what was seen is larger, the pictures' part of
 /// it counts.
 double worstPsnr(const std::vector<Yuv>& seen, const std::vector<Yuv>& pictures);
 /// Largest difference between two runs of bytes of one length.

@@ -107,7 +107,8 @@ std::mutex listed;   ///< guards what follows; no lock is taken while it is held
 std::vector<const Wait*> waits;
 std::atomic<int> clients{0};
 unsigned changes = 0;  ///< of the clients that wait
-long long stepAt = never, stepBy = 0;
+long long stepAt = never, stepBy = 0, signalAt = never;
+std::atomic<bool> signalled{false};
 
 class Listed {
  public:
@@ -158,13 +159,18 @@ bool jump() {
   if (!control::quiet()) return false;
   const std::lock_guard<std::mutex> lock(listed);
   if (changes != seen || !allWait()) return false;
-  long long step = stepAt == never ? never : stepAt - monotonic;
+  long long step = std::min(stepAt, signalAt);
+  if (step != never) step -= monotonic;
   for (const Wait* wait : waits) step = std::min(step, wait->left());
   if (step == never) reportHang();
   monotonic += std::max(step, 0LL);
   if (monotonic >= stepAt) {
     wallAhead += stepBy;
     stepAt = never;
+  }
+  if (monotonic >= signalAt) {
+    signalAt = never;
+    signalled = true;
   }
   for (const Wait* wait : waits)
     if (wait->condition != nullptr && wait->left() <= 0) pthread_cond_broadcast(wait->condition);
@@ -185,6 +191,10 @@ int take(sem_t* semaphore, clockid_t clock, long long deadline) {
     }
     if (wait.left() <= 0) {
       errno = ETIMEDOUT;
+      return -1;
+    }
+    if (takesPart && signalled.exchange(false)) {
+      errno = EINTR;
       return -1;
     }
     if (takesPart && jump()) continue;
@@ -233,7 +243,7 @@ VirtualTime::VirtualTime() {
   wallAhead = nanoseconds(time) - monotonic;
   waits.reserve(64);
   clients = 1;
-  stepAt = never;
+  stepAt = signalAt = never;
   takesPart = true;
   control::setPace(control::Pace::Stepped);
   on = true;
@@ -249,6 +259,11 @@ void VirtualTime::setWallClock(std::chrono::nanoseconds by, std::chrono::nanosec
   const std::lock_guard<std::mutex> lock(listed);
   stepAt = monotonic + in.count();
   stepBy = by.count();
+}
+
+void VirtualTime::interrupt(std::chrono::nanoseconds in) {
+  const std::lock_guard<std::mutex> lock(listed);
+  signalAt = monotonic + in.count();
 }
 
 ClientThread::ClientThread(std::function<void()> work) {

@@ -24,6 +24,8 @@ class VirtualTime {
 
   /// Sets CLOCK_REALTIME so far ahead, or back, when that much time has passed.
   static void setWallClock(std::chrono::nanoseconds by, std::chrono::nanoseconds in);
+  /// Has a signal end a wait for a semaphore, with EINTR, when that much time has passed.
+  static void interrupt(std::chrono::nanoseconds in);
 
   /// Where everybody waits for good, nothing is due and nothing is being done, the process prints
   /// this on standard error and aborts.

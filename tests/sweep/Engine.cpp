@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <malloc.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,7 +16,6 @@
 #include <sstream>
 #include <thread>
 
-#include "Streams.h"
 #include "support/Capture.h"
 #include "support/Interpose.h"
 #include "support/VirtualTime.h"
@@ -27,6 +27,7 @@ namespace control = tessera_platform;
 namespace interpose = support::interpose;
 using control::CallFault;
 using control::CompletionFault;
+using support::contents;
 
 /// For what time that stands still does not see: a child that does not stop working.
 constexpr int childLimitSeconds = 120;
@@ -88,10 +89,10 @@ bool isIl(const std::string& name) {
          name == "FillBufferDone";
 }
 
-/// The subject's work in one child; problems go to `report`.
+/// An object's work in one child; problems go to `report`.
 class Run {
  public:
-  explicit Run(const SubjectClass& subject) : subject_(subject) {}
+  explicit Run(const DriverClass& kind) : kind_(kind) {}
 
   std::string problem;
   bool met = false;
@@ -102,40 +103,31 @@ class Run {
   }
 
  private:
-  template <typename Work>
-  void step(const char* name, Work work, bool mustBeGood) {
-    const Outcome outcome = work();
-    if (!outcome.problem.empty()) blame(std::string(name) + ": " + outcome.problem);
-    if (mustBeGood && !outcome.good) blame(std::string(name) + ": refused without a fault");
+  void judge(const char* step, const Outcome& outcome, bool mustBeGood = true) {
+    if (!outcome.problem.empty()) blame(std::string(step) + ": " + outcome.problem);
+    if (mustBeGood && !outcome.good) blame(std::string(step) + ": refused without a fault");
   }
 
   void once(const Scenario& scenario, const Point* point) {
     const Holdings before;
     {
-      const std::unique_ptr<Subject> neighbour = subject_.make();
-      if (scenario.withNeighbour)
-        step(
-            "neighbour", [&] { return neighbour->make(); }, true);
-      const std::unique_ptr<Subject> subject = subject_.make();
-      step(
-          "before", [&] { return scenario.before(*subject); }, true);
+      const std::unique_ptr<Driver> neighbour = kind_.make();
+      if (scenario.withNeighbour) judge("neighbour", neighbour->make());
+      std::unique_ptr<Driver> object = kind_.make();
+      judge("before", scenario.before(*object));
       if (point != nullptr) arm(*point);
-      step(
-          "run", [&] { return scenario.run(*subject); }, false);
-      if (point != nullptr && point->goesOn) goOn(*subject, *point);
-      step(
-          "destroy", [&] { return subject->destroy(), Outcome{}; }, false);
+      judge("run", scenario.run(*object), false);
+      if (point != nullptr && point->goesOn) goOn(*object, *point);
+      object.reset();
       met = met || control::faultsHit() > 0 || interpose::elsewhere.met > 0;
       control::clearFaults();
       interpose::elsewhere.disarm();
-      if (scenario.withNeighbour)
-        step(
-            "neighbour", [&] { return neighbour->frame(0); }, true);
+      if (scenario.withNeighbour) judge("neighbour", neighbour->frame(0));
     }
     after(before, point);
   }
 
-  void goOn(Subject& subject, const Point& point) {
+  void goOn(Driver& object, const Point& point) {
     control::awaitQuiet();
     met = control::faultsHit() > 0;
     control::clearFaults();
@@ -144,7 +136,7 @@ class Run {
       std::this_thread::sleep_for(std::chrono::milliseconds(point.event.delayMs));
     std::string last;
     for (int tries = 1; tries <= 3; ++tries) {
-      const Outcome outcome = subject.goOn(tries == 3 && losesABuffer(point));
+      const Outcome outcome = object.goOn(tries == 3 && losesABuffer(point));
       if (outcome.good) return;
       last = outcome.problem;
     }
@@ -163,7 +155,7 @@ class Run {
   void after(const Holdings& before, const Point* point) {
     const bool kept = point != nullptr && !point->completion && givesBack(point->call.call);
     // A pool whose way back to Loaded is refused says so and keeps what it holds.
-    const bool abandoned = subject_.name == std::string("DecoderPool") && point != nullptr &&
+    const bool abandoned = kind_.name == std::string("DecoderPool") && point != nullptr &&
                            !point->completion && point->call.call == "OMX_SendCommand";
     if (kept || abandoned) return;
     const control::Census census = control::census();
@@ -182,21 +174,20 @@ class Run {
 
   /// The next object in the same process works.
   void fresh() {
-    const std::unique_ptr<Subject> subject = subject_.make();
-    for (const Outcome& outcome : {subject->make(), subject->frame(0)})
+    const std::unique_ptr<Driver> object = kind_.make();
+    for (const Outcome& outcome : {object->make(), object->frame(0)})
       if (!outcome.good) blame("a fresh object fails: " + outcome.problem);
-    subject->destroy();
   }
 
   void blame(const std::string& what) { problem += (problem.empty() ? "" : "; ") + what; }
 
-  const SubjectClass& subject_;
+  const DriverClass& kind_;
 };
 
 struct Child {
   pid_t pid = 0;
   int report = -1;
-  std::unique_ptr<Streams> streams;
+  int out = memfd_create("out", 0), err = memfd_create("err", 0);
   std::size_t index = 0;
 };
 
@@ -204,7 +195,6 @@ template <typename Work>
 Child start(std::size_t index, Work work) {
   Child child;
   child.index = index;
-  child.streams = std::make_unique<Streams>();
   int ends[2];
   if (pipe(ends) != 0) std::abort();
   std::fflush(nullptr);
@@ -212,7 +202,8 @@ Child start(std::size_t index, Work work) {
   if (child.pid == 0) {
     close(ends[0]);
     alarm(childLimitSeconds);
-    child.streams->take();
+    dup2(child.out, STDOUT_FILENO);
+    dup2(child.err, STDERR_FILENO);
     std::string report;
     {
       const support::VirtualTime time;
@@ -236,54 +227,56 @@ std::string readAll(int descriptor) {
 }
 
 /// The three ways in which the library may end its process.
-bool endsAsDocumented(const SubjectClass& subject, const Point& point, const Streams& streams) {
+bool endsAsDocumented(const DriverClass& kind, const Point& point, const Child& child) {
   if (point.shortage > 0) return false;  // no failure of the component's
-  const std::string name = subject.name;
+  const std::string name = kind.name;
   if (name == "DecoderPool")
-    return streams.out().find("unrecoverable error: ") != std::string::npos;
+    return contents(child.out).find("unrecoverable error: ") != std::string::npos;
   if (name == "CMmalJpegEncoder")
-    return streams.err().find("CMmalJpegEncoder::Encode - failed to get full buffer\n") !=
+    return contents(child.err).find("CMmalJpegEncoder::Encode - failed to get full buffer\n") !=
            std::string::npos;
   return false;
 }
 
 /// A pool waits without a limit while it is set up and taken down: a command that is never
 /// completed keeps it there.
-bool hangsAsDocumented(const SubjectClass& subject, const Point& point) {
-  return subject.name == std::string("DecoderPool") && point.completion &&
+bool hangsAsDocumented(const DriverClass& kind, const Point& point) {
+  return kind.name == std::string("DecoderPool") && point.completion &&
          point.event.completion == "EventHandler";
 }
 
-Verdict conclude(const SubjectClass& subject, const Point& point, Child& child) {
+Verdict conclude(const DriverClass& kind, const Point& point, Child& child) {
   Verdict verdict{point, readAll(child.report), true};
   int status = 0;
   waitpid(child.pid, &status, 0);
-  const bool hung = child.streams->err().find(support::VirtualTime::hangLine) != std::string::npos;
+  const bool hung = contents(child.err).find(support::VirtualTime::hangLine) != std::string::npos;
   if (WIFSIGNALED(status)) {
-    if (hung && hangsAsDocumented(subject, point)) return verdict;
+    if (hung && hangsAsDocumented(kind, point)) return verdict;
     verdict.problem = std::string("killed by ") + strsignal(WTERMSIG(status));
-  } else if (WEXITSTATUS(status) == 1 && endsAsDocumented(subject, point, *child.streams)) {
+  } else if (WEXITSTATUS(status) == 1 && endsAsDocumented(kind, point, child)) {
     verdict.problem.clear();
   } else if (WEXITSTATUS(status) != 0) {
     verdict.problem = "ended with status " + std::to_string(WEXITSTATUS(status)) + ": " +
-                      child.streams->out() + child.streams->err();
-  } else if (!verdict.problem.empty() && verdict.problem[0] == '-') {
-    verdict.met = false;
+                      contents(child.out) + contents(child.err);
+  } else if (verdict.problem.empty()) {
+    verdict.problem = "ended as if all were well";
+  } else {
+    verdict.met = verdict.problem[0] == '+';
     verdict.problem.erase(0, 1);
   }
   return verdict;
 }
 
 /// What everybody allocates once in a process is there before the children measure.
-void warmUp(const SubjectClass& subject, const Scenario& scenario) {
+void warmUp(const DriverClass& kind, const Scenario& scenario) {
   const support::Capture quiet;
-  Run(subject).go(scenario, nullptr);
+  Run(kind).go(scenario, nullptr);
 }
 
-std::string oneRun(const SubjectClass& subject, const Scenario& scenario, const Point& point) {
-  Run run(subject);
+std::string oneRun(const DriverClass& kind, const Scenario& scenario, const Point& point) {
+  Run run(kind);
   run.go(scenario, &point);
-  return (run.met ? "" : "-") + run.problem;
+  return (run.met ? "+" : "-") + run.problem;
 }
 
 /// Offers a fault at one place, once and from then on, and, where it is met before the object is
@@ -379,62 +372,44 @@ std::string Point::text() const {
 }
 
 const std::vector<Scenario>& scenarios() {
-  static const auto nothing = [](Subject&) { return Outcome{}; };
-  static const auto make = [](Subject& s) { return s.make(); };
+  static const auto nothing = [](Driver&) { return Outcome{}; };
+  static const auto make = [](Driver& d) { return d.make(); };
+  // What was refused does not keep the application from going on.
+  static const auto frames = [](Driver& d, Outcome outcome, int count) {
+    for (int i = 0; i < count && outcome.problem.empty(); ++i) outcome = d.frame(i);
+    return outcome;
+  };
   static const std::vector<Scenario> all{
       {"create and destroy", nothing, make, false},
-      {"one frame", nothing,
-       [](Subject& s) {
-         const Outcome made = s.make();
-         if (!made.problem.empty()) return made;
-         return s.frame(0);
-       },
-       false},
-      {"three frames", make,
-       [](Subject& s) {
-         for (int i = 0; i < 3; ++i) {
-           const Outcome outcome = s.frame(i);
-           if (!outcome.problem.empty()) return outcome;
-         }
-         return Outcome{};
-       },
-       false},
-      {"a frame in flight", make, [](Subject& s) { return s.launch(), Outcome{}; }, false},
-      {"a second size",
-       [](Subject& s) {
-         const Outcome made = s.make();
-         return made.good ? s.frame(0) : made;
-       },
-       [](Subject& s) {
-         const Outcome resized = s.resize();
-         if (!resized.problem.empty()) return resized;
-         return s.frame(0);
-       },
-       false},
-      {"two objects", make, [](Subject& s) { return s.frame(0); }, true},
+      {"one frame", nothing, [](Driver& d) { return frames(d, d.make(), 1); }, false},
+      {"three frames", make, [](Driver& d) { return frames(d, {}, 3); }, false},
+      {"a frame in flight", make, [](Driver& d) { return d.launch(), Outcome{}; }, false},
+      {"a second size", [](Driver& d) { return frames(d, d.make(), 1); },
+       [](Driver& d) { return frames(d, d.resize(1), 1); }, false},
+      {"two objects", make, [](Driver& d) { return d.frame(0); }, true},
   };
   return all;
 }
 
-std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario) {
+std::vector<Point> record(const DriverClass& kind, const Scenario& scenario) {
   const auto work = [&] {
     std::ostringstream text;
-    std::unique_ptr<Subject> s = subject.make();
+    std::unique_ptr<Driver> s = kind.make();
     scenario.before(*s);
     // How often workers allocate, before the journal's lines add to that.
     interpose::elsewhere.arm(0);
     scenario.run(*s);
     control::awaitQuiet();
     text << interpose::elsewhere.calls << ' ';
-    s->destroy();
-    s = subject.make();
+    s.reset();
+    s = kind.make();
     scenario.before(*s);
     control::startJournal();
     scenario.run(*s);
     control::awaitQuiet();
     for (const auto which : {control::Lines::Calls, control::Lines::Completions})
       text << control::journalNames(which).size() << ' ';
-    s->destroy();
+    s.reset();
     control::stopJournal();
     for (const auto which : {control::Lines::Calls, control::Lines::Completions}) {
       for (const std::string& name : control::journalNames(which)) text << name << ' ';
@@ -445,6 +420,8 @@ std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario)
   Child child = start(0, work);
   std::istringstream text(readAll(child.report));
   waitpid(child.pid, nullptr, 0);
+  close(child.out);
+  close(child.err);
   Record calls, completions;
   int allocations = 0;
   text >> allocations >> calls.whileUsed >> completions.whileUsed;
@@ -457,9 +434,9 @@ std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario)
   return points;
 }
 
-std::vector<Verdict> sweep(const SubjectClass& subject, const Scenario& scenario,
+std::vector<Verdict> sweep(const DriverClass& kind, const Scenario& scenario,
                            const std::vector<Point>& points) {
-  warmUp(subject, scenario);
+  warmUp(kind, scenario);
   std::vector<Verdict> verdicts;
   std::vector<Child> running;
   // Most of a run is waiting.
@@ -467,14 +444,16 @@ std::vector<Verdict> sweep(const SubjectClass& subject, const Scenario& scenario
   for (std::size_t next = 0; next < points.size() || !running.empty();) {
     while (next < points.size() && running.size() < atOnce) {
       const Point& point = points[next];
-      running.push_back(start(next++, [&] { return oneRun(subject, scenario, point); }));
+      running.push_back(start(next++, [&] { return oneRun(kind, scenario, point); }));
     }
     std::vector<pollfd> ends;
     for (const Child& child : running) ends.push_back({child.report, POLLIN, 0});
     poll(ends.data(), ends.size(), -1);
     for (std::size_t i = ends.size(); i-- > 0;) {
       if (ends[i].revents == 0) continue;
-      verdicts.push_back(conclude(subject, points[running[i].index], running[i]));
+      verdicts.push_back(conclude(kind, points[running[i].index], running[i]));
+      close(running[i].out);
+      close(running[i].err);
       running.erase(running.begin() + static_cast<std::ptrdiff_t>(i));
     }
   }

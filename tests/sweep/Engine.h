@@ -6,9 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "Subject.h"
+#include "support/Drivers.h"
 
 namespace sweep {
+
+using support::Driver;
+using support::DriverClass;
+using support::Outcome;
 
 /// One run of a scenario with one fault in it.
 struct Point {
@@ -28,9 +32,9 @@ struct Point {
 struct Scenario {
   const char* name;
   /// Runs before the fault is armed.
-  Outcome (*before)(Subject& subject);
-  /// Runs with the fault armed; the subject is destroyed after it, fault still armed.
-  Outcome (*run)(Subject& subject);
+  Outcome (*before)(Driver&);
+  /// Runs with the fault armed; the object is destroyed after it, fault still armed.
+  Outcome (*run)(Driver&);
   /// A second object lives all the while and must work after the first one's fault.
   bool withNeighbour;
 };
@@ -46,10 +50,10 @@ struct Verdict {
 
 /// Runs the scenario once without a fault and returns the points that it offers: every fault at
 /// every place.
-std::vector<Point> record(const SubjectClass& subject, const Scenario& scenario);
+std::vector<Point> record(const DriverClass& kind, const Scenario& scenario);
 
 /// Runs the scenario once for each point, each in a child of its own, several at a time.
-std::vector<Verdict> sweep(const SubjectClass& subject, const Scenario& scenario,
+std::vector<Verdict> sweep(const DriverClass& kind, const Scenario& scenario,
                            const std::vector<Point>& points);
 
 }  // namespace sweep

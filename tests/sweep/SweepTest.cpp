@@ -15,19 +15,19 @@ int share() {
   return asked != nullptr ? std::atoi(asked) : 1;
 }
 
-class Sweep : public testing::TestWithParam<SubjectClass> {};
+class Sweep : public testing::TestWithParam<support::DriverClass> {};
 
 /// Every platform call and every completion of every scenario goes wrong once: the class says so,
 /// returns in time, leaves nothing behind, and it and the next object work. Time is virtual, so a
 /// scenario offers the same points in every run, and all of them are met.
 TEST_P(Sweep, EveryFaultIsTakenWell) {
-  const SubjectClass& subject = GetParam();
+  const support::DriverClass& kind = GetParam();
   int points = 0, met = 0, number = 0;
   for (const Scenario& scenario : scenarios()) {
     std::vector<Point> chosen;
-    for (const Point& point : record(subject, scenario))
+    for (const Point& point : record(kind, scenario))
       if (number++ % share() == 0) chosen.push_back(point);
-    for (const Verdict& verdict : sweep(subject, scenario, chosen)) {
+    for (const Verdict& verdict : sweep(kind, scenario, chosen)) {
       ++points;
       met += verdict.met;
       EXPECT_TRUE(verdict.problem.empty())
@@ -36,11 +36,11 @@ TEST_P(Sweep, EveryFaultIsTakenWell) {
     }
   }
   EXPECT_GT(number, 500) << "hardly a sweep";
-  std::cout << subject.name << ": " << number << " points offered, " << points << " tried, " << met
+  std::cout << kind.name << ": " << number << " points offered, " << points << " tried, " << met
             << " met\n";
 }
 
-INSTANTIATE_TEST_SUITE_P(Classes, Sweep, testing::ValuesIn(subjectClasses()),
+INSTANTIATE_TEST_SUITE_P(Classes, Sweep, testing::ValuesIn(support::driverClasses()),
                          [](const auto& tested) { return std::string(tested.param.name); });
 
 }  // namespace

@@ -165,7 +165,14 @@ OMX_ERRORTYPE emptyThisBuffer(OMX_HANDLETYPE handle, OMX_BUFFERHEADERTYPE* heade
 OMX_ERRORTYPE fillThisBuffer(OMX_HANDLETYPE handle, OMX_BUFFERHEADERTYPE* header) {
   return call(
       "OMX_FillThisBuffer", handle, [&](Component& c) { return c.submit(OMX_DirOutput, header); },
-      [&](Component& c) { return c.nameOfPortOf(header); });
+      [&](Component& c) {
+        const std::string name = c.nameOfPortOf(header);
+        // What the client has left in it.
+        return header == nullptr || (header->nFilledLen | header->nFlags) == 0
+                   ? name
+                   : name + ", " + std::to_string(header->nFilledLen) + " bytes" +
+                         text::flags(header->nFlags);
+      });
 }
 
 OMX_ERRORTYPE setCallbacks(OMX_HANDLETYPE handle, OMX_CALLBACKTYPE* callbacks, OMX_PTR appData) {

@@ -117,6 +117,7 @@ std::string definition(const OMX_PARAM_PORTDEFINITIONTYPE& d) {
   const OMX_VIDEO_PORTDEFINITIONTYPE& video = d.format.video;
   std::string text = view(video) + " rate " + hexadecimal(video.xFramerate);
   if (video.nBitrate != 0) text += " bitrate " + std::to_string(video.nBitrate);
+  if (video.bFlagErrorConcealment != OMX_FALSE) text += " concealment";
   return text + size;
 }
 

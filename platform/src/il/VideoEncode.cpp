@@ -77,6 +77,7 @@ VideoEncode::VideoEncode(const OMX_CALLBACKTYPE& callbacks, OMX_PTR appData)
     video.nFrameWidth = defaultWidth;
     video.nFrameHeight = defaultHeight;
     video.xFramerate = defaultRate;
+    video.bFlagErrorConcealment = OMX_TRUE;  // so that it shows who takes it back
     video.nBitrate = port->isInput() ? 0 : defaultBitrate;
     port->definition.nBufferSize = port->isInput() ? 0 : defaultOutput;
     VideoEncode::adapt(*port, port->definition);
