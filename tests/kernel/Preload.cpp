@@ -180,27 +180,34 @@ short look(int fd, short wanted) {
   return events;
 }
 
+/// The system's, past a program that has clocks of its own.
 void nap() {
   const timespec moment = {0, 500000};
-  nanosleep(&moment, nullptr);
-}
-
-std::uint64_t nowMs() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC_RAW, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1000 +
-         static_cast<std::uint64_t>(now.tv_nsec) / 1000000;
+  NEXT(nanosleep)(&moment, nullptr);
 }
 
 bool anyOfOurs(const pollfd* all, nfds_t size) {
   const std::lock_guard<std::recursive_mutex> held(lock());
   for (nfds_t i = 0; i < size; ++i)
     if (sessionOf(all[i].fd) != nullptr) return true;
-  return false;
+  return size == 0 && !sessions().empty();
 }
 
+/// When the first of them will have something to tell, if nobody gives it anything before.
+std::uint64_t nextDue(const pollfd* all, nfds_t size, std::uint64_t end) {
+  const std::lock_guard<std::recursive_mutex> held(lock());
+  for (nfds_t i = 0; i < size; ++i) {
+    const Session* const session = sessionOf(all[i].fd);
+    if (session == nullptr) return 0;
+    if (session->due() != 0) end = std::min(end, session->due());
+  }
+  return end;
+}
+
+/// Waiting for nothing is a pause between two looks at a device.
 int pollDevices(pollfd* all, nfds_t size, int milliseconds) {
-  const std::uint64_t end = nowMs() + static_cast<std::uint64_t>(std::max(milliseconds, 0));
+  const std::uint64_t end =
+      milliseconds < 0 ? UINT64_MAX : standin::nowMs() + static_cast<unsigned>(milliseconds);
   for (;;) {
     int ready = 0;
     for (nfds_t i = 0; i < size; ++i) {
@@ -212,8 +219,12 @@ int pollDevices(pollfd* all, nfds_t size, int milliseconds) {
       }
       ready += each.revents != 0;
     }
-    if (ready > 0 || (milliseconds >= 0 && nowMs() >= end)) return ready;
-    nap();
+    if (ready > 0 || standin::nowMs() >= end) return ready;
+    const std::uint64_t next = nextDue(all, size, end);
+    if (next == 0 || next == UINT64_MAX)
+      nap();
+    else
+      standin::skipTo(next);
   }
 }
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -16,15 +17,10 @@ namespace standin {
 
 namespace {
 
+std::atomic<std::uint64_t> skipped{0};
+
 constexpr unsigned smallest = 2, largest = 4096;
 constexpr std::size_t page = 4096;
-
-std::uint64_t nowMs() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC_RAW, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1000 +
-         static_cast<std::uint64_t>(now.tv_nsec) / 1000000;
-}
 
 unsigned up(unsigned value, unsigned multiple) {
   return (value + multiple - 1) / multiple * multiple;
@@ -75,6 +71,17 @@ Frame view(const Format& format, const Buffer& buffer) {
 }
 
 }  // namespace
+
+std::uint64_t nowMs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC_RAW, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1000 +
+         static_cast<std::uint64_t>(now.tv_nsec) / 1000000 + skipped;
+}
+
+void skipTo(std::uint64_t moment) {
+  skipped += moment - std::min(moment, nowMs());
+}
 
 // ---- formats
 
@@ -237,7 +244,7 @@ void Session::pump() {
 }
 
 bool Session::step() {
-  if (gone_ || stopped_) return false;
+  if (gone_ || silent_ || stopped_) return false;
   if (deliver()) return true;
   if (!waiting_.empty() || !in_.streaming) return false;
   // An encoder works on both queues at once, a decoder looks at its data before there is an output.
@@ -255,18 +262,18 @@ bool Session::step() {
     busy_ = false;
   }
   ++frames_;
-  if (faults_.silentAfter != 0 && frames_ > faults_.silentAfter) {
-    stopped_ = true;
-    return false;
-  }
+  silent_ = faults_.silentAfter != 0 && frames_ > faults_.silentAfter;
   gone_ = faults_.goneAfter != 0 && frames_ > faults_.goneAfter;
-  if (gone_) return false;
+  if (gone_ || silent_) return false;
   const unsigned index = in_.queued.front();
   in_.queued.pop_front();
   Buffer& from = in_.buffers[index];
-  const bool dropped = faults_.dropEach != 0 && frames_ % faults_.dropEach == 0;
+  from.flags = 0;
+  const bool dropped = toDrop_ != 0 || (kind_.encoder && faults_.dropEach != 0 &&
+                                        frames_ % faults_.dropEach == 0);
+  toDrop_ -= std::min(toDrop_, 1u);
   if (kind_.encoder && !dropped) encode(from);
-  if (!kind_.encoder) decode(from);
+  if (!kind_.encoder && !dropped) decode(from);
   from.state = Buffer::Done;
   in_.done.push_back(index);
   return true;
@@ -355,12 +362,12 @@ void Session::startEncoder() {
   h264Encoder_.open(config);
 }
 
-void Session::decode(const Buffer& from) {
+void Session::decode(Buffer& from) {
   if (kind_.coded == V4L2_PIX_FMT_JPEG) {
     Coded picture;
     picture.stamp = from.stamp;
     if (!jpegDecoder_.open(from.data[0], from.used[0])) {
-      refuse(from.stamp);
+      refuse(from);
       return;
     }
     const unsigned width = picture.width = jpegDecoder_.width();
@@ -369,25 +376,26 @@ void Session::decode(const Buffer& from) {
     std::vector<std::uint8_t> block(std::size_t{stride} * rows * 3 / 2);
     if (jpegDecoder_.decode(codec::planesOf(block.data(), stride, rows)) !=
         codec::ImageDecoder::Result::Complete) {
-      refuse(from.stamp);
+      refuse(from);
       return;
     }
     keep(std::move(picture), codec::planesOf<const std::uint8_t>(block.data(), stride, rows));
     return;
   }
   if (codec::nextNal(from.data[0], 0, from.used[0]) == from.used[0]) {
-    refuse(from.stamp);
+    refuse(from);
     return;
   }
   decoder_.feed(from.data[0], from.used[0], static_cast<std::int64_t>(from.stamp), false, true);
   takePictures();
 }
 
-/// An empty, faulty picture for data that is none, where somebody waits for one.
-void Session::refuse(std::uint64_t stamp) {
+/// Data that is none goes back as faulty, and an empty picture with it where somebody waits for one.
+void Session::refuse(Buffer& from) {
+  from.flags |= V4L2_BUF_FLAG_ERROR;
   if (!out_.streaming) return;
   Coded nothing;
-  nothing.stamp = stamp;
+  nothing.stamp = from.stamp;
   nothing.width = shown_.width;
   nothing.height = shown_.height;
   nothing.error = true;

@@ -26,6 +26,11 @@ struct Kind {
   std::uint32_t coded;
 };
 
+/// Milliseconds of the devices' own clock. It runs, and skips what is waited for while nothing can
+/// happen: no device of these does anything on its own.
+std::uint64_t nowMs();
+void skipTo(std::uint64_t moment);
+
 /// What goes wrong, from TESSERA_STANDIN: words with a comma between them.
 struct Faults {
   unsigned dropEach = 0;     ///< drop=N: every N-th frame gives nothing
@@ -92,6 +97,11 @@ class Session {
   }
   const Kind& kind() const { return kind_; }
   bool isGone() const { return gone_; }
+  /// When a frame that is being worked on will be done; 0 where there is none.
+  std::uint64_t due() const { return busy_ ? due_ : 0; }
+  /// No answers any more; nothing for the next frame, or for all that follow.
+  void fallSilent() { silent_ = true; }
+  void drop(unsigned howMany) { toDrop_ = howMany; }
 
  private:
   /// A result on its way out.
@@ -119,8 +129,8 @@ class Session {
   bool step();
   void encode(const Buffer& from);
   void startEncoder();
-  void decode(const Buffer& from);
-  void refuse(std::uint64_t stamp);
+  void decode(Buffer& from);
+  void refuse(Buffer& from);
   void takePictures();
   void keep(Coded picture, const codec::ConstPlanes& from);
   bool deliver();
@@ -163,7 +173,8 @@ class Session {
   unsigned frames_ = 0;
   std::uint64_t due_ = 0;
   bool busy_ = false;  // due_ is the first input's
-  bool gone_ = false;
+  bool gone_ = false, silent_ = false;
+  unsigned toDrop_ = 0;
   bool drainAsked_ = false;
   bool draining_ = false;  // the inputs are through
   bool stopped_ = false;   // until a queue starts again

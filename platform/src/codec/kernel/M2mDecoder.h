@@ -52,6 +52,7 @@ class M2mDecoder {
   bool awaitFrame(std::uint64_t serial);
   Step step(unsigned milliseconds);
   bool setUpOutput();
+  void forget(std::uint64_t serial);
   void deliver(const Buffer& buffer);
 
   Sink sink_;
