@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +23,7 @@
 #include <ctime>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "StandIn.h"
@@ -152,8 +154,45 @@ const Kind* kindOf(const char* path, const char* prefix = "/dev/video") {
   return *end == 0 && number >= first && number < first + count ? &kinds[number - first] : nullptr;
 }
 
+thread_local bool working = false;  // for a device
+
+/// Where a device lacks memory it says so.
+template <typename Function>
+int work(Function&& function, int otherwise) {
+  int answer = otherwise;
+  working = true;
+  try {
+    answer = function();
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+  }
+  working = false;
+  return answer;
+}
+
+/// Which of the calls on video devices goes wrong, with which error; 0: from then on the device does
+/// not answer, -1: its next frame is lost, or all are.
+struct {
+  unsigned nth = 0;
+  int error = 0;
+  bool forGood = false;
+  unsigned calls = 0;
+} failing;
+
+/// @return whether this call is the one, with errno
+bool fails(Session* session = nullptr) {
+  const unsigned call = ++failing.calls;
+  if (failing.nth == 0 || call < failing.nth || (call > failing.nth && !failing.forGood))
+    return false;
+  if (session != nullptr && failing.error == 0) session->fallSilent();
+  if (session != nullptr && failing.error < 0) session->drop(failing.forGood ? UINT_MAX : 1);
+  errno = failing.error;
+  return failing.error > 0;
+}
+
 int openDevice(const Kind& kind, int flags, bool media) {
   const std::lock_guard<std::recursive_mutex> held(lock());
+  if (fails()) return -1;
   if (media) {
     const int fd = memfd_create("stand-in media", MFD_CLOEXEC);
     mediaDevices()[fd] = &kind;
@@ -167,17 +206,22 @@ int openDevice(const Kind& kind, int flags, bool media) {
   const int fd = memfd_create("stand-in", (flags & O_CLOEXEC) != 0 ? MFD_CLOEXEC : 0);
   if (fd < 0) return fd;
   fcntl(fd, F_SETFL, flags & O_NONBLOCK);
-  sessions()[fd] = std::make_unique<Session>(kind, wrong);
-  return fd;
+  const auto begin = [&] {
+    sessions()[fd] = std::make_unique<Session>(kind, wrong);
+    return fd;
+  };
+  const int answer = work(begin, -1);
+  if (answer < 0) NEXT(close)(fd);
+  return answer;
 }
 
 short look(int fd, short wanted) {
   const std::lock_guard<std::recursive_mutex> held(lock());
   Session* const session = sessionOf(fd);
   if (session == nullptr) return POLLNVAL;
-  const short events = session->look(wanted);
+  const int events = work([&] { return session->look(wanted); }, POLLERR);
   if (session->isGone()) gone[session->kind().number - first] = true;
-  return events;
+  return static_cast<short>(events);
 }
 
 /// The system's, past a program that has clocks of its own.
@@ -206,6 +250,10 @@ std::uint64_t nextDue(const pollfd* all, nfds_t size, std::uint64_t end) {
 
 /// Waiting for nothing is a pause between two looks at a device.
 int pollDevices(pollfd* all, nfds_t size, int milliseconds) {
+  {
+    const std::lock_guard<std::recursive_mutex> held(lock());
+    if (size > 0 && fails(sessionOf(all[0].fd))) return -1;
+  }
   const std::uint64_t end =
       milliseconds < 0 ? UINT64_MAX : standin::nowMs() + static_cast<unsigned>(milliseconds);
   for (;;) {
@@ -301,13 +349,24 @@ SHOWN int ioctl(int fd, unsigned long request, ...) noexcept {
         errno = session->knows(request) ? EFAULT : ENOTTY;
         return -1;
       }
-      const int answer = session->call(fd, request & 0xffffffff, argument);
+      if (fails(session)) return -1;
+      const int answer =
+          work([&] { return session->call(fd, request & 0xffffffff, argument); }, -1);
       if (session->isGone()) gone[session->kind().number - first] = true;
       // A call that blocks is asked again until it does not.
       if (answer == 0 || errno != EINTR) return answer;
     }
     nap();
   }
+}
+
+SHOWN void* mmap(void* where, std::size_t size, int access, int flags, int fd, off_t at) noexcept {
+  if (fd >= 0 && !working) {
+    const std::lock_guard<std::recursive_mutex> held(lock());
+    Session* const session = sessionOf(fd);
+    if (session != nullptr && fails(session)) return MAP_FAILED;
+  }
+  return NEXT(mmap)(where, size, access, flags, fd, at);
 }
 
 SHOWN ssize_t read(int fd, void* to, std::size_t size) {
@@ -397,6 +456,22 @@ SHOWN int epoll_wait(int epoll, epoll_event* events, int most, int timeout) {
   return ready;
 }
 
+// ---- for the tests in the same process
+
+SHOWN void standin_fail(unsigned nth, int error, bool forGood) {
+  const std::lock_guard<std::recursive_mutex> held(lock());
+  failing = {nth, error, forGood, 0};
+}
+SHOWN unsigned standin_calls() {
+  return failing.calls;
+}
+SHOWN bool standin_works() {
+  return working;
+}
+SHOWN unsigned long long standin_now() {
+  return standin::nowMs();
+}
+
 // ---- what the devices look like
 
 SHOWN int fstat(int fd, struct stat* status) noexcept {
@@ -463,6 +538,7 @@ SHOWN DIR* opendir(const char* path) {
   }
   DIR* const folder = NEXT(opendir)(path);
   if (folder == systemFolder) systemFolder = nullptr;
+  if (folder == devices) devices = nullptr;
   if (std::strcmp(path, "/dev") == 0 || std::strcmp(path, "/dev/") == 0)
     devices = folder, listed = 0;
   return folder;

@@ -180,6 +180,7 @@ bool Session::allocate(Queue& queue, unsigned count, int fd) {
 }
 
 bool Session::addBuffers(Queue& queue, unsigned count, const std::uint32_t* sizes, int fd) {
+  queue.buffers.reserve(queue.buffers.size() + count);
   for (unsigned n = 0; n < count; ++n) {
     Buffer buffer;
     buffer.planes = queue.format.planes;
@@ -269,8 +270,8 @@ bool Session::step() {
   in_.queued.pop_front();
   Buffer& from = in_.buffers[index];
   from.flags = 0;
-  const bool dropped = toDrop_ != 0 || (kind_.encoder && faults_.dropEach != 0 &&
-                                        frames_ % faults_.dropEach == 0);
+  const bool dropped =
+      toDrop_ != 0 || (kind_.encoder && faults_.dropEach != 0 && frames_ % faults_.dropEach == 0);
   toDrop_ -= std::min(toDrop_, 1u);
   if (kind_.encoder && !dropped) encode(from);
   if (!kind_.encoder && !dropped) decode(from);
