@@ -13,6 +13,7 @@
 #include <new>
 
 #include "codec/Choice.h"
+#include "codec/Report.h"
 #include "codec/cpu/H264Decoder.h"
 #include "codec/cpu/H264Encoder.h"
 #include "codec/cpu/JpegDecoder.h"
@@ -235,6 +236,7 @@ const Row rows[] = {
     {"mplane", End::Works, frames},
     {"mplane,nv12,stride=128,align=16", End::Works, frames},
     {"plain", End::Works, frames},
+    {"stubborn", End::Works, frames},
     {"busy", End::Cpu, frames},
     {"forbidden", End::Cpu, frames},
     {"silent=5", End::Fails, 0},
@@ -302,6 +304,19 @@ INSTANTIATE_TEST_SUITE_P(Faults, OnDevices,
                              if (!std::isalnum(static_cast<unsigned char>(letter))) letter = '_';
                            return name;
                          });
+
+TEST(Report, TellsWhichSettingsADeviceDoesNotTake) {
+  const std::pair<const char*, const char*> expected[] = {
+      {"", "\"not_taken\":[]"},
+      {"plain", "\"bit rate (not there)\",\"intra period (not there)\""},
+      {"stubborn", "\"bit rate (refused)\",\"intra period (refused)\""}};
+  for (const auto& [faults, told] : expected) {
+    setenv("TESSERA_STANDIN", faults, 1);
+    const std::string report = codec::codecReport();
+    EXPECT_NE(report.find(told), report.npos) << report;
+  }
+  unsetenv("TESSERA_STANDIN");
+}
 
 // ---- every call on a device fails in its turn, and every allocation
 

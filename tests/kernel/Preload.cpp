@@ -141,6 +141,7 @@ Faults faults() {
     if (key == "mplane") all.multiPlanar = true;
     if (key == "lag") all.lag = true;
     if (key == "plain") all.plain = true;
+    if (key == "stubborn") all.stubborn = true;
     if (key == "busy") all.openError = EBUSY;
     if (key == "forbidden") all.openError = EACCES;
   }

@@ -42,6 +42,7 @@ struct Faults {
   bool nv12 = false;
   bool multiPlanar = false;  ///< mplane: nothing but the multi-planar interface
   bool lag = false;          ///< an encoder that is a frame behind
+  bool stubborn = false;     ///< refuses every control
   bool plain = false;        ///< no control but the quality and the size of what is coded
   int openError = 0;         ///< busy, forbidden
 };

@@ -618,6 +618,7 @@ int Session::queryMenu(v4l2_querymenu& entry) const {
 int Session::setValue(std::uint32_t id, std::int64_t& value, bool apply) {
   const ControlKind* const control = findControl(id);
   if (control == nullptr) return fails(EINVAL);
+  if (faults_.stubborn && kind_.coded == V4L2_PIX_FMT_H264) return fails(EBUSY);
   if ((control->flags & V4L2_CTRL_FLAG_READ_ONLY) != 0) return fails(EACCES);
   if (control->type == V4L2_CTRL_TYPE_MENU &&
       (value < 0 || value > control->maximum ||
