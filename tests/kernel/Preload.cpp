@@ -104,8 +104,8 @@ int mediaCall(const Kind& kind, unsigned long request, void* argument) {
   return 0;
 }
 
-std::map<int, std::unique_ptr<Session>>& sessions() {
-  static auto* const all = new std::map<int, std::unique_ptr<Session>>;
+std::map<int, std::shared_ptr<Session>>& sessions() {
+  static auto* const all = new std::map<int, std::shared_ptr<Session>>;
   return *all;
 }
 std::map<int, epoll_event>* watched = nullptr;  // by the one epoll descriptor that watches a device
@@ -208,7 +208,7 @@ int openDevice(const Kind& kind, int flags, bool media) {
   if (fd < 0) return fd;
   fcntl(fd, F_SETFL, flags & O_NONBLOCK);
   const auto begin = [&] {
-    sessions()[fd] = std::make_unique<Session>(kind, wrong);
+    sessions()[fd] = std::make_shared<Session>(kind, wrong);
     return fd;
   };
   const int answer = work(begin, -1);
@@ -321,6 +321,14 @@ SHOWN int __open_2(const char* path, int flags) {
 }
 SHOWN int __open64_2(const char* path, int flags) {
   return open64(path, flags);
+}
+
+SHOWN int dup(int fd) noexcept {
+  const std::lock_guard<std::recursive_mutex> held(lock());
+  const int copy = NEXT(dup)(fd);
+  const auto found = sessions().find(fd);
+  if (copy >= 0 && found != sessions().end()) sessions()[copy] = found->second;
+  return copy;
 }
 
 SHOWN int close(int fd) {
