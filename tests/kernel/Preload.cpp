@@ -355,12 +355,15 @@ SHOWN int ioctl(int fd, unsigned long request, ...) noexcept {
         return mediaCall(*media->second, request & 0xffffffff, argument);
       if (session == nullptr) return NEXT(ioctl)(fd, request, argument);
       if (_IOC_SIZE(request) != 0 && !isMapped(argument)) {
-        errno = session->knows(request) ? EFAULT : ENOTTY;
+        errno = Session::knows(request & 0xffffffff) ? EFAULT : ENOTTY;
         return -1;
       }
       if (fails(session)) return -1;
-      const int answer =
-          work([&] { return session->call(fd, request & 0xffffffff, argument); }, -1);
+      const int answer = work(
+          [&] {
+            return session->call({fd, request & 0xffffffff, argument});
+          },
+          -1);
       if (session->isGone()) gone[session->kind().number - first] = true;
       // A call that blocks is asked again until it does not.
       if (answer == 0 || errno != EINTR) return answer;

@@ -28,22 +28,13 @@ unsigned up(unsigned value, unsigned multiple) {
 
 std::set<const Session*> everyone;
 
-struct Raw {
-  std::uint32_t fourcc;
-  unsigned planes;
-  unsigned chromaStep;  // 2: interleaved; 0: packed YUYV
-};
-constexpr Raw raws[] = {{V4L2_PIX_FMT_YUV420, 1, 1},
-                        {V4L2_PIX_FMT_NV12, 1, 2},
-                        {V4L2_PIX_FMT_YUYV, 1, 0},
-                        {V4L2_PIX_FMT_YUV420M, 3, 1},
-                        {V4L2_PIX_FMT_NV12M, 2, 2}};
-
-const Raw* rawOf(std::uint32_t fourcc) {
-  for (const Raw& each : raws)
-    if (each.fourcc == fourcc) return &each;
-  return nullptr;
-}
+constexpr Layout layouts[] = {{V4L2_PIX_FMT_YUV420, "Planar YUV 4:2:0", 1, 1},
+                              {V4L2_PIX_FMT_NV12, "Y/CbCr 4:2:0", 1, 2},
+                              {V4L2_PIX_FMT_YUYV, "YUYV 4:2:2", 1, 0},
+                              {V4L2_PIX_FMT_YUV420M, "Planar YUV 4:2:0 (N-C)", 3, 1},
+                              {V4L2_PIX_FMT_NV12M, "Y/CbCr 4:2:0 (N-C)", 2, 2},
+                              {V4L2_PIX_FMT_H264, "H.264"},
+                              {V4L2_PIX_FMT_JPEG, "JFIF JPEG"}};
 
 /// Every step-th byte of a plane's rows.
 struct Samples {
@@ -57,7 +48,7 @@ struct Frame {
 };
 
 Frame view(const Format& format, const Buffer& buffer) {
-  const Raw& raw = *rawOf(format.fourcc);
+  const Layout& raw = layoutOf(format.fourcc);
   const std::size_t stride = format.bytesPerLine[0], rows = format.height;
   std::uint8_t* const base = buffer.data[0];
   if (raw.chromaStep == 0) return {{base, stride, 2}, {base + 1, stride, 4}, {base + 3, stride, 4}};
@@ -81,6 +72,11 @@ std::uint64_t nowMs() {
 
 void skipTo(std::uint64_t moment) {
   skipped += moment - std::min(moment, nowMs());
+}
+
+const Layout& layoutOf(std::uint32_t fourcc) {
+  return *std::find_if(std::begin(layouts), std::end(layouts),
+                       [&](const Layout& each) { return each.fourcc == fourcc; });
 }
 
 // ---- formats
@@ -126,8 +122,8 @@ void Session::adjust(const Queue& queue, Format& format) const {
   constexpr std::uint32_t jfif[] = {V4L2_COLORSPACE_SRGB, V4L2_YCBCR_ENC_601,
                                     V4L2_QUANTIZATION_FULL_RANGE, V4L2_XFER_FUNC_SRGB};
   if (kind_.coded == V4L2_PIX_FMT_JPEG) std::copy_n(jfif, 4, format.colours);
-  const Raw* const raw = rawOf(format.fourcc);
-  if (raw == nullptr) {
+  const Layout& raw = layoutOf(format.fourcc);
+  if (!raw.isRaw()) {
     const std::uint32_t least = std::max(format.width * format.height, 65536u);
     format.planes = 1;
     format.sizeImage[0] = std::min(std::max(format.sizeImage[0], least), 64u << 20);
@@ -136,13 +132,13 @@ void Session::adjust(const Queue& queue, Format& format) const {
   }
   const std::uint32_t stride = up(format.width, faults_.stride);
   const std::uint32_t chroma = stride / 2 * ((format.height + 1) / 2);
-  format.planes = raw->planes;
-  format.bytesPerLine[0] = raw->chromaStep == 0 ? stride * 2 : stride;
+  format.planes = raw.planes;
+  format.bytesPerLine[0] = raw.chromaStep == 0 ? stride * 2 : stride;
   format.sizeImage[0] = format.bytesPerLine[0] * format.height;
-  if (raw->planes == 1 && raw->chromaStep != 0) format.sizeImage[0] += 2 * chroma;
-  for (unsigned i = 1; i < raw->planes; ++i) {
-    format.bytesPerLine[i] = raw->chromaStep == 2 ? stride : stride / 2;
-    format.sizeImage[i] = raw->planes == 2 ? 2 * chroma : chroma;
+  if (raw.planes == 1 && raw.chromaStep != 0) format.sizeImage[0] += 2 * chroma;
+  for (unsigned i = 1; i < raw.planes; ++i) {
+    format.bytesPerLine[i] = raw.chromaStep == 2 ? stride : stride / 2;
+    format.sizeImage[i] = raw.planes == 2 ? 2 * chroma : chroma;
   }
 }
 

@@ -51,11 +51,20 @@ struct ControlKind {
   std::uint32_t id;
   v4l2_ctrl_type type;
   const char* name;
-  std::int64_t minimum, maximum, initial;
+  std::int64_t initial = 0, minimum = 0, maximum = 0;
   std::vector<const char*> entries = {};
-  std::uint32_t flags = 0;
 };
 const std::vector<ControlKind>& controlsOf(const Kind& kind);
+
+/// How pictures of a format lie in memory.
+struct Layout {
+  std::uint32_t fourcc;
+  const char* name;         ///< the kernel's own
+  unsigned planes = 0;      ///< pieces of memory; 0: coded
+  unsigned chromaStep = 0;  ///< 2: interleaved; 0: packed YUYV
+  bool isRaw() const { return planes != 0; }
+};
+const Layout& layoutOf(std::uint32_t fourcc);
 
 struct Format {
   std::uint32_t fourcc = 0;
@@ -82,6 +91,17 @@ struct Queue {
   std::uint32_t sequence = 0;
 };
 
+/// One of the kernel's calls.
+struct Call {
+  int fd;
+  unsigned long request;
+  void* argument;
+  template <typename Structure>
+  Structure& as() const {
+    return *static_cast<Structure*>(argument);
+  }
+};
+
 /// One open descriptor.
 class Session {
  public:
@@ -89,8 +109,8 @@ class Session {
   ~Session();
 
   /// The kernel's calls. @return 0, or -1 with errno
-  int call(int fd, unsigned long request, void* argument);
-  static bool knows(unsigned long request);
+  int call(const Call& call);
+  static bool knows(unsigned long request) { return answers().count(request) != 0; }
   /// Works on, then tells what poll() would.
   short look(short wanted) {
     pump();
@@ -141,26 +161,35 @@ class Session {
   void post(const v4l2_event& event);
   short ready(short wanted) const;
 
-  int queryCapability(v4l2_capability& capability) const;
-  int enumerateFormat(v4l2_fmtdesc& description);
-  int enumerateSize(v4l2_frmsizeenum& size);
-  int format(unsigned long request, v4l2_format& format);
-  int request(int fd, v4l2_requestbuffers& request);
-  int create(int fd, v4l2_create_buffers& request);
-  int exchange(int fd, unsigned long request, v4l2_buffer& buffer);
+  using Answer = int (Session::*)(const Call&);
+  static const std::map<unsigned long, Answer>& answers();
+  int queryCapability(const Call& call);
+  int enumerateFormat(const Call& call);
+  int enumerateSize(const Call& call);
+  int format(const Call& call);
+  int request(const Call& call);
+  int create(const Call& call);
+  int stream(const Call& call);
+  int exchange(const Call& call);
   int enqueue(Queue& queue, Buffer& buffer, const v4l2_buffer& from);
   int dequeue(int fd, Queue& queue, v4l2_buffer& to);
   void describe(const Queue& queue, unsigned index, v4l2_buffer& to) const;
-  int selection(bool set, v4l2_selection& selection);
-  int interval(bool set, v4l2_streamparm& parameters);
+  int selection(const Call& call);
+  int interval(const Call& call);
   const ControlKind* findControl(std::uint32_t& id) const;
-  int queryControl(v4l2_query_ext_ctrl& query) const;
-  int queryMenu(v4l2_querymenu& entry) const;
+  int queryControl(const Call& call);
+  int queryOldControl(const Call& call);
+  int queryMenu(const Call& call);
+  int oldControl(const Call& call);
   int setValue(std::uint32_t id, std::int64_t& value, bool apply);
-  int controls(unsigned long request, v4l2_ext_controls& all);
+  int controls(const Call& call);
+  int subscribe(const Call& call);
+  int unsubscribe(const Call& call);
+  int takeEvent(const Call& call);
+  int encoderCommand(const Call& call);
+  int decoderCommand(const Call& call);
   std::uint32_t highestPriority() const;
-  int subscribe(const v4l2_event_subscription& wanted);
-  int takeEvent(int fd, v4l2_event& event);
+  int priority(const Call& call);
 
   std::uint32_t priority_ = V4L2_PRIORITY_INTERACTIVE;
   const Kind& kind_;
