@@ -89,8 +89,10 @@ std::uint32_t Session::highestPriority() const {
 }
 
 Session::Session(const Kind& kind, const Faults& faults) : kind_(kind), faults_(faults) {
-  in_.type = faults.multiPlanar ? V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE : V4L2_BUF_TYPE_VIDEO_OUTPUT;
-  out_.type = faults.multiPlanar ? V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE : V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  in_.type =
+      faults.multiPlanar != 0 ? V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE : V4L2_BUF_TYPE_VIDEO_OUTPUT;
+  out_.type =
+      faults.multiPlanar != 0 ? V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE : V4L2_BUF_TYPE_VIDEO_CAPTURE;
   for (Queue* const queue : {&coded(), &raw()}) {
     queue->format.colours[0] = V4L2_COLORSPACE_REC709;
     queue->format.fourcc = offered(*queue)[0];
@@ -105,9 +107,9 @@ Session::Session(const Kind& kind, const Faults& faults) : kind_(kind), faults_(
 
 std::vector<std::uint32_t> Session::offered(const Queue& queue) const {
   if (&queue == (kind_.encoder ? &out_ : &in_)) return {kind_.coded};
-  if (faults_.multiPlanar && faults_.nv12) return {V4L2_PIX_FMT_NV12M};
-  if (faults_.multiPlanar) return {V4L2_PIX_FMT_YUV420M, V4L2_PIX_FMT_NV12M};
-  if (faults_.nv12) return {V4L2_PIX_FMT_NV12};
+  if (faults_.multiPlanar != 0 && faults_.nv12 != 0) return {V4L2_PIX_FMT_NV12M};
+  if (faults_.multiPlanar != 0) return {V4L2_PIX_FMT_YUV420M, V4L2_PIX_FMT_NV12M};
+  if (faults_.nv12 != 0) return {V4L2_PIX_FMT_NV12};
   if (kind_.coded == V4L2_PIX_FMT_JPEG && kind_.encoder)
     return {V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_YUV420, V4L2_PIX_FMT_NV12};
   return {V4L2_PIX_FMT_YUV420, V4L2_PIX_FMT_NV12};
@@ -277,7 +279,7 @@ bool Session::step() {
 }
 
 void Session::encode(const Buffer& from) {
-  if (faults_.lag && !held_.empty()) waiting_.push_back(std::move(held_)), held_ = Coded();
+  if (faults_.lag != 0 && !held_.empty()) waiting_.push_back(std::move(held_)), held_ = Coded();
   Coded coded;
   coded.stamp = from.stamp;
   const Frame frame = view(in_.format, from);
@@ -330,7 +332,7 @@ void Session::encode(const Buffer& from) {
     }
     first_ = keyFrameAsked_ = false;
   }
-  if (faults_.lag)
+  if (faults_.lag != 0)
     held_ = std::move(coded);
   else
     waiting_.push_back(std::move(coded));

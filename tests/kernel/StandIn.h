@@ -39,12 +39,12 @@ struct Faults {
   unsigned goneAfter = 0;    ///< gone=N: no device after N frames
   unsigned stride = 32;      ///< stride=N: rows are multiples of N bytes long
   unsigned align = 2;        ///< align=N: so are the sides of frames, in pixels
-  bool nv12 = false;
-  bool multiPlanar = false;  ///< mplane: nothing but the multi-planar interface
-  bool lag = false;          ///< an encoder that is a frame behind
-  bool stubborn = false;     ///< refuses every control
-  bool plain = false;        ///< no control but the quality and the size of what is coded
-  int openError = 0;         ///< busy, forbidden
+  unsigned nv12 = 0;
+  unsigned multiPlanar = 0;          ///< mplane: nothing but the multi-planar interface
+  unsigned lag = 0;                  ///< an encoder that is a frame behind
+  unsigned stubborn = 0;             ///< refuses every control of an H.264 encoder
+  unsigned plain = 0;                ///< no control but the quality and the size of what is coded
+  unsigned busy = 0, forbidden = 0;  ///< to open
 };
 
 struct ControlKind {

@@ -191,8 +191,9 @@ int Session::queryCapability(const Call& call) {
   copyText(capability.card, kind_.card);
   copyText(capability.bus_info, "platform:stand-in");
   capability.version = 6 << 16 | 1 << 8;
-  capability.device_caps = V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT |
-                           (faults_.multiPlanar ? V4L2_CAP_VIDEO_M2M_MPLANE : V4L2_CAP_VIDEO_M2M);
+  capability.device_caps =
+      V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT |
+      (faults_.multiPlanar != 0 ? V4L2_CAP_VIDEO_M2M_MPLANE : V4L2_CAP_VIDEO_M2M);
   capability.capabilities = capability.device_caps | V4L2_CAP_DEVICE_CAPS;
   return 0;
 }
@@ -414,7 +415,7 @@ int Session::interval(const Call& call) {
 }
 
 const ControlKind* Session::findControl(std::uint32_t& id) const {
-  if (faults_.plain && kind_.coded == V4L2_PIX_FMT_H264 && kind_.encoder) return nullptr;
+  if (faults_.plain != 0 && kind_.coded == V4L2_PIX_FMT_H264 && kind_.encoder) return nullptr;
   const std::uint32_t flags = id & (V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND);
   const std::uint32_t plain = id & V4L2_CTRL_ID_MASK;
   for (const ControlKind& each : controlsOf(kind_))
@@ -495,7 +496,7 @@ int Session::oldControl(const Call& call) {
 int Session::setValue(std::uint32_t id, std::int64_t& value, bool apply) {
   const ControlKind* const control = findControl(id);
   if (control == nullptr) return fails(EINVAL);
-  if (faults_.stubborn && kind_.coded == V4L2_PIX_FMT_H264) return fails(EBUSY);
+  if (faults_.stubborn != 0 && kind_.coded == V4L2_PIX_FMT_H264) return fails(EBUSY);
   if ((flagsOf(*control) & V4L2_CTRL_FLAG_READ_ONLY) != 0) return fails(EACCES);
   if (control->type == V4L2_CTRL_TYPE_MENU &&
       (value < 0 || value > control->maximum ||
