@@ -1,5 +1,8 @@
 #include "StandIn.h"
 
+#include <libyuv/convert.h>
+#include <libyuv/convert_argb.h>
+#include <libyuv/convert_from.h>
 #include <linux/v4l2-controls.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -36,29 +39,56 @@ constexpr Layout layouts[] = {{V4L2_PIX_FMT_YUV420, "Planar YUV 4:2:0", 1, 1},
                               {V4L2_PIX_FMT_H264, "H.264"},
                               {V4L2_PIX_FMT_JPEG, "JFIF JPEG"}};
 
-/// Every step-th byte of a plane's rows.
-struct Samples {
-  std::uint8_t* base;
-  std::size_t stride;
-  unsigned step;
-  std::uint8_t& at(unsigned x, unsigned y) const { return base[y * stride + x * step]; }
-};
-struct Frame {
-  Samples y, u, v;
-};
+}  // namespace
 
-Frame view(const Format& format, const Buffer& buffer) {
+const Layout& layoutOf(std::uint32_t fourcc) {
+  return *std::find_if(std::begin(layouts), std::end(layouts),
+                       [&](const Layout& each) { return each.fourcc == fourcc; });
+}
+
+namespace {
+
+/// Where the planes of a frame lie, from a place in it on; of interleaved chroma in `u`.
+codec::Planes view(const Format& format, const Buffer& buffer, std::size_t left = 0,
+                   std::size_t top = 0) {
   const Layout& raw = layoutOf(format.fourcc);
-  const std::size_t stride = format.bytesPerLine[0], rows = format.height;
-  std::uint8_t* const base = buffer.data[0];
-  if (raw.chromaStep == 0) return {{base, stride, 2}, {base + 1, stride, 4}, {base + 3, stride, 4}};
-  if (raw.chromaStep == 2) {
-    std::uint8_t* const pairs = raw.planes == 1 ? base + stride * rows : buffer.data[1];
-    return {{base, stride, 1}, {pairs, stride, 2}, {pairs + 1, stride, 2}};
-  }
-  std::uint8_t* const u = raw.planes == 1 ? base + stride * rows : buffer.data[1];
-  std::uint8_t* const v = raw.planes == 1 ? u + stride / 2 * ((rows + 1) / 2) : buffer.data[2];
-  return {{base, stride, 1}, {u, stride / 2, 1}, {v, stride / 2, 1}};
+  const unsigned stride = format.bytesPerLine[0], rows = format.height;
+  const unsigned chroma = raw.chromaStep == 2 ? stride : stride / 2;
+  const std::size_t at = top / 2 * chroma + left / 2 * raw.chromaStep;
+  std::uint8_t* const u =
+      raw.planes == 1 ? buffer.data[0] + std::size_t{stride} * rows : buffer.data[1];
+  std::uint8_t* const v =
+      raw.planes == 3 ? buffer.data[2] : u + std::size_t{chroma} * ((rows + 1) / 2);
+  return {buffer.data[0] + top * stride + left, u + at, v + at, stride, chroma};
+}
+
+/// Planes without padding.
+std::vector<std::uint8_t> roomFor(unsigned width, unsigned height) {
+  return std::vector<std::uint8_t>(std::size_t{width} * height +
+                                   2 * std::size_t{(width + 1) / 2} * ((height + 1) / 2));
+}
+template <typename Byte>
+codec::BasicPlanes<Byte> tight(Byte* bytes, unsigned width, unsigned height) {
+  Byte* const u = bytes + std::size_t{width} * height;
+  return {bytes, u, u + std::size_t{(width + 1) / 2} * ((height + 1) / 2), width, (width + 1) / 2};
+}
+
+void copyPlanes(const codec::ConstPlanes& from, bool interleavedFrom, const codec::Planes& to,
+                bool interleavedTo, unsigned width, unsigned height) {
+  const auto whole = [](unsigned a) { return static_cast<int>(a); };
+  const int w = whole(width), h = whole(height), fromY = whole(from.yStride),
+            fromUv = whole(from.uvStride), toY = whole(to.yStride), toUv = whole(to.uvStride);
+  if (interleavedFrom)
+    libyuv::NV12ToI420(from.y, fromY, from.u, fromUv, to.y, toY, to.u, toUv, to.v, toUv, w, h);
+  else if (interleavedTo)
+    libyuv::I420ToNV12(from.y, fromY, from.u, fromUv, from.v, fromUv, to.y, toY, to.u, toUv, w, h);
+  else
+    libyuv::I420Copy(from.y, fromY, from.u, fromUv, from.v, fromUv, to.y, toY, to.u, toUv, to.v,
+                     toUv, w, h);
+}
+
+codec::ConstPlanes readable(const codec::Planes& planes) {
+  return {planes.y, planes.u, planes.v, planes.yStride, planes.uvStride};
 }
 
 }  // namespace
@@ -72,11 +102,6 @@ std::uint64_t nowMs() {
 
 void skipTo(std::uint64_t moment) {
   skipped += moment - std::min(moment, nowMs());
-}
-
-const Layout& layoutOf(std::uint32_t fourcc) {
-  return *std::find_if(std::begin(layouts), std::end(layouts),
-                       [&](const Layout& each) { return each.fourcc == fourcc; });
 }
 
 // ---- formats
@@ -282,50 +307,33 @@ void Session::encode(const Buffer& from) {
   if (faults_.lag != 0 && !held_.empty()) waiting_.push_back(std::move(held_)), held_ = Coded();
   Coded coded;
   coded.stamp = from.stamp;
-  const Frame frame = view(in_.format, from);
-  const unsigned width = crop_.width, height = crop_.height;
-  const unsigned left = static_cast<unsigned>(crop_.left), top = static_cast<unsigned>(crop_.top);
+  const unsigned width = crop_.width, height = crop_.height, stride = in_.format.bytesPerLine[0];
+  const unsigned step = layoutOf(in_.format.fourcc).chromaStep;
+  std::vector<std::uint8_t> block = roomFor(width, height);
+  const codec::Planes planes = tight(block.data(), width, height);
+  if (step != 0)
+    copyPlanes(readable(view(in_.format, from, static_cast<unsigned>(crop_.left),
+                             static_cast<unsigned>(crop_.top))),
+               step == 2, planes, false, width, height);
   if (kind_.coded == V4L2_PIX_FMT_JPEG) {
-    // Packed pairs become 4:2:2; planes take the way over R G B, which becomes 4:2:0 again.
-    const bool packed = in_.format.fourcc == V4L2_PIX_FMT_YUYV;
-    const unsigned step = packed ? 2 : 3, stride = up(width, 2) * step;
-    std::vector<std::uint8_t> pixels(std::size_t{stride} * height);
-    const auto byte = [](double value) {
-      return static_cast<std::uint8_t>(std::clamp(value + 0.5, 0.0, 255.0));
-    };
-    for (unsigned y = 0; y < height; ++y)
-      for (unsigned x = 0; x < width; ++x) {
-        const unsigned c = (left + x) / 2, row = packed ? top + y : (top + y) / 2;
-        const std::uint8_t luma = frame.y.at(left + x, top + y);
-        const std::uint8_t u = frame.u.at(c, row), v = frame.v.at(c, row);
-        std::uint8_t* const to = &pixels[std::size_t{y} * stride + std::size_t{x} * step];
-        to[0] = packed ? luma : byte(luma + 1.402 * (v - 128));
-        to[1] = packed ? (x % 2 == 0 ? u : v)
-                       : byte(luma - 0.344136 * (u - 128) - 0.714136 * (v - 128));
-        if (!packed) to[2] = byte(luma + 1.772 * (u - 128));
-      }
-    const codec::PackedPicture picture = {
-        pixels.data(), pixels.size(), packed ? codec::PixelFormat::Yuyv : codec::PixelFormat::Rgb24,
-        stride,        width,         height};
+    // Packed pairs become 4:2:2; planes take the way over B G R, which becomes 4:2:0 again.
+    codec::PackedPicture picture = {from.data[0], from.length[0], codec::PixelFormat::Yuyv,
+                                    stride,       width,          height};
+    std::vector<std::uint8_t> pixels(std::size_t{width} * height * 4);
+    if (step != 0) {
+      const int half = static_cast<int>(planes.uvStride), row = static_cast<int>(width);
+      libyuv::J420ToARGB(planes.y, row, planes.u, half, planes.v, half, pixels.data(), row * 4, row,
+                         static_cast<int>(height));
+      picture = {pixels.data(), pixels.size(), codec::PixelFormat::Bgra32,
+                 width * 4,     width,         height};
+    }
     if (jpegEncoder_.encode(picture, static_cast<int>(values_[V4L2_CID_JPEG_COMPRESSION_QUALITY])))
       coded.bytes.assign(jpegEncoder_.data(), jpegEncoder_.data() + jpegEncoder_.size());
     coded.keyFrame = true;
   } else {
     if (!encoding_) startEncoder();
-    std::vector<std::uint8_t> block(std::size_t{up(width, 2)} * up(height, 2) * 3 / 2);
-    const codec::Planes to = codec::planesOf(block.data(), up(width, 2), up(height, 2));
-    for (unsigned y = 0; y < height; ++y)
-      for (unsigned x = 0; x < width; ++x) to.y[y * to.yStride + x] = frame.y.at(left + x, top + y);
-    for (unsigned y = 0; y < (height + 1) / 2; ++y)
-      for (unsigned x = 0; x < (width + 1) / 2; ++x) {
-        to.u[y * to.uvStride + x] = frame.u.at(left / 2 + x, top / 2 + y);
-        to.v[y * to.uvStride + x] = frame.v.at(left / 2 + x, top / 2 + y);
-      }
-    const bool first = first_;
-    if (h264Encoder_.encode(
-            codec::planesOf<const std::uint8_t>(block.data(), to.yStride, up(height, 2)), 0,
-            keyFrameAsked_)) {
-      if (first) coded.bytes = h264Encoder_.parameterSets();
+    if (h264Encoder_.encode(readable(planes), 0, keyFrameAsked_)) {
+      if (first_) coded.bytes = h264Encoder_.parameterSets();
       coded.bytes.insert(coded.bytes.end(), h264Encoder_.data(),
                          h264Encoder_.data() + h264Encoder_.size());
       coded.keyFrame = h264Encoder_.isKeyFrame();
@@ -415,16 +423,10 @@ void Session::takePictures() {
   }
 }
 
-/// Keeps a picture as planes without padding.
 void Session::keep(Coded picture, const codec::ConstPlanes& from) {
-  const auto add = [&](const std::uint8_t* plane, unsigned stride, unsigned width, unsigned rows) {
-    for (unsigned y = 0; y < rows; ++y)
-      picture.bytes.insert(picture.bytes.end(), plane + std::size_t{y} * stride,
-                           plane + std::size_t{y} * stride + width);
-  };
-  add(from.y, from.yStride, picture.width, picture.height);
-  add(from.u, from.uvStride, (picture.width + 1) / 2, (picture.height + 1) / 2);
-  add(from.v, from.uvStride, (picture.width + 1) / 2, (picture.height + 1) / 2);
+  picture.bytes = roomFor(picture.width, picture.height);
+  copyPlanes(from, false, tight(picture.bytes.data(), picture.width, picture.height), false,
+             picture.width, picture.height);
   waiting_.push_back(std::move(picture));
 }
 
@@ -477,15 +479,8 @@ void Session::fill(Buffer& to, const Coded& result) {
     return;
   }
   if (result.bytes.empty()) return;
-  const Frame frame = view(out_.format, to);
-  const std::uint8_t* from = result.bytes.data();
-  const auto write = [&](const Samples& samples, unsigned width, unsigned rows) {
-    for (unsigned y = 0; y < rows; ++y)
-      for (unsigned x = 0; x < width; ++x) samples.at(x, y) = *from++;
-  };
-  write(frame.y, result.width, result.height);
-  write(frame.u, (result.width + 1) / 2, (result.height + 1) / 2);
-  write(frame.v, (result.width + 1) / 2, (result.height + 1) / 2);
+  copyPlanes(tight(result.bytes.data(), result.width, result.height), false, view(out_.format, to),
+             layoutOf(out_.format.fourcc).chromaStep == 2, result.width, result.height);
   for (unsigned i = 0; i < to.planes; ++i) to.used[i] = out_.format.sizeImage[i];
 }
 
