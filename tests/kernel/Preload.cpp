@@ -63,18 +63,9 @@ std::map<int, std::shared_ptr<Node>>& nodes() {
   return *all;
 }
 
-class Locked {
- public:
-  Locked() { mutex().lock(); }
-  ~Locked() { mutex().unlock(); }
-  Locked(const Locked&) = delete;
-  Locked& operator=(const Locked&) = delete;
-
- private:
-  static std::recursive_mutex& mutex() {
-    static auto* const mutex = new std::recursive_mutex;
-    return *mutex;
-  }
+struct Locked : std::lock_guard<std::recursive_mutex> {
+  Locked() : lock_guard(mutex) {}
+  static inline std::recursive_mutex mutex;
 };
 
 const Node* nodeOf(int fd) {

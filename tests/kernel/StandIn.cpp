@@ -62,18 +62,8 @@ codec::Planes view(const Format& format, const Buffer& buffer, std::size_t left 
   return {buffer.data[0] + top * stride + left, u + at, v + at, stride, chroma};
 }
 
-/// Planes without padding.
-std::vector<std::uint8_t> roomFor(unsigned width, unsigned height) {
-  return std::vector<std::uint8_t>(std::size_t{width} * height +
-                                   2 * std::size_t{(width + 1) / 2} * ((height + 1) / 2));
-}
 template <typename Byte>
-codec::BasicPlanes<Byte> tight(Byte* bytes, unsigned width, unsigned height) {
-  Byte* const u = bytes + std::size_t{width} * height;
-  return {bytes, u, u + std::size_t{(width + 1) / 2} * ((height + 1) / 2), width, (width + 1) / 2};
-}
-
-void copyPlanes(const codec::ConstPlanes& from, bool interleavedFrom, const codec::Planes& to,
+void copyPlanes(const codec::BasicPlanes<Byte>& from, bool interleavedFrom, const codec::Planes& to,
                 bool interleavedTo, unsigned width, unsigned height) {
   const auto whole = [](unsigned a) { return static_cast<int>(a); };
   const int w = whole(width), h = whole(height), fromY = whole(from.yStride),
@@ -87,8 +77,13 @@ void copyPlanes(const codec::ConstPlanes& from, bool interleavedFrom, const code
                      toUv, w, h);
 }
 
-codec::ConstPlanes readable(const codec::Planes& planes) {
-  return {planes.y, planes.u, planes.v, planes.yStride, planes.uvStride};
+/// A picture's own planes, of even sides.
+std::vector<std::uint8_t> blockOf(unsigned width, unsigned height) {
+  return std::vector<std::uint8_t>(std::size_t{up(width, 2)} * up(height, 2) * 3 / 2);
+}
+template <typename Byte>
+codec::BasicPlanes<Byte> planesOf(Byte* block, unsigned width, unsigned height) {
+  return codec::planesOf(block, up(width, 2), up(height, 2));
 }
 
 }  // namespace
@@ -254,12 +249,6 @@ void Session::stop(Queue& queue) {
   held_ = Coded();
 }
 
-bool Session::command(bool begin) {
-  if (begin && in_.streaming && out_.streaming) drainAsked_ = true;
-  if (!begin) stopped_ = drainAsked_ = draining_ = lastTaken_ = restart_ = lastDue_ = false;
-  return true;
-}
-
 // ---- the work
 
 /// Does what can be done with the buffers that are queued.
@@ -309,12 +298,12 @@ void Session::encode(const Buffer& from) {
   coded.stamp = from.stamp;
   const unsigned width = crop_.width, height = crop_.height, stride = in_.format.bytesPerLine[0];
   const unsigned step = layoutOf(in_.format.fourcc).chromaStep;
-  std::vector<std::uint8_t> block = roomFor(width, height);
-  const codec::Planes planes = tight(block.data(), width, height);
+  std::vector<std::uint8_t> block = blockOf(width, height);
+  const auto planes = planesOf<const std::uint8_t>(block.data(), width, height);
   if (step != 0)
-    copyPlanes(readable(view(in_.format, from, static_cast<unsigned>(crop_.left),
-                             static_cast<unsigned>(crop_.top))),
-               step == 2, planes, false, width, height);
+    copyPlanes(
+        view(in_.format, from, static_cast<unsigned>(crop_.left), static_cast<unsigned>(crop_.top)),
+        step == 2, planesOf(block.data(), width, height), false, width, height);
   if (kind_.coded == V4L2_PIX_FMT_JPEG) {
     // Packed pairs become 4:2:2; planes take the way over B G R, which becomes 4:2:0 again.
     codec::PackedPicture picture = {from.data[0], from.length[0], codec::PixelFormat::Yuyv,
@@ -322,8 +311,8 @@ void Session::encode(const Buffer& from) {
     std::vector<std::uint8_t> pixels(std::size_t{width} * height * 4);
     if (step != 0) {
       const int half = static_cast<int>(planes.uvStride), row = static_cast<int>(width);
-      libyuv::J420ToARGB(planes.y, row, planes.u, half, planes.v, half, pixels.data(), row * 4, row,
-                         static_cast<int>(height));
+      libyuv::J420ToARGB(planes.y, half * 2, planes.u, half, planes.v, half, pixels.data(), row * 4,
+                         row, static_cast<int>(height));
       picture = {pixels.data(), pixels.size(), codec::PixelFormat::Bgra32,
                  width * 4,     width,         height};
     }
@@ -332,7 +321,7 @@ void Session::encode(const Buffer& from) {
     coded.keyFrame = true;
   } else {
     if (!encoding_) startEncoder();
-    if (h264Encoder_.encode(readable(planes), 0, keyFrameAsked_)) {
+    if (h264Encoder_.encode(planes, 0, keyFrameAsked_)) {
       if (first_) coded.bytes = h264Encoder_.parameterSets();
       coded.bytes.insert(coded.bytes.end(), h264Encoder_.data(),
                          h264Encoder_.data() + h264Encoder_.size());
@@ -424,8 +413,8 @@ void Session::takePictures() {
 }
 
 void Session::keep(Coded picture, const codec::ConstPlanes& from) {
-  picture.bytes = roomFor(picture.width, picture.height);
-  copyPlanes(from, false, tight(picture.bytes.data(), picture.width, picture.height), false,
+  picture.bytes = blockOf(picture.width, picture.height);
+  copyPlanes(from, false, planesOf(picture.bytes.data(), picture.width, picture.height), false,
              picture.width, picture.height);
   waiting_.push_back(std::move(picture));
 }
@@ -479,8 +468,9 @@ void Session::fill(Buffer& to, const Coded& result) {
     return;
   }
   if (result.bytes.empty()) return;
-  copyPlanes(tight(result.bytes.data(), result.width, result.height), false, view(out_.format, to),
-             layoutOf(out_.format.fourcc).chromaStep == 2, result.width, result.height);
+  copyPlanes(planesOf(result.bytes.data(), result.width, result.height), false,
+             view(out_.format, to), layoutOf(out_.format.fourcc).chromaStep == 2, result.width,
+             result.height);
   for (unsigned i = 0; i < to.planes; ++i) to.used[i] = out_.format.sizeImage[i];
 }
 

@@ -110,7 +110,7 @@ class Session {
 
   /// The kernel's calls. @return 0, or -1 with errno
   int call(const Call& call);
-  static bool knows(unsigned long request) { return answers().count(request) != 0; }
+  static bool knows(unsigned long request) { return answerTo(request) != nullptr; }
   /// Works on, then tells what poll() would.
   short look(short wanted) {
     pump();
@@ -144,7 +144,6 @@ class Session {
   bool addBuffers(Queue& queue, unsigned count, const std::uint32_t* sizes, int fd);
   void start(Queue& queue);
   void stop(Queue& queue);
-  bool command(bool begin);
 
   void pump();
   bool step();
@@ -162,7 +161,7 @@ class Session {
   short ready(short wanted) const;
 
   using Answer = int (Session::*)(const Call&);
-  static const std::map<unsigned long, Answer>& answers();
+  static Answer answerTo(unsigned long request);
   int queryCapability(const Call& call);
   int enumerateFormat(const Call& call);
   int enumerateSize(const Call& call);
@@ -184,10 +183,8 @@ class Session {
   int setValue(std::uint32_t id, std::int64_t& value, bool apply);
   int controls(const Call& call);
   int subscribe(const Call& call);
-  int unsubscribe(const Call& call);
   int takeEvent(const Call& call);
-  int encoderCommand(const Call& call);
-  int decoderCommand(const Call& call);
+  int command(const Call& call);
   std::uint32_t highestPriority() const;
   int priority(const Call& call);
 

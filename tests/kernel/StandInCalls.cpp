@@ -132,50 +132,38 @@ const std::vector<ControlKind>& controlsOf(const Kind& kind) {
   return kind.coded == V4L2_PIX_FMT_JPEG ? jpegControls : encoderControls;
 }
 
-const std::map<unsigned long, Session::Answer>& Session::answers() {
-  static const std::map<unsigned long, Answer> all = {
-      {VIDIOC_QUERYCAP, &Session::queryCapability},
-      {VIDIOC_ENUM_FMT, &Session::enumerateFormat},
-      {VIDIOC_ENUM_FRAMESIZES, &Session::enumerateSize},
-      {VIDIOC_G_FMT, &Session::format},
-      {VIDIOC_S_FMT, &Session::format},
-      {VIDIOC_TRY_FMT, &Session::format},
-      {VIDIOC_REQBUFS, &Session::request},
-      {VIDIOC_CREATE_BUFS, &Session::create},
-      {VIDIOC_QUERYBUF, &Session::exchange},
-      {VIDIOC_QBUF, &Session::exchange},
-      {VIDIOC_DQBUF, &Session::exchange},
-      {VIDIOC_STREAMON, &Session::stream},
-      {VIDIOC_STREAMOFF, &Session::stream},
-      {VIDIOC_G_SELECTION, &Session::selection},
-      {VIDIOC_S_SELECTION, &Session::selection},
-      {VIDIOC_G_PARM, &Session::interval},
-      {VIDIOC_S_PARM, &Session::interval},
-      {VIDIOC_QUERYCTRL, &Session::queryOldControl},
-      {VIDIOC_QUERY_EXT_CTRL, &Session::queryControl},
-      {VIDIOC_QUERYMENU, &Session::queryMenu},
-      {VIDIOC_G_CTRL, &Session::oldControl},
-      {VIDIOC_S_CTRL, &Session::oldControl},
-      {VIDIOC_G_EXT_CTRLS, &Session::controls},
-      {VIDIOC_S_EXT_CTRLS, &Session::controls},
-      {VIDIOC_TRY_EXT_CTRLS, &Session::controls},
-      {VIDIOC_SUBSCRIBE_EVENT, &Session::subscribe},
-      {VIDIOC_UNSUBSCRIBE_EVENT, &Session::unsubscribe},
-      {VIDIOC_DQEVENT, &Session::takeEvent},
-      {VIDIOC_ENCODER_CMD, &Session::encoderCommand},
-      {VIDIOC_TRY_ENCODER_CMD, &Session::encoderCommand},
-      {VIDIOC_DECODER_CMD, &Session::decoderCommand},
-      {VIDIOC_TRY_DECODER_CMD, &Session::decoderCommand},
-      {VIDIOC_G_PRIORITY, &Session::priority},
-      {VIDIOC_S_PRIORITY, &Session::priority}};
-  return all;
+Session::Answer Session::answerTo(unsigned long request) {
+  static const std::pair<Answer, std::vector<unsigned long>> all[] = {
+      {&Session::queryCapability, {VIDIOC_QUERYCAP}},
+      {&Session::enumerateFormat, {VIDIOC_ENUM_FMT}},
+      {&Session::enumerateSize, {VIDIOC_ENUM_FRAMESIZES}},
+      {&Session::format, {VIDIOC_G_FMT, VIDIOC_S_FMT, VIDIOC_TRY_FMT}},
+      {&Session::request, {VIDIOC_REQBUFS}},
+      {&Session::create, {VIDIOC_CREATE_BUFS}},
+      {&Session::exchange, {VIDIOC_QUERYBUF, VIDIOC_QBUF, VIDIOC_DQBUF}},
+      {&Session::stream, {VIDIOC_STREAMON, VIDIOC_STREAMOFF}},
+      {&Session::selection, {VIDIOC_G_SELECTION, VIDIOC_S_SELECTION}},
+      {&Session::interval, {VIDIOC_G_PARM, VIDIOC_S_PARM}},
+      {&Session::queryOldControl, {VIDIOC_QUERYCTRL}},
+      {&Session::queryControl, {VIDIOC_QUERY_EXT_CTRL}},
+      {&Session::queryMenu, {VIDIOC_QUERYMENU}},
+      {&Session::oldControl, {VIDIOC_G_CTRL, VIDIOC_S_CTRL}},
+      {&Session::controls, {VIDIOC_G_EXT_CTRLS, VIDIOC_S_EXT_CTRLS, VIDIOC_TRY_EXT_CTRLS}},
+      {&Session::subscribe, {VIDIOC_SUBSCRIBE_EVENT, VIDIOC_UNSUBSCRIBE_EVENT}},
+      {&Session::takeEvent, {VIDIOC_DQEVENT}},
+      {&Session::command, {VIDIOC_ENCODER_CMD, VIDIOC_TRY_ENCODER_CMD}},
+      {&Session::command, {VIDIOC_DECODER_CMD, VIDIOC_TRY_DECODER_CMD}},
+      {&Session::priority, {VIDIOC_G_PRIORITY, VIDIOC_S_PRIORITY}}};
+  for (const auto& [answer, requests] : all)
+    if (std::find(requests.begin(), requests.end(), request) != requests.end()) return answer;
+  return nullptr;
 }
 
 int Session::call(const Call& call) {
   pump();
   if (gone_) return fails(ENODEV);
-  const auto answer = answers().find(call.request);
-  return answer != answers().end() ? (this->*answer->second)(call) : fails(ENOTTY);
+  const Answer answer = answerTo(call.request);
+  return answer != nullptr ? (this->*answer)(call) : fails(ENOTTY);
 }
 
 Queue* Session::queueOf(std::uint32_t type) {
@@ -549,6 +537,11 @@ int Session::controls(const Call& call) {
 
 int Session::subscribe(const Call& call) {
   const auto& wanted = call.as<v4l2_event_subscription>();
+  if (call.request == VIDIOC_UNSUBSCRIBE_EVENT) {
+    if (wanted.type == V4L2_EVENT_ALL) subscribed_.clear();
+    subscribed_.erase({wanted.type, wanted.id});
+    return 0;
+  }
   std::uint32_t id = wanted.id;
   const ControlKind* const control = wanted.type == V4L2_EVENT_CTRL ? findControl(id) : nullptr;
   if (control == nullptr && wanted.type != V4L2_EVENT_EOS &&
@@ -568,13 +561,6 @@ int Session::subscribe(const Call& call) {
   return 0;
 }
 
-int Session::unsubscribe(const Call& call) {
-  const auto& which = call.as<v4l2_event_subscription>();
-  if (which.type == V4L2_EVENT_ALL) subscribed_.clear();
-  subscribed_.erase({which.type, which.id});
-  return 0;
-}
-
 int Session::takeEvent(const Call& call) {
   if (events_.empty()) return fails((fcntl(call.fd, F_GETFL) & O_NONBLOCK) != 0 ? ENOENT : EINTR);
   auto& event = call.as<v4l2_event>();
@@ -584,22 +570,22 @@ int Session::takeEvent(const Call& call) {
   return 0;
 }
 
-int Session::encoderCommand(const Call& call) {
+/// The drain of either kind: their calls begin alike, and so do their commands.
+int Session::command(const Call& call) {
+  const bool toTry =
+      call.request == VIDIOC_TRY_ENCODER_CMD || call.request == VIDIOC_TRY_DECODER_CMD;
+  if (kind_.encoder !=
+      (call.request == VIDIOC_ENCODER_CMD || call.request == VIDIOC_TRY_ENCODER_CMD))
+    return fails(ENOTTY);
   auto& wanted = call.as<v4l2_encoder_cmd>();
-  if (!kind_.encoder) return fails(ENOTTY);
   wanted.flags = 0;
-  if (wanted.cmd != V4L2_ENC_CMD_STOP && wanted.cmd != V4L2_ENC_CMD_START) return fails(EINVAL);
-  if (call.request == VIDIOC_ENCODER_CMD) command(wanted.cmd == V4L2_ENC_CMD_STOP);
-  return 0;
-}
-
-int Session::decoderCommand(const Call& call) {
-  auto& wanted = call.as<v4l2_decoder_cmd>();
-  if (kind_.encoder) return fails(ENOTTY);
-  wanted.flags = 0;
-  if (wanted.cmd != V4L2_DEC_CMD_STOP && wanted.cmd != V4L2_DEC_CMD_START) return fails(EINVAL);
-  std::memset(&wanted.raw, 0, sizeof wanted.raw);
-  if (call.request == VIDIOC_DECODER_CMD) command(wanted.cmd == V4L2_DEC_CMD_STOP);
+  if (wanted.cmd > V4L2_ENC_CMD_STOP) return fails(EINVAL);
+  if (!kind_.encoder)
+    std::memset(&call.as<v4l2_decoder_cmd>().raw, 0, sizeof(v4l2_decoder_cmd::raw));
+  if (toTry) return 0;
+  const bool stop = wanted.cmd == V4L2_ENC_CMD_STOP;
+  if (stop && in_.streaming && out_.streaming) drainAsked_ = true;
+  if (!stop) stopped_ = drainAsked_ = draining_ = lastTaken_ = restart_ = lastDue_ = false;
   return 0;
 }
 
