@@ -194,16 +194,13 @@ bool Session::allocate(Queue& queue, unsigned count, int fd) {
   queue.buffers.clear();
   queue.queued.clear();
   queue.done.clear();
-  return addBuffers(queue, std::min(count, 32u), queue.format.sizeImage, fd);
-}
-
-bool Session::addBuffers(Queue& queue, unsigned count, const std::uint32_t* sizes, int fd) {
-  queue.buffers.reserve(queue.buffers.size() + count);
+  count = std::min(count, 32u);
+  queue.buffers.reserve(count);
   for (unsigned n = 0; n < count; ++n) {
     Buffer buffer;
     buffer.planes = queue.format.planes;
     for (unsigned i = 0; i < buffer.planes; ++i) {
-      buffer.length[i] = up(sizes[i], page);
+      buffer.length[i] = up(queue.format.sizeImage[i], page);
       buffer.offset[i] = static_cast<std::uint32_t>(end_);
       end_ += buffer.length[i];
       if (ftruncate(fd, static_cast<off_t>(end_)) != 0) return false;

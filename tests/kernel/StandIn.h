@@ -141,7 +141,6 @@ class Session {
   void adjust(const Queue& queue, Format& format) const;
   bool setFormat(Queue& queue, const Format& wanted);
   bool allocate(Queue& queue, unsigned count, int fd);
-  bool addBuffers(Queue& queue, unsigned count, const std::uint32_t* sizes, int fd);
   void start(Queue& queue);
   void stop(Queue& queue);
 
@@ -167,7 +166,6 @@ class Session {
   int enumerateSize(const Call& call);
   int format(const Call& call);
   int request(const Call& call);
-  int create(const Call& call);
   int stream(const Call& call);
   int exchange(const Call& call);
   int enqueue(Queue& queue, Buffer& buffer, const v4l2_buffer& from);

@@ -139,7 +139,6 @@ Session::Answer Session::answerTo(unsigned long request) {
       {&Session::enumerateSize, {VIDIOC_ENUM_FRAMESIZES}},
       {&Session::format, {VIDIOC_G_FMT, VIDIOC_S_FMT, VIDIOC_TRY_FMT}},
       {&Session::request, {VIDIOC_REQBUFS}},
-      {&Session::create, {VIDIOC_CREATE_BUFS}},
       {&Session::exchange, {VIDIOC_QUERYBUF, VIDIOC_QBUF, VIDIOC_DQBUF}},
       {&Session::stream, {VIDIOC_STREAMON, VIDIOC_STREAMOFF}},
       {&Session::selection, {VIDIOC_G_SELECTION, VIDIOC_S_SELECTION}},
@@ -232,14 +231,6 @@ int Session::format(const Call& call) {
 
 // ---- buffers
 
-/// What both ways to ask for buffers answer.
-template <typename Request>
-void describeMemory(Request& request) {
-  request.capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
-  request.flags = 0;
-  std::memset(request.reserved, 0, sizeof request.reserved);
-}
-
 int Session::request(const Call& call) {
   auto& request = call.as<v4l2_requestbuffers>();
   Queue* const queue = queueOf(request.type);
@@ -248,28 +239,10 @@ int Session::request(const Call& call) {
   if (request.count == 0) stop(*queue);
   if (!allocate(*queue, request.count, call.fd)) return fails(ENOMEM);
   request.count = static_cast<__u32>(queue->buffers.size());
-  describeMemory(request);
+  request.capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
+  request.flags = 0;
+  std::memset(request.reserved, 0, sizeof request.reserved);
   return 0;
-}
-
-int Session::create(const Call& call) {
-  auto& request = call.as<v4l2_create_buffers>();
-  Queue* const queue = queueOf(request.format.type);
-  if (queue == nullptr || request.memory != V4L2_MEMORY_MMAP) return fails(EINVAL);
-  request.index = static_cast<__u32>(queue->buffers.size());
-  describeMemory(request);
-  Format wanted = queue->format;
-  const auto& several = request.format.fmt.pix_mp;
-  const bool multi = isMulti(request.format.type);
-  if (multi && request.count > 0 && several.num_planes != wanted.planes) return fails(EINVAL);
-  for (unsigned i = 0; request.count > 0 && i < wanted.planes; ++i) {
-    const std::uint32_t size =
-        multi ? several.plane_fmt[i].sizeimage : request.format.fmt.pix.sizeimage;
-    if (size < wanted.sizeImage[i]) return fails(EINVAL);
-    wanted.sizeImage[i] = size;
-  }
-  request.count = std::min(request.count, 32 - std::min(32u, request.index));
-  return addBuffers(*queue, request.count, wanted.sizeImage, call.fd) ? 0 : fails(ENOMEM);
 }
 
 int Session::stream(const Call& call) {
