@@ -81,7 +81,7 @@ if(TESSERA_PLATFORM_KIND STREQUAL "software")
   file(WRITE "${debian_dir}/shlibs" "libtessera_platform 1 tessera-platform (>= ${PROJECT_VERSION})\n")
   set(CPACK_DEBIAN_PLATFORM_PACKAGE_CONTROL_EXTRA "${debian_dir}/shlibs" "${PROJECT_SOURCE_DIR}/cmake/debian/triggers")
   set(CPACK_DEBIAN_PLATFORM_PACKAGE_DEPENDS
-      "${runtime}, libjpeg62-turbo, libx264-${TESSERA_DEB_x264_NUMBER}, ${av_packages}")
+      "${runtime}, libjpeg62-turbo, libx264-${TESSERA_DEB_x264_NUMBER}, libyuv0, ${av_packages}")
 endif()
 
 if(TARGET tessera_tool)

@@ -4,7 +4,6 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/media.h>
-#include <linux/v4l2-controls.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
@@ -15,6 +14,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -22,11 +22,22 @@
 #include <ctime>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "StandIn.h"
 
 #define SHOWN extern "C" __attribute__((visibility("default")))
+// On 64-bit systems the large files' calls are the same.
+#define SAME(name, other) __asm__(".globl " #name "\n.set " #name ", " #other)
+SAME(open64, open);
+SAME(__open_2, open);
+SAME(__open64_2, open);
+SAME(mmap64, mmap);
+SAME(stat64, stat);
+SAME(fstat64, fstat);
+SAME(readdir64, readdir);
+SAME(fopen64, fopen);
 
 namespace {
 
@@ -39,42 +50,147 @@ constexpr Kind kinds[] = {{50, "Stand-in H.264 encoder", true, V4L2_PIX_FMT_H264
                           {52, "Stand-in JPEG encoder", true, V4L2_PIX_FMT_JPEG},
                           {53, "Stand-in JPEG decoder", false, V4L2_PIX_FMT_JPEG}};
 constexpr unsigned first = 50, count = 4;
+bool gone[count] = {};
 
-std::recursive_mutex& lock() {
-  static auto* const mutex = new std::recursive_mutex;
-  return *mutex;
-}
-// Media devices say no more than which function the video device of the same number has.
-std::map<int, const Kind*>& mediaDevices() {
-  static auto* const all = new std::map<int, const Kind*>;
+/// A node that somebody has opened. A media device has no session: it says no more than which
+/// function the video device of the same number has.
+struct Node {
+  const Kind& kind;
+  std::unique_ptr<Session> session;
+};
+std::map<int, std::shared_ptr<Node>>& nodes() {
+  static auto* const all = new std::map<int, std::shared_ptr<Node>>;
   return *all;
+}
+
+struct Locked : std::lock_guard<std::recursive_mutex> {
+  Locked() : lock_guard(mutex) {}
+  static inline std::recursive_mutex mutex;
+};
+
+const Node* nodeOf(int fd) {
+  const Locked locked;
+  const auto found = nodes().find(fd);
+  return found == nodes().end() ? nullptr : found->second.get();
+}
+Session* sessionOf(int fd) {
+  const Node* const node = nodeOf(fd);
+  return node == nullptr ? nullptr : node->session.get();
+}
+
+template <typename Function>
+Function* next(Function*, const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+#define NEXT(name) next(&name, #name)
+
+int failWith(int error) {
+  errno = error;
+  return -1;
+}
+
+Faults faults() {
+  Faults all;
+  const std::pair<const char*, unsigned*> words[] = {
+      {"drop", &all.dropEach},      {"delay", &all.delayMs},      {"silent", &all.silentAfter},
+      {"gone", &all.goneAfter},     {"stride", &all.stride},      {"align", &all.align},
+      {"nv12", &all.nv12},          {"mplane", &all.multiPlanar}, {"lag", &all.lag},
+      {"plain", &all.plain},        {"stubborn", &all.stubborn},  {"busy", &all.busy},
+      {"forbidden", &all.forbidden}};
+  const char* at = std::getenv("TESSERA_STANDIN");
+  for (; at != nullptr && *at != 0; at += std::strcspn(at, ","), at += *at == ',') {
+    const std::size_t length = std::strcspn(at, "=,");
+    for (const auto& [name, value] : words)
+      if (std::strlen(name) == length && std::strncmp(name, at, length) == 0)
+        *value = at[length] == '=' ? static_cast<unsigned>(std::atoi(at + length + 1)) : 1;
+  }
+  return all;
+}
+
+const Kind* kindOf(const char* path, const char* prefix) {
+  char* end = nullptr;
+  const std::size_t length = std::strlen(prefix);
+  if (path == nullptr || std::strncmp(path, prefix, length) != 0) return nullptr;
+  const unsigned long number = std::strtoul(path + length, &end, 10);
+  return number >= first && number < first + count ? &kinds[number - first] : nullptr;
+}
+
+thread_local bool working = false;  // for a device
+
+/// Where a device lacks memory it says so.
+template <typename Function>
+int work(Function&& function, int otherwise) {
+  int answer = otherwise;
+  working = true;
+  try {
+    answer = function();
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+  }
+  working = false;
+  return answer;
+}
+
+/// Which of the calls on video devices goes wrong, with which error; 0: from then on the device does
+/// not answer, -1: its next frame is lost, or all are.
+struct {
+  unsigned nth = 0;
+  int error = 0;
+  bool forGood = false;
+  unsigned calls = 0;
+} failing;
+
+/// @return whether this call is the one, with errno
+bool fails(Session* session = nullptr) {
+  const unsigned call = ++failing.calls;
+  if (failing.nth == 0 || call < failing.nth || (call > failing.nth && !failing.forGood))
+    return false;
+  if (session != nullptr && failing.error == 0) session->fallSilent();
+  if (session != nullptr && failing.error < 0) session->drop(failing.forGood ? UINT_MAX : 1);
+  errno = failing.error;
+  return failing.error > 0;
+}
+
+int openNode(const Kind& kind, int flags, bool media) {
+  const Locked locked;
+  const Faults wrong = faults();
+  if (!media) {
+    if (fails()) return -1;
+    bool& isGone = gone[kind.number - first];
+    isGone = isGone && wrong.goneAfter != 0;
+    if (isGone || wrong.busy != 0 || wrong.forbidden != 0)
+      return failWith(isGone ? ENODEV : wrong.busy != 0 ? EBUSY : EACCES);
+  }
+  const int fd = memfd_create("stand-in", (flags & O_CLOEXEC) != 0 ? MFD_CLOEXEC : 0);
+  if (fd < 0) return fd;
+  fcntl(fd, F_SETFL, flags & O_NONBLOCK);
+  const auto begin = [&] {
+    auto session = media ? nullptr : std::make_unique<Session>(kind, wrong);
+    nodes()[fd] = std::shared_ptr<Node>(new Node{kind, std::move(session)});
+    return fd;
+  };
+  const int answer = work(begin, -1);
+  if (answer < 0) NEXT(close)(fd);
+  return answer;
 }
 
 int mediaCall(const Kind& kind, unsigned long request, void* argument) {
   if (request == MEDIA_IOC_DEVICE_INFO) {
-    auto& info = *static_cast<media_device_info*>(argument);
-    std::memset(&info, 0, sizeof info);
+    media_device_info info = {};
     std::strcpy(info.driver, "stand-in");
     std::strcpy(info.model, "stand-in");
     std::strcpy(info.bus_info, "platform:stand-in");
     info.media_version = info.driver_version = 6 << 16 | 1 << 8;
+    *static_cast<media_device_info*>(argument) = info;
     return 0;
   }
-  if (request != MEDIA_IOC_G_TOPOLOGY) {
-    errno = ENOTTY;
-    return -1;
-  }
+  if (request != MEDIA_IOC_G_TOPOLOGY) return failWith(ENOTTY);
   // The coder between what the kernel calls its source and its sink, which the node is for.
-  media_v2_entity entities[3] = {};
   const std::uint32_t coder =
       kind.encoder ? MEDIA_ENT_F_PROC_VIDEO_ENCODER : MEDIA_ENT_F_PROC_VIDEO_DECODER;
-  const std::uint32_t functions[] = {MEDIA_ENT_F_IO_V4L, coder, MEDIA_ENT_F_IO_V4L};
-  const char* const names[] = {"stand-in-source", "stand-in-proc", "stand-in-sink"};
-  for (unsigned i = 0; i < 3; ++i) {
-    entities[i].id = i + 1;
-    std::strcpy(entities[i].name, names[i]);
-    entities[i].function = functions[i];
-  }
+  const media_v2_entity entities[] = {{1, "stand-in-source", MEDIA_ENT_F_IO_V4L, 0, {}},
+                                      {2, "stand-in-proc", coder, 0, {}},
+                                      {3, "stand-in-sink", MEDIA_ENT_F_IO_V4L, 0, {}}};
   media_v2_interface interface = {};
   interface.id = 4;
   interface.intf_type = MEDIA_INTF_T_V4L_VIDEO;
@@ -102,132 +218,71 @@ int mediaCall(const Kind& kind, unsigned long request, void* argument) {
   return 0;
 }
 
-std::map<int, std::unique_ptr<Session>>& sessions() {
-  static auto* const all = new std::map<int, std::unique_ptr<Session>>;
-  return *all;
-}
-std::map<int, epoll_event>* watched = nullptr;  // by the one epoll descriptor that watches a device
-int watcher = -1;
-bool gone[count] = {};
-
-template <typename Function>
-Function* next(Function*, const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-#define NEXT(name) next(&name, #name)
-
-Session* sessionOf(int fd) {
-  const auto found = sessions().find(fd);
-  return found == sessions().end() ? nullptr : found->second.get();
+/// What an ioctl() answers; EINTR where it blocks.
+int answer(const Node& node, const standin::Call& call) {
+  if (node.session == nullptr) return mediaCall(node.kind, call.request, call.argument);
+  const auto address = reinterpret_cast<std::uintptr_t>(call.argument) & ~std::uintptr_t{4095};
+  if (_IOC_SIZE(call.request) != 0 && msync(reinterpret_cast<void*>(address), 1, MS_ASYNC) != 0)
+    return failWith(Session::knows(call.request) ? EFAULT : ENOTTY);
+  if (fails(node.session.get())) return -1;
+  const int result = work([&] { return node.session->call(call); }, -1);
+  if (node.session->isGone()) gone[node.kind.number - first] = true;
+  return result;
 }
 
-Faults faults() {
-  Faults all;
-  const char* text = std::getenv("TESSERA_STANDIN");
-  std::string words = std::string(text != nullptr ? text : "") + ",";
-  for (std::size_t at = 0, end; (end = words.find(',', at)) != words.npos; at = end + 1) {
-    const std::string word = words.substr(at, end - at), key = word.substr(0, word.find('='));
-    const auto value =
-        static_cast<unsigned>(std::atoi(word.c_str() + std::min(word.size(), key.size() + 1)));
-    if (key == "drop") all.dropEach = value;
-    if (key == "delay") all.delayMs = value;
-    if (key == "silent") all.silentAfter = value;
-    if (key == "gone") all.goneAfter = value;
-    if (key == "stride") all.stride = value;
-    if (key == "align") all.align = value;
-    if (key == "nv12") all.nv12 = true;
-    if (key == "mplane") all.multiPlanar = true;
-    if (key == "lag") all.lag = true;
-    if (key == "plain") all.plain = true;
-    if (key == "busy") all.openError = EBUSY;
-    if (key == "forbidden") all.openError = EACCES;
-  }
-  return all;
-}
-
-const Kind* kindOf(const char* path, const char* prefix = "/dev/video") {
-  char* end = nullptr;
-  if (path == nullptr || std::strncmp(path, prefix, 10) != 0) return nullptr;
-  const unsigned long number = std::strtoul(path + 10, &end, 10);
-  return *end == 0 && number >= first && number < first + count ? &kinds[number - first] : nullptr;
-}
-
-int openDevice(const Kind& kind, int flags, bool media) {
-  const std::lock_guard<std::recursive_mutex> held(lock());
-  if (media) {
-    const int fd = memfd_create("stand-in media", MFD_CLOEXEC);
-    mediaDevices()[fd] = &kind;
-    return fd;
-  }
-  const Faults wrong = faults();
-  bool& isGone = gone[kind.number - first];
-  isGone = isGone && wrong.goneAfter != 0;
-  errno = isGone ? ENODEV : wrong.openError;
-  if (errno != 0) return -1;
-  const int fd = memfd_create("stand-in", (flags & O_CLOEXEC) != 0 ? MFD_CLOEXEC : 0);
-  if (fd < 0) return fd;
-  fcntl(fd, F_SETFL, flags & O_NONBLOCK);
-  sessions()[fd] = std::make_unique<Session>(kind, wrong);
-  return fd;
-}
-
-short look(int fd, short wanted) {
-  const std::lock_guard<std::recursive_mutex> held(lock());
-  Session* const session = sessionOf(fd);
-  if (session == nullptr) return POLLNVAL;
-  const short events = session->look(wanted);
-  if (session->isGone()) gone[session->kind().number - first] = true;
-  return events;
-}
-
+/// The system's, past a program that has clocks of its own.
 void nap() {
   const timespec moment = {0, 500000};
-  nanosleep(&moment, nullptr);
+  NEXT(nanosleep)(&moment, nullptr);
 }
 
-std::uint64_t nowMs() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC_RAW, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1000 +
-         static_cast<std::uint64_t>(now.tv_nsec) / 1000000;
+short look(pollfd& each) {
+  const Locked locked;
+  const Node* const node = nodeOf(each.fd);
+  each.revents = 0;
+  if (node == nullptr || node->session == nullptr) return NEXT(poll)(&each, 1, 0) > 0;
+  Session& session = *node->session;
+  each.revents = static_cast<short>(work([&] { return session.look(each.events); }, POLLERR));
+  if (session.isGone()) gone[node->kind.number - first] = true;
+  return each.revents != 0;
 }
 
 bool anyOfOurs(const pollfd* all, nfds_t size) {
-  const std::lock_guard<std::recursive_mutex> held(lock());
+  const Locked locked;
   for (nfds_t i = 0; i < size; ++i)
     if (sessionOf(all[i].fd) != nullptr) return true;
-  return false;
+  return size == 0 && !nodes().empty();
 }
 
+/// When the first of them will have something to tell, if nobody gives it anything before.
+std::uint64_t nextDue(const pollfd* all, nfds_t size, std::uint64_t end) {
+  const Locked locked;
+  for (nfds_t i = 0; i < size; ++i) {
+    const Session* const session = sessionOf(all[i].fd);
+    if (session == nullptr) return 0;
+    if (session->due() != 0) end = std::min(end, session->due());
+  }
+  return end;
+}
+
+/// Waiting for nothing is a pause between two looks at a device.
 int pollDevices(pollfd* all, nfds_t size, int milliseconds) {
-  const std::uint64_t end = nowMs() + static_cast<std::uint64_t>(std::max(milliseconds, 0));
+  if (const Locked locked; size > 0 && fails(sessionOf(all[0].fd))) return -1;
+  const std::uint64_t end =
+      milliseconds < 0 ? UINT64_MAX : standin::nowMs() + static_cast<unsigned>(milliseconds);
   for (;;) {
     int ready = 0;
-    for (nfds_t i = 0; i < size; ++i) {
-      pollfd& each = all[i];
-      each.revents = look(each.fd, each.events);
-      if (each.revents == POLLNVAL) {
-        each.revents = 0;
-        NEXT(poll)(&each, 1, 0);
-      }
-      ready += each.revents != 0;
-    }
-    if (ready > 0 || (milliseconds >= 0 && nowMs() >= end)) return ready;
-    nap();
+    for (nfds_t i = 0; i < size; ++i) ready += look(all[i]);
+    if (ready > 0 || standin::nowMs() >= end) return ready;
+    const std::uint64_t next = nextDue(all, size, end);
+    if (next == 0 || next == UINT64_MAX)
+      nap();
+    else
+      standin::skipTo(next);
   }
 }
 
-int milliseconds(const timespec* time) {
-  return time == nullptr ? -1 : static_cast<int>(time->tv_sec * 1000 + time->tv_nsec / 1000000);
-}
-
-bool isMapped(void* pointer) {
-  const auto address = reinterpret_cast<std::uintptr_t>(pointer) & ~std::uintptr_t{4095};
-  return msync(reinterpret_cast<void*>(address), 1, MS_ASYNC) == 0;
-}
-
-template <typename Status>
-int statusOf(const Kind& kind, Status* status) {
+int statusOf(const Kind& kind, struct stat* status) {
   std::memset(status, 0, sizeof *status);
   status->st_mode = S_IFCHR | 0660;
   status->st_nlink = 1;
@@ -242,33 +297,23 @@ SHOWN int open(const char* path, int flags, ...) {
   va_start(list, flags);
   const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(list, mode_t) : 0;
   va_end(list);
-  const Kind* const kind = kindOf(path);
-  const Kind* const media = kindOf(path, "/dev/media");
-  if (kind != nullptr || media != nullptr)
-    return openDevice(kind != nullptr ? *kind : *media, flags, media != nullptr);
+  if (const Kind* const kind = kindOf(path, "/dev/video")) return openNode(*kind, flags, false);
+  if (const Kind* const kind = kindOf(path, "/dev/media")) return openNode(*kind, flags, true);
   return NEXT(open)(path, flags, mode);
 }
-SHOWN int open64(const char* path, int flags, ...) {
-  va_list list;
-  va_start(list, flags);
-  const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(list, mode_t) : 0;
-  va_end(list);
-  const Kind* const kind = kindOf(path);
-  return kind != nullptr ? openDevice(*kind, flags, false) : NEXT(open64)(path, flags, mode);
-}
-SHOWN int __open_2(const char* path, int flags) {
-  return open(path, flags);
-}
-SHOWN int __open64_2(const char* path, int flags) {
-  return open64(path, flags);
+
+SHOWN int dup(int fd) noexcept {
+  const Locked locked;
+  const int copy = NEXT(dup)(fd);
+  const auto found = nodes().find(fd);
+  if (copy >= 0 && found != nodes().end()) nodes()[copy] = found->second;
+  return copy;
 }
 
 SHOWN int close(int fd) {
   {
-    const std::lock_guard<std::recursive_mutex> held(lock());
-    sessions().erase(fd);
-    mediaDevices().erase(fd);
-    if (fd == watcher) watcher = -1;
+    const Locked locked;
+    nodes().erase(fd);
   }
   return NEXT(close)(fd);
 }
@@ -278,201 +323,168 @@ SHOWN int ioctl(int fd, unsigned long request, ...) noexcept {
   va_start(list, request);
   void* const argument = va_arg(list, void*);
   va_end(list);
-  for (;;) {
-    {
-      const std::lock_guard<std::recursive_mutex> held(lock());
-      Session* const session = sessionOf(fd);
-      const auto media = mediaDevices().find(fd);
-      if (media != mediaDevices().end())
-        return mediaCall(*media->second, request & 0xffffffff, argument);
-      if (session == nullptr) return NEXT(ioctl)(fd, request, argument);
-      if (_IOC_SIZE(request) != 0 && !isMapped(argument)) {
-        errno = session->knows(request) ? EFAULT : ENOTTY;
-        return -1;
-      }
-      const int answer = session->call(fd, request & 0xffffffff, argument);
-      if (session->isGone()) gone[session->kind().number - first] = true;
-      // A call that blocks is asked again until it does not.
-      if (answer == 0 || errno != EINTR) return answer;
-    }
-    nap();
+  for (;; nap()) {
+    const Locked locked;
+    const Node* const node = nodeOf(fd);
+    if (node == nullptr) return NEXT(ioctl)(fd, request, argument);
+    // A call that blocks is asked again until it does not.
+    const int result = answer(*node, {fd, request & 0xffffffff, argument});
+    if (result == 0 || errno != EINTR) return result;
   }
 }
 
-SHOWN ssize_t read(int fd, void* to, std::size_t size) {
-  {
-    const std::lock_guard<std::recursive_mutex> held(lock());
-    if (sessionOf(fd) != nullptr) {
-      errno = EINVAL;
-      return -1;
-    }
+SHOWN void* mmap(void* where, std::size_t size, int access, int flags, int fd, off_t at) noexcept {
+  if (fd >= 0 && !working) {
+    const Locked locked;
+    Session* const session = sessionOf(fd);
+    if (session != nullptr && fails(session)) return MAP_FAILED;
   }
-  return NEXT(read)(fd, to, size);
+  return NEXT(mmap)(where, size, access, flags, fd, at);
+}
+
+SHOWN ssize_t read(int fd, void* to, std::size_t size) {
+  return sessionOf(fd) != nullptr ? failWith(EINVAL) : NEXT(read)(fd, to, size);
 }
 SHOWN ssize_t write(int fd, const void* from, std::size_t size) {
-  {
-    const std::lock_guard<std::recursive_mutex> held(lock());
-    if (sessionOf(fd) != nullptr) {
-      errno = EINVAL;
-      return -1;
-    }
-  }
-  return NEXT(write)(fd, from, size);
+  return sessionOf(fd) != nullptr ? failWith(EINVAL) : NEXT(write)(fd, from, size);
 }
 
 SHOWN int poll(pollfd* all, nfds_t size, int timeout) {
   return anyOfOurs(all, size) ? pollDevices(all, size, timeout) : NEXT(poll)(all, size, timeout);
 }
-SHOWN int __poll_chk(pollfd* all, nfds_t size, int timeout, std::size_t) {
-  return poll(all, size, timeout);
-}
-SHOWN int ppoll(pollfd* all, nfds_t size, const timespec* timeout, const sigset_t* mask) {
-  return anyOfOurs(all, size) ? pollDevices(all, size, milliseconds(timeout))
-                              : NEXT(ppoll)(all, size, timeout, mask);
+SHOWN int ppoll(pollfd* all, nfds_t size, const timespec* limit, const sigset_t* mask) {
+  if (!anyOfOurs(all, size)) return NEXT(ppoll)(all, size, limit, mask);
+  const auto milliseconds = limit == nullptr ? -1 : limit->tv_sec * 1000 + limit->tv_nsec / 1000000;
+  return pollDevices(all, size, static_cast<int>(milliseconds));
 }
 
-SHOWN int select(int size, fd_set* in, fd_set* out, fd_set* special, timeval* timeout) {
+SHOWN int select(int size, fd_set* in, fd_set* out, fd_set* special, timeval* limit) {
+  struct Set {
+    fd_set* set;
+    int wanted, answers;
+  };
+  const Set sets[] = {{in, POLLIN, POLLIN | POLLERR | POLLHUP},
+                      {out, POLLOUT, POLLOUT | POLLERR},
+                      {special, POLLPRI, POLLPRI}};
   std::vector<pollfd> all;
-  const auto isIn = [](int fd, const fd_set* set) { return set != nullptr && FD_ISSET(fd, set); };
   for (int fd = 0; fd < size; ++fd) {
-    const int events = (isIn(fd, in) ? POLLIN : 0) | (isIn(fd, out) ? POLLOUT : 0) |
-                       (isIn(fd, special) ? POLLPRI : 0);
+    int events = 0;
+    for (const Set& each : sets)
+      if (each.set != nullptr && FD_ISSET(fd, each.set)) events |= each.wanted;
     if (events != 0) all.push_back({fd, static_cast<short>(events), 0});
   }
-  if (!anyOfOurs(all.data(), all.size())) return NEXT(select)(size, in, out, special, timeout);
-  const timespec limit =
-      timeout == nullptr ? timespec() : timespec{timeout->tv_sec, timeout->tv_usec * 1000};
-  pollDevices(all.data(), all.size(), timeout == nullptr ? -1 : milliseconds(&limit));
+  if (!anyOfOurs(all.data(), all.size())) return NEXT(select)(size, in, out, special, limit);
+  const auto milliseconds = limit == nullptr ? -1 : limit->tv_sec * 1000 + limit->tv_usec / 1000;
+  pollDevices(all.data(), all.size(), static_cast<int>(milliseconds));
   int ready = 0;
-  const auto answer = [&](const pollfd& each, fd_set* set, int events) {
-    if (set == nullptr || !FD_ISSET(each.fd, set)) return;
-    if ((each.revents & events) != 0)
-      ++ready;
-    else
-      FD_CLR(each.fd, set);
-  };
-  for (const pollfd& each : all) {
-    answer(each, in, POLLIN | POLLERR | POLLHUP);
-    answer(each, out, POLLOUT | POLLERR);
-    answer(each, special, POLLPRI);
-  }
+  for (const pollfd& each : all)
+    for (const Set& asked : sets) {
+      if (asked.set == nullptr || !FD_ISSET(each.fd, asked.set)) continue;
+      if ((each.revents & asked.answers) != 0)
+        ++ready;
+      else
+        FD_CLR(each.fd, asked.set);
+    }
   return ready;
 }
 
+namespace {
+std::map<int, epoll_event> watched;  // by the one epoll descriptor that watches a device
+int watcher = -1;
+}  // namespace
+
 SHOWN int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
-  const std::lock_guard<std::recursive_mutex> held(lock());
+  const Locked locked;
   if (sessionOf(fd) == nullptr) return NEXT(epoll_ctl)(epoll, operation, fd, event);
-  if (watched == nullptr) watched = new std::map<int, epoll_event>;
-  if (watcher != epoll) watched->clear();
+  if (watcher != epoll) watched.clear();
   watcher = epoll;
   if (operation == EPOLL_CTL_DEL)
-    watched->erase(fd);
+    watched.erase(fd);
   else
-    (*watched)[fd] = *event;
+    watched[fd] = *event;
   return 0;
 }
 SHOWN int epoll_wait(int epoll, epoll_event* events, int most, int timeout) {
-  if (epoll != watcher || watched == nullptr) return NEXT(epoll_wait)(epoll, events, most, timeout);
   std::vector<pollfd> all;
-  for (const auto& each : *watched)
-    all.push_back({each.first, static_cast<short>(each.second.events), 0});
+  for (const auto& each : watched)
+    if (epoll == watcher) all.push_back({each.first, static_cast<short>(each.second.events), 0});
+  if (!anyOfOurs(all.data(), all.size())) return NEXT(epoll_wait)(epoll, events, most, timeout);
   pollDevices(all.data(), all.size(), timeout);
   int ready = 0;
   for (const pollfd& each : all) {
     if (each.revents == 0 || ready == most) continue;
-    events[ready] = (*watched)[each.fd];
+    events[ready] = watched[each.fd];
     events[ready++].events = static_cast<std::uint32_t>(each.revents);
   }
   return ready;
 }
 
+// ---- for the tests in the same process
+
+SHOWN void standin_fail(unsigned nth, int error, bool forGood) {
+  const Locked locked;
+  failing = {nth, error, forGood, 0};
+}
+SHOWN unsigned standin_calls() {
+  return failing.calls;
+}
+SHOWN bool standin_works() {
+  return working;
+}
+SHOWN unsigned long long standin_now() {
+  return standin::nowMs();
+}
+
 // ---- what the devices look like
 
 SHOWN int fstat(int fd, struct stat* status) noexcept {
-  const std::lock_guard<std::recursive_mutex> held(lock());
-  Session* const session = sessionOf(fd);
-  const auto media = mediaDevices().find(fd);
-  if (media != mediaDevices().end()) return statusOf(*media->second, status);
-  return session != nullptr ? statusOf(session->kind(), status) : NEXT(fstat)(fd, status);
-}
-SHOWN int fstat64(int fd, struct stat64* status) noexcept {
-  const std::lock_guard<std::recursive_mutex> held(lock());
-  Session* const session = sessionOf(fd);
-  return session != nullptr ? statusOf(session->kind(), status) : NEXT(fstat64)(fd, status);
+  const Locked locked;
+  const Node* const node = nodeOf(fd);
+  return node != nullptr ? statusOf(node->kind, status) : NEXT(fstat)(fd, status);
 }
 SHOWN int stat(const char* path, struct stat* status) noexcept {
-  const Kind* const kind = kindOf(path);
+  const Kind* const kind = kindOf(path, "/dev/video");
   return kind != nullptr ? statusOf(*kind, status) : NEXT(stat)(path, status);
 }
-SHOWN int stat64(const char* path, struct stat64* status) noexcept {
-  const Kind* const kind = kindOf(path);
-  return kind != nullptr ? statusOf(*kind, status) : NEXT(stat64)(path, status);
+
+/// What /sys says of a device.
+SHOWN FILE* fopen(const char* path, const char* mode) {
+  const Kind* const kind = kindOf(path, "/sys/dev/char/81:");
+  if (kind == nullptr || std::strstr(path, "/uevent") == nullptr) return NEXT(fopen)(path, mode);
+  // A real descriptor: it is read past the C library.
+  FILE* const file = fdopen(memfd_create("uevent", MFD_CLOEXEC), "w+");
+  std::fprintf(file, "MAJOR=81\nMINOR=%u\nDEVNAME=video%u\n", kind->number, kind->number);
+  std::rewind(file);
+  return file;
 }
 
 namespace {
-
-/// What /sys says of a device of ours; null for any other file.
-FILE* eventFile(const char* path) {
-  unsigned number = 0;
-  char rest = 0;
-  if (path == nullptr || std::sscanf(path, "/sys/dev/char/81:%u/ueven%c", &number, &rest) != 2 ||
-      number < first || number >= first + count)
-    return nullptr;
-  char text[80];
-  const int size =
-      std::snprintf(text, sizeof text, "MAJOR=81\nMINOR=%u\nDEVNAME=video%u\n", number, number);
-  const int fd = memfd_create("uevent", MFD_CLOEXEC);
-  if (write(fd, text, static_cast<std::size_t>(size)) != size) return nullptr;
-  lseek(fd, 0, SEEK_SET);
-  return fdopen(fd, "r");
-}
-
 DIR* devices = nullptr;  // the folder that they are listed in
 unsigned listed = 0;
 DIR* systemFolder = nullptr;  // what /sys lists of one of them: its media device
 unsigned systemNumber = 0;
 }  // namespace
 
-SHOWN FILE* fopen(const char* path, const char* mode) {
-  FILE* const file = eventFile(path);
-  return file != nullptr ? file : NEXT(fopen)(path, mode);
-}
-SHOWN FILE* fopen64(const char* path, const char* mode) {
-  FILE* const file = eventFile(path);
-  return file != nullptr ? file : NEXT(fopen64)(path, mode);
-}
-
 SHOWN DIR* opendir(const char* path) {
-  unsigned number = 0;
-  if (std::sscanf(path, "/sys/dev/char/81:%u/device", &number) == 1 && number >= first &&
-      number < first + count) {
-    systemFolder = NEXT(opendir)("/proc/self/fdinfo");
-    systemNumber = number;
-    return systemFolder;
-  }
-  DIR* const folder = NEXT(opendir)(path);
+  const Kind* const kind = kindOf(path, "/sys/dev/char/81:");
+  const bool listsMedia = kind != nullptr && std::strstr(path, "/device") != nullptr;
+  DIR* const folder = NEXT(opendir)(listsMedia ? "/proc/self/fdinfo" : path);
   if (folder == systemFolder) systemFolder = nullptr;
+  if (folder == devices) devices = nullptr;
+  if (listsMedia) systemFolder = folder, systemNumber = kind->number;
   if (std::strcmp(path, "/dev") == 0 || std::strcmp(path, "/dev/") == 0)
     devices = folder, listed = 0;
   return folder;
 }
 SHOWN dirent* readdir(DIR* folder) {
   static thread_local dirent ours;
+  ours.d_type = DT_CHR;
   if (folder == systemFolder) {
     std::snprintf(ours.d_name, sizeof ours.d_name, "media%u", systemNumber);
     return std::exchange(systemNumber, 0) != 0 ? &ours : nullptr;
   }
   dirent* const entry = NEXT(readdir)(folder);
   if (entry != nullptr || folder != devices || listed == count) return entry;
-  ours.d_type = DT_CHR;
-  std::snprintf(ours.d_name, sizeof ours.d_name, "video%u", kinds[listed++].number);
-  return &ours;
-}
-SHOWN dirent64* readdir64(DIR* folder) {
-  dirent64* const entry = NEXT(readdir64)(folder);
-  if (entry != nullptr || folder != devices || listed == count) return entry;
-  static thread_local dirent64 ours;
-  ours.d_type = DT_CHR;
   std::snprintf(ours.d_name, sizeof ours.d_name, "video%u", kinds[listed++].number);
   return &ours;
 }

@@ -1,10 +1,14 @@
 #include "StandIn.h"
 
+#include <libyuv/convert.h>
+#include <libyuv/convert_argb.h>
+#include <libyuv/convert_from.h>
 #include <linux/v4l2-controls.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -16,15 +20,10 @@ namespace standin {
 
 namespace {
 
+std::atomic<std::uint64_t> skipped{0};
+
 constexpr unsigned smallest = 2, largest = 4096;
 constexpr std::size_t page = 4096;
-
-std::uint64_t nowMs() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC_RAW, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1000 +
-         static_cast<std::uint64_t>(now.tv_nsec) / 1000000;
-}
 
 unsigned up(unsigned value, unsigned multiple) {
   return (value + multiple - 1) / multiple * multiple;
@@ -32,49 +31,73 @@ unsigned up(unsigned value, unsigned multiple) {
 
 std::set<const Session*> everyone;
 
-struct Raw {
-  std::uint32_t fourcc;
-  unsigned planes;
-  unsigned chromaStep;  // 2: interleaved; 0: packed YUYV
-};
-constexpr Raw raws[] = {{V4L2_PIX_FMT_YUV420, 1, 1},
-                        {V4L2_PIX_FMT_NV12, 1, 2},
-                        {V4L2_PIX_FMT_YUYV, 1, 0},
-                        {V4L2_PIX_FMT_YUV420M, 3, 1},
-                        {V4L2_PIX_FMT_NV12M, 2, 2}};
+constexpr Layout layouts[] = {{V4L2_PIX_FMT_YUV420, "Planar YUV 4:2:0", 1, 1},
+                              {V4L2_PIX_FMT_NV12, "Y/CbCr 4:2:0", 1, 2},
+                              {V4L2_PIX_FMT_YUYV, "YUYV 4:2:2", 1, 0},
+                              {V4L2_PIX_FMT_YUV420M, "Planar YUV 4:2:0 (N-C)", 3, 1},
+                              {V4L2_PIX_FMT_NV12M, "Y/CbCr 4:2:0 (N-C)", 2, 2},
+                              {V4L2_PIX_FMT_H264, "H.264"},
+                              {V4L2_PIX_FMT_JPEG, "JFIF JPEG"}};
 
-const Raw* rawOf(std::uint32_t fourcc) {
-  for (const Raw& each : raws)
-    if (each.fourcc == fourcc) return &each;
-  return nullptr;
+}  // namespace
+
+const Layout& layoutOf(std::uint32_t fourcc) {
+  return *std::find_if(std::begin(layouts), std::end(layouts),
+                       [&](const Layout& each) { return each.fourcc == fourcc; });
 }
 
-/// Every step-th byte of a plane's rows.
-struct Samples {
-  std::uint8_t* base;
-  std::size_t stride;
-  unsigned step;
-  std::uint8_t& at(unsigned x, unsigned y) const { return base[y * stride + x * step]; }
-};
-struct Frame {
-  Samples y, u, v;
-};
+namespace {
 
-Frame view(const Format& format, const Buffer& buffer) {
-  const Raw& raw = *rawOf(format.fourcc);
-  const std::size_t stride = format.bytesPerLine[0], rows = format.height;
-  std::uint8_t* const base = buffer.data[0];
-  if (raw.chromaStep == 0) return {{base, stride, 2}, {base + 1, stride, 4}, {base + 3, stride, 4}};
-  if (raw.chromaStep == 2) {
-    std::uint8_t* const pairs = raw.planes == 1 ? base + stride * rows : buffer.data[1];
-    return {{base, stride, 1}, {pairs, stride, 2}, {pairs + 1, stride, 2}};
-  }
-  std::uint8_t* const u = raw.planes == 1 ? base + stride * rows : buffer.data[1];
-  std::uint8_t* const v = raw.planes == 1 ? u + stride / 2 * ((rows + 1) / 2) : buffer.data[2];
-  return {{base, stride, 1}, {u, stride / 2, 1}, {v, stride / 2, 1}};
+/// Where the planes of a frame lie, from a place in it on; of interleaved chroma in `u`.
+codec::Planes view(const Format& format, const Buffer& buffer, std::size_t left = 0,
+                   std::size_t top = 0) {
+  const Layout& raw = layoutOf(format.fourcc);
+  const unsigned stride = format.bytesPerLine[0], rows = format.height;
+  const unsigned chroma = raw.chromaStep == 2 ? stride : stride / 2;
+  const std::size_t at = top / 2 * chroma + left / 2 * raw.chromaStep;
+  std::uint8_t* const u =
+      raw.planes == 1 ? buffer.data[0] + std::size_t{stride} * rows : buffer.data[1];
+  std::uint8_t* const v =
+      raw.planes == 3 ? buffer.data[2] : u + std::size_t{chroma} * ((rows + 1) / 2);
+  return {buffer.data[0] + top * stride + left, u + at, v + at, stride, chroma};
+}
+
+template <typename Byte>
+void copyPlanes(const codec::BasicPlanes<Byte>& from, bool interleavedFrom, const codec::Planes& to,
+                bool interleavedTo, unsigned width, unsigned height) {
+  const auto whole = [](unsigned a) { return static_cast<int>(a); };
+  const int w = whole(width), h = whole(height), fromY = whole(from.yStride),
+            fromUv = whole(from.uvStride), toY = whole(to.yStride), toUv = whole(to.uvStride);
+  if (interleavedFrom)
+    libyuv::NV12ToI420(from.y, fromY, from.u, fromUv, to.y, toY, to.u, toUv, to.v, toUv, w, h);
+  else if (interleavedTo)
+    libyuv::I420ToNV12(from.y, fromY, from.u, fromUv, from.v, fromUv, to.y, toY, to.u, toUv, w, h);
+  else
+    libyuv::I420Copy(from.y, fromY, from.u, fromUv, from.v, fromUv, to.y, toY, to.u, toUv, to.v,
+                     toUv, w, h);
+}
+
+/// A picture's own planes, of even sides.
+std::vector<std::uint8_t> blockOf(unsigned width, unsigned height) {
+  return std::vector<std::uint8_t>(std::size_t{up(width, 2)} * up(height, 2) * 3 / 2);
+}
+template <typename Byte>
+codec::BasicPlanes<Byte> planesOf(Byte* block, unsigned width, unsigned height) {
+  return codec::planesOf(block, up(width, 2), up(height, 2));
 }
 
 }  // namespace
+
+std::uint64_t nowMs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC_RAW, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1000 +
+         static_cast<std::uint64_t>(now.tv_nsec) / 1000000 + skipped;
+}
+
+void skipTo(std::uint64_t moment) {
+  skipped += moment - std::min(moment, nowMs());
+}
 
 // ---- formats
 
@@ -86,8 +109,10 @@ std::uint32_t Session::highestPriority() const {
 }
 
 Session::Session(const Kind& kind, const Faults& faults) : kind_(kind), faults_(faults) {
-  in_.type = faults.multiPlanar ? V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE : V4L2_BUF_TYPE_VIDEO_OUTPUT;
-  out_.type = faults.multiPlanar ? V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE : V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  in_.type =
+      faults.multiPlanar != 0 ? V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE : V4L2_BUF_TYPE_VIDEO_OUTPUT;
+  out_.type =
+      faults.multiPlanar != 0 ? V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE : V4L2_BUF_TYPE_VIDEO_CAPTURE;
   for (Queue* const queue : {&coded(), &raw()}) {
     queue->format.colours[0] = V4L2_COLORSPACE_REC709;
     queue->format.fourcc = offered(*queue)[0];
@@ -102,9 +127,9 @@ Session::Session(const Kind& kind, const Faults& faults) : kind_(kind), faults_(
 
 std::vector<std::uint32_t> Session::offered(const Queue& queue) const {
   if (&queue == (kind_.encoder ? &out_ : &in_)) return {kind_.coded};
-  if (faults_.multiPlanar && faults_.nv12) return {V4L2_PIX_FMT_NV12M};
-  if (faults_.multiPlanar) return {V4L2_PIX_FMT_YUV420M, V4L2_PIX_FMT_NV12M};
-  if (faults_.nv12) return {V4L2_PIX_FMT_NV12};
+  if (faults_.multiPlanar != 0 && faults_.nv12 != 0) return {V4L2_PIX_FMT_NV12M};
+  if (faults_.multiPlanar != 0) return {V4L2_PIX_FMT_YUV420M, V4L2_PIX_FMT_NV12M};
+  if (faults_.nv12 != 0) return {V4L2_PIX_FMT_NV12};
   if (kind_.coded == V4L2_PIX_FMT_JPEG && kind_.encoder)
     return {V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_YUV420, V4L2_PIX_FMT_NV12};
   return {V4L2_PIX_FMT_YUV420, V4L2_PIX_FMT_NV12};
@@ -119,8 +144,8 @@ void Session::adjust(const Queue& queue, Format& format) const {
   constexpr std::uint32_t jfif[] = {V4L2_COLORSPACE_SRGB, V4L2_YCBCR_ENC_601,
                                     V4L2_QUANTIZATION_FULL_RANGE, V4L2_XFER_FUNC_SRGB};
   if (kind_.coded == V4L2_PIX_FMT_JPEG) std::copy_n(jfif, 4, format.colours);
-  const Raw* const raw = rawOf(format.fourcc);
-  if (raw == nullptr) {
+  const Layout& raw = layoutOf(format.fourcc);
+  if (!raw.isRaw()) {
     const std::uint32_t least = std::max(format.width * format.height, 65536u);
     format.planes = 1;
     format.sizeImage[0] = std::min(std::max(format.sizeImage[0], least), 64u << 20);
@@ -129,13 +154,13 @@ void Session::adjust(const Queue& queue, Format& format) const {
   }
   const std::uint32_t stride = up(format.width, faults_.stride);
   const std::uint32_t chroma = stride / 2 * ((format.height + 1) / 2);
-  format.planes = raw->planes;
-  format.bytesPerLine[0] = raw->chromaStep == 0 ? stride * 2 : stride;
+  format.planes = raw.planes;
+  format.bytesPerLine[0] = raw.chromaStep == 0 ? stride * 2 : stride;
   format.sizeImage[0] = format.bytesPerLine[0] * format.height;
-  if (raw->planes == 1 && raw->chromaStep != 0) format.sizeImage[0] += 2 * chroma;
-  for (unsigned i = 1; i < raw->planes; ++i) {
-    format.bytesPerLine[i] = raw->chromaStep == 2 ? stride : stride / 2;
-    format.sizeImage[i] = raw->planes == 2 ? 2 * chroma : chroma;
+  if (raw.planes == 1 && raw.chromaStep != 0) format.sizeImage[0] += 2 * chroma;
+  for (unsigned i = 1; i < raw.planes; ++i) {
+    format.bytesPerLine[i] = raw.chromaStep == 2 ? stride : stride / 2;
+    format.sizeImage[i] = raw.planes == 2 ? 2 * chroma : chroma;
   }
 }
 
@@ -169,15 +194,13 @@ bool Session::allocate(Queue& queue, unsigned count, int fd) {
   queue.buffers.clear();
   queue.queued.clear();
   queue.done.clear();
-  return addBuffers(queue, std::min(count, 32u), queue.format.sizeImage, fd);
-}
-
-bool Session::addBuffers(Queue& queue, unsigned count, const std::uint32_t* sizes, int fd) {
+  count = std::min(count, 32u);
+  queue.buffers.reserve(count);
   for (unsigned n = 0; n < count; ++n) {
     Buffer buffer;
     buffer.planes = queue.format.planes;
     for (unsigned i = 0; i < buffer.planes; ++i) {
-      buffer.length[i] = up(sizes[i], page);
+      buffer.length[i] = up(queue.format.sizeImage[i], page);
       buffer.offset[i] = static_cast<std::uint32_t>(end_);
       end_ += buffer.length[i];
       if (ftruncate(fd, static_cast<off_t>(end_)) != 0) return false;
@@ -223,12 +246,6 @@ void Session::stop(Queue& queue) {
   held_ = Coded();
 }
 
-bool Session::command(bool begin) {
-  if (begin && in_.streaming && out_.streaming) drainAsked_ = true;
-  if (!begin) stopped_ = drainAsked_ = draining_ = lastTaken_ = restart_ = lastDue_ = false;
-  return true;
-}
-
 // ---- the work
 
 /// Does what can be done with the buffers that are queued.
@@ -237,7 +254,7 @@ void Session::pump() {
 }
 
 bool Session::step() {
-  if (gone_ || stopped_) return false;
+  if (gone_ || silent_ || stopped_) return false;
   if (deliver()) return true;
   if (!waiting_.empty() || !in_.streaming) return false;
   // An encoder works on both queues at once, a decoder looks at its data before there is an output.
@@ -255,78 +272,61 @@ bool Session::step() {
     busy_ = false;
   }
   ++frames_;
-  if (faults_.silentAfter != 0 && frames_ > faults_.silentAfter) {
-    stopped_ = true;
-    return false;
-  }
+  silent_ = faults_.silentAfter != 0 && frames_ > faults_.silentAfter;
   gone_ = faults_.goneAfter != 0 && frames_ > faults_.goneAfter;
-  if (gone_) return false;
+  if (gone_ || silent_) return false;
   const unsigned index = in_.queued.front();
   in_.queued.pop_front();
   Buffer& from = in_.buffers[index];
-  const bool dropped = faults_.dropEach != 0 && frames_ % faults_.dropEach == 0;
+  from.flags = 0;
+  const bool dropped =
+      toDrop_ != 0 || (kind_.encoder && faults_.dropEach != 0 && frames_ % faults_.dropEach == 0);
+  toDrop_ -= std::min(toDrop_, 1u);
   if (kind_.encoder && !dropped) encode(from);
-  if (!kind_.encoder) decode(from);
+  if (!kind_.encoder && !dropped) decode(from);
   from.state = Buffer::Done;
   in_.done.push_back(index);
   return true;
 }
 
 void Session::encode(const Buffer& from) {
-  if (faults_.lag && !held_.empty()) waiting_.push_back(std::move(held_)), held_ = Coded();
+  if (faults_.lag != 0 && !held_.empty()) waiting_.push_back(std::move(held_)), held_ = Coded();
   Coded coded;
   coded.stamp = from.stamp;
-  const Frame frame = view(in_.format, from);
-  const unsigned width = crop_.width, height = crop_.height;
-  const unsigned left = static_cast<unsigned>(crop_.left), top = static_cast<unsigned>(crop_.top);
+  const unsigned width = crop_.width, height = crop_.height, stride = in_.format.bytesPerLine[0];
+  const unsigned step = layoutOf(in_.format.fourcc).chromaStep;
+  std::vector<std::uint8_t> block = blockOf(width, height);
+  const auto planes = planesOf<const std::uint8_t>(block.data(), width, height);
+  if (step != 0)
+    copyPlanes(
+        view(in_.format, from, static_cast<unsigned>(crop_.left), static_cast<unsigned>(crop_.top)),
+        step == 2, planesOf(block.data(), width, height), false, width, height);
   if (kind_.coded == V4L2_PIX_FMT_JPEG) {
-    // Packed pairs become 4:2:2; planes take the way over R G B, which becomes 4:2:0 again.
-    const bool packed = in_.format.fourcc == V4L2_PIX_FMT_YUYV;
-    const unsigned step = packed ? 2 : 3, stride = up(width, 2) * step;
-    std::vector<std::uint8_t> pixels(std::size_t{stride} * height);
-    const auto byte = [](double value) {
-      return static_cast<std::uint8_t>(std::clamp(value + 0.5, 0.0, 255.0));
-    };
-    for (unsigned y = 0; y < height; ++y)
-      for (unsigned x = 0; x < width; ++x) {
-        const unsigned c = (left + x) / 2, row = packed ? top + y : (top + y) / 2;
-        const std::uint8_t luma = frame.y.at(left + x, top + y);
-        const std::uint8_t u = frame.u.at(c, row), v = frame.v.at(c, row);
-        std::uint8_t* const to = &pixels[std::size_t{y} * stride + std::size_t{x} * step];
-        to[0] = packed ? luma : byte(luma + 1.402 * (v - 128));
-        to[1] = packed ? (x % 2 == 0 ? u : v)
-                       : byte(luma - 0.344136 * (u - 128) - 0.714136 * (v - 128));
-        if (!packed) to[2] = byte(luma + 1.772 * (u - 128));
-      }
-    const codec::PackedPicture picture = {
-        pixels.data(), pixels.size(), packed ? codec::PixelFormat::Yuyv : codec::PixelFormat::Rgb24,
-        stride,        width,         height};
+    // Packed pairs become 4:2:2; planes take the way over B G R, which becomes 4:2:0 again.
+    codec::PackedPicture picture = {from.data[0], from.length[0], codec::PixelFormat::Yuyv,
+                                    stride,       width,          height};
+    std::vector<std::uint8_t> pixels(std::size_t{width} * height * 4);
+    if (step != 0) {
+      const int half = static_cast<int>(planes.uvStride), row = static_cast<int>(width);
+      libyuv::J420ToARGB(planes.y, half * 2, planes.u, half, planes.v, half, pixels.data(), row * 4,
+                         row, static_cast<int>(height));
+      picture = {pixels.data(), pixels.size(), codec::PixelFormat::Bgra32,
+                 width * 4,     width,         height};
+    }
     if (jpegEncoder_.encode(picture, static_cast<int>(values_[V4L2_CID_JPEG_COMPRESSION_QUALITY])))
       coded.bytes.assign(jpegEncoder_.data(), jpegEncoder_.data() + jpegEncoder_.size());
     coded.keyFrame = true;
   } else {
     if (!encoding_) startEncoder();
-    std::vector<std::uint8_t> block(std::size_t{up(width, 2)} * up(height, 2) * 3 / 2);
-    const codec::Planes to = codec::planesOf(block.data(), up(width, 2), up(height, 2));
-    for (unsigned y = 0; y < height; ++y)
-      for (unsigned x = 0; x < width; ++x) to.y[y * to.yStride + x] = frame.y.at(left + x, top + y);
-    for (unsigned y = 0; y < (height + 1) / 2; ++y)
-      for (unsigned x = 0; x < (width + 1) / 2; ++x) {
-        to.u[y * to.uvStride + x] = frame.u.at(left / 2 + x, top / 2 + y);
-        to.v[y * to.uvStride + x] = frame.v.at(left / 2 + x, top / 2 + y);
-      }
-    const bool first = first_;
-    if (h264Encoder_.encode(
-            codec::planesOf<const std::uint8_t>(block.data(), to.yStride, up(height, 2)), 0,
-            keyFrameAsked_)) {
-      if (first) coded.bytes = h264Encoder_.parameterSets();
+    if (h264Encoder_.encode(planes, 0, keyFrameAsked_)) {
+      if (first_) coded.bytes = h264Encoder_.parameterSets();
       coded.bytes.insert(coded.bytes.end(), h264Encoder_.data(),
                          h264Encoder_.data() + h264Encoder_.size());
       coded.keyFrame = h264Encoder_.isKeyFrame();
     }
     first_ = keyFrameAsked_ = false;
   }
-  if (faults_.lag)
+  if (faults_.lag != 0)
     held_ = std::move(coded);
   else
     waiting_.push_back(std::move(coded));
@@ -355,12 +355,12 @@ void Session::startEncoder() {
   h264Encoder_.open(config);
 }
 
-void Session::decode(const Buffer& from) {
+void Session::decode(Buffer& from) {
   if (kind_.coded == V4L2_PIX_FMT_JPEG) {
     Coded picture;
     picture.stamp = from.stamp;
     if (!jpegDecoder_.open(from.data[0], from.used[0])) {
-      refuse(from.stamp);
+      refuse(from);
       return;
     }
     const unsigned width = picture.width = jpegDecoder_.width();
@@ -369,25 +369,26 @@ void Session::decode(const Buffer& from) {
     std::vector<std::uint8_t> block(std::size_t{stride} * rows * 3 / 2);
     if (jpegDecoder_.decode(codec::planesOf(block.data(), stride, rows)) !=
         codec::ImageDecoder::Result::Complete) {
-      refuse(from.stamp);
+      refuse(from);
       return;
     }
     keep(std::move(picture), codec::planesOf<const std::uint8_t>(block.data(), stride, rows));
     return;
   }
   if (codec::nextNal(from.data[0], 0, from.used[0]) == from.used[0]) {
-    refuse(from.stamp);
+    refuse(from);
     return;
   }
   decoder_.feed(from.data[0], from.used[0], static_cast<std::int64_t>(from.stamp), false, true);
   takePictures();
 }
 
-/// An empty, faulty picture for data that is none, where somebody waits for one.
-void Session::refuse(std::uint64_t stamp) {
+/// Data that is none goes back as faulty, and an empty picture with it where somebody waits for one.
+void Session::refuse(Buffer& from) {
+  from.flags |= V4L2_BUF_FLAG_ERROR;
   if (!out_.streaming) return;
   Coded nothing;
-  nothing.stamp = stamp;
+  nothing.stamp = from.stamp;
   nothing.width = shown_.width;
   nothing.height = shown_.height;
   nothing.error = true;
@@ -408,16 +409,10 @@ void Session::takePictures() {
   }
 }
 
-/// Keeps a picture as planes without padding.
 void Session::keep(Coded picture, const codec::ConstPlanes& from) {
-  const auto add = [&](const std::uint8_t* plane, unsigned stride, unsigned width, unsigned rows) {
-    for (unsigned y = 0; y < rows; ++y)
-      picture.bytes.insert(picture.bytes.end(), plane + std::size_t{y} * stride,
-                           plane + std::size_t{y} * stride + width);
-  };
-  add(from.y, from.yStride, picture.width, picture.height);
-  add(from.u, from.uvStride, (picture.width + 1) / 2, (picture.height + 1) / 2);
-  add(from.v, from.uvStride, (picture.width + 1) / 2, (picture.height + 1) / 2);
+  picture.bytes = blockOf(picture.width, picture.height);
+  copyPlanes(from, false, planesOf(picture.bytes.data(), picture.width, picture.height), false,
+             picture.width, picture.height);
   waiting_.push_back(std::move(picture));
 }
 
@@ -470,15 +465,9 @@ void Session::fill(Buffer& to, const Coded& result) {
     return;
   }
   if (result.bytes.empty()) return;
-  const Frame frame = view(out_.format, to);
-  const std::uint8_t* from = result.bytes.data();
-  const auto write = [&](const Samples& samples, unsigned width, unsigned rows) {
-    for (unsigned y = 0; y < rows; ++y)
-      for (unsigned x = 0; x < width; ++x) samples.at(x, y) = *from++;
-  };
-  write(frame.y, result.width, result.height);
-  write(frame.u, (result.width + 1) / 2, (result.height + 1) / 2);
-  write(frame.v, (result.width + 1) / 2, (result.height + 1) / 2);
+  copyPlanes(planesOf(result.bytes.data(), result.width, result.height), false,
+             view(out_.format, to), layoutOf(out_.format.fourcc).chromaStep == 2, result.width,
+             result.height);
   for (unsigned i = 0; i < to.planes; ++i) to.used[i] = out_.format.sizeImage[i];
 }
 

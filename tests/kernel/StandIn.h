@@ -26,6 +26,11 @@ struct Kind {
   std::uint32_t coded;
 };
 
+/// Milliseconds of the devices' own clock. It runs, and skips what is waited for while nothing can
+/// happen: no device of these does anything on its own.
+std::uint64_t nowMs();
+void skipTo(std::uint64_t moment);
+
 /// What goes wrong, from TESSERA_STANDIN: words with a comma between them.
 struct Faults {
   unsigned dropEach = 0;     ///< drop=N: every N-th frame gives nothing
@@ -34,22 +39,32 @@ struct Faults {
   unsigned goneAfter = 0;    ///< gone=N: no device after N frames
   unsigned stride = 32;      ///< stride=N: rows are multiples of N bytes long
   unsigned align = 2;        ///< align=N: so are the sides of frames, in pixels
-  bool nv12 = false;
-  bool multiPlanar = false;  ///< mplane: nothing but the multi-planar interface
-  bool lag = false;          ///< an encoder that is a frame behind
-  bool plain = false;        ///< no control but the quality and the size of what is coded
-  int openError = 0;         ///< busy, forbidden
+  unsigned nv12 = 0;
+  unsigned multiPlanar = 0;          ///< mplane: nothing but the multi-planar interface
+  unsigned lag = 0;                  ///< an encoder that is a frame behind
+  unsigned stubborn = 0;             ///< refuses every control of an H.264 encoder
+  unsigned plain = 0;                ///< no control but the quality and the size of what is coded
+  unsigned busy = 0, forbidden = 0;  ///< to open
 };
 
 struct ControlKind {
   std::uint32_t id;
   v4l2_ctrl_type type;
   const char* name;
-  std::int64_t minimum, maximum, initial;
+  std::int64_t initial = 0, minimum = 0, maximum = 0;
   std::vector<const char*> entries = {};
-  std::uint32_t flags = 0;
 };
 const std::vector<ControlKind>& controlsOf(const Kind& kind);
+
+/// How pictures of a format lie in memory.
+struct Layout {
+  std::uint32_t fourcc;
+  const char* name;         ///< the kernel's own
+  unsigned planes = 0;      ///< pieces of memory; 0: coded
+  unsigned chromaStep = 0;  ///< 2: interleaved; 0: packed YUYV
+  bool isRaw() const { return planes != 0; }
+};
+const Layout& layoutOf(std::uint32_t fourcc);
 
 struct Format {
   std::uint32_t fourcc = 0;
@@ -76,6 +91,17 @@ struct Queue {
   std::uint32_t sequence = 0;
 };
 
+/// One of the kernel's calls.
+struct Call {
+  int fd;
+  unsigned long request;
+  void* argument;
+  template <typename Structure>
+  Structure& as() const {
+    return *static_cast<Structure*>(argument);
+  }
+};
+
 /// One open descriptor.
 class Session {
  public:
@@ -83,8 +109,8 @@ class Session {
   ~Session();
 
   /// The kernel's calls. @return 0, or -1 with errno
-  int call(int fd, unsigned long request, void* argument);
-  static bool knows(unsigned long request);
+  int call(const Call& call);
+  static bool knows(unsigned long request) { return answerTo(request) != nullptr; }
   /// Works on, then tells what poll() would.
   short look(short wanted) {
     pump();
@@ -92,6 +118,11 @@ class Session {
   }
   const Kind& kind() const { return kind_; }
   bool isGone() const { return gone_; }
+  /// When a frame that is being worked on will be done; 0 where there is none.
+  std::uint64_t due() const { return busy_ ? due_ : 0; }
+  /// No answers any more; nothing for the next frame, or for all that follow.
+  void fallSilent() { silent_ = true; }
+  void drop(unsigned howMany) { toDrop_ = howMany; }
 
  private:
   /// A result on its way out.
@@ -110,17 +141,15 @@ class Session {
   void adjust(const Queue& queue, Format& format) const;
   bool setFormat(Queue& queue, const Format& wanted);
   bool allocate(Queue& queue, unsigned count, int fd);
-  bool addBuffers(Queue& queue, unsigned count, const std::uint32_t* sizes, int fd);
   void start(Queue& queue);
   void stop(Queue& queue);
-  bool command(bool begin);
 
   void pump();
   bool step();
   void encode(const Buffer& from);
   void startEncoder();
-  void decode(const Buffer& from);
-  void refuse(std::uint64_t stamp);
+  void decode(Buffer& from);
+  void refuse(Buffer& from);
   void takePictures();
   void keep(Coded picture, const codec::ConstPlanes& from);
   bool deliver();
@@ -130,26 +159,32 @@ class Session {
   void post(const v4l2_event& event);
   short ready(short wanted) const;
 
-  int queryCapability(v4l2_capability& capability) const;
-  int enumerateFormat(v4l2_fmtdesc& description);
-  int enumerateSize(v4l2_frmsizeenum& size);
-  int format(unsigned long request, v4l2_format& format);
-  int request(int fd, v4l2_requestbuffers& request);
-  int create(int fd, v4l2_create_buffers& request);
-  int exchange(int fd, unsigned long request, v4l2_buffer& buffer);
+  using Answer = int (Session::*)(const Call&);
+  static Answer answerTo(unsigned long request);
+  int queryCapability(const Call& call);
+  int enumerateFormat(const Call& call);
+  int enumerateSize(const Call& call);
+  int format(const Call& call);
+  int request(const Call& call);
+  int stream(const Call& call);
+  int exchange(const Call& call);
   int enqueue(Queue& queue, Buffer& buffer, const v4l2_buffer& from);
   int dequeue(int fd, Queue& queue, v4l2_buffer& to);
   void describe(const Queue& queue, unsigned index, v4l2_buffer& to) const;
-  int selection(bool set, v4l2_selection& selection);
-  int interval(bool set, v4l2_streamparm& parameters);
+  int selection(const Call& call);
+  int interval(const Call& call);
   const ControlKind* findControl(std::uint32_t& id) const;
-  int queryControl(v4l2_query_ext_ctrl& query) const;
-  int queryMenu(v4l2_querymenu& entry) const;
+  int queryControl(const Call& call);
+  int queryOldControl(const Call& call);
+  int queryMenu(const Call& call);
+  int oldControl(const Call& call);
   int setValue(std::uint32_t id, std::int64_t& value, bool apply);
-  int controls(unsigned long request, v4l2_ext_controls& all);
+  int controls(const Call& call);
+  int subscribe(const Call& call);
+  int takeEvent(const Call& call);
+  int command(const Call& call);
   std::uint32_t highestPriority() const;
-  int subscribe(const v4l2_event_subscription& wanted);
-  int takeEvent(int fd, v4l2_event& event);
+  int priority(const Call& call);
 
   std::uint32_t priority_ = V4L2_PRIORITY_INTERACTIVE;
   const Kind& kind_;
@@ -163,7 +198,8 @@ class Session {
   unsigned frames_ = 0;
   std::uint64_t due_ = 0;
   bool busy_ = false;  // due_ is the first input's
-  bool gone_ = false;
+  bool gone_ = false, silent_ = false;
+  unsigned toDrop_ = 0;
   bool drainAsked_ = false;
   bool draining_ = false;  // the inputs are through
   bool stopped_ = false;   // until a queue starts again

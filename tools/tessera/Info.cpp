@@ -262,6 +262,9 @@ std::string codecsAsText(const nlohmann::ordered_json& codecs) {
            joined(device["gives"], " ") + "\n";
     const std::string controls = joined(device["controls"], ", ");
     if (!controls.empty()) out += "    controls: " + controls + "\n";
+    const std::string notTaken = joined(device["not_taken"], ", ");
+    if (!notTaken.empty()) out += "    does not take: " + notTaken + "\n";
+    if (device["ten_bits"].get<bool>()) out += "    decodes H.264 of ten bits a sample\n";
   }
   return out;
 }

@@ -15,6 +15,8 @@ extern "C" {
 ///                     "device", "largest" (width and height, 0 where the device does not tell),
 ///                     "passed_over" (a line for each device that is not taken)
 ///         "devices"   "path", "card", "driver", "takes", "gives" (formats), "controls",
+///                     "not_taken" (settings of an encoder that the device lacks or refuses),
+///                     "ten_bits" (whether it decodes H.264 of ten bits a sample, as eight),
 ///                     "passed_over" (why it is of no use at all, else empty)
 __attribute__((visibility("default"))) char* tessera_platform_codecs(void);
 

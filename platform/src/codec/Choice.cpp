@@ -103,6 +103,9 @@ class ChosenEngine final : public H264Engine {
     if (engine_ != nullptr) engine_->setDelay(pictures);
   }
   bool reportsDamage() const override { return engine_ == nullptr || engine_->reportsDamage(); }
+  bool showsDeepPictures() const override {
+    return engine_ != nullptr && engine_->showsDeepPictures();
+  }
   std::string failure() const override { return engine_ != nullptr ? engine_->failure() : ""; }
 
  private:

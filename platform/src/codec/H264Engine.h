@@ -49,6 +49,8 @@ class H264Engine {
 
   /// Whether a damaged unit shows in send() or in the picture.
   virtual bool reportsDamage() const { return true; }
+  /// Whether pictures of more than eight bits come out all the same, as such of eight.
+  virtual bool showsDeepPictures() const { return false; }
   /// Why nothing will come out any more; empty while all is well.
   virtual std::string failure() const { return ""; }
 };

@@ -2,11 +2,14 @@
 
 #include <linux/videodev2.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <vector>
 
 #include "codec/Choice.h"
 #include "codec/kernel/Devices.h"
+#include "codec/kernel/H264Encoder.h"
+#include "codec/kernel/H264M2m.h"
 #include "codec/kernel/M2mDevice.h"
 
 namespace codec {
@@ -38,13 +41,45 @@ std::vector<std::string> names(const std::vector<std::uint32_t>& formats) {
   return all;
 }
 
+bool has(const std::vector<std::uint32_t>& formats, std::uint32_t fourcc) {
+  return std::find(formats.begin(), formats.end(), fourcc) != formats.end();
+}
+
+/// What an encoder lacks of the settings that are asked of it, as it shows when one is opened.
+std::vector<std::string> notTaken(const kernel::Node& node) {
+  if (has(node.out, V4L2_PIX_FMT_H264)) {
+    VideoEncoder::Config config;
+    config.width = 640;
+    config.height = 480;
+    config.bitrate = 1000000;
+    config.aspectNum = 4;
+    config.aspectDen = 3;
+    kernel::H264Encoder encoder;
+    encoder.openOn(node.path, config);
+    return encoder.notTaken();
+  }
+  if (!has(node.out, V4L2_PIX_FMT_JPEG) && !has(node.out, V4L2_PIX_FMT_MJPEG)) return {};
+  kernel::M2mDevice device;
+  kernel::Control quality;
+  if (!device.open(node.path) || device.findControl(V4L2_CID_JPEG_COMPRESSION_QUALITY, quality))
+    return {};
+  return {"quality (not there)"};
+}
+
 std::string describe(const kernel::Node& node) {
   std::vector<std::string> controls;
+  bool tenBits = false;
   kernel::M2mDevice device;
-  if (node.passedOver.empty() && device.open(node.path)) controls = device.controlNames();
+  if (node.passedOver.empty() && device.open(node.path)) {
+    controls = device.controlNames();
+    tenBits = has(node.in, V4L2_PIX_FMT_H264) && kernel::decodesTenBits(device);
+  }
+  device.close();
   return "{\"path\":" + quoted(node.path) + ",\"card\":" + quoted(node.card) +
          ",\"driver\":" + quoted(node.driver) + ",\"takes\":" + list(names(node.in)) +
          ",\"gives\":" + list(names(node.out)) + ",\"controls\":" + list(controls) +
+         ",\"not_taken\":" + list(notTaken(node)) +
+         ",\"ten_bits\":" + (tenBits ? "true" : "false") +
          ",\"passed_over\":" + quoted(node.passedOver) + "}";
 }
 

@@ -195,7 +195,7 @@ ParameterSets::Slice H264Decoder::Impl::learn(const AccessUnits::Unit& unit) {
     if (type >= NalType::Slice && type <= NalType::IdrSlice) {
       const ParameterSets::Slice slice =
           parameterSets.lookAt(unit.data + header, unit.size - header);
-      if (!slice.supported) error = notSupported;
+      if (!slice.supported && !decoder->showsDeepPictures()) error = notSupported;
       return slice;
     }
     const std::size_t next = nextNal(unit.data, header + 1, unit.size);

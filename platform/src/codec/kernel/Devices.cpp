@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <tuple>
@@ -19,15 +20,14 @@ std::vector<std::string> videoNodes() {
   constexpr const char* prefix = "video";
   constexpr std::size_t letters = 5;
   std::vector<unsigned long> numbers;
-  DIR* const folder = opendir("/dev");
+  const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir("/dev"), closedir);
   if (folder == nullptr) return {};
-  while (const dirent* const entry = readdir(folder)) {
+  while (const dirent* const entry = readdir(folder.get())) {
     const std::string name = entry->d_name;
     if (name.compare(0, letters, prefix) != 0 || name.size() == letters) continue;
     if (name.find_first_not_of("0123456789", letters) != std::string::npos) continue;
     numbers.push_back(std::strtoul(name.c_str() + letters, nullptr, 10));
   }
-  closedir(folder);
   std::sort(numbers.begin(), numbers.end());
   std::vector<std::string> paths;
   paths.reserve(numbers.size());
@@ -63,19 +63,18 @@ class Strangers {
 };
 
 Strangers strangers;
-constexpr const char* noCodec = "not a memory-to-memory device";
 
 Node ask(const std::string& path) {
   Node node;
   node.path = path;
   if (strangers.has(path)) {
-    node.passedOver = noCodec;
+    node.passedOver = M2mDevice::stranger;
     return node;
   }
   M2mDevice device;
   if (!device.open(path)) {
     node.passedOver = device.error().substr(path.size() + 2);
-    if (node.passedOver.find("open") != 0) strangers.add(path);
+    if (node.passedOver == M2mDevice::stranger) strangers.add(path);
     return node;
   }
   node.card = device.card();

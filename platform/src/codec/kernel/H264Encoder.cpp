@@ -97,6 +97,11 @@ bool H264Encoder::open(const Config& config) try {
   return failForMemory();
 }
 
+bool H264Encoder::openOn(const std::string& path, const Config& config) {
+  config_ = config;
+  return openOn(path);
+}
+
 bool H264Encoder::openOn(const std::string& path) {
   M2mEncoder::Setup setup;
   setup.coded = V4L2_PIX_FMT_H264;
@@ -112,25 +117,45 @@ bool H264Encoder::openOn(const std::string& path) {
 }
 
 /// A control that a device lacks or refuses is no reason not to work with it.
+bool H264Encoder::set(const char* name, std::uint32_t id, std::int64_t value) {
+  const bool taken = encoder_.device().setControl(id, value);
+  if (!taken) lacks(name, id);
+  return taken;
+}
+
+void H264Encoder::lacks(const char* name, std::uint32_t id) {
+  Control control;
+  const bool there = encoder_.device().findControl(id, control);
+  notTaken_.push_back(name + std::string(there ? " (refused)" : " (not there)"));
+}
+
 void H264Encoder::configure() {
   M2mDevice& device = encoder_.device();
+  notTaken_.clear();
   configureShape();
   configureRate();
   const unsigned second =
       std::max(1u, (config_.frameRateNum + config_.frameRateDen / 2) / config_.frameRateDen);
   const unsigned period = config_.intraPeriod != 0 ? config_.intraPeriod : second;
   device.setControl(V4L2_CID_MPEG_VIDEO_B_FRAMES, 0);
-  device.setControl(V4L2_CID_MPEG_VIDEO_GOP_SIZE, period);
-  device.setControl(V4L2_CID_MPEG_VIDEO_H264_I_PERIOD, period);
-  device.setControl(V4L2_CID_MPEG_VIDEO_REPEAT_SEQ_HEADER, 1);
+  if (!device.setControl(V4L2_CID_MPEG_VIDEO_GOP_SIZE, period) &&
+      !device.setControl(V4L2_CID_MPEG_VIDEO_H264_I_PERIOD, period))
+    lacks("intra period", V4L2_CID_MPEG_VIDEO_GOP_SIZE);
+  set("headers before each key frame", V4L2_CID_MPEG_VIDEO_REPEAT_SEQ_HEADER, 1);
+  Control button;
+  if (!device.findControl(V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME, button))
+    lacks("key frame on demand", V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME);
   device.setControl(V4L2_CID_MPEG_VIDEO_HEADER_MODE,
                     V4L2_MPEG_VIDEO_HEADER_MODE_JOINED_WITH_1ST_FRAME);
 }
 
 void H264Encoder::configureShape() {
   M2mDevice& device = encoder_.device();
-  for (const int profile : profilesFor(config_.profile))
-    if (device.setControl(V4L2_CID_MPEG_VIDEO_H264_PROFILE, profile)) break;
+  const std::vector<int> profiles = profilesFor(config_.profile);
+  if (std::none_of(profiles.begin(), profiles.end(), [&](int profile) {
+        return device.setControl(V4L2_CID_MPEG_VIDEO_H264_PROFILE, profile);
+      }))
+    lacks("profile", V4L2_CID_MPEG_VIDEO_H264_PROFILE);
   // The level, else the next higher that the device has, else the next lower.
   const auto wanted = std::find(std::begin(levels), std::end(levels), config_.level);
   const int first = static_cast<int>(wanted - std::begin(levels));
@@ -142,12 +167,13 @@ void H264Encoder::configureShape() {
   for (int level = first - 1; level >= 0 && !taken; --level)
     taken = device.hasMenuEntry(V4L2_CID_MPEG_VIDEO_H264_LEVEL, level) &&
             device.setControl(V4L2_CID_MPEG_VIDEO_H264_LEVEL, level);
+  if (!taken) lacks("level", V4L2_CID_MPEG_VIDEO_H264_LEVEL);
   if (config_.aspectNum == config_.aspectDen) return;
   device.setControl(V4L2_CID_MPEG_VIDEO_H264_VUI_SAR_ENABLE, 1);
   device.setControl(V4L2_CID_MPEG_VIDEO_H264_VUI_SAR_IDC,
                     V4L2_MPEG_VIDEO_H264_VUI_SAR_IDC_EXTENDED);
-  device.setControl(V4L2_CID_MPEG_VIDEO_H264_VUI_EXT_SAR_WIDTH, config_.aspectNum);
-  device.setControl(V4L2_CID_MPEG_VIDEO_H264_VUI_EXT_SAR_HEIGHT, config_.aspectDen);
+  if (set("aspect ratio", V4L2_CID_MPEG_VIDEO_H264_VUI_EXT_SAR_WIDTH, config_.aspectNum))
+    set("aspect ratio", V4L2_CID_MPEG_VIDEO_H264_VUI_EXT_SAR_HEIGHT, config_.aspectDen);
 }
 
 void H264Encoder::configureRate() {
@@ -163,12 +189,12 @@ void H264Encoder::configureRate() {
       mode = V4L2_MPEG_VIDEO_BITRATE_MODE_CQ;
   }
   device.setControl(V4L2_CID_MPEG_VIDEO_FRAME_RC_ENABLE, 1);
-  device.setControl(V4L2_CID_MPEG_VIDEO_BITRATE_MODE, mode);
+  set("bit rate mode", V4L2_CID_MPEG_VIDEO_BITRATE_MODE, mode);
   Control range;
-  if (!device.findControl(V4L2_CID_MPEG_VIDEO_BITRATE, range)) return;
-  const auto wanted = static_cast<std::int64_t>(std::min<std::uint64_t>(rate, INT32_MAX));
-  device.setControl(V4L2_CID_MPEG_VIDEO_BITRATE,
-                    std::clamp(wanted, range.minimum, std::max(range.minimum, range.maximum)));
+  auto wanted = static_cast<std::int64_t>(std::min<std::uint64_t>(rate, INT32_MAX));
+  if (device.findControl(V4L2_CID_MPEG_VIDEO_BITRATE, range))
+    wanted = std::clamp(wanted, range.minimum, std::max(range.minimum, range.maximum));
+  set("bit rate", V4L2_CID_MPEG_VIDEO_BITRATE, wanted);
 }
 
 /// Encodes a grey frame for its parameter sets.

@@ -21,8 +21,15 @@ class H264Encoder final : public VideoEncoder {
   std::int64_t pts() const override { return pts_; }
   const std::string& error() const override { return error_; }
 
+  /// Opens on one device.
+  bool openOn(const std::string& path, const Config& config);
+  /// The settings of the last open() which the device does not have, or refused, and why.
+  const std::vector<std::string>& notTaken() const { return notTaken_; }
+
  private:
   bool openOn(const std::string& path);
+  bool set(const char* name, std::uint32_t id, std::int64_t value);
+  void lacks(const char* name, std::uint32_t id);
   void configure();
   void configureRate();
   void configureShape();
@@ -44,6 +51,7 @@ class H264Encoder final : public VideoEncoder {
   bool first_ = true;  // nothing of this stream has come out
   std::int64_t pts_ = 0;
   std::string error_;
+  std::vector<std::string> notTaken_;
 };
 
 }  // namespace codec::kernel

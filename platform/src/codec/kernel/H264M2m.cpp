@@ -27,6 +27,11 @@ bool showsPicture(const std::uint8_t* data, std::size_t size) {
 
 }  // namespace
 
+bool decodesTenBits(M2mDevice& device) {
+  return device.hasMenuEntry(V4L2_CID_MPEG_VIDEO_H264_PROFILE,
+                             V4L2_MPEG_VIDEO_H264_PROFILE_HIGH_10);
+}
+
 H264M2m::H264M2m() : decoder_([this](const M2mDecoder::Frame& frame) { take(frame); }) {}
 
 bool H264M2m::find(unsigned width, unsigned height) {
@@ -38,7 +43,10 @@ bool H264M2m::find(unsigned width, unsigned height) {
   setup.width = width;
   setup.height = height;
   for (const Offer& offer : offersFor({false, {setup.coded}, width, height}, reasons)) {
-    if (decoder_.open(offer.path, setup)) return true;
+    if (decoder_.open(offer.path, setup)) {
+      tenBits_ = decodesTenBits(decoder_.device());
+      return true;
+    }
     reasons.push_back(decoder_.error());
   }
   failure_ = "no device decodes H.264";

@@ -25,6 +25,7 @@ class H264M2m final : public H264Engine {
   Frame receive() override;
   void recycle(Frame frame) override;
   bool reportsDamage() const override { return false; }
+  bool showsDeepPictures() const override { return tenBits_; }
   std::string failure() const override { return failure_; }
 
  private:
@@ -37,7 +38,11 @@ class H264M2m final : public H264Engine {
   std::deque<Frame> ready_;
   std::vector<Frame> spare_;
   std::string failure_;
+  bool tenBits_ = false;
 };
+
+/// Whether an H.264 decoder lists a profile of ten bits a sample.
+bool decodesTenBits(M2mDevice& device);
 
 }  // namespace codec::kernel
 

@@ -98,6 +98,8 @@ M2mDecoder::Step M2mDecoder::step(unsigned milliseconds) {
   switch (device_.wait(milliseconds, buffer)) {
     case M2mDevice::Happened::InputBack:
       lastBack_ = buffer->serial;
+      // What the device could not read will show nothing.
+      if (buffer->error) forget(buffer->serial);
       return Step::InputBack;
     case M2mDevice::Happened::Output: {
       const bool last = buffer->last;
@@ -121,10 +123,14 @@ M2mDecoder::Step M2mDecoder::step(unsigned milliseconds) {
   return Step::Nothing;
 }
 
-void M2mDecoder::deliver(const Buffer& buffer) {
-  if (buffer.used[0] == 0) return;
-  const auto found = std::find(unanswered_.begin(), unanswered_.end(), buffer.serial);
+void M2mDecoder::forget(std::uint64_t serial) {
+  const auto found = std::find(unanswered_.begin(), unanswered_.end(), serial);
   if (found != unanswered_.end()) unanswered_.erase(found);
+}
+
+void M2mDecoder::deliver(const Buffer& buffer) {
+  if (buffer.used[0] > 0 || buffer.error) forget(buffer.serial);
+  if (buffer.used[0] == 0) return;
   sink_({output_, visible_, buffer});
 }
 

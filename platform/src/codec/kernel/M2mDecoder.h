@@ -31,6 +31,7 @@ class M2mDecoder {
   bool open(const std::string& path, const Setup& setup);
   bool isOpen() const { return device_.isOpen(); }
   void close() { device_.close(); }
+  M2mDevice& device() { return device_; }
 
   /// Sends a unit and waits for its frame, unless the device has shown that it holds frames back,
   /// or takes no more time for it. @param shows  the unit has a picture
@@ -52,6 +53,7 @@ class M2mDecoder {
   bool awaitFrame(std::uint64_t serial);
   Step step(unsigned milliseconds);
   bool setUpOutput();
+  void forget(std::uint64_t serial);
   void deliver(const Buffer& buffer);
 
   Sink sink_;

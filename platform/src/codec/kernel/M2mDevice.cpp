@@ -79,7 +79,13 @@ bool M2mDevice::open(const std::string& path) {
   fd_ = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
   if (fd_ < 0) return refused("open");
   auto capability = cleared<v4l2_capability>();
+  // What does not know the call is no video device at all.
   const bool answered = call(VIDIOC_QUERYCAP, &capability);
+  if (!answered && errno != ENOTTY) {
+    refused("VIDIOC_QUERYCAP");
+    close();
+    return false;
+  }
   const std::uint32_t able = (capability.capabilities & V4L2_CAP_DEVICE_CAPS) != 0
                                  ? capability.device_caps
                                  : capability.capabilities;
@@ -87,7 +93,7 @@ bool M2mDevice::open(const std::string& path) {
   if (!answered || (able & V4L2_CAP_STREAMING) == 0 ||
       (able & (V4L2_CAP_VIDEO_M2M | V4L2_CAP_VIDEO_M2M_MPLANE)) == 0) {
     close();
-    return refused(std::string("no memory-to-memory device"));
+    return refused(std::string(stranger));
   }
   card_ = text(capability.card);
   driver_ = text(capability.driver);

@@ -64,6 +64,9 @@ class M2mDevice {
   M2mDevice(const M2mDevice&) = delete;
   M2mDevice& operator=(const M2mDevice&) = delete;
 
+  /// What error() ends with for a node that is something else, and will be tomorrow.
+  static constexpr const char* stranger = "no memory-to-memory device";
+
   /// Opens the node and makes sure that it is such a device, with one planar interface or the
   /// other.
   bool open(const std::string& path);

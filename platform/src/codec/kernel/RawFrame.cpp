@@ -1,5 +1,6 @@
 #include "codec/kernel/RawFrame.h"
 
+#include <libyuv/planar_functions.h>
 #include <linux/videodev2.h>
 
 #include <algorithm>
@@ -69,32 +70,26 @@ bool layOut(const Format& format, const Buffer& buffer, Layout& layout) {
   return true;
 }
 
-/// Copies a row and repeats its last sample up to the frame's width.
-void copyRow(std::uint8_t* to, unsigned toWidth, const std::uint8_t* from, unsigned width) {
-  const unsigned copied = std::min(width, toWidth);
-  std::memcpy(to, from, copied);
-  if (toWidth > copied) std::memset(to + copied, to[copied - 1], toWidth - copied);
+/// Repeats the last sample of each row, and then the last row, up to the size of the frame.
+template <typename Sample>
+void pad(std::uint8_t* plane, unsigned stride, unsigned width, unsigned height, unsigned toWidth,
+         unsigned toHeight) {
+  for (unsigned y = 0; y < height && width < toWidth; ++y) {
+    std::uint8_t* const row = plane + std::size_t{y} * stride;
+    Sample last;
+    std::memcpy(&last, row + (width - 1) * sizeof last, sizeof last);
+    for (unsigned x = width; x < toWidth; ++x)
+      std::memcpy(row + x * sizeof last, &last, sizeof last);
+  }
+  const std::uint8_t* const lowest = plane + std::size_t{height - 1} * stride;
+  for (unsigned y = height; y < toHeight; ++y)
+    std::memcpy(plane + std::size_t{y} * stride, lowest, toWidth * sizeof(Sample));
 }
 
-void mergeRow(std::uint8_t* to, unsigned toPairs, const std::uint8_t* first,
-              const std::uint8_t* second, unsigned pairs) {
-  const unsigned copied = std::min(pairs, toPairs);
-  for (unsigned i = 0; i < copied; ++i) {
-    to[2 * i] = first[i];
-    to[2 * i + 1] = second[i];
-  }
-  for (unsigned i = copied; i < toPairs; ++i) {
-    to[2 * i] = first[copied - 1];
-    to[2 * i + 1] = second[copied - 1];
-  }
-}
-
-void splitRow(const std::uint8_t* pairs, unsigned count, std::uint8_t* first,
-              std::uint8_t* second) {
-  for (unsigned i = 0; i < count; ++i) {
-    first[i] = pairs[2 * i];
-    second[i] = pairs[2 * i + 1];
-  }
+void copy(const std::uint8_t* from, unsigned fromStride, std::uint8_t* to, unsigned toStride,
+          unsigned width, unsigned height) {
+  libyuv::CopyPlane(from, static_cast<int>(fromStride), to, static_cast<int>(toStride),
+                    static_cast<int>(width), static_cast<int>(height));
 }
 
 }  // namespace
@@ -110,22 +105,22 @@ bool writeFrame(const Format& format, const ConstPlanes& picture, unsigned width
   Layout layout;
   if (!layOut(format, buffer, layout) || width == 0 || height == 0) return false;
   const Planes& to = layout.planes;
-  for (unsigned y = 0; y < layout.rows; ++y)
-    copyRow(to.y + std::size_t{y} * to.yStride, format.width,
-            picture.y + std::size_t{std::min(y, height - 1)} * picture.yStride, width);
-  const unsigned chromaWidth = (width + 1) / 2, chromaHeight = (height + 1) / 2;
-  const unsigned toWidth = (format.width + 1) / 2;
-  for (unsigned y = 0; y < (layout.rows + 1) / 2; ++y) {
-    const std::size_t from = std::size_t{std::min(y, chromaHeight - 1)} * picture.uvStride;
-    const std::size_t at = std::size_t{y} * to.uvStride;
-    const std::uint8_t* const u = picture.u + from;
-    const std::uint8_t* const v = picture.v + from;
-    if (layout.interleaved) {
-      mergeRow(to.u + at, toWidth, layout.vFirst ? v : u, layout.vFirst ? u : v, chromaWidth);
-      continue;
-    }
-    copyRow(to.u + at, toWidth, u, chromaWidth);
-    copyRow(to.v + at, toWidth, v, chromaWidth);
+  const unsigned copied = std::min(width, format.width), rows = std::min(height, layout.rows);
+  copy(picture.y, picture.yStride, to.y, to.yStride, copied, rows);
+  pad<std::uint8_t>(to.y, to.yStride, copied, rows, format.width, layout.rows);
+  const unsigned pairs = (copied + 1) / 2, pairRows = (rows + 1) / 2;
+  const unsigned toPairs = (format.width + 1) / 2, toPairRows = (layout.rows + 1) / 2;
+  if (layout.interleaved) {
+    libyuv::MergeUVPlane(layout.vFirst ? picture.v : picture.u, static_cast<int>(picture.uvStride),
+                         layout.vFirst ? picture.u : picture.v, static_cast<int>(picture.uvStride),
+                         to.u, static_cast<int>(to.uvStride), static_cast<int>(pairs),
+                         static_cast<int>(pairRows));
+    pad<std::uint16_t>(to.u, to.uvStride, pairs, pairRows, toPairs, toPairRows);
+  } else {
+    copy(picture.u, picture.uvStride, to.u, to.uvStride, pairs, pairRows);
+    copy(picture.v, picture.uvStride, to.v, to.uvStride, pairs, pairRows);
+    for (std::uint8_t* const plane : {to.u, to.v})
+      pad<std::uint8_t>(plane, to.uvStride, pairs, pairRows, toPairs, toPairRows);
   }
   for (unsigned i = 0; i < format.planes; ++i)
     buffer.used[i] = std::min<std::size_t>(format.sizeImage[i], buffer.capacity[i]);
@@ -137,22 +132,19 @@ bool readFrame(const Format& format, const Rect& visible, const Buffer& buffer,
   Layout layout;
   if (!layOut(format, buffer, layout)) return false;
   const Planes& from = layout.planes;
-  for (unsigned y = 0; y < visible.height; ++y)
-    std::memcpy(picture.y + std::size_t{y} * picture.yStride,
-                from.y + std::size_t{visible.top + y} * from.yStride + visible.left, visible.width);
-  const unsigned chromaWidth = (visible.width + 1) / 2;
-  for (unsigned y = 0; y < (visible.height + 1) / 2; ++y) {
-    const std::size_t at = std::size_t{visible.top / 2 + y} * from.uvStride;
-    const std::size_t to = std::size_t{y} * picture.uvStride;
-    if (layout.interleaved) {
-      const std::uint8_t* const pairs = from.u + at + (visible.left & ~1u);
-      splitRow(pairs, chromaWidth, (layout.vFirst ? picture.v : picture.u) + to,
-               (layout.vFirst ? picture.u : picture.v) + to);
-      continue;
-    }
-    std::memcpy(picture.u + to, from.u + at + visible.left / 2, chromaWidth);
-    std::memcpy(picture.v + to, from.v + at + visible.left / 2, chromaWidth);
+  copy(from.y + std::size_t{visible.top} * from.yStride + visible.left, from.yStride, picture.y,
+       picture.yStride, visible.width, visible.height);
+  const unsigned pairs = (visible.width + 1) / 2, pairRows = (visible.height + 1) / 2;
+  const std::size_t at = std::size_t{visible.top / 2} * from.uvStride;
+  if (layout.interleaved) {
+    libyuv::SplitUVPlane(from.u + at + (visible.left & ~1u), static_cast<int>(from.uvStride),
+                         layout.vFirst ? picture.v : picture.u, static_cast<int>(picture.uvStride),
+                         layout.vFirst ? picture.u : picture.v, static_cast<int>(picture.uvStride),
+                         static_cast<int>(pairs), static_cast<int>(pairRows));
+    return true;
   }
+  copy(from.u + at + visible.left / 2, from.uvStride, picture.u, picture.uvStride, pairs, pairRows);
+  copy(from.v + at + visible.left / 2, from.uvStride, picture.v, picture.uvStride, pairs, pairRows);
   return true;
 }
 
