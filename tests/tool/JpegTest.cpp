@@ -110,8 +110,8 @@ TEST_F(ToolTest, APhotoOfAnySamplingAndSizeIsDecodedBitForBit) {
     for (const Sampling sampling : {Sampling::Yuv420, Sampling::Yuv444, Sampling::Grey}) {
       const Bytes jpeg = support::encodeJpeg(support::scene(width, height), sampling, 90);
       save("in.jpg", jpeg);
-      succeed("tessera jpeg-decode in.jpg -o out.yuv");
-      const auto pictures = fromI420(load("out.yuv"), width, height);
+      succeed("tessera jpeg-decode in.jpg -o out.y4m");
+      const auto pictures = fromY4m(load("out.y4m")).pictures;
       ASSERT_EQ(pictures.size(), 1u) << width << "x" << height;
       EXPECT_EQ(pictures[0].y, support::decodeJpeg(jpeg).y) << width << "x" << height;
     }
