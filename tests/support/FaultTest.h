@@ -7,6 +7,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <type_traits>
 #include <variant>
 #include <vector>
 
@@ -72,17 +73,10 @@ class FaultTest : public testing::Test {
 struct NameOf {
   template <typename Case>
   std::string operator()(const testing::TestParamInfo<Case>& tested) const {
-    return of(tested.param);
-  }
-
- private:
-  template <typename Row>
-  static std::string of(const Row& row) {
-    return row.name;
-  }
-  template <typename Class>
-  static std::string of(const Class* kind) {
-    return kind->name;
+    if constexpr (std::is_pointer_v<Case>)
+      return tested.param->name;
+    else
+      return tested.param.name;
   }
 };
 
