@@ -49,12 +49,12 @@ INSTANTIATE_TEST_SUITE_P(
                     Way{"rgb32", "mmal", 205, 97}, Way{"rgb32", "omx", 205, 97}));
 
 TEST_F(ToolTest, ManyFramesThroughPipesComeBackEachItself) {
-  constexpr int count = 12, width = 150, height = 75;
+  constexpr int count = 12, width = 151, height = 75;
   // Far enough apart for any one to be told from all others.
   const auto picture = [](int t) { return support::scene(width, height, 9 * t); };
   save("in", frames(count, [&](int t) { return rawFrame(picture(t), "yuyv"); }));
   succeed(
-      "tessera jpeg-encode --range full --size 150x75 --format yuyv - -o - <in | tessera "
+      "tessera jpeg-encode --range full --size 151x75 --format yuyv - -o - <in | tessera "
       "jpeg-decode - -o - "
       ">out.y4m");
   const Y4m decoded = fromY4m(load("out.y4m"));
@@ -104,18 +104,6 @@ INSTANTIATE_TEST_SUITE_P(Ways, RangeTest,
                                          RangeSaid{" F25:1 XCOLORRANGE=LIMITED", "", false},
                                          RangeSaid{" F25:1", "", false},
                                          RangeSaid{" F25:1", "--range full", true}));
-
-TEST_F(ToolTest, APhotoOfAnySamplingAndSizeIsDecodedBitForBit) {
-  for (const auto& [width, height] : {std::pair(1, 1), {2, 2}, {33, 17}, {321, 241}})
-    for (const Sampling sampling : {Sampling::Yuv420, Sampling::Yuv444, Sampling::Grey}) {
-      const Bytes jpeg = support::encodeJpeg(support::scene(width, height), sampling, 90);
-      save("in.jpg", jpeg);
-      succeed("tessera jpeg-decode in.jpg -o out.y4m");
-      const auto pictures = fromY4m(load("out.y4m")).pictures;
-      ASSERT_EQ(pictures.size(), 1u) << width << "x" << height;
-      EXPECT_EQ(pictures[0].y, support::decodeJpeg(jpeg).y) << width << "x" << height;
-    }
-}
 
 TEST_F(ToolTest, PicturesWithinPicturesAndStrayBytesDoNotConfuseTheCut) {
   const Bytes inner = support::encodeJpeg(support::flat(16, 16, 9, 9, 9), Sampling::Yuv420, 80);
