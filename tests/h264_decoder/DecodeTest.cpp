@@ -98,9 +98,7 @@ const std::pair<const char*, H264Options> kinds[] = {
     {"interlaced", {96, 96, 8, 2, 1, 6, 24, true}},
     {"longer than a buffer", {64, 48, 4, 0, 1, 6, 2}},
 };
-class Decoder : public support::FaultTest {
-  const support::VirtualTime time_;
-};
+using Decoder = support::TimedFaultTest;
 
 void expectPictures(const std::vector<Shown>& seen, const std::vector<Yuv>& expected) {
   ASSERT_EQ(seen.size(), expected.size());

@@ -2,9 +2,11 @@
 #include <cstdlib>
 #include <functional>
 
-#include "H264Encoders.h"
+#include "support/Calls.h"
+#include "support/FaultTest.h"
 
 using namespace support;
+using BothH264 = Both<H264Class>;
 
 INSTANTIATE_TEST_SUITE_P(Classes, BothH264, testing::Values(&mmalH264(), &omxH264()), NameOf());
 

@@ -1,6 +1,8 @@
-#include "JpegEncoders.h"
+#include "support/Calls.h"
+#include "support/FaultTest.h"
 
 using namespace support;
+using BothJpeg = Both<JpegClass>;
 
 INSTANTIATE_TEST_SUITE_P(Classes, BothJpeg, testing::Values(&mmalJpeg(), &omxJpeg()), NameOf());
 

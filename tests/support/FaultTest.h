@@ -69,6 +69,15 @@ class FaultTest : public testing::Test {
   }
 };
 
+/// The same in virtual time.
+class TimedFaultTest : public FaultTest {
+  const VirtualTime time_;
+};
+
+/// One body for both encoders of a kind.
+template <typename Class>
+class Both : public TimedFaultTest, public testing::WithParamInterface<const Class*> {};
+
 /// Names the rows of a table, or classes.
 struct NameOf {
   template <typename Case>
