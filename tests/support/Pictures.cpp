@@ -161,10 +161,6 @@ double psnr(const Bytes& a, const Bytes& b) {
   return 10 * std::log10(255.0 * 255.0 * static_cast<double>(a.size()) / sum);
 }
 
-double lumaPsnr(const Yuv& a, const Yuv& b) {
-  return psnr(a.y, b.y);
-}
-
 double worstPsnr(const std::vector<Yuv>& seen, const std::vector<Yuv>& pictures) {
   double worst = 99;
   for (std::size_t i = 0; i < std::min(seen.size(), pictures.size()); ++i) {

@@ -67,8 +67,6 @@ Yuv unpadded(const std::uint8_t* data, int width, int height);
 
 /// Of two runs of bytes; 99 where they are equal.
 double psnr(const Bytes& a, const Bytes& b);
-/// Of the luma planes of two pictures of one size.
-double lumaPsnr(const Yuv& a, const Yuv& b);
 /// The worst plane of a series, as far as both go. Where what was seen is larger, the pictures' part of
 /// it counts.
 double worstPsnr(const std::vector<Yuv>& seen, const std::vector<Yuv>& pictures);
