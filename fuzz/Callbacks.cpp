@@ -1,26 +1,23 @@
 // Callbacks that nobody expects, and expected ones that go wrong, in any order between the
 // operations of live objects: nothing crashes, hangs or stays behind, and a fresh object works.
 
-#include <tessera/tessera.h>
 #include <tessera_platform/control.h>
 
 #include <functional>
 
 #include "Fuzz.h"
+#include "support/Calls.h"
 #include "support/VirtualTime.h"
 
 namespace {
 
 constexpr int width = 32, height = 16;
 
-int encodeJpeg(IJPEGEncoder& encoder) {
-  fuzz::Exact frame(width * height * 2), jpeg(8192);
-  std::fill_n(frame.data(), frame.size(), std::uint8_t{0x80});
-  unsigned size = 0;
-  const int result =
-      encoder.EncodeYUYV(frame.data(), frame.size(), width, height, jpeg.data(), jpeg.size(), size);
-  MUST(result == 0 || size <= jpeg.size());
-  return result;
+int encodeJpeg(support::JpegEncoder& encoder) {
+  const support::Encoded out =
+      encoder.encode(support::Bytes(width * height * 2, 0x80), 0, width, height, 8192);
+  MUST(out.result == 0 || out.jpeg.size() <= 8192);
+  return out.result;
 }
 
 template <typename Handler>
@@ -44,14 +41,6 @@ void spoilCompletion(FuzzedDataProvider& script) {
   tessera_platform::inject(fault);
 }
 
-void workH264(IH264Encoder& encoder) {
-  fuzz::Exact frame(width * height * 2), data(8192);
-  std::fill_n(frame.data(), frame.size(), std::uint8_t{0x80});
-  unsigned size = 0, flags = 0;
-  encoder.ProcessInput(frame.data(), frame.size(), 0, 0);
-  encoder.ProcessOutput(data.data(), data.size(), size, flags);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
@@ -59,29 +48,32 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   FuzzedDataProvider script(bytes, size);
   const support::VirtualTime time;
   {
-    COmxJpegEncoder jpeg;
-    COmxH264Encoder h264;
-    CMmalH264Encoder mmal;
-    for (IH264Encoder* const each :
-         {static_cast<IH264Encoder*>(&h264), static_cast<IH264Encoder*>(&mmal)})
-      each->Create(0x56595559, width, height, 30, 1, 1, 1, 500000);
+    support::JpegEncoder jpeg(support::omxJpeg());
+    support::H264Encoder omx(support::omxH264()), mmal(support::mmalH264());
+    void* const jpegObject = &*jpeg;
+    void* const h264Object = &*omx;
+    const auto work = [](support::H264Encoder& encoder) {
+      encoder.feed();
+      encoder.take(8192);
+    };
+    for (auto* const each : {&omx, &mmal}) each->create({support::yuyv, width, height});
     const std::function<void()> steps[] = {
         [&] { encodeJpeg(jpeg); },
-        [&] { workH264(h264); },
-        [&] { strayEvent(script, OmxEventsHandler, &jpeg); },
-        [&] { strayEvent(script, OmxH264EventsHandler, &h264); },
-        [&] { OmxFillOutputBufferHandler(nullptr, &jpeg, nullptr); },
-        [&] { OmxEmptyInputBufferHandler(nullptr, &jpeg, nullptr); },
-        [&] { OmxH264FillOutputBufferHandler(nullptr, &h264, nullptr); },
+        [&] { work(omx); },
+        [&] { strayEvent(script, OmxEventsHandler, jpegObject); },
+        [&] { strayEvent(script, OmxH264EventsHandler, h264Object); },
+        [&] { OmxFillOutputBufferHandler(nullptr, jpegObject, nullptr); },
+        [&] { OmxEmptyInputBufferHandler(nullptr, jpegObject, nullptr); },
+        [&] { OmxH264FillOutputBufferHandler(nullptr, h264Object, nullptr); },
         [&] { spoilCompletion(script); },
-        [&] { workH264(mmal); },
-        [&] { OmxH264EmptyInputBufferHandler(nullptr, &h264, nullptr); }};
+        [&] { work(mmal); },
+        [&] { OmxH264EmptyInputBufferHandler(nullptr, h264Object, nullptr); }};
     for (int step = 0; step < 12 && script.remaining_bytes() > 0; ++step)
       steps[script.ConsumeIntegralInRange(0, 9)]();
   }
   tessera_platform::clearFaults();
   MUST(tessera_platform::census().empty());
-  COmxJpegEncoder fresh;
+  support::JpegEncoder fresh(support::omxJpeg());
   MUST(encodeJpeg(fresh) == 1);
   return 0;
 }

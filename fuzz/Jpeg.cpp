@@ -4,22 +4,7 @@
 #include <tessera/tessera.h>
 
 #include "Fuzz.h"
-
-namespace {
-
-constexpr int goodSize = 32;
-
-std::vector<std::uint8_t> goodJpeg() {
-  std::vector<std::uint8_t> frame(goodSize * goodSize * 2, 0x80), jpeg(8192);
-  COmxJpegEncoder encoder;
-  unsigned size = 0;
-  MUST(encoder.EncodeYUYV(frame.data(), goodSize * goodSize * 2, goodSize, goodSize, jpeg.data(),
-                          8192, size) == 1);
-  jpeg.resize(size);
-  return jpeg;
-}
-
-}  // namespace
+#include "support/JpegOracle.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz::silence();
@@ -37,9 +22,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static_cast<void>(last);
   }
   int goodWidth = 0, goodHeight = 0;
-  static const std::vector<std::uint8_t> made = goodJpeg();
+  static const support::Bytes made =
+      support::encodeJpeg(support::scene(32, 32), support::Sampling::Yuv420, 80);
   fuzz::Exact good(made);
   MUST(pool->DecodeJpeg(good.chars(), good.size(), goodWidth, goodHeight) != nullptr);
-  MUST(goodWidth == goodSize && goodHeight == goodSize);
+  MUST(goodWidth == 32 && goodHeight == 32);
   return 0;
 }

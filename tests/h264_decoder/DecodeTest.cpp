@@ -98,9 +98,7 @@ const std::pair<const char*, H264Options> kinds[] = {
     {"interlaced", {96, 96, 8, 2, 1, 6, 24, true}},
     {"longer than a buffer", {64, 48, 4, 0, 1, 6, 2}},
 };
-class Decoder : public support::FaultTest {
-  const support::VirtualTime time_;
-};
+using Decoder = support::TimedFaultTest;
 
 void expectPictures(const std::vector<Shown>& seen, const std::vector<Yuv>& expected) {
   ASSERT_EQ(seen.size(), expected.size());
@@ -203,11 +201,10 @@ TEST_F(Decoder, SaysOnceThatAStreamIsBeyondItAndNothingElse) {
 
 TEST_F(Decoder, ParameterSetsMayComeAsExtraData) {
   const H264Made made = support::encodeH264({96, 64, 5, 0, 1, 6});
-  const std::vector<std::size_t> nals = support::nalStarts(made.stream);
-  std::size_t slice = 0;  // the first NAL unit that is no parameter set
-  while ((made.stream[nals[slice] + 4] & 31) != 5 && (made.stream[nals[slice] + 3] & 31) != 5)
-    ++slice;
-  const auto cut = made.stream.begin() + static_cast<std::ptrdiff_t>(nals[slice]);
+  const std::vector<int> types = support::nalTypes(made.stream);
+  const auto slice = std::find(types.begin(), types.end(), 5) - types.begin();
+  const std::size_t start = support::nalStarts(made.stream)[static_cast<std::size_t>(slice)];
+  const auto cut = made.stream.begin() + static_cast<std::ptrdiff_t>(start);
   const Bytes rest(cut, made.stream.end());
   Player player(96, 64, Bytes(made.stream.begin(), cut));
   expectPictures(player.play(rest, {0, rest.size()}, 5), support::decodeH264(made.stream).pictures);

@@ -46,9 +46,7 @@ std::unique_ptr<Decoder> ready(bool created = true) {
   return decoder;
 }
 
-class DecoderFaults : public FaultTest {
-  const VirtualTime time_;
-};
+using DecoderFaults = TimedFaultTest;
 using DecoderThreads = FaultTest;
 
 TEST_F(DecoderFaults, TheFactoryReportsAMissingComponent) {

@@ -2,11 +2,13 @@
 #include <fstream>
 #include <iomanip>
 
-#include "H264Encoders.h"
+#include "support/Calls.h"
+#include "support/FaultTest.h"
 
 namespace {
 
 using namespace support;
+using BothH264 = Both<H264Class>;
 
 /// Lines with addresses left out: "[0x]".
 std::string withoutAddresses(std::string lines) {

@@ -1,15 +1,16 @@
-#include "H264Encoders.h"
+#include "support/FaultTest.h"
+
+#include "support/Calls.h"
 #include "support/FaultTable.h"
 
 namespace {
 
 using namespace support;
+using BothH264 = Both<H264Class>;
 
 const std::string mmal = "CMmalH264Encoder::", omx = "COmxH264Encoder::";
 
-class H264FaultTest : public FaultTest {
-  const VirtualTime time_;
-};
+using H264FaultTest = TimedFaultTest;
 
 TEST_P(BothH264, FaultsHaveTheirLinesAndTheObjectWorksAgain) {
   expectFaults(GetParam()->name);
@@ -97,8 +98,6 @@ TEST_F(H264FaultTest, WhatCannotBeGivenBackIsTold) {
 }
 
 TEST_F(H264FaultTest, WhatCannotBeMadeIsReported) {
-  interpose::allocation.arm(1);
-  EXPECT_THROW(CreateEncoderH264(), std::bad_alloc);
   for (const auto& [nth, which] : {std::pair(1, "input"), std::pair(2, "output")}) {
     interpose::semInit.arm(nth);
     expectAnswer<bool>([] { return CMmalH264Encoder(), true; }, true, "",

@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
 #include <tessera_platform/control.h>
 
-#include <algorithm>
-#include <array>
-
 #include "PoolFixture.h"
 #include "support/JpegSurgery.h"
 
@@ -26,25 +23,6 @@ TEST(Decode, PicturesOfAnySamplingAndSizeAreWhatTurboJpegSees) {
       EXPECT_EQ(difference(decode(*pool, jpeg), jpeg), "")
           << width << "x" << height << ", sampling " << static_cast<int>(sampling);
     }
-}
-
-TEST(Decode, PaddingRepeatsTheEdge) {
-  QuietPool pool;
-  decode(*pool, support::encodeJpeg(support::noise(50, 35, 1), Sampling::Yuv420, 95));
-  for (const Sampling sampling : samplings) {
-    const Decoded seen = decode(*pool, jpegOf(50, 35, 0, sampling));
-    ASSERT_NE(seen.data, nullptr);
-    const unsigned char* plane = seen.data;
-    for (const auto& [width, height, stride, rows] :
-         {std::array{50, 35, 64, 48}, {25, 18, 32, 24}, {25, 18, 32, 24}}) {
-      for (int y = 0; y < rows; ++y)
-        for (int x = 0; x < stride; ++x)
-          ASSERT_EQ(plane[y * stride + x],
-                    plane[std::min(y, height - 1) * stride + std::min(x, width - 1)])
-              << x << ", " << y;
-      plane += stride * rows;
-    }
-  }
 }
 
 TEST(Decode, TakesWhatCamerasWrite) {

@@ -38,9 +38,7 @@ namespace {
 
 using namespace support;
 
-class Faults : public FaultTest {
-  const VirtualTime time_;
-};
+using Faults = TimedFaultTest;
 
 const std::string noResources =
     "There were insufficient resources to perform the requested operation";

@@ -53,5 +53,7 @@ std::string difference(const Decoded& decoded, const Bytes& jpeg) {
     }
   const bool resampled = truth.sampling != support::Sampling::Yuv420;
   if (worst > (resampled ? 2 : 0)) text << " chroma differs by " << worst;
+  const Bytes whole = support::padded(seen);
+  if (!std::equal(whole.begin(), whole.end(), decoded.data)) text << " its padding is not its edge";
   return text.str();
 }

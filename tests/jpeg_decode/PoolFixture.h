@@ -30,7 +30,6 @@ struct TesseraTestAccess {
   static void freeInputs(DecoderPool& pool) {
     for (int i = 0; i < pool.nInputBuffers; ++i) pool.ppInputBuffers[i]->nFilledLen = 0;
   }
-  static OMX_ERRORTYPE lastError(const DecoderPool& pool) { return pool.lastError; }
 };
 
 inline support::Bytes jpegOf(int width, int height, int t = 0,
@@ -42,24 +41,22 @@ struct Decoded {
   const unsigned char* data = nullptr;
   int width = 0;
   int height = 0;
-  std::string lines;   ///< on standard output
-  std::string errors;  ///< on standard error
+  std::string lines;  ///< on standard output
 };
 
 /// Decodes; width and height are what the caller passes in.
 inline Decoded decode(DecoderPool& pool, support::Bytes jpeg, int width = 0, int height = 0) {
-  Decoded decoded{nullptr, width, height, {}, {}};
+  Decoded decoded{nullptr, width, height, {}};
   support::Capture capture;
   decoded.data =
       pool.DecodeJpeg(reinterpret_cast<char*>(jpeg.data()), static_cast<unsigned int>(jpeg.size()),
                       decoded.width, decoded.height);
   decoded.lines = capture.out();
-  decoded.errors = capture.err();
   return decoded;
 }
 
 /// Whether the planes are those of the JPEG: luma bit for bit, chroma within 2 of the average of
-/// the samples that lie under it. Empty when they are.
+/// the samples that lie under it, and the padding repeats the edge. Empty when they are.
 std::string difference(const Decoded& decoded, const support::Bytes& jpeg);
 
 /// A pool that does not print.

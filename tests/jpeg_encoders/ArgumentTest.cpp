@@ -1,11 +1,13 @@
 #include <fstream>
 #include <iomanip>
 
-#include "JpegEncoders.h"
+#include "support/Calls.h"
+#include "support/FaultTest.h"
 
 namespace {
 
 using namespace support;
+using BothJpeg = Both<JpegClass>;
 
 TEST_P(BothJpeg, AllocatingOverloadsHandTheArrayOver) {
   JpegEncoder encoder(*GetParam());

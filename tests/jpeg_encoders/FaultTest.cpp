@@ -1,10 +1,12 @@
+#include "support/FaultTest.h"
+
 #include <IL/OMX_Core.h>
 #include <dlfcn.h>
 
 #include <atomic>
 #include <thread>
 
-#include "JpegEncoders.h"
+#include "support/Calls.h"
 #include "support/FaultTable.h"
 
 namespace {
@@ -36,6 +38,7 @@ MMAL_STATUS_T mmal_wrapper_buffer_get_full(MMAL_PORT_T* port, MMAL_BUFFER_HEADER
 namespace {
 
 using namespace support;
+using BothJpeg = Both<JpegClass>;
 using control::CompletionFault;
 
 const Image picture = scene(100, 50);
@@ -47,24 +50,19 @@ const std::string step = mmal + "Initialize - failed to ";
 const std::string noFill = omx + " - no answer to OMX_FillThisBuffer\n",
                   noDisable = omx + " - no answer to OMX_CommandPortDisable\n";
 
-class JpegFaultTest : public FaultTest {
-  const VirtualTime time_;
-};
+using JpegFaultTest = TimedFaultTest;
 using JpegThreads = FaultTest;
 
 TEST_P(BothJpeg, FaultsHaveTheirLinesAndTheNextCallIsNotFooled) {
-  const VirtualTime time;
   expectFaults(GetParam()->name);
 }
 
 TEST_P(BothJpeg, ObjectsDoNotDisturbEachOther) {
-  const VirtualTime time;
   expectIndependence(GetParam()->name);
 }
 
 /// Ten seconds, or one after an error event.
 TEST_P(BothJpeg, ACallWithoutAnAnswerEndsOnTimeWhateverDisturbsIt) {
-  const VirtualTime time;
   expectLimits(GetParam()->name);
   JpegEncoder encoder(*GetParam());
   if (GetParam()->mmal) {
@@ -172,7 +170,6 @@ TEST_F(JpegFaultTest, WithoutASemaphoreThereIsNoSetup) {
 
 /// The MMAL class looks again now and then, the OpenMAX IL one gives up.
 TEST_P(BothJpeg, AClockOrASemaphoreThatDoesNotWorkHangsNobody) {
-  const VirtualTime time;
   using interpose::clockGettime;
   // The clock may also work once, for the deadline alone.
   for (const auto& [broken, nth] : {std::pair(&clockGettime, 1), std::pair(&clockGettime, 2),
@@ -254,7 +251,6 @@ TEST_F(JpegFaultTest, WhatCannotBeGivenBackIsTold) {
 }
 
 TEST_P(BothJpeg, TheConversationReadsLikeThis) {
-  const VirtualTime time;
   control::startJournal();
   {
     JpegEncoder encoder(*GetParam());

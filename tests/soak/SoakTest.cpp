@@ -1,20 +1,15 @@
-#include <tessera/tessera.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 
+#include "support/Calls.h"
 #include "support/FaultTest.h"
-#include "support/H264Oracle.h"
-#include "support/JpegOracle.h"
 
 namespace {
 
-using support::Bytes;
-
-constexpr int width = 64, height = 48;
+using namespace support;
 
 bool isWhole() {
   const char* const asked = std::getenv("TESSERA_SOAK");
@@ -24,22 +19,17 @@ bool isWhole() {
 /// What the process has.
 struct Held {
   long resident = 0;
-  std::size_t allocations = support::interpose::allocationsOfLibrary();
-  std::ptrdiff_t threads = entries("/proc/self/task"), descriptors = entries("/proc/self/fd");
+  std::size_t allocations = interpose::allocationsOfLibrary();
+  int threads = entries("/proc/self/task"), descriptors = entries("/proc/self/fd");
 
   Held() {
     long total = 0, pages = 0;
     std::ifstream("/proc/self/statm") >> total >> pages;
     resident = pages * sysconf(_SC_PAGESIZE);
   }
-  static std::ptrdiff_t entries(const char* folder) {
-    return std::distance(std::filesystem::directory_iterator(folder), {});
-  }
 };
 
-unsigned length(const Bytes& bytes) {
-  return static_cast<unsigned>(bytes.size());
-}
+constexpr unsigned room = 50000;  ///< for any output
 
 /// One class at work: an object that does one frame a call, with the caller's memory, and says
 /// whether it came out.
@@ -47,43 +37,36 @@ using Frame = std::function<bool()>;
 
 /// Asks for an output that may be late.
 template <typename Ask>
-bool comes(Ask ask) {
-  CodecStatus status = CodecTimeout;
-  for (int tries = 0; status == CodecTimeout && tries < 20; ++tries) status = ask();
-  return status == CodecOk;
+auto late(Ask ask) {
+  auto out = ask();
+  for (int tries = 1; out.status == CodecTimeout && tries < 20; ++tries) out = ask();
+  return out;
 }
 
-Frame jpegFrame(IJPEGEncoder* made) {
-  const std::shared_ptr<IJPEGEncoder> encoder(made, ReleaseEncoderJPEG);
-  return [encoder, raw = support::toYuyv(support::scene(width, height)),
-          jpeg = Bytes(50000)]() mutable {
-    unsigned size = 0;
-    return encoder->EncodeYUYV(raw.data(), length(raw), width, height, jpeg.data(), length(jpeg),
-                               size) == 1;
+Frame jpegFrame(const JpegClass& kind) {
+  const auto encoder = std::make_shared<JpegEncoder>(kind);
+  return [=, raw = encoder->raw(scene(64, 48), 0)] {
+    return encoder->encode(raw, 0, 64, 48, room).result == 1;
   };
 }
 
 Frame poolFrame() {
   const std::shared_ptr<DecoderPool> pool(GetDecoderPool(), ReleaseDecoderPool);
-  return [pool, jpeg = support::encodeJpeg(support::scene(width, height), support::Sampling::Yuv420,
-                                           80)]() mutable {
+  return [pool, jpeg = encodeJpeg(scene(64, 48), Sampling::Yuv420, 80)]() mutable {
     int w = 0, h = 0;
     return pool->DecodeJpeg(reinterpret_cast<char*>(jpeg.data()), length(jpeg), w, h) != nullptr;
   };
 }
 
-Frame h264Frame(IH264Encoder* made) {
-  const std::shared_ptr<IH264Encoder> encoder(made, ReleaseEncoderH264);
-  encoder->Create(0x56595559, width, height, 30, 1, 1, 1, 1000000);
-  return [encoder, raw = support::toYuyv(support::scene(width, height)),
-          data = Bytes(50000)]() mutable {
-    if (encoder->ProcessInput(raw.data(), length(raw), 0, 0) != CodecOk) return false;
-    unsigned size = 0, flags = 0;
-    const auto next = [&] {
-      return encoder->ProcessOutput(data.data(), length(data), size, flags);
-    };
+Frame h264Frame(const H264Class& kind) {
+  const auto encoder = std::make_shared<H264Encoder>(kind);
+  encoder->create();
+  return [=, picture = scene(64, 48)] {
+    if (encoder->feed(picture) != CodecOk) return false;
+    const auto next = [&] { return encoder->take(room); };
     // The parameter sets have a buffer of their own, before every key frame.
-    return comes(next) && ((data[4] & 31) != 7 || size >= 64 || comes(next));
+    const Output first = late(next);
+    return first.status == CodecOk && (holdsSlice(first.data) || late(next).status == CodecOk);
   };
 }
 
@@ -91,19 +74,11 @@ Frame decoderFrame() {
   IH264Decoder* made = nullptr;
   CreateH264Decoder(&made);
   const std::shared_ptr<IH264Decoder> decoder(made, FreeH264Decoder);
-  if (made == nullptr || !decoder->Create(width, height, 0, nullptr)) return {};
-  return [decoder, clip = support::encodeH264({width, height, 8}), picture = Bytes(64 * 48 * 3 / 2),
-          i = std::size_t{0}]() mutable {
-    const std::size_t from = clip.units[i], to = clip.units[i + 1];
-    i = (i + 1) % (clip.units.size() - 1);
-    if (decoder->ProcessInput(&clip.stream[from], static_cast<unsigned>(to - from), width, height,
-                              0, 0) != CodecOk)
-      return false;
-    unsigned size = 0, w = 0, h = 0;
-    unsigned long long timestamp = 0;
-    return comes([&] {
-      return decoder->ProcessOutput(picture.data(), length(picture), size, w, h, timestamp);
-    });
+  if (made == nullptr || !decoder->Create(64, 48, 0, nullptr)) return {};
+  return [decoder, unit = 0]() mutable {
+    if (feed(*decoder, unit) != CodecOk) return false;
+    unit = (unit + 1) % 4;
+    return late([&] { return take(*decoder); }).status == CodecOk;
   };
 }
 
@@ -112,15 +87,15 @@ struct Worker {
   std::function<Frame()> make;
 };
 const Worker workers[] = {
-    {"CMmalJpegEncoder", [] { return jpegFrame(CreateEncoderJPEG()); }},
-    {"COmxJpegEncoder", [] { return jpegFrame(new COmxJpegEncoder); }},
+    {"CMmalJpegEncoder", [] { return jpegFrame(mmalJpeg()); }},
+    {"COmxJpegEncoder", [] { return jpegFrame(omxJpeg()); }},
     {"DecoderPool", poolFrame},
-    {"CMmalH264Encoder", [] { return h264Frame(CreateEncoderH264()); }},
-    {"COmxH264Encoder", [] { return h264Frame(new COmxH264Encoder); }},
+    {"CMmalH264Encoder", [] { return h264Frame(mmalH264()); }},
+    {"COmxH264Encoder", [] { return h264Frame(omxH264()); }},
     {"CMmalH264Decoder", decoderFrame},
 };
 
-class Soak : public support::FaultTest, public testing::WithParamInterface<Worker> {
+class Soak : public FaultTest, public testing::WithParamInterface<Worker> {
  protected:
   const bool whole_ = isWhole();
 };
@@ -130,7 +105,7 @@ TEST_P(Soak, FramesCostNoMemory) {
   std::unique_ptr<Held> before, after;
   int missed = 0;
   {
-    const support::Capture quiet;
+    const Capture quiet;
     const Frame frame = GetParam().make();
     ASSERT_TRUE(frame);
     for (int done = 0; done < frames; ++done) {
@@ -154,12 +129,12 @@ TEST_P(Soak, CyclesLeaveNothing) {
   std::unique_ptr<Held> before;
   int missed = 0;
   for (int done = 0; done < cycles; ++done) {
-    const support::Capture quiet;
+    const Capture quiet;
     if (done == cycles - counted) before = std::make_unique<Held>();
     const Frame frame = GetParam().make();
     missed += !frame || !frame();
   }
-  const support::Capture same;  // holds as many descriptors as the one in the loop
+  const Capture same;  // holds as many descriptors as the one in the loop
   const Held after;
   EXPECT_EQ(missed, 0);
   EXPECT_EQ(after.threads, before->threads);
@@ -168,6 +143,6 @@ TEST_P(Soak, CyclesLeaveNothing) {
   EXPECT_LE((after.resident - before->resident) / counted, whole_ ? 2048 : 16384);
 }
 
-INSTANTIATE_TEST_SUITE_P(Classes, Soak, testing::ValuesIn(workers), support::NameOf());
+INSTANTIATE_TEST_SUITE_P(Classes, Soak, testing::ValuesIn(workers), NameOf());
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <functional>
 #include <memory>
-#include <ostream>
 
 #include "support/H264Oracle.h"
 #include "support/JpegOracle.h"
@@ -152,13 +151,6 @@ struct Picture {
 };
 Picture take(IH264Decoder& decoder, unsigned capacity = 20000);
 Picture takeArray(IH264Decoder& decoder);
-
-inline void PrintTo(const JpegClass* kind, std::ostream* out) {
-  *out << kind->name;
-}
-inline void PrintTo(const H264Class* kind, std::ostream* out) {
-  *out << kind->name;
-}
 
 }  // namespace support
 

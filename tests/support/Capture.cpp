@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 
 namespace support {
@@ -19,6 +20,10 @@ void flushAll() {
 }
 
 }  // namespace
+
+int entries(const char* folder) {
+  return static_cast<int>(std::distance(std::filesystem::directory_iterator(folder), {}));
+}
 
 std::string contents(int file) {
   std::string text;

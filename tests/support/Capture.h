@@ -31,6 +31,8 @@ class Capture {
   Stream err_;
 };
 
+/// How many there are in a folder.
+int entries(const char* folder);
 /// All that a file holds.
 std::string contents(int file);
 /// What the process has printed, first on standard output and then on standard error, where these

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <type_traits>
 #include <variant>
 #include <vector>
 
@@ -68,21 +69,23 @@ class FaultTest : public testing::Test {
   }
 };
 
+/// The same in virtual time.
+class TimedFaultTest : public FaultTest {
+  const VirtualTime time_;
+};
+
+/// One body for both encoders of a kind.
+template <typename Class>
+class Both : public TimedFaultTest, public testing::WithParamInterface<const Class*> {};
+
 /// Names the rows of a table, or classes.
 struct NameOf {
   template <typename Case>
   std::string operator()(const testing::TestParamInfo<Case>& tested) const {
-    return of(tested.param);
-  }
-
- private:
-  template <typename Row>
-  static std::string of(const Row& row) {
-    return row.name;
-  }
-  template <typename Class>
-  static std::string of(const Class* kind) {
-    return kind->name;
+    if constexpr (std::is_pointer_v<Case>)
+      return tested.param->name;
+    else
+      return tested.param.name;
   }
 };
 

@@ -23,16 +23,9 @@ using Owned = std::unique_ptr<T, Deleter>;
 
 Yuv toYuvPicture(const AVFrame& frame) {
   Yuv yuv{frame.width, frame.height, {}, {}, {}};
-  Bytes* const planes[3] = {&yuv.y, &yuv.u, &yuv.v};
-  for (int p = 0; p < 3; ++p) {
-    const int width = p == 0 ? yuv.width : yuv.chromaWidth();
-    const int height = p == 0 ? yuv.height : yuv.chromaHeight();
-    for (int row = 0; row < height; ++row) {
-      const std::uint8_t* from =
-          frame.data[p] + static_cast<std::ptrdiff_t>(row) * frame.linesize[p];
-      planes[p]->insert(planes[p]->end(), from, from + width);
-    }
-  }
+  yuv.y = takePlane(frame.data[0], yuv.width, yuv.height, frame.linesize[0]);
+  yuv.u = takePlane(frame.data[1], yuv.chromaWidth(), yuv.chromaHeight(), frame.linesize[1]);
+  yuv.v = takePlane(frame.data[2], yuv.chromaWidth(), yuv.chromaHeight(), frame.linesize[2]);
   return yuv;
 }
 

@@ -2,7 +2,6 @@
 
 #include <turbojpeg.h>
 
-#include <algorithm>
 #include <memory>
 
 namespace support {
@@ -42,7 +41,6 @@ JpegPicture decodeJpeg(const Bytes& jpeg) {
   }
   const TJSAMP sampling = turbo(picture.sampling);
   const bool grey = picture.sampling == Sampling::Grey;
-  picture.y.resize(static_cast<std::size_t>(picture.width) * picture.height);
   if (!grey) {
     picture.chromaWidth = tjPlaneWidth(1, picture.width, sampling);
     picture.chromaHeight = tjPlaneHeight(1, picture.height, sampling);
@@ -61,9 +59,7 @@ JpegPicture decodeJpeg(const Bytes& jpeg) {
     picture.error = tjGetErrorStr2(handle.get());
     return picture;
   }
-  for (int row = 0; row < picture.height; ++row)
-    std::copy_n(&luma[static_cast<std::size_t>(row) * lumaWidth], picture.width,
-                &picture.y[static_cast<std::size_t>(row) * picture.width]);
+  picture.y = takePlane(luma.data(), picture.width, picture.height, lumaWidth);
   picture.ok = true;
   return picture;
 }

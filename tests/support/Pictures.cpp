@@ -36,18 +36,11 @@ const std::uint8_t* edge(const Image& image, int x, int y) {
   return image.at(std::min(x, image.width - 1), std::min(y, image.height - 1));
 }
 
-void copyPlane(const Bytes& from, int width, int height, std::uint8_t* to, int stride) {
-  for (int row = 0; row < height; ++row)
-    std::copy_n(&from[static_cast<std::size_t>(row) * width], width,
-                to + static_cast<std::size_t>(row) * stride);
-}
-
-Bytes takePlane(const std::uint8_t* from, int width, int height, int stride) {
-  Bytes plane;
-  for (int row = 0; row < height; ++row)
-    plane.insert(plane.end(), from + static_cast<std::size_t>(row) * stride,
-                 from + static_cast<std::size_t>(row) * stride + width);
-  return plane;
+void addPadded(Bytes& to, const Bytes& plane, int width, int height, int stride, int rows) {
+  for (int y = 0; y < rows; ++y)
+    for (int x = 0; x < stride; ++x)
+      to.push_back(plane[static_cast<std::size_t>(std::min(y, height - 1)) * width +
+                         std::min(x, width - 1)]);
 }
 
 }  // namespace
@@ -136,13 +129,18 @@ Bytes toRgb(const Image& image, int bits, int rowPixels, int rows) {
 
 Bytes padded(const Yuv& p) {
   const int stride = round32(p.width), rows = round16(p.height);
-  Bytes out(static_cast<std::size_t>(stride) * rows * 3 / 2, 128);
-  std::uint8_t* const u = out.data() + static_cast<std::size_t>(stride) * rows;
-  copyPlane(p.y, p.width, p.height, out.data(), stride);
-  copyPlane(p.u, p.chromaWidth(), p.chromaHeight(), u, stride / 2);
-  copyPlane(p.v, p.chromaWidth(), p.chromaHeight(), u + static_cast<std::size_t>(stride) * rows / 4,
-            stride / 2);
+  Bytes out;
+  addPadded(out, p.y, p.width, p.height, stride, rows);
+  for (const Bytes& plane : {p.u, p.v})
+    addPadded(out, plane, p.chromaWidth(), p.chromaHeight(), stride / 2, rows / 2);
   return out;
+}
+
+Bytes takePlane(const std::uint8_t* from, int width, int height, std::ptrdiff_t stride) {
+  Bytes plane;
+  for (int row = 0; row < height; ++row, from += stride)
+    plane.insert(plane.end(), from, from + width);
+  return plane;
 }
 
 Yuv unpadded(const std::uint8_t* data, int width, int height) {
@@ -161,10 +159,6 @@ double psnr(const Bytes& a, const Bytes& b) {
   for (std::size_t i = 0; i < a.size(); ++i) sum += (a[i] - b[i]) * (a[i] - b[i]);
   if (sum == 0) return 99;
   return 10 * std::log10(255.0 * 255.0 * static_cast<double>(a.size()) / sum);
-}
-
-double lumaPsnr(const Yuv& a, const Yuv& b) {
-  return psnr(a.y, b.y);
 }
 
 double worstPsnr(const std::vector<Yuv>& seen, const std::vector<Yuv>& pictures) {

@@ -59,14 +59,14 @@ Bytes toYuyv(const Image& image, int rowPixels = 0, int rows = 0);
 Bytes toRgb(const Image& image, int bits, int rowPixels = 0, int rows = 0);
 
 /// The padded layout of the codecs' ports: luma stride rounded to 32, rows to 16, chroma at half.
+/// Edge samples fill the padding.
 Bytes padded(const Yuv& picture);
+Bytes takePlane(const std::uint8_t* from, int width, int height, std::ptrdiff_t stride);
 /// The picture out of that layout.
 Yuv unpadded(const std::uint8_t* data, int width, int height);
 
 /// Of two runs of bytes; 99 where they are equal.
 double psnr(const Bytes& a, const Bytes& b);
-/// Of the luma planes of two pictures of one size.
-double lumaPsnr(const Yuv& a, const Yuv& b);
 /// The worst plane of a series, as far as both go. Where what was seen is larger, the pictures' part of
 /// it counts.
 double worstPsnr(const std::vector<Yuv>& seen, const std::vector<Yuv>& pictures);

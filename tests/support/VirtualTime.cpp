@@ -52,7 +52,6 @@ struct System {
   TESSERA_SYSTEM(sem_getvalue);
   TESSERA_SYSTEM(nanosleep);
   TESSERA_SYSTEM(clock_nanosleep);
-  TESSERA_SYSTEM(usleep);
   TESSERA_SYSTEM(sched_yield);
   TESSERA_SYSTEM(pthread_cond_timedwait);
   TESSERA_SYSTEM(pthread_cond_clockwait);
@@ -358,23 +357,11 @@ int nanosleep(const timespec* time, timespec* left) {
                      : real().nanosleep(time, left);
 }
 
-int usleep(useconds_t microseconds) {
-  if (!support::on) return real().usleep(microseconds);
-  const timespec time = support::toTimespec(microseconds * 1000LL);
-  return clock_nanosleep(CLOCK_MONOTONIC, 0, &time, nullptr);
-}
-
 /// On a busy machine each would cost as much as all other processes' turns.
 int sched_yield() noexcept {
   if (!support::on || !support::takesPart || support::clients > 1) return real().sched_yield();
   control::awaitQuiet();
   return 0;
-}
-
-int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
-                           const timespec* deadline) {
-  if (!support::on) return real().pthread_cond_timedwait(condition, mutex, deadline);
-  return support::awaitCondition(condition, mutex, CLOCK_REALTIME, support::nanoseconds(*deadline));
 }
 
 int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,

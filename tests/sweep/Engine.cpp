@@ -1,6 +1,5 @@
 #include "Engine.h"
 
-#include <dirent.h>
 #include <malloc.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -28,6 +27,7 @@ namespace interpose = support::interpose;
 using control::CallFault;
 using control::CompletionFault;
 using support::contents;
+using support::entries;
 
 /// For what time that stands still does not see: a child that does not stop working.
 constexpr int childLimitSeconds = 120;
@@ -35,14 +35,6 @@ constexpr int childLimitSeconds = 120;
 constexpr std::size_t blockSlack = 4;
 /// The encoder's threads draw on arenas of their own, more or fewer from run to run.
 constexpr std::size_t heapSlack = 65536;
-
-int entries(const char* folder) {
-  DIR* const dir = opendir(folder);
-  int count = 0;
-  while (readdir(dir) != nullptr) ++count;
-  closedir(dir);
-  return count;
-}
 
 /// What must be the same before and after.
 struct Holdings {

@@ -8,6 +8,7 @@ namespace {
 using support::Bytes;
 using support::Image;
 using support::Sampling;
+using support::worstPsnr;
 using support::Yuv;
 using testing::HasSubstr;
 
@@ -49,19 +50,19 @@ INSTANTIATE_TEST_SUITE_P(
                     Way{"rgb32", "mmal", 205, 97}, Way{"rgb32", "omx", 205, 97}));
 
 TEST_F(ToolTest, ManyFramesThroughPipesComeBackEachItself) {
-  constexpr int count = 12, width = 150, height = 75;
+  constexpr int count = 12, width = 151, height = 75;
   // Far enough apart for any one to be told from all others.
   const auto picture = [](int t) { return support::scene(width, height, 9 * t); };
   save("in", frames(count, [&](int t) { return rawFrame(picture(t), "yuyv"); }));
   succeed(
-      "tessera jpeg-encode --range full --size 150x75 --format yuyv - -o - <in | tessera "
+      "tessera jpeg-encode --range full --size 151x75 --format yuyv - -o - <in | tessera "
       "jpeg-decode - -o - "
       ">out.y4m");
   const Y4m decoded = fromY4m(load("out.y4m"));
   ASSERT_EQ(decoded.pictures.size(), std::size_t{count});
   for (int t = 0; t < count; ++t)
     for (int other = 0; other < count; ++other)
-      EXPECT_EQ(lumaPsnr(decoded.pictures[t], toYuv(picture(other))) > 33, t == other)
+      EXPECT_EQ(worstPsnr({decoded.pictures[t]}, {toYuv(picture(other))}) > 33, t == other)
           << t << " against " << other;
 }
 
@@ -88,7 +89,7 @@ TEST_P(RangeTest, GoesIntoTheJpegAndWithTheStream) {
       widen(picture.v, 128, 224);
     }
   }
-  EXPECT_GT(support::worstPsnr(fromY4m(load("out.y4m")).pictures, pictures), 33);
+  EXPECT_GT(worstPsnr(fromY4m(load("out.y4m")).pictures, pictures), 33);
 
   for (const std::string name : {"out.h264", "out.mp4", "out.mkv", "out.ts"}) {
     succeed("tessera h264-encode in.y4m -o " + name + " " + option + " && tessera h264-decode " +
@@ -104,18 +105,6 @@ INSTANTIATE_TEST_SUITE_P(Ways, RangeTest,
                                          RangeSaid{" F25:1 XCOLORRANGE=LIMITED", "", false},
                                          RangeSaid{" F25:1", "", false},
                                          RangeSaid{" F25:1", "--range full", true}));
-
-TEST_F(ToolTest, APhotoOfAnySamplingAndSizeIsDecodedBitForBit) {
-  for (const auto& [width, height] : {std::pair(1, 1), {2, 2}, {33, 17}, {321, 241}})
-    for (const Sampling sampling : {Sampling::Yuv420, Sampling::Yuv444, Sampling::Grey}) {
-      const Bytes jpeg = support::encodeJpeg(support::scene(width, height), sampling, 90);
-      save("in.jpg", jpeg);
-      succeed("tessera jpeg-decode in.jpg -o out.yuv");
-      const auto pictures = fromI420(load("out.yuv"), width, height);
-      ASSERT_EQ(pictures.size(), 1u) << width << "x" << height;
-      EXPECT_EQ(pictures[0].y, support::decodeJpeg(jpeg).y) << width << "x" << height;
-    }
-}
 
 TEST_F(ToolTest, PicturesWithinPicturesAndStrayBytesDoNotConfuseTheCut) {
   const Bytes inner = support::encodeJpeg(support::flat(16, 16, 9, 9, 9), Sampling::Yuv420, 80);

@@ -93,15 +93,6 @@ Bytes toI420(const Yuv& picture) {
   return picture.y + picture.u + picture.v;
 }
 
-std::vector<Yuv> fromI420(const Bytes& data, int width, int height) {
-  std::vector<Yuv> pictures;
-  auto at = data.begin();
-  while (data.end() - at >= pictureBytes(width, height))
-    pictures.push_back(takePicture(at, width, height));
-  EXPECT_EQ(at, data.end()) << "bytes beyond the last picture";
-  return pictures;
-}
-
 Bytes toY4m(const std::vector<Yuv>& pictures, const std::string& header) {
   const std::string first = "YUV4MPEG2 W" + std::to_string(pictures.at(0).width) + " H" +
                             std::to_string(pictures.at(0).height) + header + "\n";

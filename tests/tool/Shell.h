@@ -48,7 +48,6 @@ support::Bytes frames(int count, Make make) {
 
 /// The planes one after another, as in raw files.
 support::Bytes toI420(const support::Yuv& picture);
-std::vector<support::Yuv> fromI420(const support::Bytes& data, int width, int height);
 
 /// A Y4M file of 4:2:0 pictures; `header` is what follows the size.
 support::Bytes toY4m(const std::vector<support::Yuv>& pictures, const std::string& header);

@@ -74,28 +74,14 @@ TEST_F(ToolTest, RateAspectAndCountSurviveContainers) {
   }
 }
 
-using Stream = std::pair<const char*, support::H264Options>;
-class H264DecodeTest : public ToolTest, public testing::WithParamInterface<Stream> {};
-
-TEST_P(H264DecodeTest, EveryPictureBitForBitInPresentationOrder) {
-  const support::H264Options& options = GetParam().second;
-  const Bytes stream = support::encodeH264(options).stream;
+TEST_F(ToolTest, EveryPictureComesBitForBitInPresentationOrder) {
+  const Bytes stream = support::encodeH264({302, 170, 25, 3, 4}).stream;
   save("in.264", stream);
   succeed("tessera h264-decode - -o out.i420 <in.264");
   const auto expected = support::decodeH264(stream).pictures;
-  const auto pictures = fromI420(load("out.i420"), options.width, options.height);
-  ASSERT_EQ(pictures.size(), expected.size());
-  for (std::size_t i = 0; i < pictures.size(); ++i)
-    EXPECT_EQ(toI420(pictures[i]), toI420(expected[i])) << "picture " << i;
+  ASSERT_EQ(expected.size(), 25u);
+  EXPECT_EQ(load("out.i420"), frames(25, [&](std::size_t i) { return toI420(expected[i]); }));
 }
-
-/// width, height, frames, B frames, slices, key interval, quantiser, interlaced
-INSTANTIATE_TEST_SUITE_P(Streams, H264DecodeTest,
-                         testing::Values(Stream{"Plain", {320, 240, 25}},
-                                         Stream{"Slices", {320, 240, 25, 2, 4}},
-                                         Stream{"Interlaced", {320, 256, 25, 0, 1, 30, 24, true}},
-                                         Stream{"Cropped", {302, 170, 25, 3}}),
-                         [](const auto& tested) { return std::string(tested.param.first); });
 
 TEST_F(ToolTest, FramesInPiecesAreWholeAndWaitForNothing) {
   for (const std::string how :
