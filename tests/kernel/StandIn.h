@@ -185,6 +185,8 @@ class Session {
   int command(const Call& call);
   std::uint32_t highestPriority() const;
   int priority(const Call& call);
+  int mediaInfo(const Call& call);
+  int topology(const Call& call);
 
   std::uint32_t priority_ = V4L2_PRIORITY_INTERACTIVE;
   const Kind& kind_;

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <linux/media.h>
 #include <linux/v4l2-controls.h>
 
 #include <algorithm>
@@ -11,6 +12,8 @@
 namespace standin {
 
 namespace {
+
+constexpr unsigned version = 6 << 16 | 1 << 8;  // of the kernel that is stood in for
 
 int fails(int error) {
   errno = error;
@@ -152,6 +155,8 @@ Session::Answer Session::answerTo(unsigned long request) {
       {&Session::takeEvent, {VIDIOC_DQEVENT}},
       {&Session::command, {VIDIOC_ENCODER_CMD, VIDIOC_TRY_ENCODER_CMD}},
       {&Session::command, {VIDIOC_DECODER_CMD, VIDIOC_TRY_DECODER_CMD}},
+      {&Session::mediaInfo, {MEDIA_IOC_DEVICE_INFO}},
+      {&Session::topology, {MEDIA_IOC_G_TOPOLOGY}},
       {&Session::priority, {VIDIOC_G_PRIORITY, VIDIOC_S_PRIORITY}}};
   for (const auto& [answer, requests] : all)
     if (std::find(requests.begin(), requests.end(), request) != requests.end()) return answer;
@@ -177,7 +182,7 @@ int Session::queryCapability(const Call& call) {
   copyText(capability.driver, "stand-in");
   copyText(capability.card, kind_.card);
   copyText(capability.bus_info, "platform:stand-in");
-  capability.version = 6 << 16 | 1 << 8;
+  capability.version = version;
   capability.device_caps =
       V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT |
       (faults_.multiPlanar != 0 ? V4L2_CAP_VIDEO_M2M_MPLANE : V4L2_CAP_VIDEO_M2M);
@@ -573,6 +578,44 @@ int Session::priority(const Call& call) {
   if (priority < V4L2_PRIORITY_BACKGROUND || priority > V4L2_PRIORITY_RECORD) return fails(EINVAL);
   if (highest == V4L2_PRIORITY_RECORD && priority_ != V4L2_PRIORITY_RECORD) return fails(EBUSY);
   priority_ = priority;
+  return 0;
+}
+
+/// Of the media device of the same number, which says no more than which function this one has.
+int Session::mediaInfo(const Call& call) {
+  auto& info = call.as<media_device_info>();
+  std::memset(&info, 0, sizeof info);
+  copyText(info.driver, "stand-in");
+  copyText(info.model, "stand-in");
+  copyText(info.bus_info, "platform:stand-in");
+  info.media_version = info.driver_version = version;
+  return 0;
+}
+
+int Session::topology(const Call& call) {
+  const std::uint32_t function =
+      kind_.encoder ? MEDIA_ENT_F_PROC_VIDEO_ENCODER : MEDIA_ENT_F_PROC_VIDEO_DECODER;
+  const media_v2_entity entities[] = {{1, "stand-in-source", MEDIA_ENT_F_IO_V4L, 0, {}},
+                                      {2, "stand-in-proc", function, 0, {}}};
+  media_v2_interface interface = {};
+  interface.id = 3;
+  interface.intf_type = MEDIA_INTF_T_V4L_VIDEO;
+  interface.devnode = {81, kind_.number};
+  const media_v2_pad pads[] = {{4, 1, MEDIA_PAD_FL_SOURCE, 0, {}},
+                               {5, 2, MEDIA_PAD_FL_SINK, 0, {}}};
+  constexpr std::uint32_t fixed = MEDIA_LNK_FL_IMMUTABLE | MEDIA_LNK_FL_ENABLED;
+  const media_v2_link links[] = {{6, 4, 5, fixed, {}},
+                                 {7, 3, 1, fixed | MEDIA_LNK_FL_INTERFACE_LINK, {}}};
+  auto& topology = call.as<media_v2_topology>();
+  const auto put = [](const auto& value, std::uint64_t where) {
+    if (where != 0) std::memcpy(reinterpret_cast<void*>(where), &value, sizeof value);
+  };
+  put(entities, topology.ptr_entities);
+  put(interface, topology.ptr_interfaces);
+  put(pads, topology.ptr_pads);
+  put(links, topology.ptr_links);
+  topology.topology_version = topology.num_interfaces = 1;
+  topology.num_entities = topology.num_pads = topology.num_links = 2;
   return 0;
 }
 
