@@ -74,11 +74,6 @@ Function* next(Function*, const char* name) {
 }
 #define NEXT(name) next(&name, #name)
 
-int failWith(int error) {
-  errno = error;
-  return -1;
-}
-
 Faults faults() {
   Faults all;
   const std::pair<const char*, unsigned*> words[] = {
@@ -154,7 +149,7 @@ int openNode(const Kind& kind, int flags) {
   bool& isGone = gone[kind.number - first];
   isGone = isGone && wrong.goneAfter != 0;
   if (isGone || wrong.busy != 0 || wrong.forbidden != 0)
-    return failWith(isGone ? ENODEV : wrong.busy != 0 ? EBUSY : EACCES);
+    return standin::fails(isGone ? ENODEV : wrong.busy != 0 ? EBUSY : EACCES);
   const int fd = memfd_create("stand-in", (flags & O_CLOEXEC) != 0 ? MFD_CLOEXEC : 0);
   if (fd < 0) return fd;
   fcntl(fd, F_SETFL, flags & O_NONBLOCK);
@@ -171,7 +166,7 @@ int openNode(const Kind& kind, int flags) {
 int answer(Session& session, const standin::Call& call) {
   const auto address = reinterpret_cast<std::uintptr_t>(call.argument) & ~std::uintptr_t{4095};
   if (_IOC_SIZE(call.request) != 0 && msync(reinterpret_cast<void*>(address), 1, MS_ASYNC) != 0)
-    return failWith(Session::knows(call.request) ? EFAULT : ENOTTY);
+    return standin::fails(Session::knows(call.request) ? EFAULT : ENOTTY);
   return fails(&session) ? -1
                          : work(
                                session, [&] { return session.call(call); }, -1);
@@ -289,10 +284,10 @@ SHOWN void* mmap(void* where, std::size_t size, int access, int flags, int fd, o
 }
 
 SHOWN ssize_t read(int fd, void* to, std::size_t size) {
-  return sessionOf(fd) != nullptr ? failWith(EINVAL) : NEXT(read)(fd, to, size);
+  return sessionOf(fd) != nullptr ? standin::fails(EINVAL) : NEXT(read)(fd, to, size);
 }
 SHOWN ssize_t write(int fd, const void* from, std::size_t size) {
-  return sessionOf(fd) != nullptr ? failWith(EINVAL) : NEXT(write)(fd, from, size);
+  return sessionOf(fd) != nullptr ? standin::fails(EINVAL) : NEXT(write)(fd, from, size);
 }
 
 SHOWN int poll(pollfd* all, nfds_t size, int timeout) {

@@ -4,6 +4,7 @@
 #include <linux/videodev2.h>
 #include <poll.h>
 
+#include <cerrno>
 #include <deque>
 #include <map>
 #include <set>
@@ -71,6 +72,7 @@ struct Format {
   unsigned width = 0, height = 0, planes = 1;
   std::uint32_t bytesPerLine[3] = {}, sizeImage[3] = {};
   std::uint32_t colours[4] = {};  ///< what applications say of them, handed through
+  void setSize(unsigned toWidth, unsigned toHeight) { width = toWidth, height = toHeight; }
 };
 
 struct Buffer {
@@ -91,6 +93,11 @@ struct Queue {
   std::uint32_t sequence = 0;
 };
 
+inline int fails(int error) {
+  errno = error;
+  return -1;
+}
+
 /// One of the kernel's calls.
 struct Call {
   int fd;
@@ -100,7 +107,15 @@ struct Call {
   Structure& as() const {
     return *static_cast<Structure*>(argument);
   }
+  template <typename Structure>
+  Structure& blank() const {
+    return as<Structure>() = Structure();
+  }
 };
+
+class Session;
+/// Of all who have a device open.
+std::map<const Session*, std::uint32_t>& priorities(const Kind& kind);
 
 /// One open descriptor.
 class Session {
@@ -131,7 +146,6 @@ class Session {
     std::uint64_t stamp = 0;
     unsigned width = 0, height = 0;
     bool keyFrame = false, error = false;
-    bool empty() const { return bytes.empty(); }
   };
 
   Queue& coded() { return kind_.encoder ? out_ : in_; }
@@ -139,7 +153,7 @@ class Session {
   Queue* queueOf(std::uint32_t type);
   std::vector<std::uint32_t> offered(const Queue& queue) const;
   void adjust(const Queue& queue, Format& format) const;
-  bool setFormat(Queue& queue, const Format& wanted);
+  void setFormat(Queue& queue, const Format& wanted);
   bool allocate(Queue& queue, unsigned count, int fd);
   void start(Queue& queue);
   void stop(Queue& queue);
@@ -149,9 +163,14 @@ class Session {
   void encode(const Buffer& from);
   void startEncoder();
   void decode(Buffer& from);
+  void decodeJpeg(Buffer& from);
   void refuse(Buffer& from);
   void takePictures();
   void keep(Coded picture, const codec::ConstPlanes& from);
+  /// An encoder that lags keeps its last one to itself until it is drained.
+  bool hasResult() const {
+    return waiting_.size() > (kind_.encoder && !draining_ ? faults_.lag : 0);
+  }
   bool deliver();
   void fill(Buffer& to, const Coded& result);
   void finish(Buffer& last);
@@ -178,17 +197,15 @@ class Session {
   int queryOldControl(const Call& call);
   int queryMenu(const Call& call);
   int oldControl(const Call& call);
-  int setValue(std::uint32_t id, std::int64_t& value, bool apply);
+  int setValue(const ControlKind& control, std::int64_t& value, bool apply);
   int controls(const Call& call);
   int subscribe(const Call& call);
   int takeEvent(const Call& call);
   int command(const Call& call);
-  std::uint32_t highestPriority() const;
   int priority(const Call& call);
   int mediaInfo(const Call& call);
   int topology(const Call& call);
 
-  std::uint32_t priority_ = V4L2_PRIORITY_INTERACTIVE;
   const Kind& kind_;
   const Faults faults_;
   Queue in_, out_;
@@ -211,7 +228,6 @@ class Session {
   bool encoding_ = false, first_ = false, keyFrameAsked_ = false;
   std::deque<Coded> waiting_;
   std::uint64_t stamp_ = 0;
-  Coded held_;  // by an encoder that is a frame behind
 
   std::set<std::pair<std::uint32_t, std::uint32_t>> subscribed_;
   std::deque<v4l2_event> events_;

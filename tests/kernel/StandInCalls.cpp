@@ -15,11 +15,6 @@ namespace {
 
 constexpr unsigned version = 6 << 16 | 1 << 8;  // of the kernel that is stood in for
 
-int fails(int error) {
-  errno = error;
-  return -1;
-}
-
 template <typename Letter, std::size_t size>
 void copyText(Letter (&to)[size], const char* text) {
   std::memset(to, 0, size);
@@ -77,6 +72,13 @@ Format read(const v4l2_format& from) {
 constexpr auto group = V4L2_CTRL_TYPE_CTRL_CLASS;
 constexpr auto number = V4L2_CTRL_TYPE_INTEGER;
 constexpr auto menu = V4L2_CTRL_TYPE_MENU;
+constexpr auto boolean = V4L2_CTRL_TYPE_BOOLEAN;
+constexpr auto button = V4L2_CTRL_TYPE_BUTTON;
+using Entries = std::vector<const char*>;
+const Entries modes = {"Variable", "Constant"};
+const Entries levels = {"1", "1b",  "1.1", "1.2", "1.3", "2",   "2.1", "2.2",
+                        "3", "3.1", "3.2", "4",   "4.1", "4.2", "5",   "5.1"};
+const Entries profiles = {"Baseline", "Constrained Baseline", "Main", nullptr, "High"};
 
 // In the order of their numbers.
 const std::vector<ControlKind> encoderControls = {
@@ -84,32 +86,12 @@ const std::vector<ControlKind> encoderControls = {
     {V4L2_CID_MIN_BUFFERS_FOR_OUTPUT, number, "Min Number of Output Buffers", 1, 1, 32},
     {V4L2_CID_CODEC_CLASS, group, "Codec Controls"},
     {V4L2_CID_MPEG_VIDEO_GOP_SIZE, number, "Video GOP Size", 12, 1, 100000},
-    {V4L2_CID_MPEG_VIDEO_BITRATE_MODE,
-     menu,
-     "Video Bitrate Mode",
-     0,
-     0,
-     1,
-     {"Variable", "Constant"}},
+    {V4L2_CID_MPEG_VIDEO_BITRATE_MODE, menu, "Video Bitrate Mode", 0, 0, 1, modes},
     {V4L2_CID_MPEG_VIDEO_BITRATE, number, "Video Bitrate", 2000000, 1000, 100000000},
-    {V4L2_CID_MPEG_VIDEO_REPEAT_SEQ_HEADER, V4L2_CTRL_TYPE_BOOLEAN, "Repeat Sequence Header", 1, 0,
-     1},
-    {V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME, V4L2_CTRL_TYPE_BUTTON, "Force Key Frame"},
-    {V4L2_CID_MPEG_VIDEO_H264_LEVEL,
-     menu,
-     "H264 Level",
-     11,
-     0,
-     15,
-     {"1", "1b", "1.1", "1.2", "1.3", "2", "2.1", "2.2", "3", "3.1", "3.2", "4", "4.1", "4.2", "5",
-      "5.1"}},
-    {V4L2_CID_MPEG_VIDEO_H264_PROFILE,
-     menu,
-     "H264 Profile",
-     4,
-     0,
-     4,
-     {"Baseline", "Constrained Baseline", "Main", nullptr, "High"}},
+    {V4L2_CID_MPEG_VIDEO_REPEAT_SEQ_HEADER, boolean, "Repeat Sequence Header", 1, 0, 1},
+    {V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME, button, "Force Key Frame"},
+    {V4L2_CID_MPEG_VIDEO_H264_LEVEL, menu, "H264 Level", 11, 0, 15, levels},
+    {V4L2_CID_MPEG_VIDEO_H264_PROFILE, menu, "H264 Profile", 4, 0, 4, profiles},
     {V4L2_CID_MPEG_VIDEO_H264_VUI_EXT_SAR_HEIGHT, number, "Vertical Size of SAR", 1, 1, 65535},
     {V4L2_CID_MPEG_VIDEO_H264_VUI_EXT_SAR_WIDTH, number, "Horizontal Size of SAR", 1, 1, 65535}};
 const std::vector<ControlKind> decoderControls = {
@@ -121,8 +103,7 @@ const std::vector<ControlKind> jpegControls = {
 
 std::uint32_t flagsOf(const ControlKind& control) {
   if (control.type == group) return V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY;
-  if (control.type == V4L2_CTRL_TYPE_BUTTON)
-    return V4L2_CTRL_FLAG_WRITE_ONLY | V4L2_CTRL_FLAG_EXECUTE_ON_WRITE;
+  if (control.type == button) return V4L2_CTRL_FLAG_WRITE_ONLY | V4L2_CTRL_FLAG_EXECUTE_ON_WRITE;
   const bool fixed = control.id == V4L2_CID_MIN_BUFFERS_FOR_OUTPUT ||
                      control.id == V4L2_CID_MIN_BUFFERS_FOR_CAPTURE;
   return fixed ? V4L2_CTRL_FLAG_READ_ONLY : 0u;
@@ -133,6 +114,11 @@ std::uint32_t flagsOf(const ControlKind& control) {
 const std::vector<ControlKind>& controlsOf(const Kind& kind) {
   if (!kind.encoder) return decoderControls;
   return kind.coded == V4L2_PIX_FMT_JPEG ? jpegControls : encoderControls;
+}
+
+std::map<const Session*, std::uint32_t>& priorities(const Kind& kind) {
+  static std::map<const Kind*, std::map<const Session*, std::uint32_t>> all;
+  return all[&kind];
 }
 
 Session::Answer Session::answerTo(unsigned long request) {
@@ -177,8 +163,7 @@ Queue* Session::queueOf(std::uint32_t type) {
 // ---- formats
 
 int Session::queryCapability(const Call& call) {
-  auto& capability = call.as<v4l2_capability>();
-  std::memset(&capability, 0, sizeof capability);
+  auto& capability = call.blank<v4l2_capability>();
   copyText(capability.driver, "stand-in");
   copyText(capability.card, kind_.card);
   copyText(capability.bus_info, "platform:stand-in");
@@ -228,7 +213,8 @@ int Session::format(const Call& call) {
       std::copy_n(in_.format.colours, 4, wanted.colours);
     }
     adjust(*queue, wanted);
-    if (call.request == VIDIOC_S_FMT && !setFormat(*queue, wanted)) return -1;
+    if (call.request == VIDIOC_S_FMT && !queue->buffers.empty()) return fails(EBUSY);
+    if (call.request == VIDIOC_S_FMT) setFormat(*queue, wanted);
   }
   write(wanted, format);
   return 0;
@@ -406,7 +392,7 @@ int Session::queryControl(const Call& call) {
   query.default_value = control->initial;
   query.flags = flagsOf(*control);
   query.elems = 1;
-  if (control->type == group || control->type == V4L2_CTRL_TYPE_BUTTON) return 0;
+  if (control->type == group || control->type == button) return 0;
   query.step = 1;
   query.elem_size = sizeof(__s32);
   return 0;
@@ -438,9 +424,8 @@ int Session::queryMenu(const Call& call) {
   if (control == nullptr || entry.index >= control->entries.size() ||
       control->entries[entry.index] == nullptr)
     return fails(EINVAL);
-  const char* const name = control->entries[entry.index];
   std::memset(entry.name, 0, sizeof entry.name);
-  std::memcpy(entry.name, name, std::strlen(name));
+  std::strcpy(reinterpret_cast<char*>(entry.name), control->entries[entry.index]);
   entry.reserved = 0;
   return 0;
 }
@@ -459,20 +444,17 @@ int Session::oldControl(const Call& call) {
   return 0;
 }
 
-int Session::setValue(std::uint32_t id, std::int64_t& value, bool apply) {
-  const ControlKind* const control = findControl(id);
-  if (control == nullptr) return fails(EINVAL);
+int Session::setValue(const ControlKind& control, std::int64_t& value, bool apply) {
   if (faults_.stubborn != 0 && kind_.coded == V4L2_PIX_FMT_H264) return fails(EBUSY);
-  if ((flagsOf(*control) & V4L2_CTRL_FLAG_READ_ONLY) != 0) return fails(EACCES);
-  if (control->type == V4L2_CTRL_TYPE_MENU &&
-      (value < 0 || value > control->maximum ||
-       control->entries[static_cast<std::size_t>(value)] == nullptr))
-    return fails(value < 0 || value > control->maximum ? ERANGE : EINVAL);
-  if (control->type == V4L2_CTRL_TYPE_BOOLEAN) value = value != 0;
-  value = std::clamp(value, control->minimum, control->maximum);
+  if ((flagsOf(control) & V4L2_CTRL_FLAG_READ_ONLY) != 0) return fails(EACCES);
+  if (control.type == menu && (value < 0 || value > control.maximum)) return fails(ERANGE);
+  if (control.type == menu && control.entries[static_cast<std::size_t>(value)] == nullptr)
+    return fails(EINVAL);
+  if (control.type == boolean) value = value != 0;
+  value = std::clamp(value, control.minimum, control.maximum);
   if (!apply) return 0;
-  if (id == V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME) keyFrameAsked_ = true;
-  values_[id] = value;
+  if (control.id == V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME) keyFrameAsked_ = true;
+  values_[control.id] = value;
   return 0;
 }
 
@@ -505,7 +487,7 @@ int Session::controls(const Call& call) {
         continue;
       }
       std::int64_t value = one.value;
-      if (setValue(id, value, apply && request == VIDIOC_S_EXT_CTRLS) != 0) return -1;
+      if (setValue(*control, value, apply && request == VIDIOC_S_EXT_CTRLS) != 0) return -1;
       if (apply) one.value = static_cast<__s32>(value);
     }
   }
@@ -570,21 +552,22 @@ int Session::command(const Call& call) {
 /// Who records keeps others of the device from changing anything.
 int Session::priority(const Call& call) {
   auto& priority = call.as<std::uint32_t>();
-  const std::uint32_t highest = highestPriority();
+  std::uint32_t& mine = priorities(kind_)[this];
+  std::uint32_t highest = 0;
+  for (const auto& each : priorities(kind_)) highest = std::max(highest, each.second);
   if (call.request == VIDIOC_G_PRIORITY) {
     priority = highest;
     return 0;
   }
   if (priority < V4L2_PRIORITY_BACKGROUND || priority > V4L2_PRIORITY_RECORD) return fails(EINVAL);
-  if (highest == V4L2_PRIORITY_RECORD && priority_ != V4L2_PRIORITY_RECORD) return fails(EBUSY);
-  priority_ = priority;
+  if (highest == V4L2_PRIORITY_RECORD && mine != V4L2_PRIORITY_RECORD) return fails(EBUSY);
+  mine = priority;
   return 0;
 }
 
 /// Of the media device of the same number, which says no more than which function this one has.
 int Session::mediaInfo(const Call& call) {
-  auto& info = call.as<media_device_info>();
-  std::memset(&info, 0, sizeof info);
+  auto& info = call.blank<media_device_info>();
   copyText(info.driver, "stand-in");
   copyText(info.model, "stand-in");
   copyText(info.bus_info, "platform:stand-in");
