@@ -14,7 +14,6 @@
 #include "codec/cpu/H264Decoder.h"
 #include "codec/cpu/H264Encoder.h"
 #include "codec/cpu/JpegDecoder.h"
-#include "codec/cpu/JpegEncoder.h"
 
 namespace {
 
@@ -138,10 +137,13 @@ Outcome decodeVideo(codec::VideoDecoder& decoder, Size size, const std::vector<B
   return outcome;
 }
 
-/// There and back.
 Outcome codePictures(codec::ImageEncoder& encoder, codec::ImageDecoder& decoder, Size size,
                      int count) {
   Outcome outcome;
+  const auto fail = [&outcome](const std::string& error) {
+    outcome.good = false;
+    outcome.error = error;
+  };
   const unsigned stride = codec::roundUp(size.width, 32), rows = codec::roundUp(size.height, 16);
   for (int t = 0; t < count; ++t) {
     Bytes grey(size.width * size.height * 3);
@@ -151,8 +153,7 @@ Outcome codePictures(codec::ImageEncoder& encoder, codec::ImageDecoder& decoder,
     if (!encoder.encode({grey.data(), grey.size(), codec::PixelFormat::Rgb24, size.width * 3,
                          size.width, size.height},
                         90)) {
-      outcome.good = false;
-      outcome.error = encoder.error() + (encoder.lacksMemory() ? "no memory" : "");
+      fail(encoder.error() + (encoder.lacksMemory() ? "no memory" : ""));
       continue;
     }
     const Bytes jpeg(encoder.data(), encoder.data() + encoder.size());
@@ -160,8 +161,7 @@ Outcome codePictures(codec::ImageEncoder& encoder, codec::ImageDecoder& decoder,
     const bool read = decoder.open(jpeg.data(), jpeg.size());
     if (!read || decoder.decode(codec::planesOf(seen.data(), stride, rows)) !=
                      codec::ImageDecoder::Result::Complete) {
-      outcome.good = false;
-      outcome.error = decoder.error();
+      fail(decoder.error());
       continue;
     }
     ++outcome.pictures;
@@ -177,8 +177,6 @@ Outcome codePictures(codec::ImageEncoder& encoder, codec::ImageDecoder& decoder,
   }
   return outcome;
 }
-
-// ---- devices of all kinds
 
 enum class End { Works, Fails, Cpu };  ///< Cpu: fails where only the kernel will do
 constexpr int frames = 12;
@@ -281,8 +279,6 @@ TEST(Report, TellsWhichSettingsADeviceDoesNotTake) {
   }
   unsetenv("TESSERA_STANDIN");
 }
-
-// ---- every call on a device fails in its turn, and every allocation
 
 constexpr int anError = 1, noMemory = 2;
 /// One after the other: what a device answers is one failure to the coders.

@@ -40,16 +40,13 @@ SAME(fopen64, fopen);
 
 namespace {
 
-using standin::Faults;
-using standin::Kind;
-using standin::Session;
+using namespace standin;
 
 constexpr Kind kinds[] = {{50, "Stand-in H.264 encoder", true, V4L2_PIX_FMT_H264},
                           {51, "Stand-in H.264 decoder", false, V4L2_PIX_FMT_H264},
                           {52, "Stand-in JPEG encoder", true, V4L2_PIX_FMT_JPEG},
                           {53, "Stand-in JPEG decoder", false, V4L2_PIX_FMT_JPEG}};
 constexpr unsigned first = 50, count = 4;
-bool gone[count] = {};
 
 /// The descriptors that somebody has opened.
 std::map<int, std::shared_ptr<Session>>& sessions() {
@@ -104,7 +101,7 @@ thread_local bool working = false;  // for a device
 
 /// Where a device lacks memory it says so.
 template <typename Function>
-int work(Function&& function, int otherwise) {
+int work(int otherwise, Function&& function) {
   int answer = otherwise;
   working = true;
   try {
@@ -115,13 +112,6 @@ int work(Function&& function, int otherwise) {
   working = false;
   return answer;
 }
-template <typename Function>
-int work(const Session& session, Function&& function, int otherwise) {
-  const int answer = work(function, otherwise);
-  if (session.isGone()) gone[session.kind().number - first] = true;
-  return answer;
-}
-
 /// Which of the calls on video devices goes wrong, with which error; 0: from then on the device does
 /// not answer, -1: its next frame is lost, or all are.
 struct {
@@ -132,7 +122,7 @@ struct {
 } failing;
 
 /// @return whether this call is the one, with errno
-bool fails(Session* session = nullptr) {
+bool meetsFault(Session* session = nullptr) {
   const unsigned call = ++failing.calls;
   if (failing.nth == 0 || call < failing.nth || (call > failing.nth && !failing.forGood))
     return false;
@@ -144,32 +134,28 @@ bool fails(Session* session = nullptr) {
 
 int openNode(const Kind& kind, int flags) {
   const Locked locked;
-  if (fails()) return -1;
+  if (meetsFault()) return -1;
   const Faults wrong = faults();
-  bool& isGone = gone[kind.number - first];
-  isGone = isGone && wrong.goneAfter != 0;
-  if (isGone || wrong.busy != 0 || wrong.forbidden != 0)
-    return standin::fails(isGone ? ENODEV : wrong.busy != 0 ? EBUSY : EACCES);
+  if (wrong.goneAfter == 0) Session::gone.erase(&kind);
+  if (Session::gone.count(&kind) != 0) return fails(ENODEV);
+  if (wrong.busy != 0 || wrong.forbidden != 0) return fails(wrong.busy != 0 ? EBUSY : EACCES);
   const int fd = memfd_create("stand-in", (flags & O_CLOEXEC) != 0 ? MFD_CLOEXEC : 0);
   if (fd < 0) return fd;
   fcntl(fd, F_SETFL, flags & O_NONBLOCK);
-  const auto begin = [&] {
+  const int answer = work(-1, [&] {
     sessions()[fd] = std::make_shared<Session>(kind, wrong);
     return fd;
-  };
-  const int answer = work(begin, -1);
+  });
   if (answer < 0) NEXT(close)(fd);
   return answer;
 }
 
 /// What an ioctl() answers; EINTR where it blocks.
-int answer(Session& session, const standin::Call& call) {
+int answer(Session& session, const Call& call) {
   const auto address = reinterpret_cast<std::uintptr_t>(call.argument) & ~std::uintptr_t{4095};
   if (_IOC_SIZE(call.request) != 0 && msync(reinterpret_cast<void*>(address), 1, MS_ASYNC) != 0)
-    return standin::fails(Session::knows(call.request) ? EFAULT : ENOTTY);
-  return fails(&session) ? -1
-                         : work(
-                               session, [&] { return session.call(call); }, -1);
+    return fails(Session::knows(call.request) ? EFAULT : ENOTTY);
+  return meetsFault(&session) ? -1 : work(-1, [&] { return session.call(call); });
 }
 
 /// The system's, past a program that has clocks of its own.
@@ -183,8 +169,7 @@ short look(pollfd& each) {
   Session* const session = sessionOf(each.fd);
   each.revents = 0;
   if (session == nullptr) return NEXT(poll)(&each, 1, 0) > 0;
-  each.revents = static_cast<short>(work(
-      *session, [&] { return session->look(each.events); }, POLLERR));
+  each.revents = static_cast<short>(work(POLLERR, [&] { return session->look(each.events); }));
   return each.revents != 0;
 }
 
@@ -208,18 +193,18 @@ std::uint64_t nextDue(const pollfd* all, nfds_t size, std::uint64_t end) {
 
 /// Waiting for nothing is a pause between two looks at a device.
 int pollDevices(pollfd* all, nfds_t size, int milliseconds) {
-  if (const Locked locked; size > 0 && fails(sessionOf(all[0].fd))) return -1;
+  if (const Locked locked; size > 0 && meetsFault(sessionOf(all[0].fd))) return -1;
   const std::uint64_t end =
-      milliseconds < 0 ? UINT64_MAX : standin::nowMs() + static_cast<unsigned>(milliseconds);
+      milliseconds < 0 ? UINT64_MAX : nowMs() + static_cast<unsigned>(milliseconds);
   for (;;) {
     int ready = 0;
     for (nfds_t i = 0; i < size; ++i) ready += look(all[i]);
-    if (ready > 0 || standin::nowMs() >= end) return ready;
+    if (ready > 0 || nowMs() >= end) return ready;
     const std::uint64_t next = nextDue(all, size, end);
     if (next == 0 || next == UINT64_MAX)
       nap();
     else
-      standin::skipTo(next);
+      skipTo(next);
   }
 }
 
@@ -278,16 +263,16 @@ SHOWN void* mmap(void* where, std::size_t size, int access, int flags, int fd, o
   if (fd >= 0 && !working) {
     const Locked locked;
     Session* const session = sessionOf(fd);
-    if (session != nullptr && fails(session)) return MAP_FAILED;
+    if (session != nullptr && meetsFault(session)) return MAP_FAILED;
   }
   return NEXT(mmap)(where, size, access, flags, fd, at);
 }
 
 SHOWN ssize_t read(int fd, void* to, std::size_t size) {
-  return sessionOf(fd) != nullptr ? standin::fails(EINVAL) : NEXT(read)(fd, to, size);
+  return sessionOf(fd) != nullptr ? fails(EINVAL) : NEXT(read)(fd, to, size);
 }
 SHOWN ssize_t write(int fd, const void* from, std::size_t size) {
-  return sessionOf(fd) != nullptr ? standin::fails(EINVAL) : NEXT(write)(fd, from, size);
+  return sessionOf(fd) != nullptr ? fails(EINVAL) : NEXT(write)(fd, from, size);
 }
 
 SHOWN int poll(pollfd* all, nfds_t size, int timeout) {
@@ -300,18 +285,12 @@ SHOWN int ppoll(pollfd* all, nfds_t size, const timespec* limit, const sigset_t*
 }
 
 SHOWN int select(int size, fd_set* in, fd_set* out, fd_set* special, timeval* limit) {
-  struct Set {
-    fd_set* set;
-    int wanted, answers;
-  };
-  const Set sets[] = {{in, POLLIN, POLLIN | POLLERR | POLLHUP},
-                      {out, POLLOUT, POLLOUT | POLLERR},
-                      {special, POLLPRI, POLLPRI}};
+  const std::pair<fd_set*, int> sets[] = {{in, POLLIN}, {out, POLLOUT}, {special, POLLPRI}};
   std::vector<pollfd> all;
   for (int fd = 0; fd < size; ++fd) {
     int events = 0;
-    for (const Set& each : sets)
-      if (each.set != nullptr && FD_ISSET(fd, each.set)) events |= each.wanted;
+    for (const auto& [set, wanted] : sets)
+      if (set != nullptr && FD_ISSET(fd, set)) events |= wanted;
     if (events != 0) all.push_back({fd, static_cast<short>(events), 0});
   }
   if (!anyOfOurs(all.data(), all.size())) return NEXT(select)(size, in, out, special, limit);
@@ -319,12 +298,14 @@ SHOWN int select(int size, fd_set* in, fd_set* out, fd_set* special, timeval* li
   pollDevices(all.data(), all.size(), static_cast<int>(milliseconds));
   int ready = 0;
   for (const pollfd& each : all)
-    for (const Set& asked : sets) {
-      if (asked.set == nullptr || !FD_ISSET(each.fd, asked.set)) continue;
-      if ((each.revents & asked.answers) != 0)
+    for (const auto& [set, wanted] : sets) {
+      if (set == nullptr || !FD_ISSET(each.fd, set)) continue;
+      // A device with nothing to do or gone wakes who reads and who writes.
+      const int answers = wanted == POLLPRI ? POLLPRI : wanted | POLLERR;
+      if ((each.revents & answers) != 0)
         ++ready;
       else
-        FD_CLR(each.fd, asked.set);
+        FD_CLR(each.fd, set);
     }
   return ready;
 }
@@ -360,8 +341,6 @@ SHOWN int epoll_wait(int epoll, epoll_event* events, int most, int timeout) {
   return ready;
 }
 
-// ---- for the tests in the same process
-
 SHOWN void standin_fail(unsigned nth, int error, bool forGood) {
   const Locked locked;
   failing = {nth, error, forGood, 0};
@@ -373,10 +352,8 @@ SHOWN bool standin_works() {
   return working;
 }
 SHOWN unsigned long long standin_now() {
-  return standin::nowMs();
+  return nowMs();
 }
-
-// ---- what the devices look like
 
 SHOWN int fstat(int fd, struct stat* status) noexcept {
   const Locked locked;

@@ -18,6 +18,18 @@
 
 namespace standin {
 
+const Layout& layoutOf(std::uint32_t fourcc) {
+  static constexpr Layout all[] = {{V4L2_PIX_FMT_YUV420, "Planar YUV 4:2:0", 1, 1},
+                                   {V4L2_PIX_FMT_NV12, "Y/CbCr 4:2:0", 1, 2},
+                                   {V4L2_PIX_FMT_YUYV, "YUYV 4:2:2", 1, 0},
+                                   {V4L2_PIX_FMT_YUV420M, "Planar YUV 4:2:0 (N-C)", 3, 1},
+                                   {V4L2_PIX_FMT_NV12M, "Y/CbCr 4:2:0 (N-C)", 2, 2},
+                                   {V4L2_PIX_FMT_H264, "H.264"},
+                                   {V4L2_PIX_FMT_JPEG, "JFIF JPEG"}};
+  return *std::find_if(std::begin(all), std::end(all),
+                       [&](const Layout& each) { return each.fourcc == fourcc; });
+}
+
 namespace {
 
 std::atomic<std::uint64_t> skipped{0};
@@ -29,24 +41,7 @@ unsigned up(unsigned value, unsigned multiple) {
   return (value + multiple - 1) / multiple * multiple;
 }
 
-constexpr Layout layouts[] = {{V4L2_PIX_FMT_YUV420, "Planar YUV 4:2:0", 1, 1},
-                              {V4L2_PIX_FMT_NV12, "Y/CbCr 4:2:0", 1, 2},
-                              {V4L2_PIX_FMT_YUYV, "YUYV 4:2:2", 1, 0},
-                              {V4L2_PIX_FMT_YUV420M, "Planar YUV 4:2:0 (N-C)", 3, 1},
-                              {V4L2_PIX_FMT_NV12M, "Y/CbCr 4:2:0 (N-C)", 2, 2},
-                              {V4L2_PIX_FMT_H264, "H.264"},
-                              {V4L2_PIX_FMT_JPEG, "JFIF JPEG"}};
-
-}  // namespace
-
-const Layout& layoutOf(std::uint32_t fourcc) {
-  return *std::find_if(std::begin(layouts), std::end(layouts),
-                       [&](const Layout& each) { return each.fourcc == fourcc; });
-}
-
-namespace {
-
-/// Where the planes of a frame lie, from a place in it on; of interleaved chroma in `u`.
+/// Where the planes of a frame lie, from a place in it on; of interleaved chroma in `u` alone.
 codec::Planes view(const Format& format, const Buffer& buffer, std::size_t left = 0,
                    std::size_t top = 0) {
   const Layout& raw = layoutOf(format.fourcc);
@@ -57,18 +52,19 @@ codec::Planes view(const Format& format, const Buffer& buffer, std::size_t left 
       raw.planes == 1 ? buffer.data[0] + std::size_t{stride} * rows : buffer.data[1];
   std::uint8_t* const v =
       raw.planes == 3 ? buffer.data[2] : u + std::size_t{chroma} * ((rows + 1) / 2);
-  return {buffer.data[0] + top * stride + left, u + at, v + at, stride, chroma};
+  return {buffer.data[0] + top * stride + left, u + at, raw.chromaStep == 2 ? nullptr : v + at,
+          stride, chroma};
 }
 
 template <typename Byte>
-void copyPlanes(const codec::BasicPlanes<Byte>& from, bool interleavedFrom, const codec::Planes& to,
-                bool interleavedTo, unsigned width, unsigned height) {
+void copyPlanes(const codec::BasicPlanes<Byte>& from, const codec::Planes& to, unsigned width,
+                unsigned height) {
   const auto whole = [](unsigned a) { return static_cast<int>(a); };
   const int w = whole(width), h = whole(height), fromY = whole(from.yStride),
             fromUv = whole(from.uvStride), toY = whole(to.yStride), toUv = whole(to.uvStride);
-  if (interleavedFrom)
+  if (from.v == nullptr)
     libyuv::NV12ToI420(from.y, fromY, from.u, fromUv, to.y, toY, to.u, toUv, to.v, toUv, w, h);
-  else if (interleavedTo)
+  else if (to.v == nullptr)
     libyuv::I420ToNV12(from.y, fromY, from.u, fromUv, from.v, fromUv, to.y, toY, to.u, toUv, w, h);
   else
     libyuv::I420Copy(from.y, fromY, from.u, fromUv, from.v, fromUv, to.y, toY, to.u, toUv, to.v,
@@ -96,8 +92,6 @@ std::uint64_t nowMs() {
 void skipTo(std::uint64_t moment) {
   skipped += moment - std::min(moment, nowMs());
 }
-
-// ---- formats
 
 Session::Session(const Kind& kind, const Faults& faults) : kind_(kind), faults_(faults) {
   const bool multi = faults.multiPlanar != 0;
@@ -153,22 +147,17 @@ void Session::adjust(const Queue& queue, Format& format) const {
   }
 }
 
-void Session::setFormat(Queue& queue, const Format& wanted) {
+bool Session::setFormat(Queue& queue, const Format& wanted) {
+  if (!queue.buffers.empty()) return false;
   queue.format = wanted;
-  Queue& other = &queue == &in_ ? out_ : in_;
+  if (&queue == &out_) return true;
   // The frame size goes with the raw side of an encoder and the coded side of a decoder.
-  if (&queue == &in_) {
-    other.format.setSize(wanted.width, wanted.height);
-    std::copy_n(wanted.colours, 4, other.format.colours);
-    crop_ = {0, 0, wanted.width, wanted.height};
-    if (other.buffers.empty()) adjust(other, other.format);
-  } else {
-    queue.format.setSize(in_.format.width, in_.format.height);
-    adjust(queue, queue.format);
-  }
+  out_.format.setSize(wanted.width, wanted.height);
+  std::copy_n(wanted.colours, 4, out_.format.colours);
+  crop_ = {0, 0, wanted.width, wanted.height};
+  if (out_.buffers.empty()) adjust(out_, out_.format);
+  return true;
 }
-
-// ---- buffers
 
 bool Session::allocate(Queue& queue, unsigned count, int fd) {
   for (Buffer& buffer : queue.buffers)
@@ -226,8 +215,6 @@ void Session::stop(Queue& queue) {
   if (&queue == &coded()) waiting_.clear();
 }
 
-// ---- the work
-
 /// Does what can be done with the buffers that are queued.
 void Session::pump() {
   for (bool more = true; more;) more = step();
@@ -254,6 +241,7 @@ bool Session::step() {
   ++frames_;
   silent_ = faults_.silentAfter != 0 && frames_ > faults_.silentAfter;
   gone_ = faults_.goneAfter != 0 && frames_ > faults_.goneAfter;
+  if (gone_) gone.insert(&kind_);
   if (gone_ || silent_) return false;
   const unsigned index = in_.queued.front();
   in_.queued.pop_front();
@@ -275,10 +263,10 @@ void Session::encode(const Buffer& from) {
   const unsigned step = layoutOf(in_.format.fourcc).chromaStep;
   std::vector<std::uint8_t> block = blockOf(width, height);
   const auto planes = planesOf<const std::uint8_t>(block.data(), width, height);
+  const auto left = static_cast<unsigned>(crop_.left), top = static_cast<unsigned>(crop_.top);
   if (step != 0)
-    copyPlanes(
-        view(in_.format, from, static_cast<unsigned>(crop_.left), static_cast<unsigned>(crop_.top)),
-        step == 2, planesOf(block.data(), width, height), false, width, height);
+    copyPlanes(view(in_.format, from, left, top), planesOf(block.data(), width, height), width,
+               height);
   if (kind_.coded == V4L2_PIX_FMT_JPEG) {
     // Packed pairs become 4:2:2; planes take the way over B G R, which becomes 4:2:0 again.
     codec::PackedPicture picture = {from.data[0], from.length[0], codec::PixelFormat::Yuyv,
@@ -370,8 +358,8 @@ void Session::takePictures() {
 
 void Session::keep(Coded picture, const codec::ConstPlanes& from) {
   picture.bytes = blockOf(picture.width, picture.height);
-  copyPlanes(from, false, planesOf(picture.bytes.data(), picture.width, picture.height), false,
-             picture.width, picture.height);
+  copyPlanes(from, planesOf(picture.bytes.data(), picture.width, picture.height), picture.width,
+             picture.height);
   waiting_.push_back(std::move(picture));
 }
 
@@ -413,8 +401,8 @@ void Session::fill(Buffer& to, const Coded& result) {
     to.used[0] = static_cast<std::uint32_t>(size);
     return;
   }
-  copyPlanes(planesOf(result.bytes.data(), result.width, result.height), false, view(format, to),
-             layoutOf(format.fourcc).chromaStep == 2, result.width, result.height);
+  copyPlanes(planesOf(result.bytes.data(), result.width, result.height), view(format, to),
+             result.width, result.height);
   std::copy_n(format.sizeImage, to.planes, to.used);
 }
 
@@ -422,9 +410,7 @@ void Session::finish(Buffer& last) {
   last.flags |= V4L2_BUF_FLAG_LAST;
   stopped_ = true;
   draining_ = drainAsked_ = false;
-  v4l2_event end = {};
-  end.type = V4L2_EVENT_EOS;
-  post(end);
+  post(V4L2_EVENT_EOS);
 }
 
 /// Tells a new size; the buffers of the old one end with an empty last one.
@@ -437,20 +423,26 @@ void Session::announce(const Coded& picture) {
   }
   restart_ = true;
   lastDue_ = out_.streaming;
+  post(V4L2_EVENT_SOURCE_CHANGE, V4L2_EVENT_SRC_CH_RESOLUTION);
+}
+
+void Session::post(std::uint32_t type, std::uint32_t changes, const ControlKind* control) {
   v4l2_event event = {};
-  event.type = V4L2_EVENT_SOURCE_CHANGE;
-  event.u.src_change.changes = V4L2_EVENT_SRC_CH_RESOLUTION;
-  post(event);
-}
-
-void Session::post(const v4l2_event& event) {
-  if (subscribed_.count({event.type, event.id}) == 0) return;
+  event.type = type;
+  event.id = control != nullptr ? control->id : 0;
+  if (subscribed_.count({type, event.id}) == 0) return;
+  event.sequence = sequence_++;
+  clock_gettime(CLOCK_MONOTONIC_RAW, &event.timestamp);
+  event.u.ctrl.changes = changes;  // where a change of source has them, too
+  if (control != nullptr) {
+    event.u.ctrl.type = control->type;
+    event.u.ctrl.value = static_cast<__s32>(values_[control->id]);
+  }
   events_.push_back(event);
-  events_.back().sequence = sequence_++;
-  clock_gettime(CLOCK_MONOTONIC_RAW, &events_.back().timestamp);
 }
 
-short Session::ready(short wanted) const {
+short Session::look(short wanted) {
+  pump();
   short events = 0;
   if (gone_) return POLLERR | POLLHUP;
   if (!events_.empty()) events |= POLLPRI;

@@ -98,7 +98,6 @@ inline int fails(int error) {
   return -1;
 }
 
-/// One of the kernel's calls.
 struct Call {
   int fd;
   unsigned long request;
@@ -127,12 +126,9 @@ class Session {
   int call(const Call& call);
   static bool knows(unsigned long request) { return answerTo(request) != nullptr; }
   /// Works on, then tells what poll() would.
-  short look(short wanted) {
-    pump();
-    return ready(wanted);
-  }
+  short look(short wanted);
   const Kind& kind() const { return kind_; }
-  bool isGone() const { return gone_; }
+  static inline std::set<const Kind*> gone;  ///< with no more to open
   /// When a frame that is being worked on will be done; 0 where there is none.
   std::uint64_t due() const { return busy_ ? due_ : 0; }
   /// No answers any more; nothing for the next frame, or for all that follow.
@@ -153,7 +149,7 @@ class Session {
   Queue* queueOf(std::uint32_t type);
   std::vector<std::uint32_t> offered(const Queue& queue) const;
   void adjust(const Queue& queue, Format& format) const;
-  void setFormat(Queue& queue, const Format& wanted);
+  bool setFormat(Queue& queue, const Format& wanted);
   bool allocate(Queue& queue, unsigned count, int fd);
   void start(Queue& queue);
   void stop(Queue& queue);
@@ -175,8 +171,7 @@ class Session {
   void fill(Buffer& to, const Coded& result);
   void finish(Buffer& last);
   void announce(const Coded& picture);
-  void post(const v4l2_event& event);
-  short ready(short wanted) const;
+  void post(std::uint32_t type, std::uint32_t changes = 0, const ControlKind* control = nullptr);
 
   using Answer = int (Session::*)(const Call&);
   static Answer answerTo(unsigned long request);

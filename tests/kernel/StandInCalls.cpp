@@ -160,8 +160,6 @@ Queue* Session::queueOf(std::uint32_t type) {
   return type == in_.type ? &in_ : type == out_.type ? &out_ : nullptr;
 }
 
-// ---- formats
-
 int Session::queryCapability(const Call& call) {
   auto& capability = call.blank<v4l2_capability>();
   copyText(capability.driver, "stand-in");
@@ -209,18 +207,15 @@ int Session::format(const Call& call) {
     wanted = read(format);
     // The size of what a coder works on follows its other side.
     if (queue == &out_) {
-      wanted.width = in_.format.width, wanted.height = in_.format.height;
+      wanted.setSize(in_.format.width, in_.format.height);
       std::copy_n(in_.format.colours, 4, wanted.colours);
     }
     adjust(*queue, wanted);
-    if (call.request == VIDIOC_S_FMT && !queue->buffers.empty()) return fails(EBUSY);
-    if (call.request == VIDIOC_S_FMT) setFormat(*queue, wanted);
+    if (call.request == VIDIOC_S_FMT && !setFormat(*queue, wanted)) return fails(EBUSY);
   }
   write(wanted, format);
   return 0;
 }
-
-// ---- buffers
 
 int Session::request(const Call& call) {
   auto& request = call.as<v4l2_requestbuffers>();
@@ -229,10 +224,9 @@ int Session::request(const Call& call) {
   if (queue->streaming && request.count != 0) return fails(EBUSY);
   if (request.count == 0) stop(*queue);
   if (!allocate(*queue, request.count, call.fd)) return fails(ENOMEM);
-  request.count = static_cast<__u32>(queue->buffers.size());
-  request.capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
-  request.flags = 0;
-  std::memset(request.reserved, 0, sizeof request.reserved);
+  constexpr auto can = V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
+  const auto made = static_cast<__u32>(queue->buffers.size());
+  request = {made, request.type, request.memory, can, 0, {}};
   return 0;
 }
 
@@ -247,8 +241,6 @@ int Session::stream(const Call& call) {
 
 void Session::describe(const Queue& queue, unsigned index, v4l2_buffer& to) const {
   const Buffer& buffer = queue.buffers[index];
-  v4l2_plane* const planes = to.m.planes;
-  const bool multi = isMulti(queue.type);
   to.index = index;
   to.type = queue.type;
   to.flags = V4L2_BUF_FLAG_TIMESTAMP_COPY |
@@ -260,7 +252,7 @@ void Session::describe(const Queue& queue, unsigned index, v4l2_buffer& to) cons
   to.sequence = buffer.sequence;
   to.memory = V4L2_MEMORY_MMAP;
   to.reserved2 = 0;
-  if (!multi) {
+  if (!isMulti(queue.type)) {
     to.bytesused = buffer.used[0];
     to.length = buffer.length[0];
     to.m.offset = buffer.offset[0];
@@ -268,12 +260,8 @@ void Session::describe(const Queue& queue, unsigned index, v4l2_buffer& to) cons
   }
   to.bytesused = 0;
   to.length = buffer.planes;
-  for (unsigned i = 0; i < buffer.planes; ++i) {
-    std::memset(&planes[i], 0, sizeof planes[i]);
-    planes[i].bytesused = buffer.used[i];
-    planes[i].length = buffer.length[i];
-    planes[i].m.mem_offset = buffer.offset[i];
-  }
+  for (unsigned i = 0; i < buffer.planes; ++i)
+    to.m.planes[i] = {buffer.used[i], buffer.length[i], {buffer.offset[i]}, 0, {}};
 }
 
 int Session::exchange(const Call& call) {
@@ -324,8 +312,6 @@ int Session::dequeue(int fd, Queue& queue, v4l2_buffer& to) {
   if ((buffer.flags & V4L2_BUF_FLAG_LAST) != 0) lastTaken_ = true;
   return 0;
 }
-
-// ---- the rest
 
 int Session::selection(const Call& call) {
   auto& selection = call.as<v4l2_selection>();
@@ -432,12 +418,8 @@ int Session::queryMenu(const Call& call) {
 
 int Session::oldControl(const Call& call) {
   auto& control = call.as<v4l2_control>();
-  v4l2_ext_control one = {};
-  one.id = control.id;
-  one.value = control.value;
-  v4l2_ext_controls all = {};
-  all.count = 1;
-  all.controls = &one;
+  v4l2_ext_control one = {control.id, 0, {}, {control.value}};
+  v4l2_ext_controls all = {{}, 1, 0, 0, {}, &one};
   const bool get = call.request == VIDIOC_G_CTRL;
   if (controls({call.fd, get ? VIDIOC_G_EXT_CTRLS : VIDIOC_S_EXT_CTRLS, &all}) != 0) return -1;
   control.value = one.value;
@@ -511,13 +493,7 @@ int Session::subscribe(const Call& call) {
   if (control == nullptr || control->type == group ||
       (wanted.flags & V4L2_EVENT_SUB_FL_SEND_INITIAL) == 0)
     return 0;
-  v4l2_event event = {};
-  event.type = wanted.type;
-  event.id = wanted.id;
-  event.u.ctrl.changes = V4L2_EVENT_CTRL_CH_VALUE | V4L2_EVENT_CTRL_CH_FLAGS;
-  event.u.ctrl.type = control->type;
-  event.u.ctrl.value = static_cast<__s32>(values_[id]);
-  post(event);
+  post(wanted.type, V4L2_EVENT_CTRL_CH_VALUE | V4L2_EVENT_CTRL_CH_FLAGS, control);
   return 0;
 }
 
