@@ -97,7 +97,7 @@ Session::Session(const Kind& kind, const Faults& faults) : kind_(kind), faults_(
   const bool multi = faults.multiPlanar != 0;
   in_.type = multi ? V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE : V4L2_BUF_TYPE_VIDEO_OUTPUT;
   out_.type = multi ? V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE : V4L2_BUF_TYPE_VIDEO_CAPTURE;
-  for (Queue* const queue : {&coded(), &raw()}) {
+  for (Queue* const queue : {&in_, &out_}) {
     queue->format.colours[0] = V4L2_COLORSPACE_REC709;
     queue->format.fourcc = offered(*queue)[0];
     queue->format.setSize(640, 480);
@@ -118,7 +118,6 @@ std::vector<std::uint32_t> Session::offered(const Queue& queue) const {
   return {V4L2_PIX_FMT_YUV420, V4L2_PIX_FMT_NV12};
 }
 
-/// Makes a format one that the queue can have.
 void Session::adjust(const Queue& queue, Format& format) const {
   const std::vector<std::uint32_t> all = offered(queue);
   if (std::find(all.begin(), all.end(), format.fourcc) == all.end()) format.fourcc = all[0];
@@ -145,18 +144,6 @@ void Session::adjust(const Queue& queue, Format& format) const {
     format.bytesPerLine[i] = raw.chromaStep == 2 ? stride : stride / 2;
     format.sizeImage[i] = raw.planes == 2 ? 2 * chroma : chroma;
   }
-}
-
-bool Session::setFormat(Queue& queue, const Format& wanted) {
-  if (!queue.buffers.empty()) return false;
-  queue.format = wanted;
-  if (&queue == &out_) return true;
-  // The frame size goes with the raw side of an encoder and the coded side of a decoder.
-  out_.format.setSize(wanted.width, wanted.height);
-  std::copy_n(wanted.colours, 4, out_.format.colours);
-  crop_ = {0, 0, wanted.width, wanted.height};
-  if (out_.buffers.empty()) adjust(out_, out_.format);
-  return true;
 }
 
 bool Session::allocate(Queue& queue, unsigned count, int fd) {
@@ -215,7 +202,6 @@ void Session::stop(Queue& queue) {
   if (&queue == &coded()) waiting_.clear();
 }
 
-/// Does what can be done with the buffers that are queued.
 void Session::pump() {
   for (bool more = true; more;) more = step();
 }

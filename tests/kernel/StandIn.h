@@ -136,7 +136,6 @@ class Session {
   void drop(unsigned howMany) { toDrop_ = howMany; }
 
  private:
-  /// A result on its way out.
   struct Coded {
     std::vector<std::uint8_t> bytes;
     std::uint64_t stamp = 0;
@@ -145,11 +144,10 @@ class Session {
   };
 
   Queue& coded() { return kind_.encoder ? out_ : in_; }
-  Queue& raw() { return kind_.encoder ? in_ : out_; }
   Queue* queueOf(std::uint32_t type);
   std::vector<std::uint32_t> offered(const Queue& queue) const;
+  /// Makes a format one that the queue can have.
   void adjust(const Queue& queue, Format& format) const;
-  bool setFormat(Queue& queue, const Format& wanted);
   bool allocate(Queue& queue, unsigned count, int fd);
   void start(Queue& queue);
   void stop(Queue& queue);

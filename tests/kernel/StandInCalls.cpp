@@ -202,16 +202,22 @@ int Session::format(const Call& call) {
   auto& format = call.as<v4l2_format>();
   Queue* const queue = queueOf(format.type);
   if (queue == nullptr) return fails(EINVAL);
-  Format wanted = queue->format;
-  if (call.request != VIDIOC_G_FMT) {
-    wanted = read(format);
-    // The size of what a coder works on follows its other side.
-    if (queue == &out_) {
-      wanted.setSize(in_.format.width, in_.format.height);
-      std::copy_n(in_.format.colours, 4, wanted.colours);
-    }
-    adjust(*queue, wanted);
-    if (call.request == VIDIOC_S_FMT && !setFormat(*queue, wanted)) return fails(EBUSY);
+  Format wanted = call.request == VIDIOC_G_FMT ? queue->format : read(format);
+  // The size of what a coder works on follows its other side.
+  if (call.request != VIDIOC_G_FMT && queue == &out_) {
+    wanted.setSize(in_.format.width, in_.format.height);
+    std::copy_n(in_.format.colours, 4, wanted.colours);
+  }
+  if (call.request != VIDIOC_G_FMT) adjust(*queue, wanted);
+  if (call.request == VIDIOC_S_FMT) {
+    if (!queue->buffers.empty()) return fails(EBUSY);
+    queue->format = wanted;
+  }
+  if (call.request == VIDIOC_S_FMT && queue == &in_) {
+    out_.format.setSize(wanted.width, wanted.height);
+    std::copy_n(wanted.colours, 4, out_.format.colours);
+    crop_ = {0, 0, wanted.width, wanted.height};
+    if (out_.buffers.empty()) adjust(out_, out_.format);
   }
   write(wanted, format);
   return 0;
