@@ -1,26 +1,24 @@
 // The four coders on devices that misbehave, as the components get them.
-#include <dirent.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cerrno>
-#include <cmath>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <new>
 
+#include "Scene.h"
 #include "codec/Choice.h"
 #include "codec/Report.h"
 #include "codec/cpu/H264Decoder.h"
 #include "codec/cpu/H264Encoder.h"
 #include "codec/cpu/JpegDecoder.h"
-#include "codec/cpu/JpegEncoder.h"
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using scene::Bytes;
+using scene::Size;
 
 /// Milliseconds of the devices' clock that the work on a coder may take.
 constexpr unsigned long long longest = 30000;
@@ -44,34 +42,7 @@ struct Judging {
   ~Judging() { --judging; }
 };
 
-struct Size {
-  unsigned width, height;
-};
 constexpr Size large = {322, 242}, small = {34, 18};
-
-Bytes block(Size size, int t) {
-  const Judging whoJudges;
-  Bytes bytes(size.width * size.height * 3 / 2);
-  for (std::size_t i = 0; i < bytes.size(); ++i)
-    bytes[i] = static_cast<std::uint8_t>(60 + (i % size.width + i / size.width) / 5 +
-                                         static_cast<std::size_t>(t) * 6);
-  return bytes;
-}
-
-double difference(const codec::ConstPlanes& seen, Size size, int t) {
-  const Judging whoJudges;
-  const Bytes truth = block(size, t);
-  const codec::ConstPlanes all = codec::planesOf(truth.data(), size.width, size.height);
-  double sum = 0;
-  for (unsigned y = 0; y < size.height; ++y)
-    for (unsigned x = 0; x < size.width; ++x)
-      sum += std::abs(seen.y[y * seen.yStride + x] - all.y[y * all.yStride + x]);
-  for (unsigned y = 0; y < size.height / 2; ++y)
-    for (unsigned x = 0; x < size.width / 2; ++x)
-      sum += std::abs(seen.u[y * seen.uvStride + x] - all.u[y * all.uvStride + x]) +
-             std::abs(seen.v[y * seen.uvStride + x] - all.v[y * all.uvStride + x]);
-  return sum / static_cast<double>(truth.size());
-}
 
 codec::VideoEncoder::Config config(Size size) {
   codec::VideoEncoder::Config config;
@@ -81,15 +52,8 @@ codec::VideoEncoder::Config config(Size size) {
   return config;
 }
 
-/// Descriptors, and memory of the devices'.
 std::size_t held() {
-  std::size_t count = 0;
-  DIR* const folder = opendir("/proc/self/fd");
-  while (readdir(folder) != nullptr) ++count;
-  closedir(folder);
-  std::ifstream maps("/proc/self/maps");
-  for (std::string line; std::getline(maps, line);) count += line.find("stand-in") != line.npos;
-  return count;
+  return scene::openDescriptors() + scene::mappedBuffers();
 }
 
 /// What came of the work on a coder. Pictures that are not the right ones fail the test.
@@ -104,12 +68,12 @@ struct Outcome {
 void show(codec::VideoDecoder& decoder, Size size, std::vector<int>& shown) {
   codec::VideoDecoder::Picture picture;
   while (decoder.next(picture)) {
+    const Judging whoJudges;
     const int number = static_cast<int>(picture.pts);
     EXPECT_TRUE(shown.empty() || number > shown.back()) << number;
     shown.push_back(number);
-    ASSERT_EQ(picture.width, size.width);
-    ASSERT_EQ(picture.height, size.height);
-    EXPECT_LT(difference(picture.planes, size, number), 4) << number;
+    ASSERT_EQ((Size{picture.width, picture.height}), size);
+    EXPECT_LT(scene::difference(picture.planes, size, static_cast<unsigned>(picture.pts)), 4);
   }
 }
 
@@ -122,7 +86,7 @@ Outcome encodeVideo(codec::VideoEncoder& encoder, Size size, int frames) {
   std::vector<int> came, shown;
   const int asked = frames * 7 / 12;
   for (int t = 0; t < frames && outcome.good; ++t) {
-    const Bytes frame = block(size, t);
+    const Bytes frame = scene::frame(size, static_cast<unsigned>(t));
     outcome.good =
         encoder.encode(codec::planesOf(frame.data(), size.width, size.height), t, t == asked);
     if (!outcome.good || encoder.size() == 0) continue;
@@ -149,7 +113,7 @@ std::vector<Bytes> unitsOf(Size size, int frames, bool allKeys = false) {
   encoder.open(config(size));
   std::vector<Bytes> units;
   for (int t = 0; t < frames; ++t) {
-    const Bytes frame = block(size, t);
+    const Bytes frame = scene::frame(size, static_cast<unsigned>(t));
     encoder.encode(codec::planesOf(frame.data(), size.width, size.height), t, allKeys);
     units.push_back(t == 0 ? encoder.parameterSets() : Bytes());
     units.back().insert(units.back().end(), encoder.data(), encoder.data() + encoder.size());
@@ -173,10 +137,13 @@ Outcome decodeVideo(codec::VideoDecoder& decoder, Size size, const std::vector<B
   return outcome;
 }
 
-/// There and back.
 Outcome codePictures(codec::ImageEncoder& encoder, codec::ImageDecoder& decoder, Size size,
                      int count) {
   Outcome outcome;
+  const auto fail = [&outcome](const std::string& error) {
+    outcome.good = false;
+    outcome.error = error;
+  };
   const unsigned stride = codec::roundUp(size.width, 32), rows = codec::roundUp(size.height, 16);
   for (int t = 0; t < count; ++t) {
     Bytes grey(size.width * size.height * 3);
@@ -186,8 +153,7 @@ Outcome codePictures(codec::ImageEncoder& encoder, codec::ImageDecoder& decoder,
     if (!encoder.encode({grey.data(), grey.size(), codec::PixelFormat::Rgb24, size.width * 3,
                          size.width, size.height},
                         90)) {
-      outcome.good = false;
-      outcome.error = encoder.error() + (encoder.lacksMemory() ? "no memory" : "");
+      fail(encoder.error() + (encoder.lacksMemory() ? "no memory" : ""));
       continue;
     }
     const Bytes jpeg(encoder.data(), encoder.data() + encoder.size());
@@ -195,8 +161,7 @@ Outcome codePictures(codec::ImageEncoder& encoder, codec::ImageDecoder& decoder,
     const bool read = decoder.open(jpeg.data(), jpeg.size());
     if (!read || decoder.decode(codec::planesOf(seen.data(), stride, rows)) !=
                      codec::ImageDecoder::Result::Complete) {
-      outcome.good = false;
-      outcome.error = decoder.error();
+      fail(decoder.error());
       continue;
     }
     ++outcome.pictures;
@@ -212,8 +177,6 @@ Outcome codePictures(codec::ImageEncoder& encoder, codec::ImageDecoder& decoder,
   }
   return outcome;
 }
-
-// ---- devices of all kinds
 
 enum class End { Works, Fails, Cpu };  ///< Cpu: fails where only the kernel will do
 constexpr int frames = 12;
@@ -316,8 +279,6 @@ TEST(Report, TellsWhichSettingsADeviceDoesNotTake) {
   }
   unsetenv("TESSERA_STANDIN");
 }
-
-// ---- every call on a device fails in its turn, and every allocation
 
 constexpr int anError = 1, noMemory = 2;
 /// One after the other: what a device answers is one failure to the coders.

@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <linux/media.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
@@ -41,25 +40,17 @@ SAME(fopen64, fopen);
 
 namespace {
 
-using standin::Faults;
-using standin::Kind;
-using standin::Session;
+using namespace standin;
 
 constexpr Kind kinds[] = {{50, "Stand-in H.264 encoder", true, V4L2_PIX_FMT_H264},
                           {51, "Stand-in H.264 decoder", false, V4L2_PIX_FMT_H264},
                           {52, "Stand-in JPEG encoder", true, V4L2_PIX_FMT_JPEG},
                           {53, "Stand-in JPEG decoder", false, V4L2_PIX_FMT_JPEG}};
 constexpr unsigned first = 50, count = 4;
-bool gone[count] = {};
 
-/// A node that somebody has opened. A media device has no session: it says no more than which
-/// function the video device of the same number has.
-struct Node {
-  const Kind& kind;
-  std::unique_ptr<Session> session;
-};
-std::map<int, std::shared_ptr<Node>>& nodes() {
-  static auto* const all = new std::map<int, std::shared_ptr<Node>>;
+/// The descriptors that somebody has opened.
+std::map<int, std::shared_ptr<Session>>& sessions() {
+  static auto* const all = new std::map<int, std::shared_ptr<Session>>;
   return *all;
 }
 
@@ -68,14 +59,10 @@ struct Locked : std::lock_guard<std::recursive_mutex> {
   static inline std::recursive_mutex mutex;
 };
 
-const Node* nodeOf(int fd) {
-  const Locked locked;
-  const auto found = nodes().find(fd);
-  return found == nodes().end() ? nullptr : found->second.get();
-}
 Session* sessionOf(int fd) {
-  const Node* const node = nodeOf(fd);
-  return node == nullptr ? nullptr : node->session.get();
+  const Locked locked;
+  const auto found = sessions().find(fd);
+  return found == sessions().end() ? nullptr : found->second.get();
 }
 
 template <typename Function>
@@ -83,11 +70,6 @@ Function* next(Function*, const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 #define NEXT(name) next(&name, #name)
-
-int failWith(int error) {
-  errno = error;
-  return -1;
-}
 
 Faults faults() {
   Faults all;
@@ -119,7 +101,7 @@ thread_local bool working = false;  // for a device
 
 /// Where a device lacks memory it says so.
 template <typename Function>
-int work(Function&& function, int otherwise) {
+int work(int otherwise, Function&& function) {
   int answer = otherwise;
   working = true;
   try {
@@ -130,7 +112,6 @@ int work(Function&& function, int otherwise) {
   working = false;
   return answer;
 }
-
 /// Which of the calls on video devices goes wrong, with which error; 0: from then on the device does
 /// not answer, -1: its next frame is lost, or all are.
 struct {
@@ -141,7 +122,7 @@ struct {
 } failing;
 
 /// @return whether this call is the one, with errno
-bool fails(Session* session = nullptr) {
+bool meetsFault(Session* session = nullptr) {
   const unsigned call = ++failing.calls;
   if (failing.nth == 0 || call < failing.nth || (call > failing.nth && !failing.forGood))
     return false;
@@ -151,83 +132,30 @@ bool fails(Session* session = nullptr) {
   return failing.error > 0;
 }
 
-int openNode(const Kind& kind, int flags, bool media) {
+int openNode(const Kind& kind, int flags) {
   const Locked locked;
+  if (meetsFault()) return -1;
   const Faults wrong = faults();
-  if (!media) {
-    if (fails()) return -1;
-    bool& isGone = gone[kind.number - first];
-    isGone = isGone && wrong.goneAfter != 0;
-    if (isGone || wrong.busy != 0 || wrong.forbidden != 0)
-      return failWith(isGone ? ENODEV : wrong.busy != 0 ? EBUSY : EACCES);
-  }
+  if (wrong.goneAfter == 0) Session::gone.erase(&kind);
+  if (Session::gone.count(&kind) != 0) return fails(ENODEV);
+  if (wrong.busy != 0 || wrong.forbidden != 0) return fails(wrong.busy != 0 ? EBUSY : EACCES);
   const int fd = memfd_create("stand-in", (flags & O_CLOEXEC) != 0 ? MFD_CLOEXEC : 0);
   if (fd < 0) return fd;
   fcntl(fd, F_SETFL, flags & O_NONBLOCK);
-  const auto begin = [&] {
-    auto session = media ? nullptr : std::make_unique<Session>(kind, wrong);
-    nodes()[fd] = std::shared_ptr<Node>(new Node{kind, std::move(session)});
+  const int answer = work(-1, [&] {
+    sessions()[fd] = std::make_shared<Session>(kind, wrong);
     return fd;
-  };
-  const int answer = work(begin, -1);
+  });
   if (answer < 0) NEXT(close)(fd);
   return answer;
 }
 
-int mediaCall(const Kind& kind, unsigned long request, void* argument) {
-  if (request == MEDIA_IOC_DEVICE_INFO) {
-    media_device_info info = {};
-    std::strcpy(info.driver, "stand-in");
-    std::strcpy(info.model, "stand-in");
-    std::strcpy(info.bus_info, "platform:stand-in");
-    info.media_version = info.driver_version = 6 << 16 | 1 << 8;
-    *static_cast<media_device_info*>(argument) = info;
-    return 0;
-  }
-  if (request != MEDIA_IOC_G_TOPOLOGY) return failWith(ENOTTY);
-  // The coder between what the kernel calls its source and its sink, which the node is for.
-  const std::uint32_t coder =
-      kind.encoder ? MEDIA_ENT_F_PROC_VIDEO_ENCODER : MEDIA_ENT_F_PROC_VIDEO_DECODER;
-  const media_v2_entity entities[] = {{1, "stand-in-source", MEDIA_ENT_F_IO_V4L, 0, {}},
-                                      {2, "stand-in-proc", coder, 0, {}},
-                                      {3, "stand-in-sink", MEDIA_ENT_F_IO_V4L, 0, {}}};
-  media_v2_interface interface = {};
-  interface.id = 4;
-  interface.intf_type = MEDIA_INTF_T_V4L_VIDEO;
-  interface.devnode = {81, kind.number};
-  const media_v2_pad pads[] = {{5, 1, MEDIA_PAD_FL_SOURCE, 0, {}},
-                               {6, 2, MEDIA_PAD_FL_SINK, 0, {}},
-                               {7, 2, MEDIA_PAD_FL_SOURCE, 1, {}},
-                               {8, 3, MEDIA_PAD_FL_SINK, 0, {}}};
-  constexpr std::uint32_t fixed = MEDIA_LNK_FL_IMMUTABLE | MEDIA_LNK_FL_ENABLED;
-  const media_v2_link links[] = {{9, 5, 6, fixed, {}},
-                                 {10, 7, 8, fixed, {}},
-                                 {11, 4, 1, fixed | MEDIA_LNK_FL_INTERFACE_LINK, {}},
-                                 {12, 4, 3, fixed | MEDIA_LNK_FL_INTERFACE_LINK, {}}};
-  auto& topology = *static_cast<media_v2_topology*>(argument);
-  const auto put = [](const auto& values, std::uint64_t where) {
-    if (where != 0) std::memcpy(reinterpret_cast<void*>(where), &values, sizeof values);
-  };
-  put(entities, topology.ptr_entities);
-  put(interface, topology.ptr_interfaces);
-  put(pads, topology.ptr_pads);
-  put(links, topology.ptr_links);
-  topology.topology_version = topology.num_interfaces = 1;
-  topology.num_entities = 3;
-  topology.num_pads = topology.num_links = 4;
-  return 0;
-}
-
 /// What an ioctl() answers; EINTR where it blocks.
-int answer(const Node& node, const standin::Call& call) {
-  if (node.session == nullptr) return mediaCall(node.kind, call.request, call.argument);
+int answer(Session& session, const Call& call) {
   const auto address = reinterpret_cast<std::uintptr_t>(call.argument) & ~std::uintptr_t{4095};
   if (_IOC_SIZE(call.request) != 0 && msync(reinterpret_cast<void*>(address), 1, MS_ASYNC) != 0)
-    return failWith(Session::knows(call.request) ? EFAULT : ENOTTY);
-  if (fails(node.session.get())) return -1;
-  const int result = work([&] { return node.session->call(call); }, -1);
-  if (node.session->isGone()) gone[node.kind.number - first] = true;
-  return result;
+    return fails(Session::knows(call.request) ? EFAULT : ENOTTY);
+  return meetsFault(&session) ? -1 : work(-1, [&] { return session.call(call); });
 }
 
 /// The system's, past a program that has clocks of its own.
@@ -238,12 +166,10 @@ void nap() {
 
 short look(pollfd& each) {
   const Locked locked;
-  const Node* const node = nodeOf(each.fd);
+  Session* const session = sessionOf(each.fd);
   each.revents = 0;
-  if (node == nullptr || node->session == nullptr) return NEXT(poll)(&each, 1, 0) > 0;
-  Session& session = *node->session;
-  each.revents = static_cast<short>(work([&] { return session.look(each.events); }, POLLERR));
-  if (session.isGone()) gone[node->kind.number - first] = true;
+  if (session == nullptr) return NEXT(poll)(&each, 1, 0) > 0;
+  each.revents = static_cast<short>(work(POLLERR, [&] { return session->look(each.events); }));
   return each.revents != 0;
 }
 
@@ -251,7 +177,7 @@ bool anyOfOurs(const pollfd* all, nfds_t size) {
   const Locked locked;
   for (nfds_t i = 0; i < size; ++i)
     if (sessionOf(all[i].fd) != nullptr) return true;
-  return size == 0 && !nodes().empty();
+  return size == 0 && !sessions().empty();
 }
 
 /// When the first of them will have something to tell, if nobody gives it anything before.
@@ -267,18 +193,18 @@ std::uint64_t nextDue(const pollfd* all, nfds_t size, std::uint64_t end) {
 
 /// Waiting for nothing is a pause between two looks at a device.
 int pollDevices(pollfd* all, nfds_t size, int milliseconds) {
-  if (const Locked locked; size > 0 && fails(sessionOf(all[0].fd))) return -1;
+  if (const Locked locked; size > 0 && meetsFault(sessionOf(all[0].fd))) return -1;
   const std::uint64_t end =
-      milliseconds < 0 ? UINT64_MAX : standin::nowMs() + static_cast<unsigned>(milliseconds);
+      milliseconds < 0 ? UINT64_MAX : nowMs() + static_cast<unsigned>(milliseconds);
   for (;;) {
     int ready = 0;
     for (nfds_t i = 0; i < size; ++i) ready += look(all[i]);
-    if (ready > 0 || standin::nowMs() >= end) return ready;
+    if (ready > 0 || nowMs() >= end) return ready;
     const std::uint64_t next = nextDue(all, size, end);
     if (next == 0 || next == UINT64_MAX)
       nap();
     else
-      standin::skipTo(next);
+      skipTo(next);
   }
 }
 
@@ -297,23 +223,23 @@ SHOWN int open(const char* path, int flags, ...) {
   va_start(list, flags);
   const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(list, mode_t) : 0;
   va_end(list);
-  if (const Kind* const kind = kindOf(path, "/dev/video")) return openNode(*kind, flags, false);
-  if (const Kind* const kind = kindOf(path, "/dev/media")) return openNode(*kind, flags, true);
+  for (const char* const prefix : {"/dev/video", "/dev/media"})
+    if (const Kind* const kind = kindOf(path, prefix)) return openNode(*kind, flags);
   return NEXT(open)(path, flags, mode);
 }
 
 SHOWN int dup(int fd) noexcept {
   const Locked locked;
   const int copy = NEXT(dup)(fd);
-  const auto found = nodes().find(fd);
-  if (copy >= 0 && found != nodes().end()) nodes()[copy] = found->second;
+  const auto found = sessions().find(fd);
+  if (copy >= 0 && found != sessions().end()) sessions()[copy] = found->second;
   return copy;
 }
 
 SHOWN int close(int fd) {
   {
     const Locked locked;
-    nodes().erase(fd);
+    sessions().erase(fd);
   }
   return NEXT(close)(fd);
 }
@@ -325,10 +251,10 @@ SHOWN int ioctl(int fd, unsigned long request, ...) noexcept {
   va_end(list);
   for (;; nap()) {
     const Locked locked;
-    const Node* const node = nodeOf(fd);
-    if (node == nullptr) return NEXT(ioctl)(fd, request, argument);
+    Session* const session = sessionOf(fd);
+    if (session == nullptr) return NEXT(ioctl)(fd, request, argument);
     // A call that blocks is asked again until it does not.
-    const int result = answer(*node, {fd, request & 0xffffffff, argument});
+    const int result = answer(*session, {fd, request & 0xffffffff, argument});
     if (result == 0 || errno != EINTR) return result;
   }
 }
@@ -337,16 +263,16 @@ SHOWN void* mmap(void* where, std::size_t size, int access, int flags, int fd, o
   if (fd >= 0 && !working) {
     const Locked locked;
     Session* const session = sessionOf(fd);
-    if (session != nullptr && fails(session)) return MAP_FAILED;
+    if (session != nullptr && meetsFault(session)) return MAP_FAILED;
   }
   return NEXT(mmap)(where, size, access, flags, fd, at);
 }
 
 SHOWN ssize_t read(int fd, void* to, std::size_t size) {
-  return sessionOf(fd) != nullptr ? failWith(EINVAL) : NEXT(read)(fd, to, size);
+  return sessionOf(fd) != nullptr ? fails(EINVAL) : NEXT(read)(fd, to, size);
 }
 SHOWN ssize_t write(int fd, const void* from, std::size_t size) {
-  return sessionOf(fd) != nullptr ? failWith(EINVAL) : NEXT(write)(fd, from, size);
+  return sessionOf(fd) != nullptr ? fails(EINVAL) : NEXT(write)(fd, from, size);
 }
 
 SHOWN int poll(pollfd* all, nfds_t size, int timeout) {
@@ -359,18 +285,12 @@ SHOWN int ppoll(pollfd* all, nfds_t size, const timespec* limit, const sigset_t*
 }
 
 SHOWN int select(int size, fd_set* in, fd_set* out, fd_set* special, timeval* limit) {
-  struct Set {
-    fd_set* set;
-    int wanted, answers;
-  };
-  const Set sets[] = {{in, POLLIN, POLLIN | POLLERR | POLLHUP},
-                      {out, POLLOUT, POLLOUT | POLLERR},
-                      {special, POLLPRI, POLLPRI}};
+  const std::pair<fd_set*, int> sets[] = {{in, POLLIN}, {out, POLLOUT}, {special, POLLPRI}};
   std::vector<pollfd> all;
   for (int fd = 0; fd < size; ++fd) {
     int events = 0;
-    for (const Set& each : sets)
-      if (each.set != nullptr && FD_ISSET(fd, each.set)) events |= each.wanted;
+    for (const auto& [set, wanted] : sets)
+      if (set != nullptr && FD_ISSET(fd, set)) events |= wanted;
     if (events != 0) all.push_back({fd, static_cast<short>(events), 0});
   }
   if (!anyOfOurs(all.data(), all.size())) return NEXT(select)(size, in, out, special, limit);
@@ -378,12 +298,14 @@ SHOWN int select(int size, fd_set* in, fd_set* out, fd_set* special, timeval* li
   pollDevices(all.data(), all.size(), static_cast<int>(milliseconds));
   int ready = 0;
   for (const pollfd& each : all)
-    for (const Set& asked : sets) {
-      if (asked.set == nullptr || !FD_ISSET(each.fd, asked.set)) continue;
-      if ((each.revents & asked.answers) != 0)
+    for (const auto& [set, wanted] : sets) {
+      if (set == nullptr || !FD_ISSET(each.fd, set)) continue;
+      // A device with nothing to do or gone wakes who reads and who writes.
+      const int answers = wanted == POLLPRI ? POLLPRI : wanted | POLLERR;
+      if ((each.revents & answers) != 0)
         ++ready;
       else
-        FD_CLR(each.fd, asked.set);
+        FD_CLR(each.fd, set);
     }
   return ready;
 }
@@ -419,8 +341,6 @@ SHOWN int epoll_wait(int epoll, epoll_event* events, int most, int timeout) {
   return ready;
 }
 
-// ---- for the tests in the same process
-
 SHOWN void standin_fail(unsigned nth, int error, bool forGood) {
   const Locked locked;
   failing = {nth, error, forGood, 0};
@@ -432,15 +352,13 @@ SHOWN bool standin_works() {
   return working;
 }
 SHOWN unsigned long long standin_now() {
-  return standin::nowMs();
+  return nowMs();
 }
-
-// ---- what the devices look like
 
 SHOWN int fstat(int fd, struct stat* status) noexcept {
   const Locked locked;
-  const Node* const node = nodeOf(fd);
-  return node != nullptr ? statusOf(node->kind, status) : NEXT(fstat)(fd, status);
+  const Session* const session = sessionOf(fd);
+  return session != nullptr ? statusOf(session->kind(), status) : NEXT(fstat)(fd, status);
 }
 SHOWN int stat(const char* path, struct stat* status) noexcept {
   const Kind* const kind = kindOf(path, "/dev/video");
@@ -459,32 +377,31 @@ SHOWN FILE* fopen(const char* path, const char* mode) {
 }
 
 namespace {
-DIR* devices = nullptr;  // the folder that they are listed in
-unsigned listed = 0;
-DIR* systemFolder = nullptr;  // what /sys lists of one of them: its media device
-unsigned systemNumber = 0;
+/// A folder that lists devices behind what it has, and which are left.
+struct Listing {
+  DIR* folder = nullptr;
+  const char* name = nullptr;
+  unsigned next = 0, end = 0;
+} listing;
 }  // namespace
 
 SHOWN DIR* opendir(const char* path) {
   const Kind* const kind = kindOf(path, "/sys/dev/char/81:");
   const bool listsMedia = kind != nullptr && std::strstr(path, "/device") != nullptr;
   DIR* const folder = NEXT(opendir)(listsMedia ? "/proc/self/fdinfo" : path);
-  if (folder == systemFolder) systemFolder = nullptr;
-  if (folder == devices) devices = nullptr;
-  if (listsMedia) systemFolder = folder, systemNumber = kind->number;
-  if (std::strcmp(path, "/dev") == 0 || std::strcmp(path, "/dev/") == 0)
-    devices = folder, listed = 0;
+  if (listsMedia)
+    listing = {folder, "media%u", kind->number, kind->number + 1};
+  else if (std::strcmp(path, "/dev") == 0 || std::strcmp(path, "/dev/") == 0)
+    listing = {folder, "video%u", first, first + count};
+  else if (folder == listing.folder)
+    listing = {};
   return folder;
 }
 SHOWN dirent* readdir(DIR* folder) {
   static thread_local dirent ours;
-  ours.d_type = DT_CHR;
-  if (folder == systemFolder) {
-    std::snprintf(ours.d_name, sizeof ours.d_name, "media%u", systemNumber);
-    return std::exchange(systemNumber, 0) != 0 ? &ours : nullptr;
-  }
   dirent* const entry = NEXT(readdir)(folder);
-  if (entry != nullptr || folder != devices || listed == count) return entry;
-  std::snprintf(ours.d_name, sizeof ours.d_name, "video%u", kinds[listed++].number);
+  if (entry != nullptr || folder != listing.folder || listing.next == listing.end) return entry;
+  ours.d_type = DT_CHR;
+  std::snprintf(ours.d_name, sizeof ours.d_name, listing.name, listing.next++);
   return &ours;
 }

@@ -18,6 +18,18 @@
 
 namespace standin {
 
+const Layout& layoutOf(std::uint32_t fourcc) {
+  static constexpr Layout all[] = {{V4L2_PIX_FMT_YUV420, "Planar YUV 4:2:0", 1, 1},
+                                   {V4L2_PIX_FMT_NV12, "Y/CbCr 4:2:0", 1, 2},
+                                   {V4L2_PIX_FMT_YUYV, "YUYV 4:2:2", 1, 0},
+                                   {V4L2_PIX_FMT_YUV420M, "Planar YUV 4:2:0 (N-C)", 3, 1},
+                                   {V4L2_PIX_FMT_NV12M, "Y/CbCr 4:2:0 (N-C)", 2, 2},
+                                   {V4L2_PIX_FMT_H264, "H.264"},
+                                   {V4L2_PIX_FMT_JPEG, "JFIF JPEG"}};
+  return *std::find_if(std::begin(all), std::end(all),
+                       [&](const Layout& each) { return each.fourcc == fourcc; });
+}
+
 namespace {
 
 std::atomic<std::uint64_t> skipped{0};
@@ -29,26 +41,7 @@ unsigned up(unsigned value, unsigned multiple) {
   return (value + multiple - 1) / multiple * multiple;
 }
 
-std::set<const Session*> everyone;
-
-constexpr Layout layouts[] = {{V4L2_PIX_FMT_YUV420, "Planar YUV 4:2:0", 1, 1},
-                              {V4L2_PIX_FMT_NV12, "Y/CbCr 4:2:0", 1, 2},
-                              {V4L2_PIX_FMT_YUYV, "YUYV 4:2:2", 1, 0},
-                              {V4L2_PIX_FMT_YUV420M, "Planar YUV 4:2:0 (N-C)", 3, 1},
-                              {V4L2_PIX_FMT_NV12M, "Y/CbCr 4:2:0 (N-C)", 2, 2},
-                              {V4L2_PIX_FMT_H264, "H.264"},
-                              {V4L2_PIX_FMT_JPEG, "JFIF JPEG"}};
-
-}  // namespace
-
-const Layout& layoutOf(std::uint32_t fourcc) {
-  return *std::find_if(std::begin(layouts), std::end(layouts),
-                       [&](const Layout& each) { return each.fourcc == fourcc; });
-}
-
-namespace {
-
-/// Where the planes of a frame lie, from a place in it on; of interleaved chroma in `u`.
+/// Where the planes of a frame lie, from a place in it on; of interleaved chroma in `u` alone.
 codec::Planes view(const Format& format, const Buffer& buffer, std::size_t left = 0,
                    std::size_t top = 0) {
   const Layout& raw = layoutOf(format.fourcc);
@@ -59,18 +52,19 @@ codec::Planes view(const Format& format, const Buffer& buffer, std::size_t left 
       raw.planes == 1 ? buffer.data[0] + std::size_t{stride} * rows : buffer.data[1];
   std::uint8_t* const v =
       raw.planes == 3 ? buffer.data[2] : u + std::size_t{chroma} * ((rows + 1) / 2);
-  return {buffer.data[0] + top * stride + left, u + at, v + at, stride, chroma};
+  return {buffer.data[0] + top * stride + left, u + at, raw.chromaStep == 2 ? nullptr : v + at,
+          stride, chroma};
 }
 
 template <typename Byte>
-void copyPlanes(const codec::BasicPlanes<Byte>& from, bool interleavedFrom, const codec::Planes& to,
-                bool interleavedTo, unsigned width, unsigned height) {
+void copyPlanes(const codec::BasicPlanes<Byte>& from, const codec::Planes& to, unsigned width,
+                unsigned height) {
   const auto whole = [](unsigned a) { return static_cast<int>(a); };
   const int w = whole(width), h = whole(height), fromY = whole(from.yStride),
             fromUv = whole(from.uvStride), toY = whole(to.yStride), toUv = whole(to.uvStride);
-  if (interleavedFrom)
+  if (from.v == nullptr)
     libyuv::NV12ToI420(from.y, fromY, from.u, fromUv, to.y, toY, to.u, toUv, to.v, toUv, w, h);
-  else if (interleavedTo)
+  else if (to.v == nullptr)
     libyuv::I420ToNV12(from.y, fromY, from.u, fromUv, from.v, fromUv, to.y, toY, to.u, toUv, w, h);
   else
     libyuv::I420Copy(from.y, fromY, from.u, fromUv, from.v, fromUv, to.y, toY, to.u, toUv, to.v,
@@ -99,28 +93,17 @@ void skipTo(std::uint64_t moment) {
   skipped += moment - std::min(moment, nowMs());
 }
 
-// ---- formats
-
-std::uint32_t Session::highestPriority() const {
-  std::uint32_t highest = 0;
-  for (const Session* const each : everyone)
-    if (&each->kind_ == &kind_) highest = std::max(highest, each->priority_);
-  return highest;
-}
-
 Session::Session(const Kind& kind, const Faults& faults) : kind_(kind), faults_(faults) {
-  in_.type =
-      faults.multiPlanar != 0 ? V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE : V4L2_BUF_TYPE_VIDEO_OUTPUT;
-  out_.type =
-      faults.multiPlanar != 0 ? V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE : V4L2_BUF_TYPE_VIDEO_CAPTURE;
-  for (Queue* const queue : {&coded(), &raw()}) {
+  const bool multi = faults.multiPlanar != 0;
+  in_.type = multi ? V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE : V4L2_BUF_TYPE_VIDEO_OUTPUT;
+  out_.type = multi ? V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE : V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  for (Queue* const queue : {&in_, &out_}) {
     queue->format.colours[0] = V4L2_COLORSPACE_REC709;
     queue->format.fourcc = offered(*queue)[0];
-    queue->format.width = 640;
-    queue->format.height = 480;
+    queue->format.setSize(640, 480);
     adjust(*queue, queue->format);
   }
-  everyone.insert(this);
+  priorities(kind_)[this] = V4L2_PRIORITY_INTERACTIVE;
   crop_ = {0, 0, 640, 480};
   for (const ControlKind& control : controlsOf(kind)) values_[control.id] = control.initial;
 }
@@ -135,7 +118,6 @@ std::vector<std::uint32_t> Session::offered(const Queue& queue) const {
   return {V4L2_PIX_FMT_YUV420, V4L2_PIX_FMT_NV12};
 }
 
-/// Makes a format one that the queue can have.
 void Session::adjust(const Queue& queue, Format& format) const {
   const std::vector<std::uint32_t> all = offered(queue);
   if (std::find(all.begin(), all.end(), format.fourcc) == all.end()) format.fourcc = all[0];
@@ -164,30 +146,6 @@ void Session::adjust(const Queue& queue, Format& format) const {
   }
 }
 
-bool Session::setFormat(Queue& queue, const Format& wanted) {
-  if (!queue.buffers.empty()) {
-    errno = EBUSY;
-    return false;
-  }
-  queue.format = wanted;
-  Queue& other = &queue == &in_ ? out_ : in_;
-  // The frame size goes with the raw side of an encoder and the coded side of a decoder.
-  if (&queue == &in_) {
-    other.format.width = wanted.width;
-    other.format.height = wanted.height;
-    std::copy_n(wanted.colours, 4, other.format.colours);
-    crop_ = {0, 0, wanted.width, wanted.height};
-    if (other.buffers.empty()) adjust(other, other.format);
-  } else {
-    queue.format.width = in_.format.width;
-    queue.format.height = in_.format.height;
-    adjust(queue, queue.format);
-  }
-  return true;
-}
-
-// ---- buffers
-
 bool Session::allocate(Queue& queue, unsigned count, int fd) {
   for (Buffer& buffer : queue.buffers)
     for (unsigned i = 0; i < buffer.planes; ++i) munmap(buffer.data[i], up(buffer.length[i], page));
@@ -215,7 +173,7 @@ bool Session::allocate(Queue& queue, unsigned count, int fd) {
 }
 
 Session::~Session() {
-  everyone.erase(this);
+  priorities(kind_).erase(this);
   allocate(in_, 0, -1);
   allocate(out_, 0, -1);
 }
@@ -237,18 +195,13 @@ void Session::stop(Queue& queue) {
   if (&queue == &in_) {
     draining_ = drainAsked_;
     drainAsked_ = false;
-    if (!kind_.encoder) waiting_.clear();
-    return;
+  } else {
+    drainAsked_ = draining_ = stopped_ = lastTaken_ = false;
   }
-  drainAsked_ = draining_ = stopped_ = lastTaken_ = false;
-  if (!kind_.encoder) return;
-  waiting_.clear();
-  held_ = Coded();
+  // Either kind loses what it has made of the coded side's buffers.
+  if (&queue == &coded()) waiting_.clear();
 }
 
-// ---- the work
-
-/// Does what can be done with the buffers that are queued.
 void Session::pump() {
   for (bool more = true; more;) more = step();
 }
@@ -256,7 +209,7 @@ void Session::pump() {
 bool Session::step() {
   if (gone_ || silent_ || stopped_) return false;
   if (deliver()) return true;
-  if (!waiting_.empty() || !in_.streaming) return false;
+  if (hasResult() || !in_.streaming) return false;
   // An encoder works on both queues at once, a decoder looks at its data before there is an output.
   if (kind_.encoder && (!out_.streaming || out_.queued.empty())) return false;
   if (in_.queued.empty()) {
@@ -274,6 +227,7 @@ bool Session::step() {
   ++frames_;
   silent_ = faults_.silentAfter != 0 && frames_ > faults_.silentAfter;
   gone_ = faults_.goneAfter != 0 && frames_ > faults_.goneAfter;
+  if (gone_) gone.insert(&kind_);
   if (gone_ || silent_) return false;
   const unsigned index = in_.queued.front();
   in_.queued.pop_front();
@@ -282,25 +236,23 @@ bool Session::step() {
   const bool dropped =
       toDrop_ != 0 || (kind_.encoder && faults_.dropEach != 0 && frames_ % faults_.dropEach == 0);
   toDrop_ -= std::min(toDrop_, 1u);
-  if (kind_.encoder && !dropped) encode(from);
-  if (!kind_.encoder && !dropped) decode(from);
+  if (!dropped) kind_.encoder ? encode(from) : decode(from);
   from.state = Buffer::Done;
   in_.done.push_back(index);
   return true;
 }
 
 void Session::encode(const Buffer& from) {
-  if (faults_.lag != 0 && !held_.empty()) waiting_.push_back(std::move(held_)), held_ = Coded();
   Coded coded;
   coded.stamp = from.stamp;
   const unsigned width = crop_.width, height = crop_.height, stride = in_.format.bytesPerLine[0];
   const unsigned step = layoutOf(in_.format.fourcc).chromaStep;
   std::vector<std::uint8_t> block = blockOf(width, height);
   const auto planes = planesOf<const std::uint8_t>(block.data(), width, height);
+  const auto left = static_cast<unsigned>(crop_.left), top = static_cast<unsigned>(crop_.top);
   if (step != 0)
-    copyPlanes(
-        view(in_.format, from, static_cast<unsigned>(crop_.left), static_cast<unsigned>(crop_.top)),
-        step == 2, planesOf(block.data(), width, height), false, width, height);
+    copyPlanes(view(in_.format, from, left, top), planesOf(block.data(), width, height), width,
+               height);
   if (kind_.coded == V4L2_PIX_FMT_JPEG) {
     // Packed pairs become 4:2:2; planes take the way over B G R, which becomes 4:2:0 again.
     codec::PackedPicture picture = {from.data[0], from.length[0], codec::PixelFormat::Yuyv,
@@ -326,10 +278,7 @@ void Session::encode(const Buffer& from) {
     }
     first_ = keyFrameAsked_ = false;
   }
-  if (faults_.lag != 0)
-    held_ = std::move(coded);
-  else
-    waiting_.push_back(std::move(coded));
+  waiting_.push_back(std::move(coded));
 }
 
 void Session::startEncoder() {
@@ -357,75 +306,54 @@ void Session::startEncoder() {
 
 void Session::decode(Buffer& from) {
   if (kind_.coded == V4L2_PIX_FMT_JPEG) {
-    Coded picture;
-    picture.stamp = from.stamp;
-    if (!jpegDecoder_.open(from.data[0], from.used[0])) {
-      refuse(from);
-      return;
-    }
-    const unsigned width = picture.width = jpegDecoder_.width();
-    const unsigned height = picture.height = jpegDecoder_.height();
-    const unsigned stride = up(width, 32), rows = up(height, 16);
-    std::vector<std::uint8_t> block(std::size_t{stride} * rows * 3 / 2);
-    if (jpegDecoder_.decode(codec::planesOf(block.data(), stride, rows)) !=
-        codec::ImageDecoder::Result::Complete) {
-      refuse(from);
-      return;
-    }
-    keep(std::move(picture), codec::planesOf<const std::uint8_t>(block.data(), stride, rows));
-    return;
-  }
-  if (codec::nextNal(from.data[0], 0, from.used[0]) == from.used[0]) {
+    decodeJpeg(from);
+  } else if (codec::nextNal(from.data[0], 0, from.used[0]) == from.used[0]) {
     refuse(from);
-    return;
+  } else {
+    decoder_.feed(from.data[0], from.used[0], static_cast<std::int64_t>(from.stamp), false, true);
+    takePictures();
   }
-  decoder_.feed(from.data[0], from.used[0], static_cast<std::int64_t>(from.stamp), false, true);
-  takePictures();
+}
+
+void Session::decodeJpeg(Buffer& from) {
+  if (!jpegDecoder_.open(from.data[0], from.used[0])) return refuse(from);
+  const unsigned width = jpegDecoder_.width(), height = jpegDecoder_.height();
+  const unsigned stride = up(width, 32), rows = up(height, 16);
+  std::vector<std::uint8_t> block(std::size_t{stride} * rows * 3 / 2);
+  const codec::Planes planes = codec::planesOf(block.data(), stride, rows);
+  if (jpegDecoder_.decode(planes) != codec::ImageDecoder::Result::Complete) return refuse(from);
+  keep({{}, from.stamp, width, height},
+       codec::planesOf<const std::uint8_t>(block.data(), stride, rows));
 }
 
 /// Data that is none goes back as faulty, and an empty picture with it where somebody waits for one.
 void Session::refuse(Buffer& from) {
   from.flags |= V4L2_BUF_FLAG_ERROR;
-  if (!out_.streaming) return;
-  Coded nothing;
-  nothing.stamp = from.stamp;
-  nothing.width = shown_.width;
-  nothing.height = shown_.height;
-  nothing.error = true;
-  waiting_.push_back(nothing);
+  if (out_.streaming)
+    waiting_.push_back({{}, from.stamp, shown_.width, shown_.height, false, true});
 }
 
 void Session::takePictures() {
   codec::VideoDecoder::Picture shown;
   while (decoder_.next(shown)) {
-    Coded picture;
     // Several pictures out of one buffer carry its stamp all of them.
     if (shown.pts != codec::VideoDecoder::noPts) stamp_ = static_cast<std::uint64_t>(shown.pts);
-    picture.stamp = stamp_;
-    picture.width = shown.width;
-    picture.height = shown.height;
-    picture.error = shown.damaged;
-    keep(std::move(picture), shown.planes);
+    keep({{}, stamp_, shown.width, shown.height, false, shown.damaged}, shown.planes);
   }
 }
 
 void Session::keep(Coded picture, const codec::ConstPlanes& from) {
   picture.bytes = blockOf(picture.width, picture.height);
-  copyPlanes(from, false, planesOf(picture.bytes.data(), picture.width, picture.height), false,
-             picture.width, picture.height);
+  copyPlanes(from, planesOf(picture.bytes.data(), picture.width, picture.height), picture.width,
+             picture.height);
   waiting_.push_back(std::move(picture));
 }
 
 /// Hands the next result out, or the end. @return whether anything came of it
 bool Session::deliver() {
-  if (waiting_.empty() && draining_ && !held_.empty()) {
-    waiting_.push_back(std::move(held_));
-    held_ = Coded();
-  }
   if (!waiting_.empty() && !kind_.encoder && !restart_) announce(waiting_.front());
   if (!out_.streaming || out_.queued.empty()) return false;
-  if (restart_ && !lastDue_) return false;
-  if (waiting_.empty() && !draining_) return false;
+  if (restart_ ? !lastDue_ : !hasResult() && !draining_) return false;
   const unsigned index = out_.queued.front();
   out_.queued.pop_front();
   Buffer& to = out_.buffers[index];
@@ -438,9 +366,8 @@ bool Session::deliver() {
   } else if (waiting_.empty()) {
     finish(to);
   } else {
-    const Coded result = std::move(waiting_.front());
+    fill(to, waiting_.front());
     waiting_.pop_front();
-    fill(to, result);
   }
   to.state = Buffer::Done;
   out_.done.push_back(index);
@@ -448,66 +375,60 @@ bool Session::deliver() {
 }
 
 void Session::fill(Buffer& to, const Coded& result) {
+  const Format& format = out_.format;
+  const std::size_t size = result.bytes.size();
+  const bool fits = to.length[0] >= (kind_.encoder ? size : format.sizeImage[0]);
   to.stamp = result.stamp;
-  if (result.error) to.flags |= V4L2_BUF_FLAG_ERROR;
+  if (result.error || !fits) to.flags |= V4L2_BUF_FLAG_ERROR;
+  if (kind_.encoder) to.flags |= result.keyFrame ? V4L2_BUF_FLAG_KEYFRAME : V4L2_BUF_FLAG_PFRAME;
+  if (!fits || size == 0) return;
   if (kind_.encoder) {
-    to.flags |= result.keyFrame ? V4L2_BUF_FLAG_KEYFRAME : V4L2_BUF_FLAG_PFRAME;
-    if (result.bytes.size() > to.length[0]) {
-      to.flags |= V4L2_BUF_FLAG_ERROR;
-      return;
-    }
-    std::memcpy(to.data[0], result.bytes.data(), result.bytes.size());
-    to.used[0] = static_cast<std::uint32_t>(result.bytes.size());
+    std::memcpy(to.data[0], result.bytes.data(), size);
+    to.used[0] = static_cast<std::uint32_t>(size);
     return;
   }
-  if (to.length[0] < out_.format.sizeImage[0]) {
-    to.flags |= V4L2_BUF_FLAG_ERROR;
-    return;
-  }
-  if (result.bytes.empty()) return;
-  copyPlanes(planesOf(result.bytes.data(), result.width, result.height), false,
-             view(out_.format, to), layoutOf(out_.format.fourcc).chromaStep == 2, result.width,
-             result.height);
-  for (unsigned i = 0; i < to.planes; ++i) to.used[i] = out_.format.sizeImage[i];
+  copyPlanes(planesOf(result.bytes.data(), result.width, result.height), view(format, to),
+             result.width, result.height);
+  std::copy_n(format.sizeImage, to.planes, to.used);
 }
 
 void Session::finish(Buffer& last) {
   last.flags |= V4L2_BUF_FLAG_LAST;
   stopped_ = true;
   draining_ = drainAsked_ = false;
-  v4l2_event event = {};
-  event.type = V4L2_EVENT_EOS;
-  post(event);
+  post(V4L2_EVENT_EOS);
 }
 
 /// Tells a new size; the buffers of the old one end with an empty last one.
 void Session::announce(const Coded& picture) {
   if (shown_.width == picture.width && shown_.height == picture.height) return;
   shown_ = crop_ = {0, 0, picture.width, picture.height};
-  in_.format.width = picture.width;
-  in_.format.height = picture.height;
-  adjust(in_, in_.format);
-  out_.format.width = picture.width;
-  out_.format.height = picture.height;
-  adjust(out_, out_.format);
+  for (Queue* const queue : {&in_, &out_}) {
+    queue->format.setSize(picture.width, picture.height);
+    adjust(*queue, queue->format);
+  }
   restart_ = true;
   lastDue_ = out_.streaming;
+  post(V4L2_EVENT_SOURCE_CHANGE, V4L2_EVENT_SRC_CH_RESOLUTION);
+}
+
+void Session::post(std::uint32_t type, std::uint32_t changes, const ControlKind* control) {
   v4l2_event event = {};
-  event.type = V4L2_EVENT_SOURCE_CHANGE;
-  event.u.src_change.changes = V4L2_EVENT_SRC_CH_RESOLUTION;
-  post(event);
-}
-
-void Session::post(const v4l2_event& event) {
-  if (subscribed_.count({event.type, event.id}) == 0) return;
+  event.type = type;
+  event.id = control != nullptr ? control->id : 0;
+  if (subscribed_.count({type, event.id}) == 0) return;
+  event.sequence = sequence_++;
+  clock_gettime(CLOCK_MONOTONIC_RAW, &event.timestamp);
+  event.u.ctrl.changes = changes;  // where a change of source has them, too
+  if (control != nullptr) {
+    event.u.ctrl.type = control->type;
+    event.u.ctrl.value = static_cast<__s32>(values_[control->id]);
+  }
   events_.push_back(event);
-  events_.back().sequence = sequence_++;
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC_RAW, &now);
-  events_.back().timestamp = now;
 }
 
-short Session::ready(short wanted) const {
+short Session::look(short wanted) {
+  pump();
   short events = 0;
   if (gone_) return POLLERR | POLLHUP;
   if (!events_.empty()) events |= POLLPRI;

@@ -4,6 +4,7 @@
 #include <linux/videodev2.h>
 #include <poll.h>
 
+#include <cerrno>
 #include <deque>
 #include <map>
 #include <set>
@@ -71,6 +72,7 @@ struct Format {
   unsigned width = 0, height = 0, planes = 1;
   std::uint32_t bytesPerLine[3] = {}, sizeImage[3] = {};
   std::uint32_t colours[4] = {};  ///< what applications say of them, handed through
+  void setSize(unsigned toWidth, unsigned toHeight) { width = toWidth, height = toHeight; }
 };
 
 struct Buffer {
@@ -91,7 +93,11 @@ struct Queue {
   std::uint32_t sequence = 0;
 };
 
-/// One of the kernel's calls.
+inline int fails(int error) {
+  errno = error;
+  return -1;
+}
+
 struct Call {
   int fd;
   unsigned long request;
@@ -100,7 +106,15 @@ struct Call {
   Structure& as() const {
     return *static_cast<Structure*>(argument);
   }
+  template <typename Structure>
+  Structure& blank() const {
+    return as<Structure>() = Structure();
+  }
 };
+
+class Session;
+/// Of all who have a device open.
+std::map<const Session*, std::uint32_t>& priorities(const Kind& kind);
 
 /// One open descriptor.
 class Session {
@@ -112,12 +126,9 @@ class Session {
   int call(const Call& call);
   static bool knows(unsigned long request) { return answerTo(request) != nullptr; }
   /// Works on, then tells what poll() would.
-  short look(short wanted) {
-    pump();
-    return ready(wanted);
-  }
+  short look(short wanted);
   const Kind& kind() const { return kind_; }
-  bool isGone() const { return gone_; }
+  static inline std::set<const Kind*> gone;  ///< with no more to open
   /// When a frame that is being worked on will be done; 0 where there is none.
   std::uint64_t due() const { return busy_ ? due_ : 0; }
   /// No answers any more; nothing for the next frame, or for all that follow.
@@ -125,21 +136,18 @@ class Session {
   void drop(unsigned howMany) { toDrop_ = howMany; }
 
  private:
-  /// A result on its way out.
   struct Coded {
     std::vector<std::uint8_t> bytes;
     std::uint64_t stamp = 0;
     unsigned width = 0, height = 0;
     bool keyFrame = false, error = false;
-    bool empty() const { return bytes.empty(); }
   };
 
   Queue& coded() { return kind_.encoder ? out_ : in_; }
-  Queue& raw() { return kind_.encoder ? in_ : out_; }
   Queue* queueOf(std::uint32_t type);
   std::vector<std::uint32_t> offered(const Queue& queue) const;
+  /// Makes a format one that the queue can have.
   void adjust(const Queue& queue, Format& format) const;
-  bool setFormat(Queue& queue, const Format& wanted);
   bool allocate(Queue& queue, unsigned count, int fd);
   void start(Queue& queue);
   void stop(Queue& queue);
@@ -149,15 +157,19 @@ class Session {
   void encode(const Buffer& from);
   void startEncoder();
   void decode(Buffer& from);
+  void decodeJpeg(Buffer& from);
   void refuse(Buffer& from);
   void takePictures();
   void keep(Coded picture, const codec::ConstPlanes& from);
+  /// An encoder that lags keeps its last one to itself until it is drained.
+  bool hasResult() const {
+    return waiting_.size() > (kind_.encoder && !draining_ ? faults_.lag : 0);
+  }
   bool deliver();
   void fill(Buffer& to, const Coded& result);
   void finish(Buffer& last);
   void announce(const Coded& picture);
-  void post(const v4l2_event& event);
-  short ready(short wanted) const;
+  void post(std::uint32_t type, std::uint32_t changes = 0, const ControlKind* control = nullptr);
 
   using Answer = int (Session::*)(const Call&);
   static Answer answerTo(unsigned long request);
@@ -178,15 +190,15 @@ class Session {
   int queryOldControl(const Call& call);
   int queryMenu(const Call& call);
   int oldControl(const Call& call);
-  int setValue(std::uint32_t id, std::int64_t& value, bool apply);
+  int setValue(const ControlKind& control, std::int64_t& value, bool apply);
   int controls(const Call& call);
   int subscribe(const Call& call);
   int takeEvent(const Call& call);
   int command(const Call& call);
-  std::uint32_t highestPriority() const;
   int priority(const Call& call);
+  int mediaInfo(const Call& call);
+  int topology(const Call& call);
 
-  std::uint32_t priority_ = V4L2_PRIORITY_INTERACTIVE;
   const Kind& kind_;
   const Faults faults_;
   Queue in_, out_;
@@ -209,7 +221,6 @@ class Session {
   bool encoding_ = false, first_ = false, keyFrameAsked_ = false;
   std::deque<Coded> waiting_;
   std::uint64_t stamp_ = 0;
-  Coded held_;  // by an encoder that is a frame behind
 
   std::set<std::pair<std::uint32_t, std::uint32_t>> subscribed_;
   std::deque<v4l2_event> events_;

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <linux/media.h>
 #include <linux/v4l2-controls.h>
 
 #include <algorithm>
@@ -12,10 +13,7 @@ namespace standin {
 
 namespace {
 
-int fails(int error) {
-  errno = error;
-  return -1;
-}
+constexpr unsigned version = 6 << 16 | 1 << 8;  // of the kernel that is stood in for
 
 template <typename Letter, std::size_t size>
 void copyText(Letter (&to)[size], const char* text) {
@@ -74,6 +72,13 @@ Format read(const v4l2_format& from) {
 constexpr auto group = V4L2_CTRL_TYPE_CTRL_CLASS;
 constexpr auto number = V4L2_CTRL_TYPE_INTEGER;
 constexpr auto menu = V4L2_CTRL_TYPE_MENU;
+constexpr auto boolean = V4L2_CTRL_TYPE_BOOLEAN;
+constexpr auto button = V4L2_CTRL_TYPE_BUTTON;
+using Entries = std::vector<const char*>;
+const Entries modes = {"Variable", "Constant"};
+const Entries levels = {"1", "1b",  "1.1", "1.2", "1.3", "2",   "2.1", "2.2",
+                        "3", "3.1", "3.2", "4",   "4.1", "4.2", "5",   "5.1"};
+const Entries profiles = {"Baseline", "Constrained Baseline", "Main", nullptr, "High"};
 
 // In the order of their numbers.
 const std::vector<ControlKind> encoderControls = {
@@ -81,32 +86,12 @@ const std::vector<ControlKind> encoderControls = {
     {V4L2_CID_MIN_BUFFERS_FOR_OUTPUT, number, "Min Number of Output Buffers", 1, 1, 32},
     {V4L2_CID_CODEC_CLASS, group, "Codec Controls"},
     {V4L2_CID_MPEG_VIDEO_GOP_SIZE, number, "Video GOP Size", 12, 1, 100000},
-    {V4L2_CID_MPEG_VIDEO_BITRATE_MODE,
-     menu,
-     "Video Bitrate Mode",
-     0,
-     0,
-     1,
-     {"Variable", "Constant"}},
+    {V4L2_CID_MPEG_VIDEO_BITRATE_MODE, menu, "Video Bitrate Mode", 0, 0, 1, modes},
     {V4L2_CID_MPEG_VIDEO_BITRATE, number, "Video Bitrate", 2000000, 1000, 100000000},
-    {V4L2_CID_MPEG_VIDEO_REPEAT_SEQ_HEADER, V4L2_CTRL_TYPE_BOOLEAN, "Repeat Sequence Header", 1, 0,
-     1},
-    {V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME, V4L2_CTRL_TYPE_BUTTON, "Force Key Frame"},
-    {V4L2_CID_MPEG_VIDEO_H264_LEVEL,
-     menu,
-     "H264 Level",
-     11,
-     0,
-     15,
-     {"1", "1b", "1.1", "1.2", "1.3", "2", "2.1", "2.2", "3", "3.1", "3.2", "4", "4.1", "4.2", "5",
-      "5.1"}},
-    {V4L2_CID_MPEG_VIDEO_H264_PROFILE,
-     menu,
-     "H264 Profile",
-     4,
-     0,
-     4,
-     {"Baseline", "Constrained Baseline", "Main", nullptr, "High"}},
+    {V4L2_CID_MPEG_VIDEO_REPEAT_SEQ_HEADER, boolean, "Repeat Sequence Header", 1, 0, 1},
+    {V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME, button, "Force Key Frame"},
+    {V4L2_CID_MPEG_VIDEO_H264_LEVEL, menu, "H264 Level", 11, 0, 15, levels},
+    {V4L2_CID_MPEG_VIDEO_H264_PROFILE, menu, "H264 Profile", 4, 0, 4, profiles},
     {V4L2_CID_MPEG_VIDEO_H264_VUI_EXT_SAR_HEIGHT, number, "Vertical Size of SAR", 1, 1, 65535},
     {V4L2_CID_MPEG_VIDEO_H264_VUI_EXT_SAR_WIDTH, number, "Horizontal Size of SAR", 1, 1, 65535}};
 const std::vector<ControlKind> decoderControls = {
@@ -118,8 +103,7 @@ const std::vector<ControlKind> jpegControls = {
 
 std::uint32_t flagsOf(const ControlKind& control) {
   if (control.type == group) return V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY;
-  if (control.type == V4L2_CTRL_TYPE_BUTTON)
-    return V4L2_CTRL_FLAG_WRITE_ONLY | V4L2_CTRL_FLAG_EXECUTE_ON_WRITE;
+  if (control.type == button) return V4L2_CTRL_FLAG_WRITE_ONLY | V4L2_CTRL_FLAG_EXECUTE_ON_WRITE;
   const bool fixed = control.id == V4L2_CID_MIN_BUFFERS_FOR_OUTPUT ||
                      control.id == V4L2_CID_MIN_BUFFERS_FOR_CAPTURE;
   return fixed ? V4L2_CTRL_FLAG_READ_ONLY : 0u;
@@ -130,6 +114,11 @@ std::uint32_t flagsOf(const ControlKind& control) {
 const std::vector<ControlKind>& controlsOf(const Kind& kind) {
   if (!kind.encoder) return decoderControls;
   return kind.coded == V4L2_PIX_FMT_JPEG ? jpegControls : encoderControls;
+}
+
+std::map<const Session*, std::uint32_t>& priorities(const Kind& kind) {
+  static std::map<const Kind*, std::map<const Session*, std::uint32_t>> all;
+  return all[&kind];
 }
 
 Session::Answer Session::answerTo(unsigned long request) {
@@ -152,6 +141,8 @@ Session::Answer Session::answerTo(unsigned long request) {
       {&Session::takeEvent, {VIDIOC_DQEVENT}},
       {&Session::command, {VIDIOC_ENCODER_CMD, VIDIOC_TRY_ENCODER_CMD}},
       {&Session::command, {VIDIOC_DECODER_CMD, VIDIOC_TRY_DECODER_CMD}},
+      {&Session::mediaInfo, {MEDIA_IOC_DEVICE_INFO}},
+      {&Session::topology, {MEDIA_IOC_G_TOPOLOGY}},
       {&Session::priority, {VIDIOC_G_PRIORITY, VIDIOC_S_PRIORITY}}};
   for (const auto& [answer, requests] : all)
     if (std::find(requests.begin(), requests.end(), request) != requests.end()) return answer;
@@ -169,15 +160,12 @@ Queue* Session::queueOf(std::uint32_t type) {
   return type == in_.type ? &in_ : type == out_.type ? &out_ : nullptr;
 }
 
-// ---- formats
-
 int Session::queryCapability(const Call& call) {
-  auto& capability = call.as<v4l2_capability>();
-  std::memset(&capability, 0, sizeof capability);
+  auto& capability = call.blank<v4l2_capability>();
   copyText(capability.driver, "stand-in");
   copyText(capability.card, kind_.card);
   copyText(capability.bus_info, "platform:stand-in");
-  capability.version = 6 << 16 | 1 << 8;
+  capability.version = version;
   capability.device_caps =
       V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT |
       (faults_.multiPlanar != 0 ? V4L2_CAP_VIDEO_M2M_MPLANE : V4L2_CAP_VIDEO_M2M);
@@ -214,22 +202,26 @@ int Session::format(const Call& call) {
   auto& format = call.as<v4l2_format>();
   Queue* const queue = queueOf(format.type);
   if (queue == nullptr) return fails(EINVAL);
-  Format wanted = queue->format;
-  if (call.request != VIDIOC_G_FMT) {
-    wanted = read(format);
-    // The size of what a coder works on follows its other side.
-    if (queue == &out_) {
-      wanted.width = in_.format.width, wanted.height = in_.format.height;
-      std::copy_n(in_.format.colours, 4, wanted.colours);
-    }
-    adjust(*queue, wanted);
-    if (call.request == VIDIOC_S_FMT && !setFormat(*queue, wanted)) return -1;
+  Format wanted = call.request == VIDIOC_G_FMT ? queue->format : read(format);
+  // The size of what a coder works on follows its other side.
+  if (call.request != VIDIOC_G_FMT && queue == &out_) {
+    wanted.setSize(in_.format.width, in_.format.height);
+    std::copy_n(in_.format.colours, 4, wanted.colours);
+  }
+  if (call.request != VIDIOC_G_FMT) adjust(*queue, wanted);
+  if (call.request == VIDIOC_S_FMT) {
+    if (!queue->buffers.empty()) return fails(EBUSY);
+    queue->format = wanted;
+  }
+  if (call.request == VIDIOC_S_FMT && queue == &in_) {
+    out_.format.setSize(wanted.width, wanted.height);
+    std::copy_n(wanted.colours, 4, out_.format.colours);
+    crop_ = {0, 0, wanted.width, wanted.height};
+    if (out_.buffers.empty()) adjust(out_, out_.format);
   }
   write(wanted, format);
   return 0;
 }
-
-// ---- buffers
 
 int Session::request(const Call& call) {
   auto& request = call.as<v4l2_requestbuffers>();
@@ -238,10 +230,9 @@ int Session::request(const Call& call) {
   if (queue->streaming && request.count != 0) return fails(EBUSY);
   if (request.count == 0) stop(*queue);
   if (!allocate(*queue, request.count, call.fd)) return fails(ENOMEM);
-  request.count = static_cast<__u32>(queue->buffers.size());
-  request.capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
-  request.flags = 0;
-  std::memset(request.reserved, 0, sizeof request.reserved);
+  constexpr auto can = V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
+  const auto made = static_cast<__u32>(queue->buffers.size());
+  request = {made, request.type, request.memory, can, 0, {}};
   return 0;
 }
 
@@ -256,8 +247,6 @@ int Session::stream(const Call& call) {
 
 void Session::describe(const Queue& queue, unsigned index, v4l2_buffer& to) const {
   const Buffer& buffer = queue.buffers[index];
-  v4l2_plane* const planes = to.m.planes;
-  const bool multi = isMulti(queue.type);
   to.index = index;
   to.type = queue.type;
   to.flags = V4L2_BUF_FLAG_TIMESTAMP_COPY |
@@ -269,7 +258,7 @@ void Session::describe(const Queue& queue, unsigned index, v4l2_buffer& to) cons
   to.sequence = buffer.sequence;
   to.memory = V4L2_MEMORY_MMAP;
   to.reserved2 = 0;
-  if (!multi) {
+  if (!isMulti(queue.type)) {
     to.bytesused = buffer.used[0];
     to.length = buffer.length[0];
     to.m.offset = buffer.offset[0];
@@ -277,12 +266,8 @@ void Session::describe(const Queue& queue, unsigned index, v4l2_buffer& to) cons
   }
   to.bytesused = 0;
   to.length = buffer.planes;
-  for (unsigned i = 0; i < buffer.planes; ++i) {
-    std::memset(&planes[i], 0, sizeof planes[i]);
-    planes[i].bytesused = buffer.used[i];
-    planes[i].length = buffer.length[i];
-    planes[i].m.mem_offset = buffer.offset[i];
-  }
+  for (unsigned i = 0; i < buffer.planes; ++i)
+    to.m.planes[i] = {buffer.used[i], buffer.length[i], {buffer.offset[i]}, 0, {}};
 }
 
 int Session::exchange(const Call& call) {
@@ -333,8 +318,6 @@ int Session::dequeue(int fd, Queue& queue, v4l2_buffer& to) {
   if ((buffer.flags & V4L2_BUF_FLAG_LAST) != 0) lastTaken_ = true;
   return 0;
 }
-
-// ---- the rest
 
 int Session::selection(const Call& call) {
   auto& selection = call.as<v4l2_selection>();
@@ -401,7 +384,7 @@ int Session::queryControl(const Call& call) {
   query.default_value = control->initial;
   query.flags = flagsOf(*control);
   query.elems = 1;
-  if (control->type == group || control->type == V4L2_CTRL_TYPE_BUTTON) return 0;
+  if (control->type == group || control->type == button) return 0;
   query.step = 1;
   query.elem_size = sizeof(__s32);
   return 0;
@@ -433,41 +416,33 @@ int Session::queryMenu(const Call& call) {
   if (control == nullptr || entry.index >= control->entries.size() ||
       control->entries[entry.index] == nullptr)
     return fails(EINVAL);
-  const char* const name = control->entries[entry.index];
   std::memset(entry.name, 0, sizeof entry.name);
-  std::memcpy(entry.name, name, std::strlen(name));
+  std::strcpy(reinterpret_cast<char*>(entry.name), control->entries[entry.index]);
   entry.reserved = 0;
   return 0;
 }
 
 int Session::oldControl(const Call& call) {
   auto& control = call.as<v4l2_control>();
-  v4l2_ext_control one = {};
-  one.id = control.id;
-  one.value = control.value;
-  v4l2_ext_controls all = {};
-  all.count = 1;
-  all.controls = &one;
+  v4l2_ext_control one = {control.id, 0, {}, {control.value}};
+  v4l2_ext_controls all = {{}, 1, 0, 0, {}, &one};
   const bool get = call.request == VIDIOC_G_CTRL;
   if (controls({call.fd, get ? VIDIOC_G_EXT_CTRLS : VIDIOC_S_EXT_CTRLS, &all}) != 0) return -1;
   control.value = one.value;
   return 0;
 }
 
-int Session::setValue(std::uint32_t id, std::int64_t& value, bool apply) {
-  const ControlKind* const control = findControl(id);
-  if (control == nullptr) return fails(EINVAL);
+int Session::setValue(const ControlKind& control, std::int64_t& value, bool apply) {
   if (faults_.stubborn != 0 && kind_.coded == V4L2_PIX_FMT_H264) return fails(EBUSY);
-  if ((flagsOf(*control) & V4L2_CTRL_FLAG_READ_ONLY) != 0) return fails(EACCES);
-  if (control->type == V4L2_CTRL_TYPE_MENU &&
-      (value < 0 || value > control->maximum ||
-       control->entries[static_cast<std::size_t>(value)] == nullptr))
-    return fails(value < 0 || value > control->maximum ? ERANGE : EINVAL);
-  if (control->type == V4L2_CTRL_TYPE_BOOLEAN) value = value != 0;
-  value = std::clamp(value, control->minimum, control->maximum);
+  if ((flagsOf(control) & V4L2_CTRL_FLAG_READ_ONLY) != 0) return fails(EACCES);
+  if (control.type == menu && (value < 0 || value > control.maximum)) return fails(ERANGE);
+  if (control.type == menu && control.entries[static_cast<std::size_t>(value)] == nullptr)
+    return fails(EINVAL);
+  if (control.type == boolean) value = value != 0;
+  value = std::clamp(value, control.minimum, control.maximum);
   if (!apply) return 0;
-  if (id == V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME) keyFrameAsked_ = true;
-  values_[id] = value;
+  if (control.id == V4L2_CID_MPEG_VIDEO_FORCE_KEY_FRAME) keyFrameAsked_ = true;
+  values_[control.id] = value;
   return 0;
 }
 
@@ -500,7 +475,7 @@ int Session::controls(const Call& call) {
         continue;
       }
       std::int64_t value = one.value;
-      if (setValue(id, value, apply && request == VIDIOC_S_EXT_CTRLS) != 0) return -1;
+      if (setValue(*control, value, apply && request == VIDIOC_S_EXT_CTRLS) != 0) return -1;
       if (apply) one.value = static_cast<__s32>(value);
     }
   }
@@ -524,13 +499,7 @@ int Session::subscribe(const Call& call) {
   if (control == nullptr || control->type == group ||
       (wanted.flags & V4L2_EVENT_SUB_FL_SEND_INITIAL) == 0)
     return 0;
-  v4l2_event event = {};
-  event.type = wanted.type;
-  event.id = wanted.id;
-  event.u.ctrl.changes = V4L2_EVENT_CTRL_CH_VALUE | V4L2_EVENT_CTRL_CH_FLAGS;
-  event.u.ctrl.type = control->type;
-  event.u.ctrl.value = static_cast<__s32>(values_[id]);
-  post(event);
+  post(wanted.type, V4L2_EVENT_CTRL_CH_VALUE | V4L2_EVENT_CTRL_CH_FLAGS, control);
   return 0;
 }
 
@@ -565,14 +534,53 @@ int Session::command(const Call& call) {
 /// Who records keeps others of the device from changing anything.
 int Session::priority(const Call& call) {
   auto& priority = call.as<std::uint32_t>();
-  const std::uint32_t highest = highestPriority();
+  std::uint32_t& mine = priorities(kind_)[this];
+  std::uint32_t highest = 0;
+  for (const auto& each : priorities(kind_)) highest = std::max(highest, each.second);
   if (call.request == VIDIOC_G_PRIORITY) {
     priority = highest;
     return 0;
   }
   if (priority < V4L2_PRIORITY_BACKGROUND || priority > V4L2_PRIORITY_RECORD) return fails(EINVAL);
-  if (highest == V4L2_PRIORITY_RECORD && priority_ != V4L2_PRIORITY_RECORD) return fails(EBUSY);
-  priority_ = priority;
+  if (highest == V4L2_PRIORITY_RECORD && mine != V4L2_PRIORITY_RECORD) return fails(EBUSY);
+  mine = priority;
+  return 0;
+}
+
+/// Of the media device of the same number, which says no more than which function this one has.
+int Session::mediaInfo(const Call& call) {
+  auto& info = call.blank<media_device_info>();
+  copyText(info.driver, "stand-in");
+  copyText(info.model, "stand-in");
+  copyText(info.bus_info, "platform:stand-in");
+  info.media_version = info.driver_version = version;
+  return 0;
+}
+
+int Session::topology(const Call& call) {
+  const std::uint32_t function =
+      kind_.encoder ? MEDIA_ENT_F_PROC_VIDEO_ENCODER : MEDIA_ENT_F_PROC_VIDEO_DECODER;
+  const media_v2_entity entities[] = {{1, "stand-in-source", MEDIA_ENT_F_IO_V4L, 0, {}},
+                                      {2, "stand-in-proc", function, 0, {}}};
+  media_v2_interface interface = {};
+  interface.id = 3;
+  interface.intf_type = MEDIA_INTF_T_V4L_VIDEO;
+  interface.devnode = {81, kind_.number};
+  const media_v2_pad pads[] = {{4, 1, MEDIA_PAD_FL_SOURCE, 0, {}},
+                               {5, 2, MEDIA_PAD_FL_SINK, 0, {}}};
+  constexpr std::uint32_t fixed = MEDIA_LNK_FL_IMMUTABLE | MEDIA_LNK_FL_ENABLED;
+  const media_v2_link links[] = {{6, 4, 5, fixed, {}},
+                                 {7, 3, 1, fixed | MEDIA_LNK_FL_INTERFACE_LINK, {}}};
+  auto& topology = call.as<media_v2_topology>();
+  const auto put = [](const auto& value, std::uint64_t where) {
+    if (where != 0) std::memcpy(reinterpret_cast<void*>(where), &value, sizeof value);
+  };
+  put(entities, topology.ptr_entities);
+  put(interface, topology.ptr_interfaces);
+  put(pads, topology.ptr_pads);
+  put(links, topology.ptr_links);
+  topology.topology_version = topology.num_interfaces = 1;
+  topology.num_entities = topology.num_pads = topology.num_links = 2;
   return 0;
 }
 
