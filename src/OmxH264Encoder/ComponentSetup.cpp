@@ -1,5 +1,7 @@
 // How the encoder obtains its component, configures it and gives it back.
 
+#include <tessera/Basics.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
@@ -14,8 +16,6 @@ using common::Answer;
 
 namespace {
 
-constexpr unsigned int fourCcI420 = 0x30323449;
-constexpr unsigned int fourCcYuyv = 0x56595559;
 constexpr OMX_U32 videoInputPort = 200;
 constexpr OMX_U32 videoOutputPort = 201;
 
@@ -58,13 +58,13 @@ OMX_ERRORTYPE COmxH264Encoder::SetInputFormat(OMX_HANDLETYPE encoder, unsigned i
                                               unsigned int width, unsigned int height,
                                               unsigned int frameRateNum, unsigned int, unsigned int,
                                               unsigned int) {
-  if (pixelFormat != fourCcI420 && pixelFormat != fourCcYuyv) {
+  if (pixelFormat != tessera::fourccI420 && pixelFormat != tessera::fourccYuyv) {
     std::fprintf(stderr,
                  "COmxH264Encoder::SetInputFormat - input image format 0x%x is not supported.\n",
                  pixelFormat);
     return OMX_ErrorNotImplemented;
   }
-  pfnCopyFrame = pixelFormat == fourCcI420 ? convert::CopyI420 : convert::CopyYVYU;
+  pfnCopyFrame = pixelFormat == tessera::fourccI420 ? convert::CopyI420 : convert::CopyYVYU;
   const common::OmxPorts ports(encoder, PrintOmxError);
   OMX_PARAM_PORTDEFINITIONTYPE definition;
   OMX_ERRORTYPE error =
