@@ -72,10 +72,11 @@ struct TesseraTestAccess {
                  &Mmal::pOutputPool, &Mmal::semInput, &Mmal::semOutput, &Mmal::nWidth,
                  &Mmal::nHeight, &Mmal::pfnCopyFrame);
     using Decoder = CMmalH264Decoder;
-    expectFields(160, 92, &Decoder::pComponent, &Decoder::pFrameQueue, &Decoder::pInputPool,
-                 &Decoder::pOutputPool, &Decoder::semInput, &Decoder::semOutput,
-                 &Decoder::nStreamWidth, &Decoder::nStreamHeight, &Decoder::nPictureWidth,
-                 &Decoder::nPictureHeight, &Decoder::lock);
+    constexpr std::size_t lock = sizeof Decoder::lock;  // 40 bytes on a PC, 48 on 64-bit ARM
+    expectFields(120 + lock, 68 + lock, &Decoder::pComponent, &Decoder::pFrameQueue,
+                 &Decoder::pInputPool, &Decoder::pOutputPool, &Decoder::semInput,
+                 &Decoder::semOutput, &Decoder::nStreamWidth, &Decoder::nStreamHeight,
+                 &Decoder::nPictureWidth, &Decoder::nPictureHeight, &Decoder::lock);
   }
 };
 
