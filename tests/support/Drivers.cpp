@@ -30,15 +30,16 @@ bool wasPrinted(const std::string& text) {
   return printedText().find(text) != std::string::npos;
 }
 
-/// Frame i of a driver's size, painted once: a sweep asks for thousands.
-const Image& sceneOf(Size size, int i) {
+/// Frame i of a driver's size. The first are painted once: a sweep asks for thousands.
+Image sceneOf(Size size, int i) {
   static const auto painted = [] {
     std::map<std::pair<int, int>, Image> all;
     for (const Size& s : sizes)
       for (int t = 0; t < 3; ++t) all[{s.width, t}] = scene(s.width, s.height, t);
     return all;
   }();
-  return painted.at({size.width, i});
+  const auto found = painted.find({size.width, i});
+  return found != painted.end() ? found->second : scene(size.width, size.height, i);
 }
 
 /// One call of the library: a refused one prints at least one line, and each has its limit.
@@ -78,7 +79,7 @@ class JpegDriver : public Driver {
     return {};
   }
   Outcome frame(int i) override {
-    const Image& picture = sceneOf(size_, i);
+    const Image picture = sceneOf(size_, i);
     const Call call;
     const Encoded out = encoder_->encode(picture, 0, room);
     if (out.result == 0) {
