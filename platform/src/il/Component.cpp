@@ -276,7 +276,8 @@ OMX_ERRORTYPE Component::addBuffer(OMX_BUFFERHEADERTYPE** header, OMX_U32 portIn
   if (!mayAddTo(*port)) return OMX_ErrorIncorrectStateOperation;
   if (size < port->definition.nBufferSize) return OMX_ErrorBadParameter;
   if (port->populated()) return OMX_ErrorInsufficientResources;
-  auto buffer = std::make_unique<Buffer>(portIndex, port->isInput(), size, memory, appPrivate);
+  auto buffer = std::make_unique<Buffer>(portIndex, port->isInput(), size, memory, appPrivate,
+                                         memory == nullptr ? port->memoryFor(size) : Memory());
   port->queue.reserve(port->definition.nBufferCountActual);
   port->buffers.push_back(std::move(buffer));
   *header = &port->buffers.back()->header;

@@ -226,7 +226,11 @@ void Component::complete(const Command& command) {
     raiseError(command.error, 0);
     return;
   }
-  if (command.kind == OMX_CommandStateSet) state_ = static_cast<OMX_STATETYPE>(command.parameter);
+  if (command.kind == OMX_CommandStateSet) {
+    state_ = static_cast<OMX_STATETYPE>(command.parameter);
+    if (loaded())
+      for (Port& port : ports_) port.spare = Memory();
+  }
   raise(OMX_EventCmdComplete, static_cast<OMX_U32>(command.kind), command.parameter);
 }
 
