@@ -94,7 +94,7 @@ bool Component::commanded(OMX_COMMANDTYPE kind, OMX_U32 parameter) const {
 }
 
 OMX_ERRORTYPE Component::sendCommand(OMX_COMMANDTYPE command, OMX_U32 parameter) {
-  const Lock lock(mutex_);
+  Lock lock(mutex_);
   if (state_ == OMX_StateInvalid) return OMX_ErrorInvalidState;
   makeRoom(ports_.size());
   switch (command) {
@@ -110,6 +110,8 @@ OMX_ERRORTYPE Component::sendCommand(OMX_COMMANDTYPE command, OMX_U32 parameter)
         if (command != OMX_CommandFlush)
           port.definition.bEnabled = command == OMX_CommandPortEnable ? OMX_TRUE : OMX_FALSE;
         commands_.push_back({command, port.definition.nPortIndex});
+        // There is nothing to it but to wait for buffers.
+        commands_.back().begun = command == OMX_CommandPortEnable && !blocked(commands_.size() - 1);
       }
       break;
     case OMX_CommandMarkBuffer:
@@ -117,7 +119,7 @@ OMX_ERRORTYPE Component::sendCommand(OMX_COMMANDTYPE command, OMX_U32 parameter)
     default:
       return OMX_ErrorBadParameter;
   }
-  wake();
+  callWorker(lock);
   return OMX_ErrorNone;
 }
 
@@ -269,20 +271,21 @@ bool Component::mayAddTo(const Port& port) const {
 OMX_ERRORTYPE Component::addBuffer(OMX_BUFFERHEADERTYPE** header, OMX_U32 portIndex,
                                    OMX_PTR appPrivate, OMX_U32 size, OMX_U8* memory) {
   if (header == nullptr) return OMX_ErrorBadParameter;
-  const Lock lock(mutex_);
+  Lock lock(mutex_);
   if (state_ == OMX_StateInvalid) return OMX_ErrorInvalidState;
   Port* const port = find(portIndex);
   if (port == nullptr) return OMX_ErrorBadPortIndex;
   if (!mayAddTo(*port)) return OMX_ErrorIncorrectStateOperation;
   if (size < port->definition.nBufferSize) return OMX_ErrorBadParameter;
   if (port->populated()) return OMX_ErrorInsufficientResources;
-  auto buffer = std::make_unique<Buffer>(portIndex, port->isInput(), size, memory, appPrivate);
+  auto buffer = std::make_unique<Buffer>(portIndex, port->isInput(), size, memory, appPrivate,
+                                         memory == nullptr ? port->memoryFor(size) : Memory());
   port->queue.reserve(port->definition.nBufferCountActual);
   port->buffers.push_back(std::move(buffer));
   *header = &port->buffers.back()->header;
   if (port->populated()) {
     port->definition.bPopulated = OMX_TRUE;
-    wake();
+    callWorker(lock);
   }
   return OMX_ErrorNone;
 }
@@ -297,7 +300,7 @@ bool Component::isFree(const Port& port, const Buffer& buffer) const {
     if (!commands_[i].begun && !blocked(i) &&
         (commands_[i].kind == OMX_CommandStateSet || commands_[i].parameter == index))
       return stopping_;
-  return buffer.place != Buffer::Place::Working || asleep_;
+  return buffer.place != Buffer::Place::Working || bell_.asleep();
 }
 
 OMX_ERRORTYPE Component::freeBuffer(OMX_U32 portIndex, OMX_BUFFERHEADERTYPE* header) {
@@ -317,13 +320,13 @@ OMX_ERRORTYPE Component::freeBuffer(OMX_U32 portIndex, OMX_BUFFERHEADERTYPE* hea
   if (buffer->place == Buffer::Place::Working) discard(lock, *port, OMX_CommandFlush);
   port->erase(*buffer);
   if (!expected) raiseError(OMX_ErrorPortUnpopulated, portIndex);
-  wake();
+  callWorker(lock);
   return OMX_ErrorNone;
 }
 
 OMX_ERRORTYPE Component::submit(OMX_DIRTYPE direction, OMX_BUFFERHEADERTYPE* header) {
   if (header == nullptr) return OMX_ErrorBadParameter;
-  const Lock lock(mutex_);
+  Lock lock(mutex_);
   if (state_ == OMX_StateInvalid) return OMX_ErrorInvalidState;
   for (Port& port : ports_) {
     Buffer* const buffer = port.find(header);
@@ -339,7 +342,7 @@ OMX_ERRORTYPE Component::submit(OMX_DIRTYPE direction, OMX_BUFFERHEADERTYPE* hea
                            header->nFilledLen > header->nAllocLen - header->nOffset))
       return OMX_ErrorBadParameter;
     port.enqueue(*buffer);
-    wake();
+    callWorker(lock);
     return OMX_ErrorNone;
   }
   return OMX_ErrorBadParameter;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "il/Port.h"
+#include "worker/Doorbell.h"
 
 namespace il {
 
@@ -91,6 +92,8 @@ class Component {
 
   /// One piece of work, in Executing. @return false when there is nothing to do
   virtual bool work(Lock& lock) = 0;
+  /// Whether work() would find something to do
+  virtual bool hasWork() = 0;
   /// All of the port's buffers go back to the client, for a flush, a disable, or the way to Idle:
   /// keep no pointer to any of them. Buffers of another port that are then of no more use go back
   /// from here.
@@ -143,7 +146,9 @@ class Component {
 
   // The worker's half.
   void run();
-  void wake();
+  void callWorker(Lock& lock);
+  bool canGoOn();
+  bool awaitsClient(const Command& command) const;
   void makeRoom(std::size_t commands);
   void sleep(Lock& lock);
   Clock::time_point nextDue() const;
@@ -167,7 +172,7 @@ class Component {
   OMX_COMPONENTTYPE table_{};
   OMX_CALLBACKTYPE callbacks_;
   mutable std::mutex mutex_;
-  std::condition_variable wake_;     ///< for the worker
+  tessera_platform::Doorbell bell_;  ///< the worker's
   std::condition_variable changed_;  ///< the worker has let go of a buffer, or sleeps
   OMX_STATETYPE state_ = OMX_StateLoaded;
   std::vector<Port> ports_;
@@ -175,7 +180,6 @@ class Component {
   std::vector<Event> events_;      ///< raised and not called back
   std::vector<Event> lateEvents_;
   const Buffer* delivering_ = nullptr;  ///< whose callback runs
-  bool asleep_ = false;
   bool stopping_ = false;
   std::thread worker_;
   tessera_platform::hooks::Counted counted_{tessera_platform::hooks::Kind::Handle};

@@ -87,8 +87,16 @@ OMX_ERRORTYPE ImageDecode::adapt(const Port& port, OMX_PARAM_PORTDEFINITIONTYPE&
 }
 
 bool ImageDecode::work(Lock& lock) {
-  if (picture_ == Picture::None || picture_ == Picture::Gathering) return takeInput(lock);
-  return fill(lock);
+  return wantsInput() ? takeInput(lock) : fill(lock);
+}
+
+bool ImageDecode::wantsInput() const {
+  return picture_ == Picture::None || picture_ == Picture::Gathering;
+}
+
+bool ImageDecode::hasWork() {
+  if (wantsInput()) return !input().queue.empty();
+  return !output().queue.empty() && !(picture_ == Picture::Opened && reshaping_);
 }
 
 bool ImageDecode::takeInput(Lock& lock) {
@@ -153,9 +161,8 @@ OMX_U32 ImageDecode::neededBytes() {
 
 /// Answers the picture at hand, once there is a buffer of the right size for it.
 bool ImageDecode::fill(Lock& lock) {
+  if (!hasWork()) return false;
   const bool opened = picture_ == Picture::Opened;
-  if (opened && reshaping_) return false;
-  if (output().queue.empty()) return false;
   const OMX_IMAGE_PORTDEFINITIONTYPE& image = output().image();
   // While the port was disabled the client may have given it yet another shape.
   if (opened &&

@@ -36,6 +36,7 @@ class ImageDecode : public Component {
  protected:
   OMX_ERRORTYPE adapt(const Port& port, OMX_PARAM_PORTDEFINITIONTYPE& definition) override;
   bool work(Lock& lock) override;
+  bool hasWork() override;
   void discard(Lock& lock, Port& port, OMX_COMMANDTYPE reason) override;
 
  private:
@@ -46,6 +47,7 @@ class ImageDecode : public Component {
     Unusable,
   };
 
+  bool wantsInput() const;
   bool takeInput(Lock& lock);
   void gather(Lock& lock, Buffer& buffer);
   void open(Lock& lock, const OMX_U8* data, std::size_t size);

@@ -121,7 +121,7 @@ codec::PackedPicture ImageEncode::pictureIn(const Buffer& buffer) {
 }
 
 bool ImageEncode::work(Lock& lock) {
-  if (input().queue.empty() || output().queue.empty()) return false;
+  if (!hasWork()) return false;
   Buffer& from = *input().take();
   Buffer& to = *output().take();
   to.prepare();

@@ -23,6 +23,7 @@ class ImageEncode : public Component {
   OMX_ERRORTYPE getOwnParameter(OMX_INDEXTYPE index, OMX_PTR structure) override;
   OMX_ERRORTYPE setOwnParameter(OMX_INDEXTYPE index, OMX_PTR structure) override;
   bool work(Lock& lock) override;
+  bool hasWork() override { return !input().queue.empty() && !output().queue.empty(); }
   void discard(Lock&, Port&, OMX_COMMANDTYPE) override {}
 
  private:

@@ -1,7 +1,10 @@
 #include "il/Port.h"
 
+#include <sanitizer/asan_interface.h>
+
 #include <algorithm>
 #include <new>
+#include <utility>
 
 namespace il {
 namespace {
@@ -11,17 +14,18 @@ constexpr std::align_val_t alignment{64};
 
 }  // namespace
 
-void Buffer::Release::operator()(OMX_U8* memory) const {
-  operator delete[](memory, alignment);
+Memory::Memory(OMX_U32 size)
+    : bytes_(static_cast<OMX_U8*>(operator new[](size, alignment))), size_(size) {}
+
+void Memory::Release::operator()(OMX_U8* bytes) const {
+  operator delete[](bytes, alignment);
 }
 
-Buffer::Buffer(OMX_U32 portIndex, bool input, OMX_U32 size, OMX_U8* memory, OMX_PTR appPrivate) {
-  if (memory == nullptr) {
-    owned_.reset(static_cast<OMX_U8*>(operator new[](size, alignment)));
-    memory = owned_.get();
-  }
+Buffer::Buffer(OMX_U32 portIndex, bool input, OMX_U32 size, OMX_U8* bytes, OMX_PTR appPrivate,
+               Memory itsMemory)
+    : memory(std::move(itsMemory)) {
   stamp(header);
-  header.pBuffer = memory;
+  header.pBuffer = bytes != nullptr ? bytes : memory.data();
   header.nAllocLen = size;
   header.pAppPrivate = appPrivate;
   (input ? header.nInputPortIndex : header.nOutputPortIndex) = portIndex;
@@ -70,9 +74,20 @@ void Port::unqueue(Buffer& buffer) {
 
 void Port::erase(Buffer& buffer) {
   unqueue(buffer);
+  if (buffer.memory.data() != nullptr) {
+    spare = std::move(buffer.memory);
+    ASAN_POISON_MEMORY_REGION(spare.data(), spare.size());
+  }
   buffers.erase(std::find_if(buffers.begin(), buffers.end(),
                              [&](const auto& each) { return each.get() == &buffer; }));
   definition.bPopulated = OMX_FALSE;
+}
+
+Memory Port::memoryFor(OMX_U32 size) {
+  Memory kept = std::exchange(spare, Memory());
+  if (!kept.suits(size)) return Memory(size);
+  ASAN_UNPOISON_MEMORY_REGION(kept.data(), size);
+  return kept;
 }
 
 Buffer* Port::nextLeaving() const {

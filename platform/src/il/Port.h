@@ -13,6 +13,26 @@ namespace il {
 
 using Clock = std::chrono::steady_clock;
 
+/// A block that a buffer may own.
+class Memory {
+ public:
+  Memory() = default;
+  explicit Memory(OMX_U32 size);
+
+  OMX_U8* data() const { return bytes_.get(); }
+  OMX_U32 size() const { return size_; }
+  /// Whether it does for so many bytes without being a waste.
+  bool suits(OMX_U32 size) const { return size <= size_ && size_ / 2 <= size; }
+
+ private:
+  struct Release {
+    void operator()(OMX_U8* bytes) const;
+  };
+
+  std::unique_ptr<OMX_U8[], Release> bytes_;
+  OMX_U32 size_ = 0;
+};
+
 /// One buffer: the client's header, the memory behind it, and who has it.
 struct Buffer {
   enum class Place {
@@ -22,12 +42,9 @@ struct Buffer {
     Withheld,  ///< done, but its callback is held back by a fault
   };
 
-  struct Release {
-    void operator()(OMX_U8* memory) const;
-  };
-
-  /// @param memory  the client's own, or null: the buffer gets `size` bytes
-  Buffer(OMX_U32 portIndex, bool input, OMX_U32 size, OMX_U8* memory, OMX_PTR appPrivate);
+  /// @param bytes  `size` bytes of the client's own, or those of `memory`
+  Buffer(OMX_U32 portIndex, bool input, OMX_U32 size, OMX_U8* bytes, OMX_PTR appPrivate,
+         Memory memory);
 
   OMX_U8* data() const { return header.pBuffer + header.nOffset; }
 
@@ -38,9 +55,9 @@ struct Buffer {
   Place place = Place::Client;
   bool leaving = false;     ///< on its way back with all others of its port
   Clock::time_point due{};  ///< while Withheld: when it goes back by itself
+  Memory memory;            ///< none where the client brought its own
 
  private:
-  std::unique_ptr<OMX_U8[], Release> owned_;
   tessera_platform::hooks::Counted counted_{tessera_platform::hooks::Kind::Buffer};
 };
 
@@ -74,6 +91,8 @@ struct Port {
   void enqueue(Buffer& buffer);
   void unqueue(Buffer& buffer);
   void erase(Buffer& buffer);
+  /// Memory for a buffer: that of the last one erased, if it suits.
+  Memory memoryFor(OMX_U32 size);
   /// The next buffer that leaves: those at work first, then the queue, then those held back.
   Buffer* nextLeaving() const;
 
@@ -81,6 +100,9 @@ struct Port {
   std::vector<Format> formats;
   std::vector<std::unique_ptr<Buffer>> buffers;
   std::vector<Buffer*> queue;
+  /// Of the last buffer erased. A client that has its buffers made anew for every picture shall not
+  /// wait for the kernel to clear their pages each time.
+  Memory spare;
 };
 
 /// The format members of a definition, whichever domain it has.

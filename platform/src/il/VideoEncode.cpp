@@ -193,6 +193,10 @@ bool VideoEncode::work(Lock& lock) {
   return takeFrame(lock);
 }
 
+bool VideoEncode::hasWork() {
+  return !(parameterSets_.left + frame_.left > 0 ? output() : input()).queue.empty();
+}
+
 bool VideoEncode::takeFrame(Lock& lock) {
   if (reopen_ && !input().queue.empty()) return open(lock);
   Buffer* const buffer = input().take();

@@ -28,6 +28,7 @@ class VideoEncode : public Component {
   OMX_ERRORTYPE getOwnParameter(OMX_INDEXTYPE index, OMX_PTR structure) override;
   OMX_ERRORTYPE setOwnParameter(OMX_INDEXTYPE index, OMX_PTR structure) override;
   bool work(Lock& lock) override;
+  bool hasWork() override;
   void discard(Lock& lock, Port& port, OMX_COMMANDTYPE reason) override;
 
  private:

@@ -12,7 +12,7 @@ namespace {
 namespace hooks = tessera_platform::hooks;
 using tessera_platform::CompletionFault;
 
-constexpr Clock::time_point never = Clock::time_point::max();
+constexpr Clock::time_point never = tessera_platform::Doorbell::never;
 constexpr std::chrono::seconds settleLimit{1};
 
 Clock::time_point dueOf(const CompletionFault& fault) {
@@ -52,17 +52,18 @@ void Component::start() {
 
 void Component::stop() {
   {
-    const Lock lock(mutex_);
+    Lock lock(mutex_);
     stopping_ = true;
-    wake();
     changed_.notify_all();
+    bell_.ring(lock);
   }
   if (worker_.joinable()) worker_.join();
 }
 
-void Component::wake() {
-  asleep_ = false;
-  wake_.notify_one();
+/// At the end of a client's call: wakes the worker if it can do something about it. A disable, say,
+/// is carried out all at once when the buffers are freed.
+void Component::callWorker(Lock& lock) {
+  if (!bell_.asleep() || canGoOn()) bell_.ring(lock);
 }
 
 void Component::run() {
@@ -88,21 +89,32 @@ bool Component::tryWork(Lock& lock) {
 
 /// Sleeps until something happens, or something that a fault holds back is due.
 void Component::sleep(Lock& lock) {
-  asleep_ = true;
   changed_.notify_all();
   hooks::wentToRest();
-  const auto awake = [this] { return !asleep_; };
-  const Clock::time_point due = nextDue();
-  if (due == never)
-    wake_.wait(lock, awake);
-  else
-    wake_.wait_until(lock, due, awake);
-  asleep_ = false;
+  bell_.sleep(lock, nextDue());
+}
+
+/// Whether the worker, which sleeps, has something to do.
+bool Component::canGoOn() {
+  if (!events_.empty() || (state_ == OMX_StateExecuting && hasWork())) return true;
+  for (std::size_t i = 0; i < commands_.size(); ++i)
+    if (commands_[i].begun ? isComplete(commands_[i]) : !blocked(i) && !awaitsClient(commands_[i]))
+      return true;
+  return false;
+}
+
+/// Whether a command that is not begun has no effect before the client frees a buffer.
+bool Component::awaitsClient(const Command& command) const {
+  if (command.kind != OMX_CommandPortDisable) return false;
+  const auto& buffers = find(command.parameter)->buffers;
+  return !buffers.empty() && std::all_of(buffers.begin(), buffers.end(), [](const auto& buffer) {
+    return buffer->place == Buffer::Place::Client;
+  });
 }
 
 bool Component::atRest() const {
   const Lock lock(mutex_);
-  return asleep_ && nextDue() > Clock::now();
+  return bell_.asleep() && nextDue() > Clock::now();
 }
 
 Clock::time_point Component::nextDue() const {
@@ -135,7 +147,7 @@ bool Component::deliverDue(Lock& lock) {
 void Component::settle() {
   if (onWorker()) return;
   Lock lock(mutex_);
-  changed_.wait_for(lock, settleLimit, [this] { return asleep_ || stopping_; });
+  changed_.wait_for(lock, settleLimit, [this] { return bell_.asleep() || stopping_; });
 }
 
 // --------------------------------------------------------------------------------- commands
@@ -226,7 +238,11 @@ void Component::complete(const Command& command) {
     raiseError(command.error, 0);
     return;
   }
-  if (command.kind == OMX_CommandStateSet) state_ = static_cast<OMX_STATETYPE>(command.parameter);
+  if (command.kind == OMX_CommandStateSet) {
+    state_ = static_cast<OMX_STATETYPE>(command.parameter);
+    if (loaded())
+      for (Port& port : ports_) port.spare = Memory();
+  }
   raise(OMX_EventCmdComplete, static_cast<OMX_U32>(command.kind), command.parameter);
 }
 

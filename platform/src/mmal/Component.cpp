@@ -119,7 +119,7 @@ void Component::takeDown() {
   stopping_ = true;
   orphaned_ = onOwnWorker();
   const bool mine = !orphaned_;
-  wake(held);
+  bell_.ring(held);
   if (!mine) return;
   worker_.join();
   delete this;
@@ -129,7 +129,7 @@ MMAL_STATUS_T Component::enable() {
   Lock held(mutex_);
   is_enabled = 1;
   workDue_ = true;
-  wake(held);
+  bell_.ring(held);
   return MMAL_SUCCESS;
 }
 
@@ -162,7 +162,7 @@ MMAL_STATUS_T Component::enablePort(Port& target, MMAL_PORT_BH_CB_T callback) {
   target.is_enabled = 1;
   tessera_platform::hooks::count(Kind::EnabledPort, 1);
   workDue_ = true;
-  wake(held);
+  bell_.ring(held);
   return MMAL_SUCCESS;
 }
 
@@ -193,8 +193,9 @@ MMAL_STATUS_T Component::sendBuffer(Port& target, Header& header) {
   header.judged = false;
   header.holder = this;
   target.pending.pushBack(header);
+  if (bell_.asleep() && !awaits(target)) return MMAL_SUCCESS;
   workDue_ = true;
-  wake(held);
+  bell_.ring(held);
   return MMAL_SUCCESS;
 }
 

@@ -12,6 +12,7 @@
 #include "mmal/Header.h"
 #include "mmal/Port.h"
 #include "mmal/Queue.h"
+#include "worker/Doorbell.h"
 
 namespace mmal {
 
@@ -75,6 +76,9 @@ class Component : public MMAL_COMPONENT_T, public Home, public Holder {
   /// The port was flushed or disabled: what the codec holds of its stream is void. With the lock
   /// held; anything that takes long is for the next work().
   virtual void discard(Port& port) = 0;
+  /// Whether a buffer on this port is what the last work() lacked. With the lock held, while the
+  /// worker sleeps.
+  virtual bool awaits(const Port& target) const = 0;
   /// A work() had no memory, or thread: what it worked on is lost. Gives the oldest
   /// input buffer back, without the lock; an error event follows.
   virtual void lose();
@@ -95,8 +99,8 @@ class Component : public MMAL_COMPONENT_T, public Home, public Holder {
 
  private:
   using Lock = std::unique_lock<std::mutex>;
-  using Clock = std::chrono::steady_clock;
-  static constexpr Clock::time_point never = Clock::time_point::max();
+  using Clock = tessera_platform::Doorbell::Clock;
+  static constexpr Clock::time_point never = tessera_platform::Doorbell::never;
 
   struct Registry;
   static Registry& registry();
@@ -105,7 +109,6 @@ class Component : public MMAL_COMPONENT_T, public Home, public Holder {
   void takeBack(Header& header) override;
 
   // Client's side.
-  void wake(Lock& held);
   void recall(Lock& held, Port& port);
   bool onOwnWorker() const;
 
@@ -136,13 +139,12 @@ class Component : public MMAL_COMPONENT_T, public Home, public Holder {
 
   std::atomic<unsigned> references_{1};
   std::mutex mutex_;
-  std::condition_variable wake_;     ///< the worker waits on it
+  tessera_platform::Doorbell bell_;  ///< the worker's
   std::condition_variable changed_;  ///< clients wait on it: buffers given back, work ended
   bool workDue_ = false;             ///< something came that work() has not seen
   Clock::time_point alarm_ = never;
   bool working_ = false;
   const Header* delivering_ = nullptr;  ///< whose callback is under way
-  bool asleep_ = false;
   bool stopping_ = false;
   bool orphaned_ = false;  ///< released for the last time by its own worker
   tessera_platform::hooks::Counted counted_{tessera_platform::hooks::Kind::Component};

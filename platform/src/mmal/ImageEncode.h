@@ -22,6 +22,7 @@ class ImageEncode final : public Component {
   MMAL_STATUS_T getOwnParameter(Port& target, MMAL_PARAMETER_HEADER_T& parameter) override;
   std::vector<MMAL_FOURCC_T> encodings(const Port& target) const override;
   bool work() override;
+  bool awaits(const Port& target) const override { return ready_ == target.isOutput(); }
   void discard(Port& target) override;
 
   bool encode(const Header& in);

@@ -25,6 +25,9 @@ class VideoDecode final : public Component {
   void setRequirements() override;
   std::vector<MMAL_FOURCC_T> encodings(const Port& target) const override;
   bool work() override;
+  bool awaits(const Port& target) const override {
+    return (pictureWaits_ || ending_) == target.isOutput();
+  }
   void discard(Port& target) override;
   void lose() override;
 

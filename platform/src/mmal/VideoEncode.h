@@ -34,6 +34,9 @@ class VideoEncode final : public Component {
   MMAL_STATUS_T getOwnParameter(Port& target, MMAL_PARAMETER_HEADER_T& parameter) override;
   std::vector<MMAL_FOURCC_T> encodings(const Port& target) const override;
   bool work() override;
+  bool awaits(const Port& target) const override {
+    return (config_.waiting || frame_.waiting) == target.isOutput();
+  }
   void discard(Port& target) override;
 
   MMAL_STATUS_T setProfile(const MMAL_PARAMETER_HEADER_T& parameter);

@@ -38,18 +38,12 @@ bool Component::onOwnWorker() const {
   return workerOf == this;
 }
 
-// Notifies without the lock, so that the worker need not wait for it.
-void Component::wake(Lock& held) {
-  const bool needed = asleep_;
-  held.unlock();
-  if (needed) wake_.notify_one();
-}
-
 void Component::recall(Lock& held, Port& target) {
   const unsigned ticket = ++target.recalls;
   // The worker itself serves the request as soon as the callback that it is in returns.
   if (onOwnWorker()) return;
-  wake_.notify_one();
+  bell_.ring(held);
+  held.lock();
   changed_.wait(held, [&] { return static_cast<int>(target.recallsServed - ticket) >= 0; });
 }
 
@@ -66,7 +60,7 @@ void Component::letGo(Header& header) {
 void Component::settle() {
   if (onOwnWorker()) return;
   Lock held(mutex_);
-  changed_.wait_for(held, std::chrono::seconds(1), [this] { return asleep_ && !busy(); });
+  changed_.wait_for(held, std::chrono::seconds(1), [this] { return bell_.asleep() && !busy(); });
 }
 
 bool Component::busy() const {
@@ -81,7 +75,7 @@ bool Component::atRest() {
   for (const Port* each : ports_)
     if (each->recalled()) return false;
   const bool workDue = is_enabled != 0 && workDue_;
-  return asleep_ && !stopping_ && !workDue && nextDue() > Clock::now();
+  return bell_.asleep() && !stopping_ && !workDue && nextDue() > Clock::now();
 }
 
 void Component::run() {
@@ -130,15 +124,9 @@ Component::Clock::time_point Component::nextDue() const {
 }
 
 void Component::sleep(Lock& held) {
-  asleep_ = true;
   changed_.notify_all();
   hooks::wentToRest();
-  const Clock::time_point next = nextDue();
-  if (next == never)
-    wake_.wait(held);
-  else
-    wake_.wait_until(held, next);
-  asleep_ = false;
+  bell_.sleep(held, nextDue());
   if (alarm_ > Clock::now()) return;
   alarm_ = never;
   workDue_ = true;

@@ -3,6 +3,9 @@
 
 #include <IL/OMX_Component.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -244,6 +247,30 @@ TEST_P(EveryPart, GivesBuffersBackBeforeACommandCompletes) {
   ASSERT_EQ(client.fill(client.out[0]), OMX_ErrorNone);
   client.vacate(out);
   EXPECT_EQ(client.next(), "error PortUnpopulated") << "freed under the component's hands";
+}
+
+/// A component may take descriptors, but does its work without them too: where there are none, and
+/// when a process has closed all that it has.
+TEST_P(EveryPart, WorksWithoutDescriptors) {
+  rlimit limit;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  for (const bool closed : {false, true}) {
+    SCOPED_TRACE(closed ? "closed" : "none to be had");
+    const rlimit none = {0, limit.rlim_max};
+    const int next[] = {dup(STDIN_FILENO), dup(STDIN_FILENO)};
+    for (const int each : next) close(each);
+    if (!closed) setrlimit(RLIMIT_NOFILE, &none);
+    Client other(GetParam());
+    setrlimit(RLIMIT_NOFILE, &limit);
+    // Not by close(), which the thread sanitizer holds against the thread that reads there.
+    for (const int each : next)
+      if (closed) syscall(SYS_close, each);
+    other.run();
+    ASSERT_EQ(other.fill(other.out[0]), OMX_ErrorNone);
+    ASSERT_EQ(other.send(OMX_CommandFlush, out), OMX_ErrorNone);
+    EXPECT_EQ(other.next(), "filled " + port);
+    EXPECT_EQ(other.next(), "done Flush " + port);
+  }
 }
 
 TEST_P(EveryPart, RefusesStructuresAndPortsThatAreNotItsOwn) {
