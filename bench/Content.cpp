@@ -88,6 +88,10 @@ Buffer::Buffer(std::size_t size) : size_(size) {
   std::memset(made, 0, size);
 }
 
+Buffer::Buffer(const Buffer& other) : Buffer(other.size_) {
+  std::memcpy(data(), other.data(), size_);
+}
+
 void Buffer::Free::operator()(std::uint8_t* bytes) const {
   std::free(bytes);
 }

@@ -12,6 +12,8 @@ namespace bench {
 class Buffer {
  public:
   explicit Buffer(std::size_t size);
+  Buffer(const Buffer& other);
+  Buffer(Buffer&&) = default;
   std::uint8_t* data() { return bytes_.get(); }
   const std::uint8_t* data() const { return bytes_.get(); }
   std::size_t size() const { return size_; }

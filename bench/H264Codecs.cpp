@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <map>
 #include <thread>
+#include <tuple>
 
 #include "Content.h"
 #include "H264Peers.h"
@@ -46,18 +48,25 @@ int bitrateFor(int width, int height) {
 /// One second of video, there and back again, so that it runs on without a cut.
 class Clip {
  public:
-  Clip(int width, int height, Input input) {
-    for (int t = 0; t < framesPerSecond / 2; ++t) {
-      frames_.push_back(input == Input::I420 ? sceneI420(width, height, t)
-                                             : sceneYuyv(width, height, height, t));
-    }
-  }
+  Clip(int width, int height, Input input) : frames_(framesOf(width, height, input)) {}
+
   Buffer& frame(int i) {
     const int half = framesPerSecond / 2;
     return frames_[static_cast<std::size_t>(i < half ? i : framesPerSecond - 1 - i)];
   }
 
  private:
+  /// To make the frames takes longer than to encode them: they are made once.
+  static const std::vector<Buffer>& framesOf(int width, int height, Input input) {
+    static std::map<std::tuple<int, int, Input>, std::vector<Buffer>> made;
+    std::vector<Buffer>& frames = made[{width, height, input}];
+    for (int t = static_cast<int>(frames.size()); t < framesPerSecond / 2; ++t) {
+      frames.push_back(input == Input::I420 ? sceneI420(width, height, t)
+                                            : sceneYuyv(width, height, height, t));
+    }
+    return frames;
+  }
+
   std::vector<Buffer> frames_;
 };
 
@@ -173,6 +182,8 @@ class DecodeH264 : public Work {
   }
   int frames() const override { return framesPerSecond / length_; }
   int turn() const override { return 1; }
+  /// libyuv copies without memcpy.
+  Loops loops() const override { return {0, 1.5 * width_ * height_ * length_}; }
 
  private:
   struct Release {

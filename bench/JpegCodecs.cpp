@@ -91,6 +91,12 @@ class EncodeYuyv : public Encode {
     });
   }
 
+  /// Both take the packed frame apart, the library row by row.
+  Loops loops() const override {
+    const double frame = 2.0 * width_ * height_;
+    return {frame, frame};
+  }
+
  private:
   Buffer planes_;
 };

@@ -1,151 +1,155 @@
 #include "Spread.h"
 
 #include <malloc.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <future>
+
+#include "Child.h"
+#include "Rounds.h"
 
 namespace bench {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
+using Instant = std::chrono::time_point<Clock, Seconds>;
 
-/// One work of each class, the one that takes a frame at a time.
-const char* const classes[] = {"jpeg-encode yuyv", "jpeg-encode-omx yuyv", "jpeg-decode",
-                               "h264-encode i420", "h264-encode-omx i420", "h264-decode-latency"};
 constexpr int percentiles[] = {1, 5, 10, 25, 50, 75, 90, 95, 99, 100};
 constexpr int objectCounts[] = {1, 2, 4, 8};
 
-struct Side {
-  const char* name;
-  double (Work::*run)(int);
-};
-constexpr Side sides[] = {{"tessera", &Work::ours}, {"direct", &Work::peer}};
-
-template <class Print>
-bool forEachClass(const std::vector<Entry>& entries, const char* size, Print&& print) {
-  bool allDone = true;
-  for (const char* name : classes) {
-    for (const Entry& entry : entries) {
-      if (entry.work != name || entry.size() != size) continue;
-      try {
-        print(entry);
-      } catch (const std::exception& failure) {
-        std::fprintf(stderr, "tessera_bench: %s %s: %s\n", name, size, failure.what());
-        allDone = false;
-      }
-    }
-  }
-  return allDone;
-}
-
-void printPercentiles(const Entry& entry, double seconds, std::FILE* to) {
+Lines percentilesOf(const Entry& entry, double seconds) {
   const std::unique_ptr<Work> work = entry.make();
   std::vector<double> times[2];
-  const int frames = work->frames();
+  const Side sides[] = {tesseraSide, directSide};
   const auto end = Clock::now() + Seconds(seconds);
   // The sides take turns, so that whatever else the machine does meets both.
-  for (bool warm = false; !warm || Clock::now() < end; warm = true) {
+  for (bool warm = false; !warm || times[0].empty() || Clock::now() < end; warm = true) {
     for (int side = 0; side < 2; ++side) {
-      for (int i = 0; i < frames; ++i) {
+      for (int i = 0; i < work->frames(); ++i) {
         const double taken = (work.get()->*sides[side].run)(i);
-        if (warm || frames > 1) times[side].push_back(taken);
+        if (warm) times[side].push_back(taken);
       }
     }
   }
+  Lines lines;
   for (int side = 0; side < 2; ++side) {
     std::vector<double>& all = times[side];
-    if (all.empty()) all.push_back((work.get()->*sides[side].run)(0));
     std::sort(all.begin(), all.end());
     for (const int percentile : percentiles) {
       const std::size_t at = (all.size() - 1) * static_cast<std::size_t>(percentile) / 100;
-      std::fprintf(to, "%s\t%s\t%s\t%d\t%.1f\n", entry.work.c_str(), entry.size().c_str(),
-                   sides[side].name, percentile, all[at]);
+      lines.push_back(formatted("%s\t%s\t%s\t%d\t%.1f", entry.work.c_str(), entry.size().c_str(),
+                                sides[side].name, percentile, all[at]));
     }
   }
-  std::fflush(to);
+  return lines;
 }
 
-double residentMegabytes() {
-  std::ifstream file("/proc/self/statm");
-  long size = 0, resident = 0;
-  file >> size >> resident;
-  return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / 1e6;
-}
-
-/// Runs every work in a thread of its own. @return frames done by all of them
-long runAtOnce(const std::vector<std::unique_ptr<Work>>& works, const Side& side, double seconds) {
-  const auto end = Clock::now() + Seconds(seconds);
-  std::vector<std::future<long>> threads;
-  for (const auto& work : works) {
-    threads.push_back(std::async(std::launch::async, [&side, end, work = work.get()] {
-      long frames = 0;
-      do {
-        for (int i = 0; i < work->frames(); ++i, ++frames) (work->*side.run)(i);
-      } while (Clock::now() < end);
-      return frames;
-    }));
-  }
-  long frames = 0;
-  for (auto& thread : threads) frames += thread.get();
-  return frames;
-}
-
-void printAtOnce(const Entry& entry, const Side& side, int count, double seconds, std::FILE* to) {
+std::vector<std::unique_ptr<Work>> make(const Entry& entry, int count) {
   std::vector<std::unique_ptr<Work>> works;
   for (int i = 0; i < count; ++i) works.push_back(entry.make());
+  return works;
+}
+
+/// One side of several works at once. It goes on with the frame at which it stopped.
+class AtOnce {
+ public:
+  AtOnce(const std::vector<std::unique_ptr<Work>>& works, const Side& side)
+      : works_(works), side_(side), next_(works.size(), 0) {}
+
+  /// Runs every work in a thread of its own. @return the sum of their frames a second
+  double rate(double seconds) {
+    const auto end = Clock::now() + Seconds(seconds);
+    std::vector<std::future<double>> threads;
+    for (std::size_t i = 0; i < works_.size(); ++i) {
+      threads.push_back(std::async(std::launch::async, [&, i] { return rateOfOne(i, end); }));
+    }
+    double sum = 0;
+    for (auto& thread : threads) sum += thread.get();
+    return sum;
+  }
+
+ private:
+  double rateOfOne(std::size_t i, Instant end) {
+    double frames = 0;
+    const double taken = timed([&] {
+      do {
+        (works_[i].get()->*side_.run)(next_[i]);
+        next_[i] = (next_[i] + 1) % works_[i]->frames();
+        ++frames;
+      } while (Clock::now() < end);
+    });
+    return frames * 1e6 / taken;
+  }
+
+  const std::vector<std::unique_ptr<Work>>& works_;
+  const Side side_;
+  std::vector<int> next_;
+};
+
+/// Milliseconds to the first result and megabytes, of one object.
+Lines startOf(const Entry& entry, const Side& side, int count, double seconds) {
+  const auto works = make(entry, count);
+  std::async(std::launch::async, [] {}).get();  // what every thread needs is not the object's
   malloc_trim(0);
   const double before = residentMegabytes();
   const double first = timed([&] {
     for (const auto& work : works) (work.get()->*side.run)(0);
   });
-  runAtOnce(works, side, 0);
+  AtOnce(works, side).rate(seconds);
   const double grown = residentMegabytes() - before;
-  long frames = 0;
-  const double taken = timed([&] { frames = runAtOnce(works, side, seconds); });
-  std::fprintf(to, "%s\t%s\t%s\t%d\t%.1f\t%.2f\t%.2f\n", entry.work.c_str(), entry.size().c_str(),
-               side.name, count, static_cast<double>(frames) * 1e6 / taken, first / 1e3 / count,
-               grown / count);
+  return {formatted("%.2f\t%.2f", first / 1e3 / count, grown / count)};
 }
 
-/// In a process of its own: the memory that others gave back would hide what this one takes.
-void printInChild(const Entry& entry, const Side& side, int count, double seconds, std::FILE* to) {
-  std::fflush(to);
-  const pid_t child = fork();
-  require(child >= 0, "no process for the objects");
-  if (child == 0) {
-    int result = 1;
-    try {
-      printAtOnce(entry, side, count, seconds, to);
-      result = std::fflush(to) == 0 ? 0 : 1;
-    } catch (const std::exception& failure) {
-      std::fprintf(stderr, "tessera_bench: %s\n", failure.what());
-    }
-    _exit(result);
+/// Frames a second of both sides, and their ratio.
+Lines ratesOf(const Entry& entry, int count, double seconds, int rounds) {
+  const auto works = make(entry, count);
+  AtOnce ours(works, tesseraSide), peer(works, directSide);
+  std::vector<double> rates[2], ratios;
+  ours.rate(0);
+  peer.rate(0);
+  for (int round = 0; round < rounds; ++round) {
+    rates[1].push_back(peer.rate(seconds));
+    rates[0].push_back(ours.rate(seconds));
+    ratios.push_back(rates[0].back() / rates[1].back());
   }
-  int status = 0;
-  require(waitpid(child, &status, 0) == child && status == 0, "the objects' process failed");
+  return {formatted("%.1f", middleOf(rates[0]).median),
+          formatted("%.1f", middleOf(rates[1]).median), columns(middleOf(ratios))};
+}
+
+Lines objectsOf(const Entry& entry, int count, bool quick) {
+  const double seconds = quick ? 0.05 : 0.15;
+  entry.make();  // leaves its pictures to the children
+  const Lines rates = inChild([&] { return ratesOf(entry, count, seconds, rounds(quick)); });
+  Lines lines;
+  for (const Side& side : {tesseraSide, directSide}) {
+    const Lines start = inChild([&] { return startOf(entry, side, count, seconds); });
+    lines.push_back(formatted("%s\t%s\t%s\t%d\t%s\t%s\t%s", entry.work.c_str(),
+                              entry.size().c_str(), side.name, count, rates[lines.size()].c_str(),
+                              start[0].c_str(), lines.empty() ? rates[2].c_str() : "-\t-\t-"));
+  }
+  return lines;
 }
 
 }  // namespace
 
-bool printLatency(const std::vector<Entry>& entries, bool quick, std::FILE* to) {
-  std::fputs("work\tsize\tside\tpercentile\tus\n", to);
-  return forEachClass(entries, "1280x720",
-                      [&](const Entry& entry) { printPercentiles(entry, quick ? 0.2 : 5, to); });
+bool printLatency(const std::vector<Entry>& entries, const Settings& settings, std::FILE* to) {
+  Report report(settings, "work\tsize\tside\tpercentile\tus");
+  report.addClasses(entries, {"1280x720"}, [&](const Entry& entry) {
+    return percentilesOf(entry, settings.quick ? 0 : 5);
+  });
+  return report.print(to);
 }
 
-bool printObjects(const std::vector<Entry>& entries, bool quick, std::FILE* to) {
-  std::fputs("work\tsize\tside\tobjects\tframes_a_second\tfirst_ms\tmegabytes\n", to);
-  return forEachClass(entries, "640x480", [&](const Entry& entry) {
-    for (const Side& side : sides) {
-      for (const int count : objectCounts) printInChild(entry, side, count, quick ? 0.1 : 0.7, to);
-    }
-  });
+bool printObjects(const std::vector<Entry>& entries, const Settings& settings, std::FILE* to) {
+  Report report(settings,
+                "work\tsize\tside\tobjects\tframes_a_second\tfirst_ms\tmegabytes\t"
+                "ratio\tratio_low\tratio_high");
+  for (const int count : objectCounts) {
+    report.addClasses(entries, {"640x480"},
+                      [&](const Entry& entry) { return objectsOf(entry, count, settings.quick); });
+  }
+  return report.print(to);
 }
 
 }  // namespace bench

@@ -4,78 +4,86 @@
 #include <limits>
 #include <numeric>
 
+#include "Rounds.h"
+
 namespace bench {
 namespace {
 
 constexpr double secondsForEach = 2;
 
-/// The best of many runs of one side: of each frame of the sequence, then their mean. On a busy
-/// machine hardly a whole sequence goes through undisturbed, but each of its frames does at times.
-class Best {
+/// The times of one side: the best of each frame of the sequence over all runs, and the mean of a
+/// round. On a busy machine hardly a whole sequence goes through undisturbed, but each of its frames
+/// does at times.
+class Times {
  public:
-  explicit Best(int frames)
-      : microseconds_(static_cast<std::size_t>(frames), std::numeric_limits<double>::infinity()) {}
+  explicit Times(int frames)
+      : best_(static_cast<std::size_t>(frames), std::numeric_limits<double>::infinity()) {}
 
-  template <class Side>
-  void take(int turn, Side&& side) {
+  template <class Run>
+  void take(int turn, Run&& run) {
     for (int pass = 0; pass < turn; ++pass) {
-      for (std::size_t i = 0; i < microseconds_.size(); ++i) {
-        const double taken = side(static_cast<int>(i));
+      for (std::size_t i = 0; i < best_.size(); ++i) {
+        const double taken = run(static_cast<int>(i));
         // The first pass of a turn warms up.
-        if (pass > 0 || turn == 1) microseconds_[i] = std::min(microseconds_[i], taken);
+        if (pass == 0 && turn > 1) continue;
+        best_[i] = std::min(best_[i], taken);
+        sum_ += taken;
+        ++count_;
       }
     }
   }
-  double mean() const {
-    return std::accumulate(microseconds_.begin(), microseconds_.end(), 0.0) /
-           static_cast<double>(microseconds_.size());
+  double best() const {
+    return std::accumulate(best_.begin(), best_.end(), 0.0) / static_cast<double>(best_.size());
+  }
+  double endRound() {
+    const double mean = sum_ / count_;
+    sum_ = count_ = 0;
+    return mean;
   }
 
  private:
-  std::vector<double> microseconds_;
+  std::vector<double> best_;
+  double sum_ = 0;
+  double count_ = 0;
 };
 
-void printRow(const Entry& entry, bool quick, std::FILE* to) {
+/// A round is as many turns as its time allows, so that whatever the machine does in it meets both
+/// sides.
+Lines measureRow(const Entry& entry, bool quick) {
   const std::unique_ptr<Work> work = entry.make();
   const bool limited = work->limit().has_value();
-  const int frames = work->frames();
-  Best ours(frames), peer(frames), limit(1);
   const int turn = work->turn();
-  const int fewestTurns = quick ? 1 : 5;
-  const auto end =
-      std::chrono::steady_clock::now() + std::chrono::duration<double>(quick ? 0 : secondsForEach);
-  for (int turns = 0; turns < fewestTurns || std::chrono::steady_clock::now() < end; ++turns) {
-    ours.take(turn, [&](int i) { return work->ours(i); });
-    peer.take(turn, [&](int i) { return work->peer(i); });
-    if (limited) limit.take(turn, [&](int) { return *work->limit(); });
+  Times ours(work->frames()), peer(work->frames()), limit(1);
+  std::vector<double> ratios, limitRatios;
+  work->peer(0);
+  work->ours(0);
+  const std::chrono::duration<double> each(quick ? 0 : secondsForEach / roundsOfRow);
+  for (int round = 0; round < rounds(quick); ++round) {
+    const auto end = std::chrono::steady_clock::now() + each;
+    do {
+      peer.take(turn, [&](int i) { return work->peer(i); });
+      ours.take(turn, [&](int i) { return work->ours(i); });
+      if (limited) limit.take(turn, [&](int) { return *work->limit(); });
+    } while (std::chrono::steady_clock::now() < end);
+    const double mean = ours.endRound();
+    ratios.push_back(mean / peer.endRound());
+    if (limited) limitRatios.push_back(mean / limit.endRound());
   }
-  std::fprintf(to, "%s\t%s\t%.2f\t%s\t%.2f\t%.3f\t", entry.work.c_str(), entry.size().c_str(),
-               ours.mean(), entry.peer.c_str(), peer.mean(), ours.mean() / peer.mean());
-  if (limited) {
-    std::fprintf(to, "%.3f\n", ours.mean() / limit.mean());
-  } else {
-    std::fputs("-\n", to);
-  }
-  std::fflush(to);
+  return {formatted("%s\t%s\t%.2f\t%s\t%.2f\t", entry.work.c_str(), entry.size().c_str(),
+                    ours.best(), entry.peer.c_str(), peer.best()) +
+          columns(middleOf(ratios)) +
+          (limited ? formatted("\t%.3f", middleOf(limitRatios).median) : "\t-")};
 }
 
 }  // namespace
 
-bool printSummary(const std::vector<Entry>& entries, const std::string& filter, bool quick,
-                  std::FILE* to) {
-  bool allDone = true;
-  std::fputs("work\tsize\tus\tpeer\tpeer_us\tratio\tlimit_ratio\n", to);
+bool printSummary(const std::vector<Entry>& entries, const Settings& settings, std::FILE* to) {
+  Report report(settings,
+                "work\tsize\tus\tpeer\tpeer_us\tratio\tratio_low\tratio_high\tlimit_ratio");
   for (const Entry& entry : entries) {
-    if (entry.work.find(filter) == std::string::npos) continue;
-    try {
-      printRow(entry, quick, to);
-    } catch (const std::exception& failure) {
-      std::fprintf(stderr, "tessera_bench: %s %s: %s\n", entry.work.c_str(), entry.size().c_str(),
-                   failure.what());
-      allDone = false;
-    }
+    report.add(entry, [&] { return measureRow(entry, settings.quick); });
   }
-  return allDone;
+  return report.print(to);
 }
 
 }  // namespace bench

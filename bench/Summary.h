@@ -2,18 +2,16 @@
 #define TESSERA_BENCH_SUMMARY_H
 
 #include <cstdio>
-#include <string>
 #include <vector>
 
-#include "Work.h"
+#include "Report.h"
 
 namespace bench {
 
-/// Prints a tab-separated row for each entry whose work contains `filter`, under a header.
-/// @param quick  too short for figures worth keeping: to try the way to the plots
+/// Prints a row for each entry: the best time of a frame on either side, and the ratio of the times
+/// over several rounds, its middle and its spread.
 /// @return false when a work failed; its row is missing and standard error tells why
-bool printSummary(const std::vector<Entry>& entries, const std::string& filter, bool quick,
-                  std::FILE* to);
+bool printSummary(const std::vector<Entry>& entries, const Settings& settings, std::FILE* to);
 
 }  // namespace bench
 

@@ -11,6 +11,13 @@
 
 namespace bench {
 
+/// Bytes of one frame that each side copies or converts in vector loops, where counting the calls of
+/// memcpy does not see them.
+struct Loops {
+  double ours = 0;
+  double peer = 0;
+};
+
 /// One kind of work on one size of picture, with all that it needs set up. The work is a short
 /// sequence of frames, run again and again from its first to its last; every side does the same and
 /// tells the microseconds of one frame. A side's codec is made at its first frame, so that its cost
@@ -27,6 +34,7 @@ class Work {
   /// Sequences of one side before it is another's turn. Short ones take several, so that each side
   /// finds the caches as it left them itself.
   virtual int turn() const { return 5; }
+  virtual Loops loops() const { return {}; }
 };
 
 struct Entry {
@@ -38,6 +46,13 @@ struct Entry {
 
   std::string size() const { return std::to_string(width) + "x" + std::to_string(height); }
 };
+
+struct Side {
+  const char* name;
+  double (Work::*run)(int);
+};
+constexpr Side tesseraSide{"tessera", &Work::ours};
+constexpr Side directSide{"direct", &Work::peer};
 
 struct Size {
   int width;

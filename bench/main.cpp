@@ -1,32 +1,20 @@
-// tessera_bench [--summary[=TEXT] | --latency | --objects] [--quick] [Google Benchmark's options]
+// tessera_bench [--summary | --latency | --objects | --cost][=TEXT] [--quick] [--even-if-busy]
+// tessera_bench [Google Benchmark's options]
 //
-// The library beside what a user would call instead, in one process.
+// The library beside what a user would call instead, in one process; with TEXT only the works whose
+// names contain it.
 
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <ext/stdio_filebuf.h>
 #include <iostream>
 
+#include "Cost.h"
 #include "Spread.h"
+#include "Streams.h"
 #include "Summary.h"
 
 namespace {
-
-/// Keeps standard output for results: whatever the library prints there goes nowhere.
-/// @return a descriptor of the real standard output
-int takeStandardOutput() {
-  std::cout.flush();
-  const int real = dup(STDOUT_FILENO);
-  const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  if (real < 0 || nowhere < 0 || dup2(nowhere, STDOUT_FILENO) < 0) {
-    throw std::runtime_error("cannot set standard output aside");
-  }
-  close(nowhere);
-  return real;
-}
 
 /// Registers both sides of an entry for the interactive mode.
 void registerSides(const bench::Entry& entry) {
@@ -52,10 +40,11 @@ void registerSides(const bench::Entry& entry) {
   add(entry.peer, &bench::Work::peer);
 }
 
-int runInteractively(int argc, char** argv, const std::vector<bench::Entry>& entries, int output) {
+int runInteractively(int argc, char** argv, const std::vector<bench::Entry>& entries) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
   for (const bench::Entry& entry : entries) registerSides(entry);
+  std::FILE* const output = bench::takeStream(stdout);
   __gnu_cxx::stdio_filebuf<char> buffer(output, std::ios::out);
   std::ostream stream(&buffer);
   const std::unique_ptr<benchmark::BenchmarkReporter> reporter(
@@ -66,6 +55,35 @@ int runInteractively(int argc, char** argv, const std::vector<bench::Entry>& ent
   return 0;
 }
 
+using Print = bool (*)(const std::vector<bench::Entry>&, const bench::Settings&, std::FILE*);
+
+struct Mode {
+  const char* option;
+  Print print;
+};
+constexpr Mode modes[] = {{"--summary", bench::printSummary},
+                          {"--latency", bench::printLatency},
+                          {"--objects", bench::printObjects},
+                          {"--cost", bench::printCost},
+                          {"--copied", bench::printCopied}};
+
+/// @return what the arguments ask for, nullptr for Google Benchmark
+Print readArguments(int argc, char** argv, bench::Settings& settings) {
+  Print print = nullptr;
+  for (int i = 1; i < argc; ++i) {
+    const std::string argument = argv[i];
+    if (argument == "--quick") settings.quick = true;
+    if (argument == "--even-if-busy") settings.evenIfBusy = true;
+    const std::size_t end = argument.find('=');
+    for (const Mode& mode : modes) {
+      if (argument.substr(0, end) != mode.option) continue;
+      print = mode.print;
+      if (end != std::string::npos) settings.filter = argument.substr(end + 1);
+    }
+  }
+  return print;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -73,29 +91,16 @@ int main(int argc, char** argv) {
   bench::addConversions(entries);
   bench::addJpegCodecs(entries);
   bench::addH264Codecs(entries);
-
-  const std::string summary = "--summary";
-  std::string mode, filter;
-  bool quick = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string argument = argv[i];
-    if (argument == "--quick") quick = true;
-    if (argument == summary || argument == "--latency" || argument == "--objects") mode = argument;
-    if (argument.rfind(summary + "=", 0) == 0) {
-      mode = summary;
-      filter = argument.substr(summary.size() + 1);
-    }
-  }
+  bench::Settings settings;
+  const Print print = readArguments(argc, argv, settings);
   try {
-    const int output = takeStandardOutput();
-    if (mode.empty()) return runInteractively(argc, argv, entries, output);
-    std::FILE* stream = fdopen(output, "w");
-    const bool allDone = mode == summary       ? bench::printSummary(entries, filter, quick, stream)
-                         : mode == "--latency" ? bench::printLatency(entries, quick, stream)
-                                               : bench::printObjects(entries, quick, stream);
-    return std::fclose(stream) == 0 && allDone ? 0 : 1;
+    if (print == nullptr) return runInteractively(argc, argv, entries);
+    std::FILE* const results = bench::takeStream(stdout);
+    bench::complainTo(bench::takeStream(stderr));
+    const bool allDone = print(entries, settings, results);
+    return std::fclose(results) == 0 && allDone ? 0 : 1;
   } catch (const std::exception& failure) {
-    std::cerr << "tessera_bench: " << failure.what() << '\n';
+    bench::complain(failure.what());
     return 1;
   }
 }
