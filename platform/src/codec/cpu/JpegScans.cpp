@@ -66,6 +66,7 @@ bool JpegEntries::find(const std::uint8_t* data, std::size_t size, std::size_t s
   const std::uint64_t markers = (std::uint64_t{layout.columns} * layout.rows - 1) / layout.interval;
   offsets.push_back(scanData);
   std::size_t at = scanData;
+  unsigned untilEntry = markersEach;
   for (std::uint64_t seen = 0; seen < markers;) {
     const void* hit = at + 1 < size ? std::memchr(data + at, 0xff, size - at - 1) : nullptr;
     if (hit == nullptr) return false;
@@ -73,7 +74,10 @@ bool JpegEntries::find(const std::uint8_t* data, std::size_t size, std::size_t s
     at = static_cast<std::size_t>(marker + 1 - data);
     if (*marker == 0) continue;  // data that looks like a marker's first byte
     if (*marker != firstRestart + seen % 8) return false;
-    if (++seen % markersEach == 0) offsets.push_back(at);
+    ++seen;
+    if (--untilEntry > 0) continue;
+    offsets.push_back(at);
+    untilEntry = markersEach;
   }
   return true;
 }
