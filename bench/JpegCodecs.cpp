@@ -6,6 +6,7 @@
 #include <turbojpeg.h>
 
 #include <array>
+#include <cstdlib>
 
 #include "Content.h"
 #include "Work.h"
@@ -126,14 +127,18 @@ class EncodeRgb32 : public Encode {
   }
 };
 
-/// One picture again and again, or two of almost one size in turn: then the pool rebuilds its
-/// output for each.
+enum class Kind { Plain, Restart, Alternating };
+
+/// One picture again and again, without or with a restart marker behind each row of MCUs, or two of
+/// almost one size in turn: then the pool rebuilds its output for each.
 class Decode : public Work {
  public:
-  Decode(int width, int height, bool alternating)
+  Decode(int width, int height, Kind kind)
       : planes_(tessera::PaddedSize(width, height)), turbo_(tjInitDecompress()) {
+    if (kind == Kind::Restart) setenv("TJ_RESTART", "1", 1);  // TurboJPEG's own switch
     jpegs_.push_back(makeJpeg(width, height));
-    if (alternating) jpegs_.push_back(makeJpeg(width - 32, height - 16));
+    unsetenv("TJ_RESTART");
+    if (kind == Kind::Alternating) jpegs_.push_back(makeJpeg(width - 32, height - 16));
   }
 
   int frames() const override { return static_cast<int>(jpegs_.size()); }
@@ -201,12 +206,12 @@ class Decode : public Work {
   Turbo turbo_;
 };
 
-template <class Kind, class Argument>
+template <class Codec, class Argument>
 void add(std::vector<Entry>& entries, const char* work, Argument argument) {
   for (const auto [width, height] : sizes) {
     entries.push_back(
         {work, width, height, "turbojpeg", [width = width, height = height, argument] {
-           return std::make_unique<Kind>(width, height, argument);
+           return std::make_unique<Codec>(width, height, argument);
          }});
   }
 }
@@ -218,8 +223,9 @@ void addJpegCodecs(std::vector<Entry>& entries) {
   add<EncodeRgb32<ByteOrder::Rgba>>(entries, "jpeg-encode rgb32", CreateEncoderJPEG);
   add<EncodeYuyv>(entries, "jpeg-encode-omx yuyv", makeOmx);
   add<EncodeRgb32<ByteOrder::Bgra>>(entries, "jpeg-encode-omx rgb32", makeOmx);
-  add<Decode>(entries, "jpeg-decode", false);
-  add<Decode>(entries, "jpeg-decode alternating", true);
+  add<Decode>(entries, "jpeg-decode", Kind::Plain);
+  add<Decode>(entries, "jpeg-decode restart", Kind::Restart);
+  add<Decode>(entries, "jpeg-decode alternating", Kind::Alternating);
 }
 
 }  // namespace bench

@@ -1,10 +1,28 @@
 // The JPEG decode cycle: whatever comes in, a picture or null comes out, and the next good picture
-// decodes.
+// decodes. And however many threads decode it, it is the same.
 
 #include <tessera/tessera.h>
 
 #include "Fuzz.h"
+#include "support/GuardedDecode.h"
 #include "support/JpegOracle.h"
+
+namespace {
+
+/// Several threads make the same of it as one.
+void compare(fuzz::Exact& jpeg) {
+  const auto limits = [](unsigned threads) {
+    codec::JpegDecoder::Limits result;
+    result.pixels = 1u << 18;
+    result.threads = threads;
+    return result;
+  };
+  static codec::JpegDecoder one(limits(1)), several(limits(3));
+  MUST(support::decodeGuarded(one, jpeg.data(), jpeg.size()) ==
+       support::decodeGuarded(several, jpeg.data(), jpeg.size(), 255));
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz::silence();
@@ -12,6 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   FuzzedDataProvider input(data, size);
   int width = input.ConsumeIntegralInRange(0, 80), height = input.ConsumeIntegralInRange(0, 80);
   fuzz::Exact jpeg(input.ConsumeRemainingBytes<std::uint8_t>());
+  compare(jpeg);
   const unsigned char* const picture = pool->DecodeJpeg(jpeg.chars(), jpeg.size(), width, height);
   if (picture != nullptr) {
     MUST(width > 0 && height > 0);

@@ -3,8 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "codec/cpu/JpegDecoder.h"
-#include "support/GuardedMemory.h"
+#include "support/GuardedDecode.h"
 #include "support/JpegSurgery.h"
 
 using codec::JpegDecoder;
@@ -14,23 +13,20 @@ using support::Yuv;
 
 namespace {
 
-constexpr std::uint8_t frameCode = 0xc0, scanCode = 0xda, exifCode = 0xe1;
+constexpr std::uint8_t frameCode = 0xc0, scanCode = 0xda, restartCode = 0xdd, exifCode = 0xe1;
 
-/// Decodes into the padded layout with unreadable memory right before or behind it, which holds
-/// `former` everywhere. Empty where the picture does not come out whole.
+JpegDecoder::Limits withThreads(unsigned threads) {
+  JpegDecoder::Limits limits;
+  limits.threads = threads;
+  return limits;
+}
+
+/// Empty where the picture does not come out whole.
 Yuv decode(const Bytes& jpeg, std::uint8_t former = 0) {
   JpegDecoder decoder;
-  if (!decoder.open(jpeg.data(), jpeg.size())) return {};
-  const unsigned stride = codec::roundUp(decoder.width(), 32);
-  const unsigned rows = codec::roundUp(decoder.height(), 16);
-  const std::size_t size = std::size_t{stride} * rows * 3 / 2;
-  GuardedMemory memory(size);
-  std::uint8_t* const block = former == 0 ? memory.atStart() : memory.atEnd(size);
-  std::fill_n(block, size, former);
-  if (decoder.decode(codec::planesOf(block, stride, rows)) != JpegDecoder::Result::Complete)
-    return {};
-  return support::unpadded(block, static_cast<int>(decoder.width()),
-                           static_cast<int>(decoder.height()));
+  const support::DecodedJpeg seen =
+      support::decodeGuarded(decoder, jpeg.data(), jpeg.size(), former);
+  return seen.result == JpegDecoder::Result::Complete ? seen.picture : Yuv();
 }
 
 using Case = std::tuple<Sampling, bool, std::pair<int, int>>;
@@ -52,6 +48,95 @@ INSTANTIATE_TEST_SUITE_P(
                      testing::Bool(),
                      testing::Values(std::pair(1, 1), std::pair(17, 3), std::pair(8, 33),
                                      std::pair(321, 241), std::pair(705, 480))));
+
+/// The offsets of the restart markers behind a JPEG's headers.
+std::vector<std::size_t> restartMarkers(const Bytes& jpeg) {
+  std::vector<std::size_t> found;
+  for (std::size_t at = surgery::segments(jpeg, scanCode).at(0) + 2; at + 1 < jpeg.size(); ++at)
+    if (jpeg[at] == 0xff && (jpeg[at + 1] & 0xf8) == 0xd0) found.push_back(at);
+  return found;
+}
+
+/// The picture, and what can befall the two intervals between three of its restart markers.
+std::vector<Bytes> damaged(const Bytes& jpeg, const std::size_t* markers) {
+  const auto part = [&](std::size_t from, std::size_t to) {
+    return Bytes(jpeg.begin() + static_cast<long>(from), jpeg.begin() + static_cast<long>(to));
+  };
+  const auto with = [&](std::size_t from, std::size_t to, std::vector<Bytes> parts) {
+    Bytes result = part(0, from);
+    parts.push_back(part(to, jpeg.size()));
+    for (const Bytes& bytes : parts) result.insert(result.end(), bytes.begin(), bytes.end());
+    return result;
+  };
+  const auto flipped = [&](std::size_t at, int bits) {
+    return with(at, at + 1, {{static_cast<std::uint8_t>(jpeg[at] ^ bits)}});
+  };
+  const std::size_t a = markers[0], b = markers[1], c = markers[2];
+  return {jpeg,
+          with(b, b + 2, {}),            // a marker is missing,
+          with(b, b, {part(b, b + 2)}),  // doubled,
+          flipped(b + 1, 5),             // has another number
+          with(a, c, {part(b, c), part(a, b)}),
+          with(a + 2, c, {part(b + 2, c), part(b, b + 2), part(a + 2, b)}),
+          with(b + (c - b) / 2, jpeg.size(), {}),
+          with(a + 2, b, {}),
+          with(b + 2, c, {Bytes(c - b - 2, 0x5a)}),
+          flipped((a + b) / 2, 0x40),
+          flipped(c - 1, 1),
+          with(c, c, {{0x00}}),
+          with(b, b, {{0x12, 0xff, 0x00, 0x34, 0x56, 0x78, 0x9a, 0xbc, 0xde, 0xf0}}),
+          with(b, b, {{0xff, 0xff}}),                                   // fill bytes
+          with(b, b, {{0xff, 0xd9}}),                                   // an end
+          flipped(surgery::segments(jpeg, restartCode).at(0) + 5, 1)};  // another interval
+}
+
+class RestartTest : public testing::TestWithParam<std::tuple<Sampling, const char*>> {};
+
+TEST_P(RestartTest, SeveralThreadsGiveWhatOneDoes) {
+  const auto [sampling, interval] = GetParam();
+  JpegDecoder one(withThreads(1)), several(withThreads(3));
+  for (const auto& [width, height] : {std::pair(17, 3), {95, 250}, {320, 128}, {641, 97}}) {
+    const Bytes jpeg =
+        surgery::encodeWith("TJ_RESTART", interval, support::scene(width, height), sampling);
+    const std::vector<std::size_t> markers = restartMarkers(jpeg);
+    const std::size_t last = std::max<std::size_t>(markers.size(), 3) - 3;
+    for (const std::size_t i : {std::size_t{0}, last / 2, last}) {
+      int kind = 0;
+      for (const Bytes& input :
+           markers.size() < 3 ? std::vector<Bytes>{jpeg} : damaged(jpeg, &markers[i])) {
+        SCOPED_TRACE(testing::Message()
+                     << width << " x " << height << ", marker " << i << ", damage " << kind++);
+        EXPECT_TRUE(support::decodeGuarded(one, input.data(), input.size()) ==
+                    support::decodeGuarded(several, input.data(), input.size(), 255));
+      }
+    }
+  }
+}
+
+TEST(JpegDecoder, ThreadsShareThePicturesThatTheyCan) {
+  const struct {
+    const char* interval;
+    Sampling sampling;
+    unsigned threads;
+  } rows[] = {
+      {"0", Sampling::Yuv420, 1},  {"1", Sampling::Yuv420, 3},  {"1B", Sampling::Yuv444, 3},
+      {"7B", Sampling::Yuv420, 2}, {"8B", Sampling::Yuv420, 3}, {"9B", Sampling::Yuv420, 1},
+      {"1", Sampling::Yuv411, 3},  {"5", Sampling::Grey, 3},    {"20", Sampling::Yuv440, 1}};
+  JpegDecoder decoder(withThreads(3));
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.interval);
+    const Bytes jpeg =
+        surgery::encodeWith("TJ_RESTART", row.interval, support::scene(320, 128), row.sampling);
+    support::decodeGuarded(decoder, jpeg.data(), jpeg.size());
+    EXPECT_EQ(decoder.threadsTaken(), row.threads);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(SamplingsAndIntervals, RestartTest,
+                         testing::Combine(testing::Values(Sampling::Yuv420, Sampling::Yuv422,
+                                                          Sampling::Yuv444, Sampling::Yuv440,
+                                                          Sampling::Yuv411, Sampling::Grey),
+                                          testing::Values("1B", "7B", "20B", "1", "3")));
 
 TEST(JpegDecoder, RgbCodedBecomesYuv) {
   const support::Image image = support::bars(64, 32);

@@ -10,7 +10,7 @@ namespace codec {
 /// JPEG to planar 4:2:0, on libjpeg-turbo (integer transform). Takes every baseline and progressive
 /// Huffman-coded 8-bit picture of one or three components, arithmetic coding where the library has
 /// it, and MJPEG frames without Huffman tables. Pixels go straight into the planes where the file
-/// is 4:2:0.
+/// is 4:2:0. Large pictures with restart markers are decoded by several threads of the object's own.
 class JpegDecoder final : public ImageDecoder {
  public:
   /// What a picture may claim before anything is allocated for it.
@@ -21,6 +21,7 @@ class JpegDecoder final : public ImageDecoder {
     unsigned scans = 100;              ///< progressive files of a few kB can claim thousands
     /// Pixels times scans: what decoding costs. Twenty scans are always allowed.
     std::uint64_t work = 256u << 20;
+    unsigned threads = 0;  ///< that may take part; 0: as many as processors, for large pictures
   };
 
   JpegDecoder();
@@ -32,6 +33,8 @@ class JpegDecoder final : public ImageDecoder {
   unsigned height() const override;
   Result decode(const Planes& planes) override;
   const std::string& error() const override;
+  /// How many threads the last picture was decoded by.
+  unsigned threadsTaken() const;
 
  private:
   struct Impl;

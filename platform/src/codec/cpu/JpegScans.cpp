@@ -1,11 +1,13 @@
 #include "codec/cpu/JpegScans.h"
 
 #include <cstring>
+#include <numeric>
 
 namespace codec {
 
 namespace {
 
+constexpr std::uint8_t firstRestart = 0xd0;
 constexpr std::uint8_t startOfImage = 0xd8, endOfImage = 0xd9, startOfScan = 0xda;
 
 bool standsAlone(std::uint8_t marker) {
@@ -52,6 +54,32 @@ std::size_t findSegment(const std::uint8_t* data, std::size_t size, std::uint8_t
 std::size_t findScanData(const std::uint8_t* data, std::size_t size) {
   const std::size_t at = findSegment(data, size, startOfScan);
   return at < size ? at + segmentLength(data + at) : size;
+}
+
+bool JpegEntries::find(const std::uint8_t* data, std::size_t size, std::size_t scanData,
+                       const McuLayout& layout) {
+  offsets.clear();
+  const unsigned common = std::gcd(layout.columns, layout.interval);
+  rowsEach = layout.interval / common;
+  if (rowsEach >= layout.rows) return false;
+  const unsigned markersEach = layout.columns / common;
+  const std::uint64_t markers = (std::uint64_t{layout.columns} * layout.rows - 1) / layout.interval;
+  offsets.push_back(scanData);
+  std::size_t at = scanData;
+  unsigned untilEntry = markersEach;
+  for (std::uint64_t seen = 0; seen < markers;) {
+    const void* hit = at + 1 < size ? std::memchr(data + at, 0xff, size - at - 1) : nullptr;
+    if (hit == nullptr) return false;
+    const auto* const marker = static_cast<const std::uint8_t*>(hit) + 1;
+    at = static_cast<std::size_t>(marker + 1 - data);
+    if (*marker == 0) continue;  // data that looks like a marker's first byte
+    if (*marker != firstRestart + seen % 8) return false;
+    ++seen;
+    if (--untilEntry > 0) continue;
+    offsets.push_back(at);
+    untilEntry = markersEach;
+  }
+  return true;
 }
 
 }  // namespace codec

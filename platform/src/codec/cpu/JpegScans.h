@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace codec {
 
@@ -22,6 +23,24 @@ std::size_t findSegment(const std::uint8_t* data, std::size_t size, std::uint8_t
 
 /// Offset of the first scan's data, `size` when there is none.
 std::size_t findScanData(const std::uint8_t* data, std::size_t size);
+
+/// How a scan's MCUs lie in the picture and between restart markers.
+struct McuLayout {
+  unsigned columns = 0;
+  unsigned rows = 0;
+  unsigned interval = 0;  ///< not 0
+};
+
+/// Where decoding a scan can begin: at MCU rows that a restart marker stands in front of.
+struct JpegEntries {
+  unsigned rowsEach = 0;             ///< MCU rows from one entry to the next
+  std::vector<std::size_t> offsets;  ///< of each entry's data; the first is the scan's own
+
+  /// @return false where there is only one entry, or where other markers stand in the scan than the
+  /// layout asks for
+  bool find(const std::uint8_t* data, std::size_t size, std::size_t scanData,
+            const McuLayout& layout);
+};
 
 }  // namespace codec
 

@@ -4,12 +4,16 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <exception>
 
 namespace codec {
 
 namespace {
+
+/// Tasks that began together end about together: sleeping and being woken takes longer.
+constexpr std::chrono::microseconds usualWait{50};
 
 /// Blocks every signal of the calling thread, so that threads started meanwhile inherit that: an
 /// application's signals are for its own threads.
@@ -39,21 +43,25 @@ WorkCrew::~WorkCrew() {
   for (std::thread& helper : helpers_) helper.join();
 }
 
+unsigned WorkCrew::processors() {
+  cpu_set_t allowed;
+  if (sched_getaffinity(0, sizeof allowed, &allowed) == 0)
+    return static_cast<unsigned>(CPU_COUNT(&allowed));
+  return std::max(1u, std::thread::hardware_concurrency());
+}
+
 void WorkCrew::hire(unsigned helpers) {
-  hired_ = true;
   const SignalsBlocked blocked;
   try {
     while (helpers_.size() < helpers) helpers_.emplace_back([this] { help(); });
   } catch (const std::exception&) {
-    // The threads that there are will do.
+    refused_ = true;  // the threads that there are will do
   }
 }
 
 void WorkCrew::run(unsigned count, const std::function<void(unsigned)>& task) {
-  if (!hired_) {
-    const unsigned processors = std::max(1u, std::thread::hardware_concurrency());
-    hire(std::min(count, processors) - 1);
-  }
+  const unsigned helpers = std::min(count, threads_ > 0 ? threads_ : processors()) - 1;
+  if (helpers > helpers_.size() && !refused_) hire(helpers);
   std::unique_lock<std::mutex> lock(mutex_);
   task_ = &task;
   next_ = 0;
@@ -61,6 +69,10 @@ void WorkCrew::run(unsigned count, const std::function<void(unsigned)>& task) {
   if (!helpers_.empty()) wake_.notify_all();
   while (doNext(lock)) {
   }
+  lock.unlock();
+  const auto patience = std::chrono::steady_clock::now() + usualWait;
+  while (unfinished_ != 0 && std::chrono::steady_clock::now() < patience) sched_yield();
+  lock.lock();
   done_.wait(lock, [this] { return unfinished_ == 0; });
 }
 

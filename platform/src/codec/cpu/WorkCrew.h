@@ -1,6 +1,7 @@
 #ifndef TESSERA_PLATFORM_SRC_CODEC_CPU_WORKCREW_H
 #define TESSERA_PLATFORM_SRC_CODEC_CPU_WORKCREW_H
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -10,16 +11,21 @@
 namespace codec {
 
 /// Threads that help the caller through a few independent tasks and sleep in between. They start
-/// with the first run and take no signals. Where none can be started the caller does it all.
+/// with the first run that needs them and take no signals. Where none can be started the caller does
+/// it all.
 class WorkCrew {
  public:
-  WorkCrew() = default;
+  /// @param threads  that may take part, the caller's among them; 0: as many as processors
+  explicit WorkCrew(unsigned threads = 0) : threads_(threads) {}
   ~WorkCrew();
   WorkCrew(const WorkCrew&) = delete;
   WorkCrew& operator=(const WorkCrew&) = delete;
 
-  /// Calls task(0) to task(count - 1), in no particular order, and returns when all are done. As
-  /// many threads take part as there are processors. The task must not throw.
+  /// Processors that the calling thread may use.
+  static unsigned processors();
+
+  /// Calls task(0) to task(count - 1), in no particular order, and returns when all are done. The
+  /// task must not throw.
   void run(unsigned count, const std::function<void(unsigned)>& task);
 
  private:
@@ -27,15 +33,16 @@ class WorkCrew {
   void help();
   bool doNext(std::unique_lock<std::mutex>& lock);
 
+  const unsigned threads_;
   std::mutex mutex_;
   std::condition_variable wake_;
   std::condition_variable done_;
   const std::function<void(unsigned)>* task_ = nullptr;
   unsigned next_ = 0;
   unsigned count_ = 0;
-  unsigned unfinished_ = 0;
+  std::atomic<unsigned> unfinished_{0};
   bool leaving_ = false;
-  bool hired_ = false;
+  bool refused_ = false;
   std::vector<std::thread> helpers_;
 };
 
