@@ -27,16 +27,18 @@
 #include "StandIn.h"
 
 #define SHOWN extern "C" __attribute__((visibility("default")))
-// On 64-bit systems the large files' calls are the same.
+// The large files' calls are the same where they take and give the same.
 #define SAME(name, other) __asm__(".globl " #name "\n.set " #name ", " #other)
 SAME(open64, open);
 SAME(__open_2, open);
 SAME(__open64_2, open);
+SAME(fopen64, fopen);
+#ifdef __LP64__
 SAME(mmap64, mmap);
 SAME(stat64, stat);
 SAME(fstat64, fstat);
 SAME(readdir64, readdir);
-SAME(fopen64, fopen);
+#endif
 
 namespace {
 
