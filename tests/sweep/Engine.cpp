@@ -31,6 +31,8 @@ using support::entries;
 
 /// For what time that stands still does not see: a child that does not stop working.
 constexpr int childLimitSeconds = 120;
+/// How many points a process works off, where all goes well.
+constexpr std::size_t stretch = 32;
 /// The control's own lists of faults.
 constexpr std::size_t blockSlack = 4;
 /// The encoder's threads draw on arenas of their own, more or fewer from run to run.
@@ -88,6 +90,8 @@ class Run {
 
   std::string problem;
   bool met = false;
+  /// Nothing is left of the run that the next one in this process would find.
+  bool clean = true;
 
   void go(const Scenario& scenario, const Point* point) {
     once(scenario, point);
@@ -149,7 +153,8 @@ class Run {
     // A pool whose way back to Loaded is refused says so and keeps what it holds.
     const bool abandoned = kind_.name == std::string("DecoderPool") && point != nullptr &&
                            !point->completion && point->call.call == "OMX_SendCommand";
-    if (kept || abandoned) return;
+    clean = !kept && !abandoned;
+    if (!clean) return;
     const control::Census census = control::census();
     if (!census.empty()) blame("left behind: " + control::describe(census));
     // A thread that has been joined may stay in the list for a moment, which is a real one.
@@ -176,32 +181,33 @@ class Run {
   const DriverClass& kind_;
 };
 
+/// A process that works off a stretch of the points.
 struct Child {
+  std::size_t first = 0, end = 0;  ///< its points
   pid_t pid = 0;
   int report = -1;
   int out = memfd_create("out", 0), err = memfd_create("err", 0);
-  std::size_t index = 0;
+  std::string text;  ///< what it reported so far, each piece with a zero after it
+
+  void close() const {
+    for (const int descriptor : {report, out, err}) ::close(descriptor);
+  }
 };
 
 template <typename Work>
-Child start(std::size_t index, Work work) {
+Child start(std::size_t first, std::size_t end, Work work) {
   Child child;
-  child.index = index;
+  child.first = first;
+  child.end = end;
   int ends[2];
   if (pipe(ends) != 0) std::abort();
   std::fflush(nullptr);
   child.pid = fork();
   if (child.pid == 0) {
     close(ends[0]);
-    alarm(childLimitSeconds);
     dup2(child.out, STDOUT_FILENO);
     dup2(child.err, STDERR_FILENO);
-    std::string report;
-    {
-      const support::VirtualTime time;
-      report = work();
-    }
-    if (write(ends[1], report.data(), report.size()) < 0) _exit(98);
+    work(ends[1]);
     _exit(0);
   }
   close(ends[1]);
@@ -209,13 +215,26 @@ Child start(std::size_t index, Work work) {
   return child;
 }
 
-std::string readAll(int descriptor) {
-  std::string text;
+void tell(int end, const std::string& piece) {
+  if (write(end, piece.c_str(), piece.size() + 1) < 0) _exit(98);
+}
+
+/// Which of them has something to say, or has ended.
+std::size_t awaitOne(const std::vector<Child>& children) {
+  std::vector<pollfd> ends;
+  for (const Child& child : children) ends.push_back({child.report, POLLIN, 0});
+  for (;;)
+    if (poll(ends.data(), ends.size(), -1) > 0)
+      for (std::size_t i = 0; i < ends.size(); ++i)
+        if (ends[i].revents != 0) return i;
+}
+
+/// Takes what there is; whether there may be more.
+bool hear(Child& child) {
   char block[4096];
-  for (ssize_t n; (n = read(descriptor, block, sizeof block)) > 0;)
-    text.append(block, static_cast<std::size_t>(n));
-  close(descriptor);
-  return text;
+  const ssize_t n = read(child.report, block, sizeof block);
+  if (n > 0) child.text.append(block, static_cast<std::size_t>(n));
+  return n > 0;
 }
 
 /// The three ways in which the library may end its process.
@@ -237,10 +256,9 @@ bool hangsAsDocumented(const DriverClass& kind, const Point& point) {
          point.event.completion == "EventHandler";
 }
 
-Verdict conclude(const DriverClass& kind, const Point& point, Child& child) {
-  Verdict verdict{point, readAll(child.report), true};
-  int status = 0;
-  waitpid(child.pid, &status, 0);
+/// Of a point at which its process ended.
+Verdict verdictOfEnd(const DriverClass& kind, const Point& point, const Child& child, int status) {
+  Verdict verdict{point, "", true};
   const bool hung = contents(child.err).find(support::VirtualTime::hangLine) != std::string::npos;
   if (WIFSIGNALED(status)) {
     if (hung && hangsAsDocumented(kind, point)) return verdict;
@@ -250,13 +268,31 @@ Verdict conclude(const DriverClass& kind, const Point& point, Child& child) {
   } else if (WEXITSTATUS(status) != 0) {
     verdict.problem = "ended with status " + std::to_string(WEXITSTATUS(status)) + ": " +
                       contents(child.out) + contents(child.err);
-  } else if (verdict.problem.empty()) {
-    verdict.problem = "ended as if all were well";
   } else {
-    verdict.met = verdict.problem[0] == '+';
-    verdict.problem.erase(0, 1);
+    verdict.problem = "ended as if all were well";
   }
   return verdict;
+}
+
+const std::string stretchDone = ".";
+
+/// The verdicts of a child that has ended, in order; they may be fewer than it has points.
+std::vector<Verdict> conclude(const DriverClass& kind, const std::vector<Point>& points,
+                              Child& child) {
+  std::vector<Verdict> verdicts;
+  std::istringstream pieces(child.text);
+  bool done = false;
+  for (std::string piece; std::getline(pieces, piece, '\0');) {
+    done = piece == stretchDone;
+    if (!done)
+      verdicts.push_back({points[child.first + verdicts.size()], piece.substr(1), piece[0] == '+'});
+  }
+  int status = 0;
+  waitpid(child.pid, &status, 0);
+  if (!done)
+    verdicts.push_back(verdictOfEnd(kind, points[child.first + verdicts.size()], child, status));
+  child.close();
+  return verdicts;
 }
 
 /// What everybody allocates once in a process is there before the children measure.
@@ -265,10 +301,27 @@ void warmUp(const DriverClass& kind, const Scenario& scenario) {
   Run(kind).go(scenario, nullptr);
 }
 
-std::string oneRun(const DriverClass& kind, const Scenario& scenario, const Point& point) {
-  Run run(kind);
-  run.go(scenario, &point);
-  return (run.met ? "+" : "-") + run.problem;
+void forgetPrinted() {
+  std::fflush(nullptr);
+  for (const int stream : {STDOUT_FILENO, STDERR_FILENO})
+    if (ftruncate(stream, 0) != 0 || lseek(stream, 0, SEEK_SET) != 0) _exit(98);
+}
+
+/// Runs points one after the other, up to the end or to the first that leaves something behind.
+void workOff(const DriverClass& kind, const Scenario& scenario, const Point* point,
+             const Point* end, int report) {
+  for (bool goesOn = true; goesOn && point != end; ++point) {
+    alarm(childLimitSeconds);
+    forgetPrinted();
+    Run run(kind);
+    {
+      const support::VirtualTime time;
+      run.go(scenario, point);
+    }
+    tell(report, (run.met ? "+" : "-") + run.problem);
+    goesOn = run.clean && run.problem.empty();
+  }
+  tell(report, stretchDone);
 }
 
 /// Offers a fault at one place, once and from then on, and, where it is met before the object is
@@ -384,7 +437,8 @@ const std::vector<Scenario>& scenarios() {
 }
 
 std::vector<Point> record(const DriverClass& kind, const Scenario& scenario) {
-  const auto work = [&] {
+  const auto work = [&](int report) {
+    const support::VirtualTime time;
     std::ostringstream text;
     std::unique_ptr<Driver> s = kind.make();
     scenario.before(*s);
@@ -407,13 +461,13 @@ std::vector<Point> record(const DriverClass& kind, const Scenario& scenario) {
       for (const std::string& name : control::journalNames(which)) text << name << ' ';
       text << ". ";
     }
-    return text.str();
+    tell(report, text.str());
   };
-  Child child = start(0, work);
-  std::istringstream text(readAll(child.report));
+  Child child = start(0, 0, work);
+  while (hear(child)) continue;
   waitpid(child.pid, nullptr, 0);
-  close(child.out);
-  close(child.err);
+  child.close();
+  std::istringstream text(child.text);
   Record calls, completions;
   int allocations = 0;
   text >> allocations >> calls.whileUsed >> completions.whileUsed;
@@ -431,23 +485,28 @@ std::vector<Verdict> sweep(const DriverClass& kind, const Scenario& scenario,
   warmUp(kind, scenario);
   std::vector<Verdict> verdicts;
   std::vector<Child> running;
+  std::vector<std::size_t> firsts;  // of what nobody works on, each up to a multiple of `stretch`
+  for (std::size_t i = points.size(); i-- > 0;)
+    if (i % stretch == 0) firsts.push_back(i);
+  const auto startNext = [&] {
+    const std::size_t first = firsts.back();
+    const std::size_t end = std::min((first / stretch + 1) * stretch, points.size());
+    firsts.pop_back();
+    running.push_back(start(first, end, [&](int report) {
+      workOff(kind, scenario, points.data() + first, points.data() + end, report);
+    }));
+  };
   // Most of a run is waiting.
   const std::size_t atOnce = 2 * std::max(1u, std::thread::hardware_concurrency());
-  for (std::size_t next = 0; next < points.size() || !running.empty();) {
-    while (next < points.size() && running.size() < atOnce) {
-      const Point& point = points[next];
-      running.push_back(start(next++, [&] { return oneRun(kind, scenario, point); }));
-    }
-    std::vector<pollfd> ends;
-    for (const Child& child : running) ends.push_back({child.report, POLLIN, 0});
-    poll(ends.data(), ends.size(), -1);
-    for (std::size_t i = ends.size(); i-- > 0;) {
-      if (ends[i].revents == 0) continue;
-      verdicts.push_back(conclude(kind, points[running[i].index], running[i]));
-      close(running[i].out);
-      close(running[i].err);
-      running.erase(running.begin() + static_cast<std::ptrdiff_t>(i));
-    }
+  while (!firsts.empty() || !running.empty()) {
+    while (!firsts.empty() && running.size() < atOnce) startNext();
+    const std::size_t i = awaitOne(running);
+    Child& child = running[i];
+    if (hear(child)) continue;
+    const std::vector<Verdict> seen = conclude(kind, points, child);
+    verdicts.insert(verdicts.end(), seen.begin(), seen.end());
+    if (child.first + seen.size() < child.end) firsts.push_back(child.first + seen.size());
+    running.erase(running.begin() + static_cast<std::ptrdiff_t>(i));
   }
   return verdicts;
 }

@@ -52,7 +52,8 @@ struct Verdict {
 /// every place.
 std::vector<Point> record(const DriverClass& kind, const Scenario& scenario);
 
-/// Runs the scenario once for each point, each in a child of its own, several at a time.
+/// Runs the scenario once for each point, in child processes, several at a time. A child takes the
+/// next point where the last left nothing behind.
 std::vector<Verdict> sweep(const DriverClass& kind, const Scenario& scenario,
                            const std::vector<Point>& points);
 
