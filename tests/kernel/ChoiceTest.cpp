@@ -263,9 +263,29 @@ INSTANTIATE_TEST_SUITE_P(Faults, OnDevices,
                            return name;
                          });
 
+TEST(Quality, IsLostOnADeviceOnlyWhereNothingElseWillDo) {
+  const Bytes grey = scene::frame(large, 0);
+  for (const char* const faults : {"plain", "stubborn"})
+    for (const bool kernel : {false, true}) {
+      setenv("TESSERA_STANDIN", faults, 1);
+      setenv("TESSERA_CODECS", kernel ? "kernel" : "auto", 1);
+      const auto encoder = codec::makeImageEncoder();
+      std::size_t sizes[2];
+      for (const bool fine : {false, true}) {
+        ASSERT_TRUE(encoder->encode(
+            {grey.data(), grey.size(), codec::PixelFormat::Yuyv, 64, 32, 32}, fine ? 95 : 20));
+        sizes[fine] = encoder->size();
+      }
+      EXPECT_EQ(sizes[0] == sizes[1], kernel) << faults;
+    }
+  unsetenv("TESSERA_STANDIN");
+}
+
 TEST(Report, TellsWhichSettingsADeviceDoesNotTake) {
   const std::pair<const char*, const char*> expected[] = {
       {"", "\"not_taken\":[]"},
+      {"plain", "\"quality (not there)\""},
+      {"stubborn", "\"quality (refused)\""},
       {"plain", "\"bit rate (not there)\",\"intra period (not there)\""},
       {"stubborn", "\"bit rate (refused)\",\"intra period (refused)\""}};
   for (const auto& [faults, told] : expected) {
