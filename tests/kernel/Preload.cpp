@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -166,7 +167,16 @@ void nap() {
   NEXT(nanosleep)(&moment, nullptr);
 }
 
+/// A thread may be cancelled wherever it is, but not in the middle of a device's work: then when it
+/// leaves.
+struct Uncancelled {
+  Uncancelled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before); }
+  ~Uncancelled() noexcept(false) { pthread_setcancelstate(before, nullptr); }
+  int before = 0;
+};
+
 short look(pollfd& each) {
+  const Uncancelled whole;
   const Locked locked;
   Session* const session = sessionOf(each.fd);
   each.revents = 0;
@@ -246,12 +256,15 @@ SHOWN int close(int fd) {
   return NEXT(close)(fd);
 }
 
-SHOWN int ioctl(int fd, unsigned long request, ...) noexcept {
+// Not the system's declaration, which is noexcept: whoever cancels a thread unwinds it.
+extern "C" int cancellableIoctl(int fd, unsigned long request, ...) __asm__("ioctl");
+SHOWN int cancellableIoctl(int fd, unsigned long request, ...) {
   va_list list;
   va_start(list, request);
   void* const argument = va_arg(list, void*);
   va_end(list);
   for (;; nap()) {
+    const Uncancelled whole;
     const Locked locked;
     Session* const session = sessionOf(fd);
     if (session == nullptr) return NEXT(ioctl)(fd, request, argument);
