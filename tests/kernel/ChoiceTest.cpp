@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
-#include <map>
 #include <new>
 
 #include "Scene.h"
@@ -30,8 +28,6 @@ template <typename Function>
 Function* ofStandIn(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_DEFAULT, name));
 }
-const auto failNth = ofStandIn<void(unsigned nth, int error, bool forGood)>("standin_fail");
-const auto calls = ofStandIn<unsigned()>("standin_calls");
 const auto now = ofStandIn<unsigned long long()>("standin_now");
 const auto deviceWorks = ofStandIn<bool()>("standin_works");
 
@@ -267,9 +263,29 @@ INSTANTIATE_TEST_SUITE_P(Faults, OnDevices,
                            return name;
                          });
 
+TEST(Quality, IsLostOnADeviceOnlyWhereNothingElseWillDo) {
+  const Bytes grey = scene::frame(large, 0);
+  for (const char* const faults : {"plain", "stubborn"})
+    for (const bool kernel : {false, true}) {
+      setenv("TESSERA_STANDIN", faults, 1);
+      setenv("TESSERA_CODECS", kernel ? "kernel" : "auto", 1);
+      const auto encoder = codec::makeImageEncoder();
+      std::size_t sizes[2];
+      for (const bool fine : {false, true}) {
+        ASSERT_TRUE(encoder->encode(
+            {grey.data(), grey.size(), codec::PixelFormat::Yuyv, 64, 32, 32}, fine ? 95 : 20));
+        sizes[fine] = encoder->size();
+      }
+      EXPECT_EQ(sizes[0] == sizes[1], kernel) << faults;
+    }
+  unsetenv("TESSERA_STANDIN");
+}
+
 TEST(Report, TellsWhichSettingsADeviceDoesNotTake) {
   const std::pair<const char*, const char*> expected[] = {
       {"", "\"not_taken\":[]"},
+      {"plain", "\"quality (not there)\""},
+      {"stubborn", "\"quality (refused)\""},
       {"plain", "\"bit rate (not there)\",\"intra period (not there)\""},
       {"stubborn", "\"bit rate (refused)\",\"intra period (refused)\""}};
   for (const auto& [faults, told] : expected) {
@@ -280,10 +296,6 @@ TEST(Report, TellsWhichSettingsADeviceDoesNotTake) {
   unsetenv("TESSERA_STANDIN");
 }
 
-constexpr int anError = 1, noMemory = 2;
-/// One after the other: what a device answers is one failure to the coders.
-constexpr int errors[] = {EIO, EBUSY, EINVAL, ENOMEM, ENODEV};
-
 struct Work {
   const char* name;
   int pictures;
@@ -291,47 +303,41 @@ struct Work {
   Outcome (*run)();
 };
 
-class Sweep : public testing::TestWithParam<std::tuple<Work, int, bool>> {
+class Shortage : public testing::TestWithParam<Work> {
  protected:
-  const Work work_ = std::get<Work>(GetParam());
-  const int error_ = std::get<int>(GetParam());
-  const bool forGood_ = std::get<bool>(GetParam());
-
-  /// @return whether the fault was met
-  bool runWithFault(unsigned nth) {
+  /// @return whether there was an allocation to refuse
+  bool runWithout(unsigned nth) {
     const std::size_t before = held();
     const unsigned long long began = now();
     allocations = 0;
-    lackingAllocation = error_ == noMemory ? nth : 0;
-    failNth(error_ == noMemory ? 0 : nth, error_ == anError ? errors[nth % 5] : error_, forGood_);
+    lackingAllocation = nth;
     Outcome outcome;
     try {
-      outcome = work_.run();
+      outcome = GetParam().run();
     } catch (const std::bad_alloc&) {
       outcome = {true, false, 0, "no memory"};
     }
     lackingAllocation = 0;
-    const bool met = (error_ == noMemory ? allocations.load() : calls()) >= nth;
-    failNth(0, 0, false);
+    const bool met = allocations >= nth;
     EXPECT_LT(now() - began, longest);
     EXPECT_EQ(held(), before);
     EXPECT_EQ(outcome.good, outcome.error.empty());
-    EXPECT_TRUE(!outcome.good || error_ <= 0 || outcome.pictures == work_.pictures);
-    EXPECT_EQ(work_.run().pictures, work_.pictures) << "after it";
+    EXPECT_TRUE(!outcome.good || outcome.pictures == GetParam().pictures);
+    EXPECT_EQ(GetParam().run().pictures, GetParam().pictures) << "after it";
     return met;
   }
 };
 
-TEST_P(Sweep, EachFaultIsToldOrMadeGoodAndLeavesNothing) {
+/// The devices' own faults are the sweep's.
+TEST_P(Shortage, OfMemoryIsToldOrMadeGoodAndLeavesNothing) {
   setenv("TESSERA_CODECS", "kernel", 1);
-  work_.run();
+  GetParam().run();
   testing::internal::CaptureStderr();
   unsigned points = 0;
-  while (runWithFault(points + 1) && !HasFailure()) ++points;
+  while (runWithout(points + 1) && !HasFailure()) ++points;
   const std::string said = testing::internal::GetCapturedStderr();
-  std::printf("%s: %u points\n", work_.name, points);
-  EXPECT_FALSE(HasFailure()) << "point " << points + 1 << "\n" << said;
-  EXPECT_GE(points, work_.fewestPoints);
+  EXPECT_FALSE(HasFailure()) << "allocation " << points + 1 << "\n" << said;
+  EXPECT_GE(points, GetParam().fewestPoints);
 }
 
 const Work works[] = {
@@ -345,21 +351,8 @@ const Work works[] = {
        return codePictures(*codec::makeImageEncoder(), *codec::makeImageDecoder(), small, 2);
      }}};
 
-std::string nameOf(const testing::TestParamInfo<Sweep::ParamType>& test) {
-  const std::map<int, const char*> names = {
-      {anError, "Error"}, {0, "Silent"}, {-1, "Dropped"}, {noMemory, "Memory"}};
-  return std::string(std::get<Work>(test.param).name) + names.at(std::get<int>(test.param));
-}
-
-INSTANTIATE_TEST_SUITE_P(Once, Sweep,
-                         testing::Combine(testing::ValuesIn(works),
-                                          testing::Values(anError, -1, noMemory),
-                                          testing::Values(false)),
-                         nameOf);
-INSTANTIATE_TEST_SUITE_P(FromThenOn, Sweep,
-                         testing::Combine(testing::ValuesIn(works), testing::Values(anError, 0, -1),
-                                          testing::Values(true)),
-                         nameOf);
+INSTANTIATE_TEST_SUITE_P(Coders, Shortage, testing::ValuesIn(works),
+                         [](const auto& test) { return std::string(test.param.name); });
 
 bool isCounted() {
   return judging == 0 && deviceWorks != nullptr && !deviceWorks();

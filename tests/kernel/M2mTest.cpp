@@ -122,7 +122,7 @@ TEST(M2m, FindsDevicesByWhatTheyCanDo) {
   EXPECT_EQ(reasons.size(), 2 * nodes().size());
   M2mDevice none;
   EXPECT_FALSE(none.open("/dev/null"));
-  EXPECT_EQ(none.error(), "/dev/null: no memory-to-memory device");
+  EXPECT_EQ(none.error().find("/dev/null: "), 0u) << none.error();
 }
 
 TEST(M2m, ManyFrames) {

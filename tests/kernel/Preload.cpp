@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -27,16 +28,18 @@
 #include "StandIn.h"
 
 #define SHOWN extern "C" __attribute__((visibility("default")))
-// On 64-bit systems the large files' calls are the same.
+// The large files' calls are the same where they take and give the same.
 #define SAME(name, other) __asm__(".globl " #name "\n.set " #name ", " #other)
 SAME(open64, open);
 SAME(__open_2, open);
 SAME(__open64_2, open);
+SAME(fopen64, fopen);
+#ifdef __LP64__
 SAME(mmap64, mmap);
 SAME(stat64, stat);
 SAME(fstat64, fstat);
 SAME(readdir64, readdir);
-SAME(fopen64, fopen);
+#endif
 
 namespace {
 
@@ -164,7 +167,16 @@ void nap() {
   NEXT(nanosleep)(&moment, nullptr);
 }
 
+/// A thread may be cancelled wherever it is, but not in the middle of a device's work: then when it
+/// leaves.
+struct Uncancelled {
+  Uncancelled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before); }
+  ~Uncancelled() noexcept(false) { pthread_setcancelstate(before, nullptr); }
+  int before = 0;
+};
+
 short look(pollfd& each) {
+  const Uncancelled whole;
   const Locked locked;
   Session* const session = sessionOf(each.fd);
   each.revents = 0;
@@ -244,12 +256,15 @@ SHOWN int close(int fd) {
   return NEXT(close)(fd);
 }
 
-SHOWN int ioctl(int fd, unsigned long request, ...) noexcept {
+// Not the system's declaration, which is noexcept: whoever cancels a thread unwinds it.
+extern "C" int cancellableIoctl(int fd, unsigned long request, ...) __asm__("ioctl");
+SHOWN int cancellableIoctl(int fd, unsigned long request, ...) {
   va_list list;
   va_start(list, request);
   void* const argument = va_arg(list, void*);
   va_end(list);
   for (;; nap()) {
+    const Uncancelled whole;
     const Locked locked;
     Session* const session = sessionOf(fd);
     if (session == nullptr) return NEXT(ioctl)(fd, request, argument);

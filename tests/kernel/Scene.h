@@ -4,11 +4,10 @@
 #include <dirent.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <string>
 #include <tuple>
 #include <vector>
 
+#include "MappedBuffers.h"
 #include "codec/Picture.h"
 
 /// What the suites put through the devices, and what they look at afterwards.
@@ -52,15 +51,6 @@ inline std::size_t openDescriptors() {
   DIR* const folder = opendir("/proc/self/fd");
   while (readdir(folder) != nullptr) ++count;
   closedir(folder);
-  return count;
-}
-
-/// Of devices of the kernel's or of those that stand in for them.
-inline std::size_t mappedBuffers() {
-  std::ifstream maps("/proc/self/maps");
-  std::size_t count = 0;
-  for (std::string line; std::getline(maps, line);)
-    count += line.find("/video") != line.npos || line.find("memfd") != line.npos;
   return count;
 }
 

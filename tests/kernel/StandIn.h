@@ -43,8 +43,8 @@ struct Faults {
   unsigned nv12 = 0;
   unsigned multiPlanar = 0;          ///< mplane: nothing but the multi-planar interface
   unsigned lag = 0;                  ///< an encoder that is a frame behind
-  unsigned stubborn = 0;             ///< refuses every control of an H.264 encoder
-  unsigned plain = 0;                ///< no control but the quality and the size of what is coded
+  unsigned stubborn = 0;             ///< an encoder that refuses every control
+  unsigned plain = 0;                ///< one that has none
   unsigned busy = 0, forbidden = 0;  ///< to open
 };
 

@@ -359,7 +359,7 @@ int Session::interval(const Call& call) {
 }
 
 const ControlKind* Session::findControl(std::uint32_t& id) const {
-  if (faults_.plain != 0 && kind_.coded == V4L2_PIX_FMT_H264 && kind_.encoder) return nullptr;
+  if (faults_.plain != 0 && kind_.encoder) return nullptr;
   const std::uint32_t flags = id & (V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND);
   const std::uint32_t plain = id & V4L2_CTRL_ID_MASK;
   for (const ControlKind& each : controlsOf(kind_))
@@ -433,7 +433,7 @@ int Session::oldControl(const Call& call) {
 }
 
 int Session::setValue(const ControlKind& control, std::int64_t& value, bool apply) {
-  if (faults_.stubborn != 0 && kind_.coded == V4L2_PIX_FMT_H264) return fails(EBUSY);
+  if (faults_.stubborn != 0) return fails(EBUSY);
   if ((flagsOf(control) & V4L2_CTRL_FLAG_READ_ONLY) != 0) return fails(EACCES);
   if (control.type == menu && (value < 0 || value > control.maximum)) return fails(ERANGE);
   if (control.type == menu && control.entries[static_cast<std::size_t>(value)] == nullptr)

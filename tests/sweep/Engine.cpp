@@ -1,5 +1,6 @@
 #include "Engine.h"
 
+#include <dlfcn.h>
 #include <malloc.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -7,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +17,7 @@
 #include <sstream>
 #include <thread>
 
+#include "kernel/MappedBuffers.h"
 #include "support/Capture.h"
 #include "support/Interpose.h"
 #include "support/VirtualTime.h"
@@ -38,12 +41,30 @@ constexpr std::size_t blockSlack = 4;
 /// The encoder's threads draw on arenas of their own, more or fewer from run to run.
 constexpr std::size_t heapSlack = 65536;
 
+/// The stand-in devices, where they are loaded in front of this program.
+struct Devices {
+  template <typename Function>
+  static Function* find(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_DEFAULT, name));
+  }
+  void (*const fail)(unsigned nth, int error,
+                     bool forGood) = find<void(unsigned, int, bool)>("standin_fail");
+  unsigned (*const calls)() = find<unsigned()>("standin_calls");
+  bool areThere() const { return fail != nullptr; }
+  void startCounting() const {
+    if (areThere()) fail(0, 0, false);
+  }
+  unsigned count() const { return areThere() ? calls() : 0; }
+};
+const Devices devices;
+
 /// What must be the same before and after.
 struct Holdings {
   std::size_t heap = mallinfo2().uordblks;
   std::size_t blocks = interpose::liveBlocks();
   int threads = entries("/proc/self/task");
   int descriptors = entries("/proc/self/fd");
+  std::size_t mappings = devices.areThere() ? scene::mappedBuffers() : 0;
 };
 
 bool isOneOf(const std::string& names, const std::string& name) {
@@ -60,8 +81,9 @@ bool givesBack(const std::string& call) {
 }
 
 /// What the component keeps it gives back only when its port is disabled, and a queue that told a
-/// lie has a buffer too many from then on.
+/// lie has a buffer too many from then on. A device that failed is left until the next stream.
 bool losesABuffer(const Point& point) {
+  if (point.deviceCall > 0) return true;
   if (!point.completion) return point.call.call == "mmal_queue_get";
   return point.event.action == CompletionFault::Drop ||
          point.event.action == CompletionFault::ErrorEvent;
@@ -115,7 +137,8 @@ class Run {
       judge("run", scenario.run(*object), false);
       if (point != nullptr && point->goesOn) goOn(*object, *point);
       object.reset();
-      met = met || control::faultsHit() > 0 || interpose::elsewhere.met > 0;
+      if (point != nullptr) met = met || isMet(*point);
+      devices.startCounting();
       control::clearFaults();
       interpose::elsewhere.disarm();
       if (scenario.withNeighbour) judge("neighbour", neighbour->frame(0));
@@ -125,7 +148,8 @@ class Run {
 
   void goOn(Driver& object, const Point& point) {
     control::awaitQuiet();
-    met = control::faultsHit() > 0;
+    met = isMet(point);
+    devices.startCounting();
     control::clearFaults();
     // A late answer is over when it has come.
     if (point.completion && point.event.action == CompletionFault::Delay)
@@ -139,8 +163,15 @@ class Run {
     blame("the object is of no more use: " + last);
   }
 
+  static bool isMet(const Point& point) {
+    return control::faultsHit() > 0 || interpose::elsewhere.met > 0 ||
+           (point.deviceCall > 0 && devices.count() >= point.deviceCall);
+  }
+
   void arm(const Point& point) {
-    if (point.shortage > 0)
+    if (point.deviceCall > 0)
+      devices.fail(point.deviceCall, point.error, point.forGood);
+    else if (point.shortage > 0)
       interpose::elsewhere.arm(point.shortage, point.forGood);
     else if (point.completion)
       control::inject(point.event);
@@ -163,6 +194,7 @@ class Run {
     const Holdings now;
     if (now.threads != before.threads) blame("threads left behind");
     if (now.descriptors != before.descriptors) blame("descriptors left behind");
+    if (now.mappings != before.mappings) blame("mappings left behind");
     if (now.blocks > before.blocks + blockSlack)
       blame(std::to_string(now.blocks - before.blocks) + " blocks left behind");
     if (now.heap > before.heap + heapSlack)
@@ -398,13 +430,33 @@ void addShortages(int allocations, std::vector<Point>& points) {
     }
 }
 
+/// Errors one after the other: what a device answers is one failure to the coders.
+void addDeviceFaults(unsigned calls, unsigned whileUsed, std::vector<Point>& points) {
+  constexpr int errors[] = {EIO, EBUSY, EINVAL, ENOMEM, ENODEV};
+  for (unsigned nth = 1; nth <= calls; ++nth)
+    for (const int error : {errors[nth % 5], Point::silent, Point::frameLost})
+      for (const bool forGood : {false, true}) {
+        Point point;
+        point.deviceCall = nth;
+        point.error = error;
+        point.forGood = forGood;
+        point.goesOn = nth <= whileUsed && !forGood;
+        points.push_back(point);
+      }
+}
+
 }  // namespace
 
 std::string Point::text() const {
   static const char* const calls[] = {"Fail", "NullResult", "FinishFirst"};
   static const char* const events[] = {"Drop", "Delay", "Double", "ErrorEvent", "ZeroLength"};
   std::ostringstream out;
-  if (shortage > 0)
+  if (deviceCall > 0)
+    out << "device's call #" << deviceCall << (forGood ? " on: " : ": ")
+        << (error > 0         ? std::strerror(error)
+            : error == silent ? "silence"
+                              : "frame lost");
+  else if (shortage > 0)
     out << "no memory #" << shortage << (forGood ? " on" : "");
   else if (completion)
     out << events[event.action] << ' ' << event.completion << " #" << event.nth
@@ -444,10 +496,13 @@ std::vector<Point> record(const DriverClass& kind, const Scenario& scenario) {
     scenario.before(*s);
     // How often workers allocate, before the journal's lines add to that.
     interpose::elsewhere.arm(0);
+    devices.startCounting();
     scenario.run(*s);
     control::awaitQuiet();
+    const unsigned whileUsed = devices.count();
     text << interpose::elsewhere.calls << ' ';
     s.reset();
+    text << devices.count() << ' ' << whileUsed << ' ';
     s = kind.make();
     scenario.before(*s);
     control::startJournal();
@@ -470,13 +525,19 @@ std::vector<Point> record(const DriverClass& kind, const Scenario& scenario) {
   std::istringstream text(child.text);
   Record calls, completions;
   int allocations = 0;
-  text >> allocations >> calls.whileUsed >> completions.whileUsed;
+  unsigned deviceCalls = 0, deviceCallsWhileUsed = 0;
+  text >> allocations >> deviceCalls >> deviceCallsWhileUsed >> calls.whileUsed >>
+      completions.whileUsed;
   for (Record* const each : {&calls, &completions})
     for (std::string name; text >> name && name != ".";) each->names.push_back(name);
   std::vector<Point> points;
-  addCalls(calls, points);
-  addCompletions(completions, points);
-  addShortages(allocations, points);
+  if (devices.areThere()) {
+    addDeviceFaults(deviceCalls, deviceCallsWhileUsed, points);
+  } else {
+    addCalls(calls, points);
+    addCompletions(completions, points);
+    addShortages(allocations, points);
+  }
   return points;
 }
 

@@ -22,6 +22,10 @@ struct Point {
   /// Instead of both: which allocation on a worker's thread is refused, and whether all later ones.
   int shortage = 0;
   bool forGood = false;
+  /// Or which call on a video device goes wrong, and how: an error, or what devices do.
+  unsigned deviceCall = 0;
+  int error = 0;
+  static constexpr int silent = 0, frameLost = -1;
   /// Once met, the fault is over, and the same object goes on; else it is destroyed as it is.
   bool goesOn = false;
 
@@ -49,7 +53,7 @@ struct Verdict {
 };
 
 /// Runs the scenario once without a fault and returns the points that it offers: every fault at
-/// every place.
+/// every place. With the stand-in devices in front of the program these are the devices' faults.
 std::vector<Point> record(const DriverClass& kind, const Scenario& scenario);
 
 /// Runs the scenario once for each point, in child processes, several at a time. A child takes the

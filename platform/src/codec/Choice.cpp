@@ -152,7 +152,8 @@ class ChosenImageEncoder final : public ImageEncoder {
  private:
   const Codecs codecs_ = chosenCodecs();
   JpegEncoder cpu_;
-  kernel::JpegEncoder kernel_;
+  // Where the CPU would do as well, a setting is not lost on a device without it.
+  kernel::JpegEncoder kernel_{codecs_ == Codecs::Kernel};
   ImageEncoder* coder_ = &cpu_;
 };
 

@@ -61,9 +61,12 @@ std::vector<std::string> notTaken(const kernel::Node& node) {
   if (!has(node.out, V4L2_PIX_FMT_JPEG) && !has(node.out, V4L2_PIX_FMT_MJPEG)) return {};
   kernel::M2mDevice device;
   kernel::Control quality;
-  if (!device.open(node.path) || device.findControl(V4L2_CID_JPEG_COMPRESSION_QUALITY, quality))
-    return {};
-  return {"quality (not there)"};
+  if (!device.open(node.path)) return {};
+  if (!device.findControl(V4L2_CID_JPEG_COMPRESSION_QUALITY, quality))
+    return {"quality (not there)"};
+  if (!device.setControl(V4L2_CID_JPEG_COMPRESSION_QUALITY, quality.maximum))
+    return {"quality (refused)"};
+  return {};
 }
 
 std::string describe(const kernel::Node& node) {

@@ -1,5 +1,6 @@
 #include "codec/kernel/JpegEncoder.h"
 
+#include <libyuv/convert_from_argb.h>
 #include <linux/videodev2.h>
 
 #include <algorithm>
@@ -24,14 +25,14 @@ void expandRow(const PackedRows& rows, const PackedPicture& picture, unsigned y,
     rows.expand(y, rgb);
     return;
   }
-  const unsigned step = bytesPerPixel(picture.format);
-  const unsigned red = picture.format == PixelFormat::Bgra32 ? 2 : 0;
-  const std::uint8_t* from = rows.row(y);
-  for (unsigned x = 0; x < picture.width; ++x, from += step, rgb += 3) {
-    rgb[0] = from[red];
-    rgb[1] = from[1];
-    rgb[2] = from[2 - red];
-  }
+  // libyuv names pixels by the words that they are, last byte first.
+  const int width = static_cast<int>(picture.width);
+  if (picture.format == PixelFormat::Rgba32)
+    libyuv::ARGBToRGB24(rows.row(y), 0, rgb, 0, width, 1);
+  else if (picture.format == PixelFormat::Bgra32)
+    libyuv::ARGBToRAW(rows.row(y), 0, rgb, 0, width, 1);
+  else
+    std::memcpy(rgb, rows.row(y), std::size_t{picture.width} * 3);
 }
 
 }  // namespace
@@ -68,7 +69,7 @@ bool JpegEncoder::encode(const PackedPicture& picture, int quality) try {
   const bool dropped = outcome == M2mEncoder::Outcome::Dropped;
   const bool noQuality = buffer == nullptr && quality_ != quality;
   if (noQuality)
-    fail(encoder_.device().path() + ": has no control of the quality");
+    fail(encoder_.device().path() + ": does not take a quality");
   else
     fail(dropped ? encoder_.device().path() + ": gives no picture" : encoder_.error());
   encoder_.close();
@@ -147,10 +148,11 @@ bool JpegEncoder::setQuality(int quality) {
   if (quality == quality_) return true;
   Control range;
   M2mDevice& device = encoder_.device();
-  if (!device.findControl(V4L2_CID_JPEG_COMPRESSION_QUALITY, range)) return false;
+  const bool there = device.findControl(V4L2_CID_JPEG_COMPRESSION_QUALITY, range);
   const std::int64_t nearest =
       std::clamp<std::int64_t>(quality, range.minimum, std::max(range.minimum, range.maximum));
-  if (!device.setControl(V4L2_CID_JPEG_COMPRESSION_QUALITY, nearest)) return false;
+  if (!(there && device.setControl(V4L2_CID_JPEG_COMPRESSION_QUALITY, nearest)) && !anyQuality_)
+    return false;
   quality_ = quality;
   return true;
 }

@@ -10,6 +10,8 @@ namespace codec::kernel {
 /// planar 4:2:0 first. The device stays set up while pictures of one kind follow each other.
 class JpegEncoder final : public ImageEncoder {
  public:
+  /// @param anyQuality  a device may have a quality of its own
+  explicit JpegEncoder(bool anyQuality) : anyQuality_(anyQuality) {}
   bool encode(const PackedPicture& picture, int quality) override;
   bool lacksMemory() const override { return lacksMemory_; }
   /// No device took the last picture of this kind, and none is likely to take the next.
@@ -31,6 +33,7 @@ class JpegEncoder final : public ImageEncoder {
   void writeYuyv(const PackedPicture& picture, Buffer& buffer);
   void toPlanar(const PackedPicture& picture);
 
+  const bool anyQuality_;
   M2mEncoder encoder_;
   unsigned width_ = 0;
   unsigned height_ = 0;
