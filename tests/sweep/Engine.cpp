@@ -40,6 +40,7 @@ constexpr std::size_t stretch = 32;
 constexpr std::size_t blockSlack = 4;
 /// The encoder's threads draw on arenas of their own, more or fewer from run to run.
 constexpr std::size_t heapSlack = 65536;
+constexpr char threadList[] = "/proc/self/task";
 
 /// The stand-in devices, where they are loaded in front of this program.
 struct Devices {
@@ -62,7 +63,7 @@ const Devices devices;
 struct Holdings {
   std::size_t heap = mallinfo2().uordblks;
   std::size_t blocks = interpose::liveBlocks();
-  int threads = entries("/proc/self/task");
+  int threads = entries(threadList);
   int descriptors = entries("/proc/self/fd");
   std::size_t mappings = devices.areThere() ? scene::mappedBuffers() : 0;
 };
@@ -108,7 +109,8 @@ bool isIl(const std::string& name) {
 /// An object's work in one child; problems go to `report`.
 class Run {
  public:
-  explicit Run(const DriverClass& kind) : kind_(kind) {}
+  /// @param threads  that the process has while nobody has any of the library's objects
+  Run(const DriverClass& kind, int threads) : kind_(kind), threads_(threads) {}
 
   std::string problem;
   bool met = false;
@@ -127,6 +129,7 @@ class Run {
   }
 
   void once(const Scenario& scenario, const Point* point) {
+    awaitThreads();
     const Holdings before;
     {
       const std::unique_ptr<Driver> neighbour = kind_.make();
@@ -188,17 +191,21 @@ class Run {
     if (!clean) return;
     const control::Census census = control::census();
     if (!census.empty()) blame("left behind: " + control::describe(census));
-    // A thread that has been joined may stay in the list for a moment, which is a real one.
-    for (int tries = 0; entries("/proc/self/task") != before.threads && tries < 1000; ++tries)
-      poll(nullptr, 0, 10);
+    awaitThreads();
     const Holdings now;
-    if (now.threads != before.threads) blame("threads left behind");
+    if (now.threads != threads_) blame("threads left behind");
     if (now.descriptors != before.descriptors) blame("descriptors left behind");
     if (now.mappings != before.mappings) blame("mappings left behind");
     if (now.blocks > before.blocks + blockSlack)
       blame(std::to_string(now.blocks - before.blocks) + " blocks left behind");
     if (now.heap > before.heap + heapSlack)
       blame("heap grew by " + std::to_string(now.heap - before.heap) + " bytes");
+  }
+
+  /// A thread that has been joined may stay in the list for a moment, which is a real one.
+  void awaitThreads() const {
+    for (int tries = 0; entries(threadList) != threads_ && tries < 1000; ++tries)
+      poll(nullptr, 0, 10);
   }
 
   /// The next object in the same process works.
@@ -211,6 +218,7 @@ class Run {
   void blame(const std::string& what) { problem += (problem.empty() ? "" : "; ") + what; }
 
   const DriverClass& kind_;
+  const int threads_;
 };
 
 /// A process that works off a stretch of the points.
@@ -330,7 +338,7 @@ std::vector<Verdict> conclude(const DriverClass& kind, const std::vector<Point>&
 /// What everybody allocates once in a process is there before the children measure.
 void warmUp(const DriverClass& kind, const Scenario& scenario) {
   const support::Capture quiet;
-  Run(kind).go(scenario, nullptr);
+  Run(kind, entries(threadList)).go(scenario, nullptr);
 }
 
 void forgetPrinted() {
@@ -342,10 +350,11 @@ void forgetPrinted() {
 /// Runs points one after the other, up to the end or to the first that leaves something behind.
 void workOff(const DriverClass& kind, const Scenario& scenario, const Point* point,
              const Point* end, int report) {
+  const int threads = entries(threadList);
   for (bool goesOn = true; goesOn && point != end; ++point) {
     alarm(childLimitSeconds);
     forgetPrinted();
-    Run run(kind);
+    Run run(kind, threads);
     {
       const support::VirtualTime time;
       run.go(scenario, point);
