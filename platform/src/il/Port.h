@@ -22,7 +22,7 @@ class Memory {
   OMX_U8* data() const { return bytes_.get(); }
   OMX_U32 size() const { return size_; }
   /// Whether it does for so many bytes without being a waste.
-  bool suits(OMX_U32 size) const { return size <= size_ && size_ / 2 <= size; }
+  bool suits(OMX_U32 size) const { return bytes_ != nullptr && size <= size_ && size_ / 2 <= size; }
 
  private:
   struct Release {
