@@ -49,7 +49,7 @@ codec::VideoEncoder::Config config(Size size) {
 }
 
 std::size_t held() {
-  return scene::openDescriptors() + scene::mappedBuffers();
+  return scene::openDescriptors() + support::mappedBuffers();
 }
 
 /// What came of the work on a coder. Pictures that are not the right ones fail the test.

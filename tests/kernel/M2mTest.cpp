@@ -197,18 +197,18 @@ TEST(M2m, ManyClientsAtOnce) {
 }
 
 TEST(M2m, ClosedInMidStreamItLeavesNothing) {
-  const std::size_t before = scene::openDescriptors(), mapped = scene::mappedBuffers();
+  const std::size_t before = scene::openDescriptors(), mapped = support::mappedBuffers();
   for (int i = 0; i < 5; ++i) {
     Encoder encoder;
     Decoder decoder;
     const Bytes unit = encoder.encode();
     ASSERT_FALSE(unit.empty());
     decoder.m2m.send(unit.data(), unit.size(), 1, true);
-    EXPECT_GT(scene::mappedBuffers(), mapped);
+    EXPECT_GT(support::mappedBuffers(), mapped);
     EXPECT_TRUE(encoder.submit());
   }
   EXPECT_EQ(scene::openDescriptors(), before);
-  EXPECT_EQ(scene::mappedBuffers(), mapped);
+  EXPECT_EQ(support::mappedBuffers(), mapped);
 }
 
 TEST(M2m, SignalsDisturbNothing) {

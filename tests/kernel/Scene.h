@@ -7,8 +7,8 @@
 #include <tuple>
 #include <vector>
 
-#include "MappedBuffers.h"
 #include "codec/Picture.h"
+#include "support/MappedBuffers.h"
 
 /// What the suites put through the devices, and what they look at afterwards.
 namespace scene {

@@ -17,9 +17,9 @@
 #include <sstream>
 #include <thread>
 
-#include "kernel/MappedBuffers.h"
 #include "support/Capture.h"
 #include "support/Interpose.h"
+#include "support/MappedBuffers.h"
 #include "support/VirtualTime.h"
 
 namespace sweep {
@@ -65,7 +65,7 @@ struct Holdings {
   std::size_t blocks = interpose::liveBlocks();
   int threads = entries(threadList);
   int descriptors = entries("/proc/self/fd");
-  std::size_t mappings = devices.areThere() ? scene::mappedBuffers() : 0;
+  std::size_t mappings = devices.areThere() ? support::mappedBuffers() : 0;
 };
 
 bool isOneOf(const std::string& names, const std::string& name) {

@@ -1,11 +1,11 @@
-#ifndef TESSERA_TESTS_KERNEL_MAPPEDBUFFERS_H
-#define TESSERA_TESTS_KERNEL_MAPPEDBUFFERS_H
+#ifndef TESSERA_TESTS_SUPPORT_MAPPEDBUFFERS_H
+#define TESSERA_TESTS_SUPPORT_MAPPEDBUFFERS_H
 
 #include <cstddef>
 #include <fstream>
 #include <string>
 
-namespace scene {
+namespace support {
 
 /// Of devices of the kernel's or of those that stand in for them.
 inline std::size_t mappedBuffers() {
@@ -16,6 +16,6 @@ inline std::size_t mappedBuffers() {
   return count;
 }
 
-}  // namespace scene
+}  // namespace support
 
-#endif  // TESSERA_TESTS_KERNEL_MAPPEDBUFFERS_H
+#endif  // TESSERA_TESTS_SUPPORT_MAPPEDBUFFERS_H
