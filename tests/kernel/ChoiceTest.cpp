@@ -2,9 +2,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
-#include <new>
 
 #include "Scene.h"
 #include "codec/Choice.h"
@@ -21,24 +19,10 @@ using scene::Size;
 /// Milliseconds of the devices' clock that the work on a coder may take.
 constexpr unsigned long long longest = 30000;
 
-std::atomic<unsigned> allocations{0}, lackingAllocation{0};
+/// Of the stand-in devices, which are in front of this program.
+const auto now = reinterpret_cast<unsigned long long (*)()>(dlsym(RTLD_DEFAULT, "standin_now"));
 
-// Of the stand-in devices, which are in front of this program.
-template <typename Function>
-Function* ofStandIn(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_DEFAULT, name));
-}
-const auto now = ofStandIn<unsigned long long()>("standin_now");
-const auto deviceWorks = ofStandIn<bool()>("standin_works");
-
-/// Whoever judges has memory.
-int judging = 0;
-struct Judging {
-  Judging() { ++judging; }
-  ~Judging() { --judging; }
-};
-
-constexpr Size large = {322, 242}, small = {34, 18};
+constexpr Size large = {322, 242};
 
 codec::VideoEncoder::Config config(Size size) {
   codec::VideoEncoder::Config config;
@@ -64,7 +48,6 @@ struct Outcome {
 void show(codec::VideoDecoder& decoder, Size size, std::vector<int>& shown) {
   codec::VideoDecoder::Picture picture;
   while (decoder.next(picture)) {
-    const Judging whoJudges;
     const int number = static_cast<int>(picture.pts);
     EXPECT_TRUE(shown.empty() || number > shown.back()) << number;
     shown.push_back(number);
@@ -92,7 +75,6 @@ Outcome encodeVideo(codec::VideoEncoder& encoder, Size size, int frames) {
     units.emplace_back(encoder.data(), encoder.data() + encoder.size());
   }
   outcome.error = encoder.error();
-  const Judging whoJudges;
   codec::H264Decoder decoder;
   decoder.open(parameterSets.data(), parameterSets.size());
   for (std::size_t i = 0; i < units.size(); ++i)
@@ -104,13 +86,13 @@ Outcome encodeVideo(codec::VideoEncoder& encoder, Size size, int frames) {
   return outcome;
 }
 
-std::vector<Bytes> unitsOf(Size size, int frames, bool allKeys = false) {
+std::vector<Bytes> unitsOf(Size size, int frames) {
   codec::H264Encoder encoder;
   encoder.open(config(size));
   std::vector<Bytes> units;
   for (int t = 0; t < frames; ++t) {
     const Bytes frame = scene::frame(size, static_cast<unsigned>(t));
-    encoder.encode(codec::planesOf(frame.data(), size.width, size.height), t, allKeys);
+    encoder.encode(codec::planesOf(frame.data(), size.width, size.height), t, false);
     units.push_back(t == 0 ? encoder.parameterSets() : Bytes());
     units.back().insert(units.back().end(), encoder.data(), encoder.data() + encoder.size());
   }
@@ -161,7 +143,6 @@ Outcome codePictures(codec::ImageEncoder& encoder, codec::ImageDecoder& decoder,
       continue;
     }
     ++outcome.pictures;
-    const Judging whoJudges;
     codec::JpegDecoder cpu;
     EXPECT_TRUE(cpu.open(jpeg.data(), jpeg.size()));
     cpu.decode(codec::planesOf(truth.data(), stride, rows));
@@ -296,78 +277,4 @@ TEST(Report, TellsWhichSettingsADeviceDoesNotTake) {
   unsetenv("TESSERA_STANDIN");
 }
 
-struct Work {
-  const char* name;
-  int pictures;
-  unsigned fewestPoints;
-  Outcome (*run)();
-};
-
-class Shortage : public testing::TestWithParam<Work> {
- protected:
-  /// @return whether there was an allocation to refuse
-  bool runWithout(unsigned nth) {
-    const std::size_t before = held();
-    const unsigned long long began = now();
-    allocations = 0;
-    lackingAllocation = nth;
-    Outcome outcome;
-    try {
-      outcome = GetParam().run();
-    } catch (const std::bad_alloc&) {
-      outcome = {true, false, 0, "no memory"};
-    }
-    lackingAllocation = 0;
-    const bool met = allocations >= nth;
-    EXPECT_LT(now() - began, longest);
-    EXPECT_EQ(held(), before);
-    EXPECT_EQ(outcome.good, outcome.error.empty());
-    EXPECT_TRUE(!outcome.good || outcome.pictures == GetParam().pictures);
-    EXPECT_EQ(GetParam().run().pictures, GetParam().pictures) << "after it";
-    return met;
-  }
-};
-
-/// The devices' own faults are the sweep's.
-TEST_P(Shortage, OfMemoryIsToldOrMadeGoodAndLeavesNothing) {
-  setenv("TESSERA_CODECS", "kernel", 1);
-  GetParam().run();
-  testing::internal::CaptureStderr();
-  unsigned points = 0;
-  while (runWithout(points + 1) && !HasFailure()) ++points;
-  const std::string said = testing::internal::GetCapturedStderr();
-  EXPECT_FALSE(HasFailure()) << "allocation " << points + 1 << "\n" << said;
-  EXPECT_GE(points, GetParam().fewestPoints);
-}
-
-const Work works[] = {
-    {"EncodeVideo", 3, 100, [] { return encodeVideo(*codec::makeVideoEncoder(), small, 3); }},
-    {"DecodeVideo", 3, 110,
-     [] {
-       static const std::vector<Bytes> units = unitsOf(small, 3, true);
-       return decodeVideo(*codec::makeVideoDecoder(), small, units);
-     }},
-    {"CodePictures", 2, 110, [] {
-       return codePictures(*codec::makeImageEncoder(), *codec::makeImageDecoder(), small, 2);
-     }}};
-
-INSTANTIATE_TEST_SUITE_P(Coders, Shortage, testing::ValuesIn(works),
-                         [](const auto& test) { return std::string(test.param.name); });
-
-bool isCounted() {
-  return judging == 0 && deviceWorks != nullptr && !deviceWorks();
-}
-
 }  // namespace
-
-__attribute__((noinline)) void* operator new(std::size_t size) {
-  if (isCounted() && ++allocations == lackingAllocation) throw std::bad_alloc();
-  if (void* const memory = std::malloc(size == 0 ? 1 : size)) return memory;
-  throw std::bad_alloc();
-}
-__attribute__((noinline)) void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-__attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}

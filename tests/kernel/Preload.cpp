@@ -363,9 +363,6 @@ SHOWN void standin_fail(unsigned nth, int error, bool forGood) {
 SHOWN unsigned standin_calls() {
   return failing.calls;
 }
-SHOWN bool standin_works() {
-  return working;
-}
 SHOWN unsigned long long standin_now() {
   return nowMs();
 }

@@ -22,13 +22,12 @@ namespace {
 /// A component that the library uses, and its ports.
 struct Part {
   const char* name;
-  OMX_INDEXTYPE domain;
   OMX_U32 in;
   OMX_U32 out;
 };
-constexpr Part imageDecode = {"OMX.broadcom.image_decode", OMX_IndexParamImageInit, 320, 321};
-constexpr Part imageEncode = {"OMX.broadcom.image_encode", OMX_IndexParamImageInit, 340, 341};
-constexpr Part videoEncode = {"OMX.broadcom.video_encode", OMX_IndexParamVideoInit, 200, 201};
+constexpr Part imageDecode = {"OMX.broadcom.image_decode", 320, 321};
+constexpr Part imageEncode = {"OMX.broadcom.image_encode", 340, 341};
+constexpr Part videoEncode = {"OMX.broadcom.video_encode", 200, 201};
 
 std::string commandText(OMX_U32 command, OMX_U32 parameter) {
   const char* const commands[] = {"StateSet ", "Flush ", "PortDisable ", "PortEnable "};
@@ -176,20 +175,6 @@ class EveryPart : public testing::TestWithParam<Part> {
 };
 INSTANTIATE_TEST_SUITE_P(Parts, EveryPart, testing::Values(imageDecode, imageEncode, videoEncode),
                          [](const auto& tested) { return std::string(tested.param.name + 13); });
-
-TEST_P(EveryPart, HasItsPortsInOneDomain) {
-  OMX_PORT_PARAM_TYPE range{};
-  EXPECT_EQ(OMX_GetParameter(client.handle, OMX_IndexParamImageInit, &range),
-            OMX_ErrorVersionMismatch);
-  range.nSize = sizeof range;
-  range.nVersion.nVersion = 0x00020101;
-  for (const OMX_INDEXTYPE domain : {OMX_IndexParamAudioInit, OMX_IndexParamVideoInit,
-                                     OMX_IndexParamImageInit, OMX_IndexParamOtherInit}) {
-    ASSERT_EQ(OMX_GetParameter(client.handle, domain, &range), OMX_ErrorNone);
-    EXPECT_EQ(range.nPorts, domain == GetParam().domain ? 2u : 0u);
-    EXPECT_TRUE(range.nPorts == 0 || range.nStartPortNumber == in);
-  }
-}
 
 TEST_P(EveryPart, WaitsForItsBuffersToComeAndToGo) {
   expectPorts(OMX_TRUE, OMX_FALSE);
@@ -341,25 +326,6 @@ TEST(Transitions, AreAnsweredAsTheStandardSays) {
                                                : "error IncorrectStateTransition");
       EXPECT_EQ(client.state(), OMX_StateLoaded + (answer == '+' ? to : from));
     }
-}
-
-TEST(VideoEncode, GivesParameterSetsFirstAndAgainAfterIdle) {
-  Client client(videoEncode);
-  client.run();
-  for (int round = 0; round < 2; ++round) {
-    OMX_BUFFERHEADERTYPE& in = *client.in[0];
-    std::fill_n(in.pBuffer, in.nAllocLen, OMX_U8{128});
-    in.nFilledLen = in.nAllocLen;
-    ASSERT_EQ(client.empty(&in), OMX_ErrorNone);
-    for (const OMX_U32 flag : {OMX_BUFFERFLAG_CODECCONFIG, OMX_BUFFERFLAG_SYNCFRAME}) {
-      ASSERT_EQ(client.fill(client.out[0]), OMX_ErrorNone);
-      const std::string text = client.next();
-      EXPECT_EQ(text == "emptied 200" ? client.next() : text, "filled 201");
-      EXPECT_EQ(client.out[0]->nFlags, flag | OMX_BUFFERFLAG_ENDOFFRAME);
-    }
-    client.complete(OMX_CommandStateSet, OMX_StateIdle);
-    client.complete(OMX_CommandStateSet, OMX_StateExecuting);
-  }
 }
 
 }  // namespace
