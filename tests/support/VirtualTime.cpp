@@ -91,12 +91,15 @@ struct Wait {
   pthread_cond_t* condition = nullptr;      ///< that wakes it, or null
   bool client = takesPart;
   mutable bool taken = false;
+  /// Who waits for a condition judges it, and has done so when workers had gone to rest so often.
+  std::uint64_t judgedAt = control::rests();
 
   long long left() const { return deadline == never ? never : deadline - now(clock); }
   /// Whether its thread is about to go on.
   bool ending() const {
     int count = 0;
     return taken || left() <= 0 || (over != nullptr && *over) ||
+           (condition != nullptr && judgedAt != control::rests()) ||
            (semaphore != nullptr && real().sem_getvalue(semaphore, &count) == 0 && count > 0);
   }
 };

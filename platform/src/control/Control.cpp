@@ -58,7 +58,7 @@ Watch& watch() {
 struct Rest {
   std::mutex mutex;
   std::condition_variable changed;
-  std::uint64_t times = 0;  ///< that a worker went to sleep, while somebody waited
+  std::atomic<std::uint64_t> times{0};  ///< that a worker went to sleep
   std::atomic<int> awaited{0};
 };
 
@@ -181,6 +181,10 @@ bool quiet() {
                      [](const hooks::Watched* worker) { return worker->atRest(); });
 }
 
+std::uint64_t rests() {
+  return rest().times;
+}
+
 void awaitQuiet() {
   if (hooks::onWorker) return;
   Rest& r = rest();
@@ -269,9 +273,9 @@ Watched::~Watched() {
 
 void wentToRest() {
   Rest& r = rest();
+  ++r.times;
   if (r.awaited == 0) return;
   const std::lock_guard<std::mutex> lock(r.mutex);
-  ++r.times;
   r.changed.notify_all();
 }
 
