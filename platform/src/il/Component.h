@@ -181,6 +181,7 @@ class Component {
   std::vector<Event> lateEvents_;
   const Buffer* delivering_ = nullptr;  ///< whose callback runs
   bool stopping_ = false;
+  unsigned filledSinceCommand_ = 2;  ///< output buffers
   std::thread worker_;
   tessera_platform::hooks::Counted counted_{tessera_platform::hooks::Kind::Handle};
   tessera_platform::hooks::Watched watched_{[this] { return atRest(); }};

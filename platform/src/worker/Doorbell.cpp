@@ -1,14 +1,21 @@
 #include "worker/Doorbell.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <utility>
 
 namespace tessera_platform {
 
 namespace {
+
+/// As long as it takes to rouse a client that sleeps on an idle processor of a virtual machine.
+constexpr std::chrono::microseconds awakeFor{80};
+/// Longer than the processor takes to find out that nobody else wants it.
+constexpr std::chrono::microseconds somebodyElseRan{5};
+/// For a clock that stands still.
+constexpr int mostLooks = 400;
 
 /// Reads or writes one byte. @return false when the descriptor does not work
 template <typename Transfer>
@@ -35,8 +42,26 @@ Doorbell::~Doorbell() {
   close(writeEnd_);
 }
 
-void Doorbell::sleep(Lock& held, Clock::time_point until) {
+/// Looks for the ring for a while, but gives way to everybody else: to rouse the worker costs more
+/// than this. Where the client runs on the same processor, it would only be kept from it.
+void Doorbell::lieAwake(Lock& held) {
+  if (sched_getcpu() == ringersProcessor_) return;
+  held.unlock();
+  Clock::time_point last = Clock::now();
+  const Clock::time_point end = last + awakeFor;
+  for (int looks = 0; asleep_ && looks < mostLooks; ++looks) {
+    sched_yield();
+    const Clock::time_point now = Clock::now();
+    if (now > end || now - last > somebodyElseRan) break;
+    last = now;
+  }
+  held.lock();
+}
+
+void Doorbell::sleep(Lock& held, Clock::time_point until, bool soon) {
   asleep_ = true;
+  if (soon && until == never) lieAwake(held);
+  if (!asleep_) return;
   reading_ = until == never && readEnd_ >= 0;
   if (reading_) {
     held.unlock();
@@ -46,7 +71,7 @@ void Doorbell::sleep(Lock& held, Clock::time_point until) {
     reading_ = false;
   }
   // Nobody has rung where an application has closed the pipe.
-  const auto awake = [this] { return !asleep_; };
+  const auto awake = [this] { return !asleep_.load(); };
   if (until == never)
     rung_.wait(held, awake);
   else
@@ -55,8 +80,9 @@ void Doorbell::sleep(Lock& held, Clock::time_point until) {
 }
 
 void Doorbell::ring(Lock& held) {
-  const bool asleep = std::exchange(asleep_, false);
+  const bool asleep = asleep_.exchange(false);
   const bool reading = reading_;
+  ringersProcessor_ = sched_getcpu();
   held.unlock();
   if (!asleep) return;
   if (!reading || !transferred([this] { return write(writeEnd_, "", 1); })) rung_.notify_one();
