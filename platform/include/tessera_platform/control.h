@@ -133,6 +133,7 @@ TESSERA_PLATFORM_API bool quiet();
 
 /// How often workers went to sleep since the process began: as often as before, and quiet, means
 /// that none of them has done anything in between.
+/// @return a count that only grows
 TESSERA_PLATFORM_API std::uint64_t rests();
 
 /// Waits until the platform is quiet. Inside a callback, where it cannot be, returns at once.
