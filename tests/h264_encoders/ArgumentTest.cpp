@@ -9,6 +9,8 @@ namespace {
 
 using namespace support;
 using BothH264 = Both<H264Class>;
+using MmalH264 = TimedFaultTest;
+using OmxH264 = TimedFaultTest;
 
 /// Lines with addresses left out: "[0x]".
 std::string withoutAddresses(std::string lines) {
@@ -52,7 +54,7 @@ TEST_P(BothH264, WrongArgumentsAndStatesAreTold) {
   EXPECT_EQ(ReleaseEncoderH264(nullptr), 0);
 }
 
-TEST(MmalH264, WishesThatAreRefusedEndWhatRanBefore) {
+TEST_F(MmalH264, WishesThatAreRefusedEndWhatRanBefore) {
   const std::string start = "CMmalH264Encoder::SetInputFormat - ",
                     end = "\nCMmalH264Encoder::Create - SetInputFormat failed with 0x3\n",
                     size = "image dimensions are not supported ",
@@ -79,13 +81,12 @@ TEST(MmalH264, WishesThatAreRefusedEndWhatRanBefore) {
   }
 }
 
-TEST(OmxH264, RefusesAFormatAndSurvivesOddSizes) {
+TEST_F(OmxH264, RefusesAFormatAndSurvivesOddSizes) {
   H264Encoder encoder(omxH264());
   expectAnswer<bool>(
       [&] { return encoder.create({0x12345678}); }, false, "",
       "COmxH264Encoder::SetInputFormat - input image format 0x12345678 is not supported.\n"
       "COmxH264Encoder::Create - SetInputFormat failed with 0x80001006\n");
-  const VirtualTime time;
   const Capture quiet;
   for (const int width : {0, INT_MIN, INT_MAX}) {
     H264Encoder another(omxH264());

@@ -1,20 +1,21 @@
-#include <gtest/gtest.h>
 #include <tessera_platform/control.h>
 
 #include "PoolFixture.h"
+#include "support/FaultTest.h"
 #include "support/JpegSurgery.h"
 
 namespace {
 
 using support::Bytes;
 using support::Sampling;
+using Decode = support::TimedFaultTest;
 
 const Sampling samplings[] = {Sampling::Yuv420, Sampling::Yuv422, Sampling::Yuv444,
                               Sampling::Yuv440, Sampling::Yuv411, Sampling::Grey};
 const std::pair<int, int> sizes[] = {{1280, 720}, {640, 480}, {321, 241}, {33, 17}, {100, 75},
                                      {16, 1},     {1, 16},    {2, 2},     {3, 3},   {1, 1}};
 
-TEST(Decode, PicturesOfAnySamplingAndSizeAreWhatTurboJpegSees) {
+TEST_F(Decode, PicturesOfAnySamplingAndSizeAreWhatTurboJpegSees) {
   QuietPool pool;
   int t = 0;
   for (const Sampling sampling : samplings)
@@ -25,7 +26,7 @@ TEST(Decode, PicturesOfAnySamplingAndSizeAreWhatTurboJpegSees) {
     }
 }
 
-TEST(Decode, TakesWhatCamerasWrite) {
+TEST_F(Decode, TakesWhatCamerasWrite) {
   const support::Image image = support::scene(320, 240, 5);
   const Bytes plain = support::encodeJpeg(image, Sampling::Yuv422, 85);
   const std::pair<const char*, Bytes> kinds[] = {
@@ -41,7 +42,7 @@ TEST(Decode, TakesWhatCamerasWrite) {
   EXPECT_EQ(difference(decode(*pool, surgery::withoutTables(plain)), plain), "");
 }
 
-TEST(Decode, ProgressivePicturesTakeTheCallersSize) {
+TEST_F(Decode, ProgressivePicturesTakeTheCallersSize) {
   QuietPool pool;
   const Bytes jpeg = support::encodeJpeg(support::scene(200, 120), Sampling::Yuv444, 85, true);
   const Decoded unknown = decode(*pool, jpeg);
@@ -56,7 +57,7 @@ TEST(Decode, ProgressivePicturesTakeTheCallersSize) {
   EXPECT_EQ(difference(decode(*pool, jpegOf(64, 64)), jpegOf(64, 64)), "");
 }
 
-TEST(Decode, APictureMayTakeManyInputBuffers) {
+TEST_F(Decode, APictureMayTakeManyInputBuffers) {
   QuietPool pool;
   const std::size_t capacity = TesseraTestAccess::inputCapacity(*pool);
   const Bytes small = jpegOf(320, 240);
@@ -70,7 +71,7 @@ TEST(Decode, APictureMayTakeManyInputBuffers) {
   EXPECT_EQ(difference(decode(*pool, large), large), "");
 }
 
-TEST(Decode, OneSizeKeepsOneBufferAndAnotherSizeTakesAnother) {
+TEST_F(Decode, OneSizeKeepsOneBufferAndAnotherSizeTakesAnother) {
   QuietPool pool;
   const std::pair<std::pair<int, int>, OMX_U32> table[] = {
       {{1280, 720}, 1382400}, {{640, 480}, 460800}, {{1920, 1080}, 3133440}, {{100, 75}, 15360}};

@@ -3,6 +3,7 @@
 
 using namespace support;
 using BothJpeg = Both<JpegClass>;
+using MmalJpeg = TimedFaultTest;
 
 INSTANTIATE_TEST_SUITE_P(Classes, BothJpeg, testing::Values(&mmalJpeg(), &omxJpeg()), NameOf());
 
@@ -46,7 +47,7 @@ TEST_P(BothJpeg, PicturesComeBackAsCloseAsTurboJpegs) {
 
 /// Its luma is exact by the integer transforms that the platform uses. The hash is that of another
 /// program's output (djpeg) on x86-64.
-TEST(MmalJpeg, IsTheSameOnEveryMachine) {
+TEST_F(MmalJpeg, IsTheSameOnEveryMachine) {
   Bytes frame(96 * 64 * 2);
   std::uint32_t random = 7;
   for (std::size_t i = 0; i < frame.size(); ++i) {
@@ -59,7 +60,7 @@ TEST(MmalJpeg, IsTheSameOnEveryMachine) {
   EXPECT_EQ(hash, 0x82685e3618d275adu);
 }
 
-TEST(MmalJpeg, AnotherQualityIsTakenUntilTheSizeChanges) {
+TEST_F(MmalJpeg, AnotherQualityIsTakenUntilTheSizeChanges) {
   const Image image = scene(320, 240);
   JpegEncoder encoder(mmalJpeg());
   const std::size_t usual = encoder.encode(image).jpeg.size();
@@ -69,7 +70,7 @@ TEST(MmalJpeg, AnotherQualityIsTakenUntilTheSizeChanges) {
   EXPECT_EQ(encoder.encode(image).jpeg.size(), usual);
 }
 
-TEST(MmalJpeg, ShortFrameIsTakenAsFarAsItGoes) {
+TEST_F(MmalJpeg, ShortFrameIsTakenAsFarAsItGoes) {
   const Image image = scene(64, 48);
   JpegEncoder encoder(mmalJpeg());
   encoder.encode(flat(64, 48, 10, 20, 30));
@@ -85,7 +86,7 @@ TEST(MmalJpeg, ShortFrameIsTakenAsFarAsItGoes) {
 
 /// The pixel format is that of the call that made the setup: a wider one at the same size does not
 /// fit, and is refused.
-TEST(MmalJpeg, AnotherFormatAtTheSameSizeKeepsTheSetup) {
+TEST_F(MmalJpeg, AnotherFormatAtTheSameSizeKeepsTheSetup) {
   const Image image = scene(64, 48);
   JpegEncoder encoder(mmalJpeg());
   ASSERT_EQ(encoder.encode(image, 0).result, 1);
