@@ -2,7 +2,9 @@
 // that hardly any camera takes.
 
 #include <gtest/gtest.h>
+#include <sched.h>
 
+#include "codec/cpu/WorkCrew.h"
 #include "support/GuardedDecode.h"
 #include "support/JpegSurgery.h"
 
@@ -190,6 +192,16 @@ TEST(JpegDecoder, AThumbnailsScansAreNotThePictures) {
   Bytes exif = {0xff, exifCode, 8002 >> 8, 8002 & 255};
   for (int i = 0; i < 2000; ++i) exif.insert(exif.end(), {0xff, scanCode, 0, 8});
   EXPECT_FALSE(decode(surgery::insert(jpeg, 2, exif)).y.empty());
+}
+
+TEST(WorkCrew, HelpersKeepOffTheCallersProcessor) {
+  const std::thread::id caller = std::this_thread::get_id();
+  std::atomic<unsigned> begun{0}, helperMayUse{0};
+  codec::WorkCrew(2).run(2, [&](unsigned) {
+    for (++begun; begun < 2;) sched_yield();  // neither thread gets both tasks
+    if (std::this_thread::get_id() != caller) helperMayUse = codec::WorkCrew::processors();
+  });
+  EXPECT_EQ(helperMayUse, std::max(codec::WorkCrew::processors(), 2u) - 1);
 }
 
 }  // namespace

@@ -52,6 +52,7 @@ unsigned WorkCrew::processors() {
 
 void WorkCrew::hire(unsigned helpers) {
   const SignalsBlocked blocked;
+  CPU_ZERO(&helpersMayUse_);  // new ones may use the caller's processor as yet
   try {
     while (helpers_.size() < helpers) helpers_.emplace_back([this] { help(); });
   } catch (const std::exception&) {
@@ -59,9 +60,23 @@ void WorkCrew::hire(unsigned helpers) {
   }
 }
 
+/// Keeps the helpers off the processor that the caller runs on. The system often rouses one there,
+/// where it waits until the caller has done all the work, while another processor idles.
+void WorkCrew::makeRoom() {
+  cpu_set_t others;
+  if (sched_getaffinity(0, sizeof others, &others) != 0) return;
+  const int here = sched_getcpu();
+  if (here >= 0 && CPU_COUNT(&others) > 1) CPU_CLR(static_cast<unsigned>(here), &others);
+  if (CPU_EQUAL(&others, &helpersMayUse_)) return;
+  for (std::thread& helper : helpers_)
+    pthread_setaffinity_np(helper.native_handle(), sizeof others, &others);
+  helpersMayUse_ = others;
+}
+
 void WorkCrew::run(unsigned count, const std::function<void(unsigned)>& task) {
   const unsigned helpers = std::min(count, threads_ > 0 ? threads_ : processors()) - 1;
   if (helpers > helpers_.size() && !refused_) hire(helpers);
+  if (helpers > 0 && !helpers_.empty()) makeRoom();
   std::unique_lock<std::mutex> lock(mutex_);
   task_ = &task;
   next_ = 0;

@@ -1,6 +1,8 @@
 #ifndef TESSERA_PLATFORM_SRC_CODEC_CPU_WORKCREW_H
 #define TESSERA_PLATFORM_SRC_CODEC_CPU_WORKCREW_H
 
+#include <sched.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <functional>
@@ -11,8 +13,8 @@
 namespace codec {
 
 /// Threads that help the caller through a few independent tasks and sleep in between. They start
-/// with the first run that needs them and take no signals. Where none can be started the caller does
-/// it all.
+/// with the first run that needs them, keep off the processor that the caller runs on and take no
+/// signals. Where none can be started the caller does it all.
 class WorkCrew {
  public:
   /// @param threads  that may take part, the caller's among them; 0: as many as processors
@@ -30,6 +32,7 @@ class WorkCrew {
 
  private:
   void hire(unsigned helpers);
+  void makeRoom();
   void help();
   bool doNext(std::unique_lock<std::mutex>& lock);
 
@@ -44,6 +47,7 @@ class WorkCrew {
   bool leaving_ = false;
   bool refused_ = false;
   std::vector<std::thread> helpers_;
+  cpu_set_t helpersMayUse_ = {};
 };
 
 }  // namespace codec
