@@ -57,29 +57,28 @@ class AtOnce {
   AtOnce(const std::vector<std::unique_ptr<Work>>& works, const Side& side)
       : works_(works), side_(side), next_(works.size(), 0) {}
 
-  /// Runs every work in a thread of its own. @return the sum of their frames a second
+  /// Runs every work in a thread of its own. @return the frames of all, a second
   double rate(double seconds) {
-    const auto end = Clock::now() + Seconds(seconds);
-    std::vector<std::future<double>> threads;
-    for (std::size_t i = 0; i < works_.size(); ++i) {
-      threads.push_back(std::async(std::launch::async, [&, i] { return rateOfOne(i, end); }));
-    }
-    double sum = 0;
-    for (auto& thread : threads) sum += thread.get();
-    return sum;
+    int frames = 0;
+    const double taken = timed([&] {
+      const auto end = Clock::now() + Seconds(seconds);
+      std::vector<std::future<int>> threads;
+      for (std::size_t i = 0; i < works_.size(); ++i)
+        threads.push_back(std::async(std::launch::async, [&, i] { return framesOfOne(i, end); }));
+      for (auto& thread : threads) frames += thread.get();
+    });
+    return frames * 1e6 / taken;
   }
 
  private:
-  double rateOfOne(std::size_t i, Instant end) {
-    double frames = 0;
-    const double taken = timed([&] {
-      do {
-        (works_[i].get()->*side_.run)(next_[i]);
-        next_[i] = (next_[i] + 1) % works_[i]->frames();
-        ++frames;
-      } while (Clock::now() < end);
-    });
-    return frames * 1e6 / taken;
+  int framesOfOne(std::size_t i, Instant end) {
+    int frames = 0;
+    do {
+      (works_[i].get()->*side_.run)(next_[i]);
+      next_[i] = (next_[i] + 1) % works_[i]->frames();
+      ++frames;
+    } while (Clock::now() < end);
+    return frames;
   }
 
   const std::vector<std::unique_ptr<Work>>& works_;
